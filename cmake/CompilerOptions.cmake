@@ -1,0 +1,34 @@
+# Warnings, hardening and sanitizers for all code of this repository: link orvexd::options.
+set(ORVEXD_SANITIZE "" CACHE STRING "Sanitizers to build with, as for -fsanitize= (empty: none)")
+
+add_library(orvexd_options INTERFACE)
+add_library(orvexd::options ALIAS orvexd_options)
+
+target_compile_options(orvexd_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+
+if(ORVEXD_SANITIZE)
+  add_compile_options(-fsanitize=${ORVEXD_SANITIZE} -fno-omit-frame-pointer -O1)
+  add_link_options(-fsanitize=${ORVEXD_SANITIZE})
+  if(ORVEXD_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()
+
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  # _FORTIFY_SOURCE is set anew: some distributions predefine another level.
+  target_compile_options(orvexd_options INTERFACE
+    -fstack-protector-strong -fstack-clash-protection
+    -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|amd64|i.86")
+    target_compile_options(orvexd_options INTERFACE -fcf-protection=full)
+  endif()
+  target_link_options(orvexd_options INTERFACE
+    LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)
+else()
+  target_compile_definitions(orvexd_options INTERFACE _GLIBCXX_ASSERTIONS)
+endif()
+
+# Position-independent executables; without this check CMake compiles for PIE but does not link one.
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES C CXX)
