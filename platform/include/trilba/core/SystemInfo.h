@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include "trilba/Export.h"
+
+namespace trilba::core {
+
+/// Who this device is: the values of `[System]` in the platform file as it is at the moment of the
+/// call. Any thread; reads the file; never fails: what the file does not tell has its default.
+class TRILBA_API SystemInfo {
+public:
+    /// Fills `id` with `PlatformId`, default "linux-generic".
+    static void getPlatformId(std::string& id);
+
+    /// Fills `imei` with the device identity `Imei`, default empty.
+    static void getImei(std::string& imei);
+
+    /// Fills `imsi` with the subscriber identity `Imsi`, default empty.
+    static void getImsi(std::string& imsi);
+
+    /// Fills `firmwareId` with `Mmf`, default empty.
+    static void getMMF(std::string& firmwareId);
+};
+
+} // namespace trilba::core
