@@ -1,0 +1,1 @@
+"""A positioning server for tests, demos and client developers."""
