@@ -1,0 +1,119 @@
+#include "slp/ResponseHead.h"
+
+#include "slp/TextSearch.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace orvexd {
+
+namespace {
+
+constexpr auto kNone = std::string_view::npos;
+
+constexpr long kFirstErrorStatus = 400;
+constexpr long kFirstServerError = 500;
+
+/// Looks at the status line. A blank that is missing counts as one in front of the head, so that
+/// the code or the text after it is read from the head's start.
+/// @return false when the head is not worth reading on.
+bool parseStatus(std::string_view head, std::optional<SlpError>& error) {
+    if (!head.starts_with("HTTP")) {
+        std::string text = "Malformed response from server: should start with HTTP, instead of: [";
+        text.append(head).append("]");
+        error = SlpError{kSlpNotAccepted, std::move(text)};
+        return false;
+    }
+    const std::size_t codeBegin = head.find(' ') + 1; // npos + 1 is 0
+    const std::size_t codeEnd = head.find(' ', codeBegin);
+    const std::string digits(head.substr(codeBegin, codeEnd - codeBegin));
+    errno = 0;
+    const long status = std::strtol(digits.c_str(), nullptr, 10);
+    if (errno != 0) {
+        error = SlpError{kSlpNotAccepted, "No HTTP response code"};
+        return false;
+    }
+    if (status >= kFirstErrorStatus) {
+        error = SlpError{statusToErrorCode(status), std::string(head.substr(codeEnd + 1))};
+    }
+    return true;
+}
+
+std::string_view upTo(std::string_view text, char end) {
+    return text.substr(0, text.find(end));
+}
+
+bool isDropped(char c) {
+    return c == '=' || c == '\'' || c == '"';
+}
+
+bool endsValue(char c) {
+    return c == ';' || c == ' ' || c == '\n' || c == '\r';
+}
+
+} // namespace
+
+ResponseHead parseResponseHead(std::string_view head) {
+    ResponseHead result;
+    if (!parseStatus(head, result.error)) {
+        return result;
+    }
+    const std::size_t contentType = findIgnoringCase(head, "content-type");
+    if (contentType == kNone) {
+        result.error = SlpError{kSlpFormatError, "No Content-Type header"};
+        return result;
+    }
+    const std::string_view line = upTo(head.substr(contentType), '\n');
+    ResponseHead::Multipart multipart{contentTypeParameter(line, "start"),
+                                      contentTypeParameter(line, "boundary")};
+    // The delimiter is a text, and a text ends at its first NUL.
+    multipart.boundary.resize(upTo(multipart.boundary, '\0').size());
+    if (multipart.startId.empty()) {
+        result.error = SlpError{kSlpFormatError, "'start' attribute not found"};
+    } else if (multipart.boundary.empty()) {
+        result.error = SlpError{kSlpFormatError, "boundary not found"};
+    }
+    result.multipart = std::move(multipart);
+    return result;
+}
+
+int statusToErrorCode(long status) noexcept {
+    if (status < kFirstErrorStatus) {
+        return kSlpUnexpectedStatus;
+    }
+    if (status >= kFirstServerError) {
+        return kSlpServerError;
+    }
+    switch (status) {
+    case 400:
+        return kSlpBadRequest;
+    case 401:
+    case 403:
+        return kSlpAccessDenied;
+    default:
+        return kSlpClientError;
+    }
+}
+
+std::string contentTypeParameter(std::string_view line, std::string_view name) {
+    const std::size_t match = findIgnoringCase(line, name);
+    if (match == kNone) {
+        return {};
+    }
+    const std::size_t equals = line.find('=', match + name.size());
+    if (equals == kNone) {
+        return {};
+    }
+    std::string value;
+    for (const char c : line.substr(equals)) {
+        if (endsValue(c)) {
+            break;
+        }
+        if (!isDropped(c)) {
+            value += c;
+        }
+    }
+    return value;
+}
+
+} // namespace orvexd

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "slp/SlpError.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace orvexd {
+
+/// What the status line and the header lines of a response say.
+struct ResponseHead {
+    /// How the body is cut; either value may be empty.
+    struct Multipart {
+        std::string startId;  ///< Content-Id of the part that holds the SLP document
+        std::string boundary; ///< ends before its first NUL
+    };
+
+    std::optional<Multipart> multipart; ///< unset when the head was not read up to its Content-Type
+    std::optional<SlpError> error;      ///< the last thing found wrong
+};
+
+/// Reads a head: the bytes of a response before its first empty line. A status of 400 or more is an
+/// error, but the head is read on, and what is wrong with its format replaces that error.
+ResponseHead parseResponseHead(std::string_view head);
+
+/// Error code for an HTTP status of 400 or more.
+int statusToErrorCode(long status) noexcept;
+
+/// Value of the parameter `name` (in lower case) of a Content-Type line; empty when it is absent.
+/// The name is searched as a plain substring. Quotes and '=' vanish from the value, wherever they
+/// stand.
+std::string contentTypeParameter(std::string_view line, std::string_view name);
+
+} // namespace orvexd

@@ -1,0 +1,97 @@
+#include "slp/SlpDocument.h"
+
+#include "slp/TextSearch.h"
+
+#include <charconv>
+#include <limits>
+#include <utility>
+
+namespace orvexd {
+
+namespace {
+
+constexpr std::string_view kPartScheme = "cid:";
+
+/// An element that is null has no name.
+bool isNamed(const xmlNode* element, std::string_view name) {
+    return element != nullptr && nodeName(*element) == name;
+}
+
+XmlText attribute(const xmlNode& element, const char* name) {
+    return XmlText(xmlGetProp(&element, asXml(name)));
+}
+
+SlpError formatError(const char* text) {
+    return {kSlpFormatError, text};
+}
+
+bool isDigits(std::string_view text) {
+    return text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+/// The number that decimal digits stand for. No digits are 0 and too many the largest number:
+/// requests are numbered from 1, so neither names one.
+int toOid(std::string_view digits) {
+    int oid = 0;
+    const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), oid);
+    return parsed.ec == std::errc::result_out_of_range ? std::numeric_limits<int>::max() : oid;
+}
+
+std::optional<SlpError> parseResult(const xmlNode& result, ResultMap& results) {
+    const XmlText oid = attribute(result, "oid");
+    const XmlText href = attribute(result, "href");
+    if (!oid || !href) {
+        return formatError("oid or cid not found from result");
+    }
+    const std::string_view digits = asText(oid);
+    if (!isDigits(digits)) {
+        return formatError("oid attribute has invalid value");
+    }
+    const std::string_view link = asText(href);
+    if (findIgnoringCase(link.substr(0, kPartScheme.size()), kPartScheme) != 0) {
+        return formatError("cid attribute has invalid value");
+    }
+    const std::string_view id = link.substr(kPartScheme.size());
+    if (id.empty()) {
+        return formatError("cid attribute has zero value");
+    }
+    results[toOid(digits)].emplace_back(id);
+    return std::nullopt;
+}
+
+} // namespace
+
+XmlDocument readSlpDocument(std::string_view text) {
+    silenceXmlErrors(); // the handlers are per thread, and this may be the thread's first document
+    if (!std::in_range<int>(text.size())) {
+        return nullptr;
+    }
+    return XmlDocument(xmlReadMemory(text.data(), static_cast<int>(text.size()), "", nullptr, 0));
+}
+
+std::optional<SlpError> parseSlpResponse(xmlNode* root, ResultMap& results) {
+    if (!isNamed(root, "SimpleLocationProtocol")) {
+        return formatError("SimpleLocationProtocol element faulty or does not exist");
+    }
+    xmlNode* response = xmlFirstElementChild(root);
+    if (!isNamed(response, "SlpResponse")) {
+        return formatError("SlpResponse element faulty or does not exist");
+    }
+    const XmlText status = attribute(*response, "status");
+    const std::string statusText = status ? asText(status) : "";
+    if (statusText != "ok") {
+        return SlpError{kSlpNotAccepted, statusText};
+    }
+    for (xmlNode* child = xmlFirstElementChild(response); child != nullptr;
+         child = xmlNextElementSibling(child)) {
+        if (!isNamed(child, "result")) {
+            return formatError("SlpResponse included other elements than results");
+        }
+        if (auto error = parseResult(*child, results)) {
+            return error;
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace orvexd

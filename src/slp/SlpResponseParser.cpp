@@ -1,0 +1,299 @@
+#include "slp/SlpResponseParser.h"
+
+#include "slp/PartHeader.h"
+#include "slp/ResponseHead.h"
+#include "slp/TextSearch.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+namespace orvexd {
+
+namespace {
+
+constexpr auto kNone = std::string_view::npos;
+constexpr std::string_view kLineBreak = "\r\n";
+constexpr std::string_view kHeadStart = "HTTP";
+
+/// Between parts only the first bytes of what arrives are ever looked at.
+constexpr std::size_t kBytesKeptBetweenParts = kBlankLine.size();
+
+/// The end of `bytes` that may be the line break in front of a delimiter.
+std::string_view lineBreakAtEnd(std::string_view bytes) {
+    if (bytes.ends_with(kLineBreak)) {
+        return bytes.substr(bytes.size() - kLineBreak.size());
+    }
+    return bytes.ends_with('\r') ? bytes.substr(bytes.size() - 1) : std::string_view();
+}
+
+} // namespace
+
+SlpResponseParser::SlpResponseParser(std::span<const std::shared_ptr<RequestData>> requests)
+    : requests_(requests) {}
+
+std::size_t SlpResponseParser::feed(std::string_view chunk) {
+    if (chunk.empty()) {
+        return 0;
+    }
+    // A further head after that of an interim answer or of a proxy: what the first one lacked does
+    // not count.
+    if (chunk.starts_with(kHeadStart) &&
+        (pending_.starts_with(kHeadStart) || pending_.starts_with(kBlankLine))) {
+        pending_.clear();
+        hasError_ = false;
+    }
+    if (boundary_.empty()) {
+        feedHead(chunk);
+    } else {
+        feedBody(chunk);
+    }
+    return chunk.size();
+}
+
+void SlpResponseParser::feedHead(std::string_view chunk) {
+    if (pending_.starts_with(kBlankLine)) {
+        parseHead({}); // the head before named no boundary; its empty line ends an empty head
+        return;
+    }
+    const std::size_t searched = pending_.size() - std::min(pending_.size(), kBlankLine.size() - 1);
+    pending_.append(chunk);
+    const std::size_t end = findBytes(pending_, kBlankLine, searched);
+    if (end != kNone) {
+        parseHead(std::string_view(pending_).substr(0, end));
+        pending_ = kBlankLine;
+    }
+}
+
+void SlpResponseParser::parseHead(std::string_view head) {
+    ResponseHead parsed = parseResponseHead(head);
+    if (parsed.error) {
+        recordError(parsed.error->code, std::move(parsed.error->text));
+    }
+    if (parsed.multipart) {
+        startId_ = std::move(parsed.multipart->startId);
+        boundary_ = std::move(parsed.multipart->boundary);
+        delimiter_ = "--" + boundary_;
+        closingDelimiter_ = delimiter_ + "--";
+    }
+}
+
+void SlpResponseParser::feedBody(std::string_view chunk) {
+    std::size_t delimiter = findBytes(chunk, delimiter_);
+    if (delimiter == kNone) {
+        feedWithoutDelimiter(chunk);
+        return;
+    }
+    if (insidePart_) {
+        completePart(chunk.substr(0, delimiter));
+    }
+    NextOccurrence closing(chunk, closingDelimiter_);
+    while (true) { // every delimiter opens a part, the next one completes it
+        const std::size_t end = closing.from(delimiter);
+        // The bytes behind a delimiter are skipped when the end of the response is in sight.
+        const std::size_t skipped = end == kNone ? 0 : closingDelimiter_.size() - delimiter_.size();
+        const std::size_t begin = delimiter + delimiter_.size() + skipped;
+        const bool closesResponse = end == delimiter;
+        openPart();
+        delimiter = findBytes(chunk, delimiter_, begin);
+        if (delimiter == kNone) {
+            startPart(chunk.substr(begin), closesResponse);
+            return;
+        }
+        completePart(chunk.substr(begin, delimiter - begin));
+    }
+}
+
+void SlpResponseParser::feedWithoutDelimiter(std::string_view chunk) {
+    if (!insidePart_) {
+        const std::size_t kept = std::min(pending_.size(), kBytesKeptBetweenParts);
+        pending_.append(chunk.substr(0, kBytesKeptBetweenParts - kept));
+    } else if (inHeaderPart_) {
+        pending_.append(chunk);
+    } else if (currentRequest_ != nullptr) {
+        give(chunk, false);
+    } else if (!skipping_) { // the delimiter, or its line break, ended the chunk before
+        const std::size_t blankLine = findBytes(chunk, kBlankLine);
+        if (blankLine != kNone) {
+            handleNewPart(chunk, blankLine, false);
+        }
+    }
+}
+
+void SlpResponseParser::openPart() noexcept {
+    pending_.clear();
+    held_.clear();
+    skipping_ = false;
+    insidePart_ = true;
+}
+
+void SlpResponseParser::startPart(std::string_view piece, bool closesResponse) {
+    handlePart(piece, false);
+    if (closesResponse && !inHeaderPart_ && currentRequest_ == nullptr) {
+        skipping_ = true; // what follows in later chunks is the epilogue
+    }
+}
+
+void SlpResponseParser::completePart(std::string_view piece) {
+    if (!skipping_) {
+        handlePart(piece, true);
+    }
+    insidePart_ = false;
+    skipping_ = false;
+    if (!inHeaderPart_) {
+        pending_.clear();
+    }
+}
+
+/// Takes the next bytes of the current part; `pending_` holds those before only for the start part.
+void SlpResponseParser::handlePart(std::string_view piece, bool partComplete) {
+    if (currentRequest_ != nullptr) {
+        give(piece, partComplete);
+        if (partComplete) {
+            currentRequest_ = nullptr;
+        }
+        return;
+    }
+    if (inHeaderPart_) {
+        pending_.append(piece);
+        if (partComplete) {
+            parseSlpHeaderPart(pending_);
+        }
+        return;
+    }
+    const std::size_t blankLine = findBytes(piece, kBlankLine);
+    if (blankLine != kNone) {
+        handleNewPart(piece, blankLine, partComplete);
+    } else if (!piece.empty() && piece != kLineBreak) {
+        recordError(kSlpFormatError, "faulty MIME data");
+    }
+}
+
+void SlpResponseParser::handleNewPart(std::string_view part, std::size_t blankLine,
+                                      bool partComplete) {
+    const std::string_view headers = part.substr(0, blankLine);
+    selectPart(headerValue(headers, "content-id"));
+    if (inHeaderPart_) {
+        if (partComplete) {
+            parseSlpHeaderPart(part);
+        } else {
+            pending_.append(part);
+        }
+        return;
+    }
+    if (currentRequest_ == nullptr) {
+        skipping_ = !partComplete;
+        return;
+    }
+    expectNextPart(headerValue(headers, "x-slp-next-part-id"));
+    give(part.substr(blankLine + kBlankLine.size()), partComplete, true);
+    if (partComplete) {
+        currentRequest_ = nullptr;
+    }
+}
+
+void SlpResponseParser::selectPart(const std::string& id) {
+    if (id == startId_) {
+        currentRequest_ = nullptr;
+        inHeaderPart_ = true;
+        return;
+    }
+    const auto found = positions_.find(id);
+    if (found == positions_.end()) {
+        return;
+    }
+    RequestData* request = requests_[found->second].get();
+    if (request->acceptPartId(id)) {
+        currentRequest_ = request;
+        currentPosition_ = found->second;
+        inHeaderPart_ = false;
+    }
+}
+
+/// The server announces that the current request's data goes on in the part `id`.
+void SlpResponseParser::expectNextPart(const std::string& id) {
+    if (id.empty()) {
+        return;
+    }
+    currentRequest_->addExpectedPartId(id);
+    const auto [entry, added] = positions_.try_emplace(id, currentPosition_);
+    if (!added) {
+        entry->second = std::min(entry->second, currentPosition_);
+    }
+}
+
+/// Hands bytes to the current request, except a line break at their end while it is not known
+/// whether it belongs to the delimiter.
+/// @param first the bytes stand directly behind the header block: the request learns that its part
+/// has begun even when there are none.
+void SlpResponseParser::give(std::string_view bytes, bool partComplete, bool first) {
+    std::string joined;
+    if (!held_.empty()) {
+        joined.reserve(held_.size() + bytes.size());
+        joined.append(held_).append(bytes);
+        bytes = joined;
+        held_.clear();
+    }
+    if (!partComplete) {
+        held_ = lineBreakAtEnd(bytes);
+        bytes.remove_suffix(held_.size());
+        if (bytes.empty() && !first) {
+            return;
+        }
+    }
+    currentRequest_->addResponseData(bytes, partComplete);
+}
+
+void SlpResponseParser::parseSlpHeaderPart(std::string_view part) {
+    const std::size_t blankLine = findBytes(part, kBlankLine);
+    if (blankLine == kNone) {
+        recordError(kSlpFormatError, "Invalid SLP header part");
+        return;
+    }
+    const XmlDocument document = readSlpDocument(part.substr(blankLine + kBlankLine.size()));
+    if (!document) {
+        recordError(kSlpFormatError, "could not parse document");
+    } else if (auto error = parseSlpResponse(xmlDocGetRootElement(document.get()), resultMap_)) {
+        recordError(error->code, std::move(error->text));
+    } else {
+        announcePartIds();
+    }
+    pending_ = std::string(); // gives the memory of a large start part back
+    inHeaderPart_ = false;
+}
+
+void SlpResponseParser::announcePartIds() {
+    positions_.clear();
+    for (std::size_t position = 0; position < requests_.size(); ++position) {
+        RequestData& request = *requests_[position];
+        const auto result = resultMap_.find(static_cast<int>(request.messageIndex()));
+        const std::vector<std::string> none;
+        const std::vector<std::string>& ids = result == resultMap_.end() ? none : result->second;
+        request.setExpectedPartIds(ids);
+        for (const std::string& id : ids) {
+            positions_.try_emplace(id, position); // the first request in transfer order gets a part
+        }
+    }
+}
+
+void SlpResponseParser::finish() {
+    if (currentRequest_ != nullptr) {
+        give(pending_, true);
+    }
+    currentRequest_ = nullptr;
+    insidePart_ = false;
+    inHeaderPart_ = false;
+    const bool complete = std::all_of(requests_.begin(), requests_.end(), [](const auto& request) {
+        return request->hasExpectedPartIds() && !request->hasOutstandingPartIds();
+    });
+    if (!complete) {
+        recordError(kSlpFormatError, "missing MIME parts");
+    }
+}
+
+void SlpResponseParser::recordError(int code, std::string text) {
+    hasError_ = true;
+    error_ = {code, std::move(text)};
+}
+
+} // namespace orvexd

@@ -1,0 +1,88 @@
+#pragma once
+
+#include "core/RequestData.h"
+#include "slp/SlpDocument.h"
+#include "slp/SlpError.h"
+
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace orvexd {
+
+/// Takes the response of one exchange as it arrives, head included, and hands the bytes of its data
+/// parts to the requests they belong to.
+///
+/// Bytes of a data part go on at once, as a view of the chunk they came in. Kept are only the head
+/// until it is complete, the part that holds the SLP document, and a line break at the end of a
+/// chunk, which may turn out to belong to the delimiter. A delimiter split over two chunks is not
+/// recognised, and a part's header block must not be split either.
+///
+/// Errors never stop the parsing; a later one replaces an earlier one. All operations run on the
+/// worker thread. They throw nothing but std::bad_alloc.
+class SlpResponseParser {
+public:
+    /// @param requests the exchange's requests in transfer order; must outlive the parser.
+    explicit SlpResponseParser(std::span<const std::shared_ptr<RequestData>> requests);
+    ~SlpResponseParser() = default;
+    SlpResponseParser(const SlpResponseParser&) = delete;
+    SlpResponseParser& operator=(const SlpResponseParser&) = delete;
+    SlpResponseParser(SlpResponseParser&&) = delete;
+    SlpResponseParser& operator=(SlpResponseParser&&) = delete;
+
+    /// Takes the next bytes of the response. @return the chunk's length, whatever it holds.
+    std::size_t feed(std::string_view chunk);
+
+    /// The response has ended: completes a part that is still open and checks that every request
+    /// got what was announced for it.
+    void finish();
+
+    bool hasError() const noexcept { return hasError_; }
+    /// Code of the last error, 0 when there was none. Stays when a further head clears the error.
+    int errorCode() const noexcept { return error_.code; }
+    /// Text of the last error; may hold any bytes of the server.
+    std::string errorText() const { return error_.text; }
+
+private:
+    void feedHead(std::string_view chunk);
+    void feedBody(std::string_view chunk);
+    void feedWithoutDelimiter(std::string_view chunk);
+    void parseHead(std::string_view head);
+
+    void openPart() noexcept;
+    void startPart(std::string_view piece, bool closesResponse);
+    void completePart(std::string_view piece);
+    void handlePart(std::string_view piece, bool partComplete);
+    void handleNewPart(std::string_view part, std::size_t blankLine, bool partComplete);
+    void selectPart(const std::string& id);
+    void expectNextPart(const std::string& id);
+    void give(std::string_view bytes, bool partComplete, bool first = false);
+
+    void parseSlpHeaderPart(std::string_view part);
+    void announcePartIds();
+
+    void recordError(int code, std::string text);
+
+    std::span<const std::shared_ptr<RequestData>> requests_;
+    std::string boundary_;         // empty while no head has named one
+    std::string delimiter_;        // "--" and the boundary
+    std::string closingDelimiter_; // the delimiter and "--"
+    std::string startId_;
+    std::string pending_;       // unfinished head, start part, or first bytes between parts
+    std::string held_;          // line break at the end of the last chunk, at most two bytes
+    bool insidePart_ = false;   // a delimiter has been seen: what follows belongs to a part
+    bool inHeaderPart_ = false; // that part is the start part
+    bool skipping_ = false;     // that part belongs to nobody
+    RequestData* currentRequest_ = nullptr; // the request that the part belongs to
+    std::size_t currentPosition_ = 0;       // its place in requests_
+    bool hasError_ = false;
+    SlpError error_;
+    ResultMap resultMap_;
+    /// First request in transfer order that expects an id, by id.
+    std::unordered_map<std::string, std::size_t> positions_;
+};
+
+} // namespace orvexd
