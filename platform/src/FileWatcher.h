@@ -1,0 +1,70 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "Handles.h"
+#include "WatchPoints.h"
+
+namespace trilba {
+
+/// Tells when a file may have changed: written in place, replaced, created, removed, also together
+/// with its directory. Sources on the default main context, no timer while nothing happens.
+///
+/// Several events close to each other are told once, when they have ceased, so that a file in the
+/// middle of being rewritten is seldom looked at; a change is told at the latest
+/// `kLongestDelay` after it began.
+///
+/// To be used on the thread that runs the default main loop only.
+class FileWatcher {
+public:
+    static constexpr std::chrono::milliseconds kQuiet{50};         ///< events have ceased
+    static constexpr std::chrono::milliseconds kLongestDelay{300}; ///< ... or keep coming
+
+    /// Watches from here on. `onChange` runs on the default main context and may destroy the
+    /// watcher.
+    FileWatcher(std::string path, std::function<void()> onChange);
+    FileWatcher(const FileWatcher&) = delete;
+    FileWatcher& operator=(const FileWatcher&) = delete;
+    FileWatcher(FileWatcher&&) = delete;
+    FileWatcher& operator=(FileWatcher&&) = delete;
+    ~FileWatcher() = default;
+
+    /// Calls `onChange` once after `delay`, or with the next change if that comes earlier.
+    void lookAgainIn(std::chrono::milliseconds delay);
+
+private:
+    /// One directory under watch, for as long as the object lives.
+    class Watch {
+    public:
+        Watch(const std::filesystem::path& directory, FileWatcher& owner);
+        Watch(const Watch&) = delete;
+        Watch& operator=(const Watch&) = delete;
+        Watch(Watch&&) = delete;
+        Watch& operator=(Watch&&) = delete;
+        ~Watch();
+
+    private:
+        Monitor monitor_; // null when the system refuses another watch
+        gulong handler_ = 0;
+    };
+
+    void watchAgain();
+    void onEvent(GFile* file);
+    void tellAt(gint64 time);
+    void tell();
+
+    std::string path_;
+    std::function<void()> onChange_;
+    std::vector<WatchPoint> points_;
+    std::list<Watch> watches_;   // one for each of points_
+    bool directoryGone_ = false; // a watch died with its directory, whatever has its name now
+    gint64 latest_ = 0;          // when to tell at the latest, as timer_; 0: no event is waiting
+    Source timer_;               // ready time in µs of the monotonic clock; null: nothing to tell
+};
+
+} // namespace trilba

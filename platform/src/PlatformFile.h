@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "Settings.h"
+
+namespace trilba {
+
+/// The file that stands for the phone. Any thread; the library mutex is not held while reading.
+class PlatformFile {
+public:
+    /// An empty file may be one that an editor has just truncated and not yet written. For this
+    /// long after its last modification it counts as half-written, then as a file without keys.
+    static constexpr std::chrono::milliseconds kEmptyCountsAsHalfWritten{200};
+
+    struct Reading {
+        std::shared_ptr<const Settings> settings; ///< never null
+        bool lookAgain; ///< the file was empty a moment ago: what it means is not settled yet
+    };
+
+    /// Environment variable TRILBA_PLATFORM_CONF, or /etc/trilba/platform.conf when that is unset
+    /// or empty.
+    static std::string path();
+
+    /// What the file at `path` says now. Missing file: the defaults. A file that cannot be read or
+    /// parsed: what this file said when it was last good, or the defaults when it never was.
+    static Reading read(const std::string& path);
+
+    /// Settings of the file at `path()`.
+    static std::shared_ptr<const Settings> now() { return read(path()).settings; }
+};
+
+} // namespace trilba

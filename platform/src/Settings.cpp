@@ -1,0 +1,120 @@
+#include "Settings.h"
+
+#include <limits>
+#include <utility>
+
+#include "Handles.h"
+
+namespace trilba {
+
+namespace {
+
+/// A value that is not of its key's type.
+struct MalformedValue {};
+
+/// The values of one group; an absent key or group gives nothing.
+class Group {
+public:
+    Group(GKeyFile* file, std::string name) : file_(file), name_(std::move(name)) {}
+
+    [[nodiscard]] bool exists() const { return g_key_file_has_group(file_, name_.c_str()); }
+
+    [[nodiscard]] std::optional<std::string> text(const char* key) const {
+        if (!has(key))
+            return std::nullopt;
+        const Text value(g_key_file_get_string(file_, name_.c_str(), key, nullptr));
+        if (!value)
+            throw MalformedValue{};
+        return g_strchomp(value.get());
+    }
+
+    [[nodiscard]] std::optional<bool> truth(const char* key) const {
+        return typed<bool>(key, g_key_file_get_boolean);
+    }
+
+    [[nodiscard]] std::optional<int> number(const char* key) const {
+        return typed<int>(key, g_key_file_get_integer);
+    }
+
+    [[nodiscard]] TextList list(const char* key) const {
+        if (!has(key))
+            return nullptr;
+        TextList values(g_key_file_get_string_list(file_, name_.c_str(), key, nullptr, nullptr));
+        if (!values)
+            throw MalformedValue{};
+        return values;
+    }
+
+private:
+    [[nodiscard]] bool has(const char* key) const {
+        return exists() && g_key_file_has_key(file_, name_.c_str(), key, nullptr);
+    }
+
+    template <typename T, typename Get>
+    [[nodiscard]] std::optional<T> typed(const char* key, Get get) const {
+        if (!has(key))
+            return std::nullopt;
+        GError* error = nullptr;
+        const auto value = get(file_, name_.c_str(), key, &error);
+        if (error != nullptr) {
+            g_error_free(error);
+            throw MalformedValue{};
+        }
+        return static_cast<T>(value);
+    }
+
+    GKeyFile* file_;
+    std::string name_;
+};
+
+void readSystem(const Group& group, Settings& settings) {
+    settings.platformId = group.text("PlatformId").value_or(settings.platformId);
+    settings.imei = group.text("Imei").value_or("");
+    settings.imsi = group.text("Imsi").value_or("");
+    settings.mmf = group.text("Mmf").value_or("");
+}
+
+void readConnections(GKeyFile* file, Settings& settings) {
+    const TextList names = Group(file, "Connections").list("List");
+    for (char** name = names.get(); name != nullptr && *name != nullptr; ++name) {
+        const std::string trimmed = g_strstrip(*name);
+        const Group group(file, "Connection " + trimmed);
+        if (group.exists())
+            settings.connections.add({trimmed, group.number("Kind").value_or(0),
+                                      group.truth("Active").value_or(false),
+                                      group.truth("Flagged").value_or(false)});
+    }
+}
+
+void readProxy(const Group& group, Settings& settings) {
+    settings.proxyHost = group.text("Host").value_or("");
+    const auto port = group.number("Port");
+    if (!port)
+        return;
+    if (*port < 1 || *port > std::numeric_limits<std::uint16_t>::max())
+        throw MalformedValue{};
+    settings.proxyPort = static_cast<std::uint32_t>(*port);
+}
+
+} // namespace
+
+std::optional<Settings> parseSettings(std::string_view text) {
+    // A NUL is never text; blocks of them are what a crash leaves of a file that was being written.
+    if (text.find('\0') != std::string_view::npos)
+        return std::nullopt;
+    const KeyFile file(g_key_file_new());
+    if (!g_key_file_load_from_data(file.get(), text.data(), text.size(), G_KEY_FILE_NONE, nullptr))
+        return std::nullopt;
+    try {
+        Settings settings;
+        readSystem(Group(file.get(), "System"), settings);
+        settings.networkPositioning = Group(file.get(), "Location").truth("NetworkPositioning");
+        readConnections(file.get(), settings);
+        readProxy(Group(file.get(), "Proxy"), settings);
+        return settings;
+    } catch (const MalformedValue&) {
+        return std::nullopt;
+    }
+}
+
+} // namespace trilba

@@ -1,0 +1,25 @@
+#include "SystemLocationSettings.h"
+
+#include <memory>
+
+#include "PlatformFile.h"
+
+namespace trilba::core {
+
+ISystemLocationSettings* ISystemLocationSettings::create() {
+    return std::make_unique<SystemLocationSettings>().release();
+}
+
+bool SystemLocationSettings::isNetworkPositioningPermitted() {
+    return PlatformFile::now()->networkPositioning.value_or(true);
+}
+
+bool SystemLocationSettings::isNetworkPositioningStated() {
+    return PlatformFile::now()->networkPositioning.has_value();
+}
+
+bool SystemLocationSettings::isNetworkPositioningEnabled() {
+    return isNetworkPositioningPermitted();
+}
+
+} // namespace trilba::core
