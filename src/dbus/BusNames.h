@@ -1,0 +1,13 @@
+#pragma once
+
+namespace orvexd::bus {
+
+/// Well-known name and interface.
+inline constexpr const char* kName = "com.kelvra.orvexd";
+/// Path of the emitted signals; calls are served on every path.
+inline constexpr const char* kPath = "/com/kelvra/orvexd";
+inline constexpr const char* kMatchRule = "interface='com.kelvra.orvexd'";
+inline constexpr const char* kErrorName = "com.kelvra.orvexd.Error";
+inline constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
+
+} // namespace orvexd::bus

@@ -1,0 +1,102 @@
+#pragma once
+
+#include "core/IServiceEvents.h"
+#include "core/OrvexMain.h"
+#include "dbus/IMainLoop.h"
+#include "dbus/PendingReplies.h"
+#include "support/BusHandles.h"
+#include "support/MainLoopTimer.h"
+
+#include <chrono>
+#include <cstdint>
+#include <dbus/dbus.h>
+#include <memory>
+#include <string>
+#include <trilba/core/ISystemLocationSettings.h>
+
+namespace orvexd {
+
+/// The daemon's client interface on the system bus. Owns the gateway core. Main loop's thread.
+///
+/// Sources: DbusService.cpp has the life on the bus and the dispatch, MethodHandlers.cpp what each
+/// incoming message does, ServiceEvents.cpp the outgoing signals and held replies.
+class DbusService : public IServiceEvents {
+public:
+    /// Reads "daemon_shutdown_delay" from the file store, as far as that is filled at this moment.
+    explicit DbusService(IMainLoop& mainLoop);
+    /// Ends a running exchange, leaves the bus, destroys the gateway core.
+    ~DbusService() override;
+    DbusService(const DbusService&) = delete;
+    DbusService& operator=(const DbusService&) = delete;
+    DbusService(DbusService&&) = delete;
+    DbusService& operator=(DbusService&&) = delete;
+
+    /// Connects to the system bus, takes the name, subscribes and starts to serve.
+    /// @return false when there is no bus or the name belongs to somebody else.
+    bool setUpBus();
+
+    /// Ends exchanges, gives up held calls, answers `call` if there is one, and stops the main
+    /// loop.
+    DBusHandlerResult quit(DBusMessage* call);
+
+    /// Delay of quitDelayed.
+    std::chrono::seconds shutdownDelay() const noexcept { return shutdownDelay_; }
+
+    /// Last set-up failure for a debugger or a core dump; it is printed nowhere.
+    const std::string& diagnostic() const noexcept { return diagnostic_; }
+
+    // -- IServiceEvents -----------------------------------------------------------------------
+
+    bool isExchangePermitted() override;
+    void emitConnectionStatusChanged(std::uint32_t status) override;
+    void emitRequestData(std::uint32_t connectionId, std::uint32_t requestId) override;
+    /// A message that the bus would refuse is made valid first; more keys than one message holds
+    /// are spread over several signals.
+    void emitErrorSignal(std::uint32_t code, const std::string& message,
+                         const std::string& requests) override;
+    void deliverChunk(std::uint32_t connectionId, std::uint32_t requestId, const std::string& bytes,
+                      DeliveryCode code) override;
+    void dropPending(std::uint32_t connectionId, std::uint32_t requestId) override;
+
+private:
+    struct Member;
+    using CreateRequest = std::uint32_t (OrvexMain::*)(std::uint32_t, std::uint32_t, std::uint32_t);
+
+    static DBusHandlerResult filter(DBusConnection* connection, DBusMessage* message,
+                                    void* mainLoop) noexcept;
+    static bool matches(const Member& member, DBusMessage& message);
+    DBusHandlerResult dispatch(DBusMessage& message);
+
+    bool connectToBus();
+    bool requestName();
+    bool subscribe();
+    bool installFilter();
+    void leaveBus();
+
+    DBusHandlerResult onQuit(DBusMessage& call);
+    DBusHandlerResult onQuitDelayed(DBusMessage& call);
+    DBusHandlerResult onCancel(DBusMessage& signal);
+    DBusHandlerResult onConnect(DBusMessage& call);
+    DBusHandlerResult onDisconnect(DBusMessage& call);
+    DBusHandlerResult onAttach(DBusMessage& call);
+    DBusHandlerResult onPrepare(DBusMessage& call);
+    DBusHandlerResult onSendData(DBusMessage& call);
+    DBusHandlerResult onGetData(DBusMessage& call);
+    DBusHandlerResult onGetProperty(DBusMessage& call);
+
+    DBusHandlerResult createRequest(DBusMessage& call, CreateRequest create);
+    DBusHandlerResult replyConnectionStatus(DBusMessage& call);
+    static DBusHandlerResult replyPropertyError(DBusMessage& call, const char* text);
+
+    IMainLoop& mainLoop_;
+    // Null while the core is being built, which may ask for it already.
+    std::unique_ptr<trilba::core::ISystemLocationSettings> locationSettings_;
+    std::unique_ptr<OrvexMain> core_;
+    PendingReplies pending_;
+    MainLoopTimer delayedQuit_;
+    std::chrono::seconds shutdownDelay_;
+    bool filterInstalled_ = false;
+    std::string diagnostic_;
+};
+
+} // namespace orvexd

@@ -1,0 +1,71 @@
+#pragma once
+
+#include "config/Parameters.h"
+#include "core/RequestData.h"
+#include "http/DataSignal.h"
+#include "http/IExchangeOwner.h"
+
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace orvexd {
+
+/// The multipart body of one exchange, streamed while the clients still deliver: the SLP header
+/// part, each request's part in queue order, the closing delimiter. Worker thread only; nothing of
+/// the body is assembled in memory.
+class RequestBody {
+public:
+    using Queue = std::vector<std::shared_ptr<RequestData>>;
+
+    /// `queue`, `signal`, `owner` and `parameters` must outlive the body.
+    /// @param bodyPrefix the SLP header part, beginning with its delimiter line.
+    RequestBody(const Queue& queue, std::string boundary, std::string bodyPrefix,
+                DataSignal& signal, IExchangeOwner& owner, const Parameters& parameters);
+
+    /// Fills `buffer` with the next bytes of the body, waiting for client data if there are none.
+    /// @return number of bytes, 0 at the end of the body, CURL_READFUNC_ABORT when cancelled.
+    std::size_t readBody(std::span<char> buffer);
+
+    /// Largest slice of a part for a buffer of `capacity` bytes: the reserve of 1024 bytes is for
+    /// the carriage returns that normalisation adds.
+    static std::size_t sliceLimit(std::size_t capacity) noexcept;
+
+private:
+    /// A slice of the body as it was taken: raw bytes stand in libcurl's buffer already, text waits
+    /// in the scratch buffer for its line ends.
+    struct Slice {
+        std::size_t size = 0;
+        bool raw = false;
+    };
+
+    bool takeSlice(DataSignal::Reader& reader, std::span<char> buffer, std::size_t limit,
+                   Slice& slice);
+    Slice takePrefix(std::size_t limit);
+    Slice takePart(RequestData& part, std::span<char> buffer, std::size_t limit);
+    Slice closeBody();
+    void advanceToNextPart();
+    void announceOnce(const RequestData& part);
+    void awaitData(DataSignal::Reader& reader, RequestData& part);
+    std::size_t takeCarry(std::span<char> buffer) noexcept;
+
+    const Queue& queue_;
+    const std::string boundary_;
+    std::string bodyPrefix_;
+    std::size_t prefixTaken_ = 0;
+    DataSignal& signal_;
+    IExchangeOwner& owner_;
+    const Parameters& parameters_;
+
+    int currentPart_ = -1; ///< -1 while the prefix is being sent
+    bool partsClosed_ = false;
+    bool bodyComplete_ = false;
+    std::vector<char> scratch_; ///< text of one slice before its line ends are normalised
+    std::string carry_;         ///< normalised text that did not fit into libcurl's buffer
+    std::size_t carryTaken_ = 0;
+};
+
+} // namespace orvexd

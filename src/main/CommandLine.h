@@ -1,0 +1,17 @@
+#pragma once
+
+namespace orvexd {
+
+/// What the command line asks for beyond the options that have taken effect already.
+enum class StartUp {
+    Serve,        ///< go on
+    PrintVersion, ///< print the banner and leave
+};
+
+/// Scans the words from argv[0] on and carries the options out in their order: "--daemon"/"-D"
+/// detaches, "--preinst-dir DIR" and "--storage-dir DIR" set the platform's directories,
+/// "--version"
+/// /"-v" ends the scan. Unknown words are skipped; an option that lacks its argument ends the scan.
+StartUp applyCommandLine(int argc, char** argv);
+
+} // namespace orvexd

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "dbus/DbusService.h"
+#include "dbus/IMainLoop.h"
+#include "support/FreeWith.h"
+
+#include <glib.h>
+#include <memory>
+
+namespace orvexd {
+
+/// The process-wide main loop and owner of the service on the bus.
+class MainLoop : public IMainLoop {
+public:
+    /// The one instance; made on first use, never freed.
+    static MainLoop& getInstance();
+
+    MainLoop() = default;
+    ~MainLoop() override = default;
+    MainLoop(const MainLoop&) = delete;
+    MainLoop& operator=(const MainLoop&) = delete;
+    MainLoop(MainLoop&&) = delete;
+    MainLoop& operator=(MainLoop&&) = delete;
+
+    bool init(int argc, char** argv) override;
+    void deinit() override;
+    int run() override;
+    void quit() override;
+    DbusService* getService() override { return service_.get(); }
+    bool checkEnvironment() override;
+
+private:
+    int argc_ = 0;
+    char** argv_ = nullptr;
+    bool initialised_ = false;
+    std::unique_ptr<GMainLoop, FreeWith<g_main_loop_unref>> loop_; // null while not running
+    std::unique_ptr<DbusService> service_;
+};
+
+} // namespace orvexd

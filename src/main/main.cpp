@@ -1,0 +1,75 @@
+#include "config/ConfHandler.h"
+#include "main/CommandLine.h"
+#include "main/MainLoop.h"
+#include "main/VersionBanner.h"
+#include "support/XmlHandles.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <glib-unix.h>
+#include <libxml/parser.h>
+#include <string>
+#include <sys/stat.h>
+#include <trilba/Debug.h>
+#include <trilba/core/Directory.h>
+#include <trilba/core/SystemInfo.h>
+
+namespace {
+
+using orvexd::MainLoop;
+using trilba::core::Directory;
+
+extern "C" gboolean quitOnSignal(gpointer /*data*/) {
+    MainLoop::getInstance().quit();
+    return G_SOURCE_REMOVE; // a second signal of the same kind ends the process
+}
+
+/// The daemon prints nothing, not even when a fatal condition ends it.
+void prepareProcess() {
+    std::set_terminate([] { std::abort(); });
+    (void)std::signal(SIGPIPE, SIG_IGN); // neither libdbus nor libcurl (NOSIGNAL) sees to it
+    xmlInitParser();                     // before any thread uses libxml2
+    orvexd::silenceXmlErrors();
+}
+
+/// These calls confirm the directories after the command line may have moved them.
+void confirmDirectories() {
+    std::string path;
+    bool isSet = false;
+    Directory::getPreinstalledFilesPath(path);
+    Directory::getDefaultStoragePath(path, isSet);
+}
+
+void loadConfiguration() {
+    orvexd::ConfHandler::load(Directory::getPreinstalledFilesPath() + "/orvexd.schema",
+                              "orvexdconfig");
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    prepareProcess();
+    trilba::Debug::init();
+    (void)std::atexit(&trilba::Debug::release);
+    std::string platformId;
+    trilba::core::SystemInfo::getPlatformId(platformId);
+    umask(S_IRWXG | S_IRWXO);
+    MainLoop& mainLoop = MainLoop::getInstance();
+    if (orvexd::applyCommandLine(argc, argv) == orvexd::StartUp::PrintVersion) {
+        orvexd::printVersionBanner();
+        return 0;
+    }
+    confirmDirectories();
+    if (!mainLoop.init(argc, argv)) {
+        return 1;
+    }
+    // After init on purpose: the settings in force are those that the objects took from the still
+    // empty store. The file only has to be well formed; a wrong one ends the process.
+    loadConfiguration();
+    g_unix_signal_add(SIGINT, quitOnSignal, nullptr);
+    g_unix_signal_add(SIGTERM, quitOnSignal, nullptr);
+    const int result = mainLoop.run();
+    mainLoop.deinit();
+    return result;
+}
