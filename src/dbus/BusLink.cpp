@@ -33,7 +33,7 @@ int BusLink::createSignal(const char* member, BusMessage& message) {
     if (connection() == nullptr) {
         return failure::kNoConnection;
     }
-    message.reset(dbus_message_new_signal(bus::kPath, bus::kName, member));
+    message.reset(dbus_message_new_signal(bus::kPath, bus::kInterface, member));
     return message ? failure::kNone : failure::kExchangeFailed;
 }
 

@@ -2,8 +2,8 @@
 
 namespace orvexd::bus {
 
-/// Well-known name and interface.
 inline constexpr const char* kName = "com.kelvra.orvexd";
+inline constexpr const char* kInterface = "com.kelvra.orvexd";
 /// Path of the emitted signals; calls are served on every path.
 inline constexpr const char* kPath = "/com/kelvra/orvexd";
 inline constexpr const char* kMatchRule = "interface='com.kelvra.orvexd'";

@@ -148,15 +148,15 @@ DBusHandlerResult DbusService::dispatch(DBusMessage& message) {
     constexpr int kCall = DBUS_MESSAGE_TYPE_METHOD_CALL;
     constexpr int kSignal = DBUS_MESSAGE_TYPE_SIGNAL;
     static constexpr std::array<Member, 10> kMembers = {{
-        {kCall, bus::kName, "quit", &DbusService::onQuit, false},
-        {kCall, bus::kName, "quitDelayed", &DbusService::onQuitDelayed, false},
-        {kSignal, bus::kName, "cancel", &DbusService::onCancel, false},
-        {kCall, bus::kName, "connect", &DbusService::onConnect, true},
-        {kCall, bus::kName, "disconnect", &DbusService::onDisconnect, false},
-        {kCall, bus::kName, "attach", &DbusService::onAttach, true},
-        {kCall, bus::kName, "prepare", &DbusService::onPrepare, true},
-        {kCall, bus::kName, "sendData", &DbusService::onSendData, false},
-        {kCall, bus::kName, "getData", &DbusService::onGetData, false},
+        {kCall, bus::kInterface, "quit", &DbusService::onQuit, false},
+        {kCall, bus::kInterface, "quitDelayed", &DbusService::onQuitDelayed, false},
+        {kSignal, bus::kInterface, "cancel", &DbusService::onCancel, false},
+        {kCall, bus::kInterface, "connect", &DbusService::onConnect, true},
+        {kCall, bus::kInterface, "disconnect", &DbusService::onDisconnect, false},
+        {kCall, bus::kInterface, "attach", &DbusService::onAttach, true},
+        {kCall, bus::kInterface, "prepare", &DbusService::onPrepare, true},
+        {kCall, bus::kInterface, "sendData", &DbusService::onSendData, false},
+        {kCall, bus::kInterface, "getData", &DbusService::onGetData, false},
         {kCall, bus::kPropertiesInterface, "Get", &DbusService::onGetProperty, false},
     }};
     for (const Member& member : kMembers) {

@@ -221,7 +221,7 @@ DBusHandlerResult DbusService::onGetProperty(DBusMessage& call) {
     if (!readArguments(call, DBUS_TYPE_STRING, &interface, DBUS_TYPE_STRING, &property)) {
         return replyPropertyError(call, "invalid args to Get");
     }
-    if (std::string_view(interface) != bus::kName ||
+    if (std::string_view(interface) != bus::kInterface ||
         std::string_view(property) != "connectionStatus") {
         return replyPropertyError(call, "non-existing property requested");
     }

@@ -10,7 +10,6 @@
 namespace orvexd {
 
 using trilba::network::ConnectionInfo;
-using trilba::network::ConnectionInfoContainer;
 using trilba::network::IConnectionManager;
 using trilba::network::ProxyQuery;
 

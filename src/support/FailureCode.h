@@ -1,10 +1,8 @@
 #pragma once
 
-namespace orvexd {
-
 /// Failures inside the daemon are plain integers, returned or thrown; clients read them from error
 /// replies, error signals and the result of sendData.
-namespace failure {
+namespace orvexd::failure {
 
 inline constexpr int kNone = 0;
 inline constexpr int kUnknownRequest = 41;      ///< no such request, or HTTP status 400
@@ -20,6 +18,4 @@ inline constexpr int kBadArguments = 2002;      ///< D-Bus arguments do not matc
 inline constexpr int kNoConnection = 2204;      ///< no allowed network connection
 inline constexpr int kNotPermitted = 2205;      ///< network positioning is not permitted
 
-} // namespace failure
-
-} // namespace orvexd
+} // namespace orvexd::failure
