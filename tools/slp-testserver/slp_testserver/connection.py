@@ -103,7 +103,7 @@ class Connection:
             self._sock = sock
         if self._server.stopping:
             raise Ended("stopped")
-        with wire.peer_errors():
+        with wire.peer_errors(sock):
             sock.do_handshake()
         self._exchange.tls = tls.describe(self._sock)
         self._reach("handshake")

@@ -58,7 +58,7 @@ def send_server_flight(context, sock, limit):
     incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
     handshake = context.wrap_bio(incoming, outgoing, server_side=True)
     while not outgoing.pending:
-        with peer_errors():
+        with peer_errors(sock):
             data = sock.recv(65536)
         if not data:
             raise PeerGone("peer closed")
@@ -67,7 +67,7 @@ def send_server_flight(context, sock, limit):
             handshake.do_handshake()
         except ssl.SSLWantReadError:
             pass
-    with peer_errors():
+    with peer_errors(sock):
         sock.sendall(outgoing.read()[:limit])
 
 

@@ -65,21 +65,24 @@ class Stream:
 
     def write(self, data):
         """Sends all of `data`; under TLS up to 16384 bytes travel as one record."""
-        with peer_errors():
+        with peer_errors(self.sock):
             self.sock.sendall(data)
 
     def _receive(self):
-        with peer_errors():
-            return self.sock.recv(RECEIVE)
+        with peer_errors(self.sock):
+            data = self.sock.recv(RECEIVE)
+        if not data and was_reset(self.sock):
+            raise PeerGone("peer reset")
+        return data
 
 
 @contextlib.contextmanager
-def peer_errors():
+def peer_errors(sock):
     """Turns what a socket raises into PeerGone."""
     try:
         yield
     except (ssl.SSLEOFError, ssl.SSLZeroReturnError, BrokenPipeError) as error:
-        raise PeerGone("peer closed") from error
+        raise PeerGone("peer reset" if was_reset(sock) else "peer closed") from error
     except ConnectionResetError as error:
         raise PeerGone("peer reset") from error
     except ssl.SSLError as error:
@@ -88,9 +91,16 @@ def peer_errors():
         raise PeerGone("socket failed", error.strerror or str(error)) from error
 
 
+def was_reset(sock):
+    """Whether the peer ended with a reset: the ssl module reports that as an ordinary end."""
+    watch = select.poll()
+    watch.register(sock.fileno(), 0)
+    return any(events & select.POLLHUP for _, events in watch.poll(0))
+
+
 def peek(sock, size):
     """Waits for the first `size` bytes and returns them without taking them."""
-    with peer_errors():
+    with peer_errors(sock):
         data = sock.recv(size, socket.MSG_PEEK | socket.MSG_WAITALL)
     if len(data) < size:
         raise PeerGone("peer closed")

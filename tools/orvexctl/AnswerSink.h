@@ -1,0 +1,45 @@
+#pragma once
+
+#include "Failure.h"
+#include "GioHandles.h"
+
+#include <functional>
+#include <string>
+
+namespace orvexd::ctl {
+
+/// Where an answer goes: all parts in order into one file or standard output, or each part into
+/// a file of its own.
+class AnswerSink {
+public:
+    /// @param path "-" is standard output; a file is created or emptied at once.
+    /// @throws Failure when the file cannot be opened.
+    static AnswerSink toFile(const std::string& path);
+
+    /// @param pattern file name in which "%d" stands for the number of the part, counted from 1.
+    /// @throws Failure when the pattern has no "%d".
+    static AnswerSink toPattern(std::string pattern);
+
+    /// Writes bytes of type "ay". One call at a time. An empty part still makes its file.
+    void write(VariantRef bytes, GCancellable* cancellable,
+               std::function<void(Outcome<Done>)> handler);
+
+    /// The part is complete: closes its file. @throws Failure when its bytes cannot be kept.
+    void endPart();
+
+    /// The answer is complete. @throws Failure when its bytes cannot be kept.
+    void end();
+
+private:
+    AnswerSink() = default;
+
+    void openPart();
+    void close();
+
+    std::string pattern_; ///< empty: everything goes into one stream
+    unsigned part_ = 1;
+    std::string name_;
+    ObjectRef<GOutputStream> stream_; ///< null between parts
+};
+
+} // namespace orvexd::ctl

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "GioHandles.h"
+
+namespace orvexd::ctl {
+
+inline constexpr const char* kBusName = "com.kelvra.orvexd";
+inline constexpr const char* kInterface = "com.kelvra.orvexd";
+inline constexpr const char* kObjectPath = "/com/kelvra/orvexd";
+
+/// The system bus. The process survives the loss of the connection and hears of it by the signal
+/// "closed".
+/// @throws Failure when the bus cannot be reached.
+ObjectRef<GDBusConnection> connectToSystemBus();
+
+} // namespace orvexd::ctl

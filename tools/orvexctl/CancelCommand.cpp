@@ -1,0 +1,28 @@
+#include "CancelCommand.h"
+
+#include "Client.h"
+#include "OptionParser.h"
+
+namespace orvexd::ctl {
+
+ExitStatus CancelCommand::run(const std::vector<std::string>& words) {
+    OptionParser parser{
+        "cancel", "CONNECTION REQUEST",
+        "Cancels a request by its two ids, which 'orvexctl monitor' and the progress line "
+        "show."};
+    parser.setDescription("The daemon does not tell whether there was such a request.\n");
+    const auto rest = parser.parse(words);
+    if (rest.size() != 2)
+        throw Failure::usage("cancel needs two ids. See 'orvexctl cancel --help'.");
+    const std::uint32_t connection = parseNumber(rest[0], "CONNECTION");
+    const std::uint32_t request = parseNumber(rest[1], "REQUEST");
+
+    Client client;
+    // Signals vanish without a trace when there is no daemon or no permission; a call tells.
+    client.ping();
+    client.cancel(connection, request);
+    client.flush();
+    return ExitStatus::Success;
+}
+
+} // namespace orvexd::ctl

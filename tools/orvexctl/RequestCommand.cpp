@@ -1,0 +1,20 @@
+#include "RequestCommand.h"
+
+#include "RequestSession.h"
+
+#include <unistd.h>
+
+namespace orvexd::ctl {
+
+ExitStatus RequestCommand::run(const std::vector<std::string>& words) {
+    const RequestOptions options = RequestOptions::parse(words);
+    DataSource source{options.input};
+    AnswerSink sink = options.outputPattern.empty() ? AnswerSink::toFile(options.output)
+                                                    : AnswerSink::toPattern(options.outputPattern);
+    Client client;
+    client.setCallTimeout(options.timeout);
+    Progress progress{!options.quiet && isatty(STDERR_FILENO) != 0};
+    return RequestSession{client, options, source, sink, progress}.run();
+}
+
+} // namespace orvexd::ctl
