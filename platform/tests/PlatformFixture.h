@@ -55,15 +55,21 @@ public:
 
 /// A platform file of its own, in a directory of its own, named by the environment variable.
 class PlatformFixture : public ::testing::Test {
+public:
+    PlatformFixture(const PlatformFixture&) = delete;
+    PlatformFixture& operator=(const PlatformFixture&) = delete;
+    PlatformFixture(PlatformFixture&&) = delete;
+    PlatformFixture& operator=(PlatformFixture&&) = delete;
+    ~PlatformFixture() override {
+        unsetenv("TRILBA_PLATFORM_CONF");
+        fs::remove_all(directory_);
+    }
+
 protected:
     PlatformFixture() {
         std::string pattern = fs::canonical(fs::temp_directory_path()) / "trilba-XXXXXX";
         directory_ = mkdtemp(pattern.data());
         useFile(directory_ / "platform.conf");
-    }
-    ~PlatformFixture() override {
-        unsetenv("TRILBA_PLATFORM_CONF");
-        fs::remove_all(directory_);
     }
 
     void useFile(const fs::path& file) {

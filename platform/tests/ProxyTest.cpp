@@ -14,7 +14,9 @@ protected:
 
     int lookUp() { return manager_->lookUpProxy("https://server.example:443/", &query_); }
 
-    std::string host() const { return {query_.host, strnlen(query_.host, sizeof query_.host)}; }
+    [[nodiscard]] std::string host() const {
+        return {query_.host, strnlen(query_.host, sizeof query_.host)};
+    }
 
     void expectUntouched() const {
         EXPECT_EQ(host(), std::string(sizeof query_.host, 'x'));

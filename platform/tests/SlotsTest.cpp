@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cstddef>
-#include <cstring>
 
 #include "trilba/core/ISystemLocationSettings.h"
 #include "trilba/network/IConnectionManager.h"
@@ -14,22 +14,22 @@ namespace {
 
 constexpr std::size_t kNotVirtual = 0;
 
+struct MemberPointer {
+    std::ptrdiff_t place;
+    std::ptrdiff_t adjustment;
+};
+
 /// Slot of a virtual operation in the class's table, counted from 1, as the Itanium C++ ABI encodes
 /// it in a pointer to member function. ARM marks a virtual one in the adjustment instead of in the
 /// address, where the lowest bit tells Thumb code.
 template <typename Member> std::size_t slotOf(Member member) {
-    struct {
-        std::ptrdiff_t place;
-        std::ptrdiff_t adjustment;
-    } raw;
-    static_assert(sizeof raw == sizeof member);
-    std::memcpy(&raw, &member, sizeof raw);
+    [[maybe_unused]] const auto [place, adjustment] = std::bit_cast<MemberPointer>(member);
 #if defined(__arm__) || defined(__aarch64__)
-    const bool isVirtual = (raw.adjustment & 1) != 0;
-    const std::ptrdiff_t offset = raw.place;
+    const bool isVirtual = (adjustment & 1) != 0;
+    const std::ptrdiff_t offset = place;
 #else
-    const bool isVirtual = (raw.place & 1) != 0;
-    const std::ptrdiff_t offset = raw.place - 1;
+    const bool isVirtual = (place & 1) != 0;
+    const std::ptrdiff_t offset = place - 1;
 #endif
     return isVirtual ? static_cast<std::size_t>(offset) / sizeof(void*) + 1 : kNotVirtual;
 }

@@ -30,12 +30,13 @@ protected:
         static_cast<void>(settings->isNetworkPositioningPermitted());
     }
 
-    [[noreturn]] void exitWithThreadsFound() {
+    [[noreturn]] static void exitWithThreadsFound() {
         const auto before = threadCount();
         useTheLibrary();
         const bool noneBefore = threadCount() == before;
         const auto manager = makeManager();
-        std::_Exit(noneBefore && threadCount() > before ? 0 : 1); // GIO's helper shows it counts
+        const bool someAfter = manager && threadCount() > before; // GIO's own: the count counts
+        std::_Exit(noneBefore && someAfter ? 0 : 1);
     }
 
     /// In a child process, as after daemon(): create a manager and hear of a change.
