@@ -1,0 +1,217 @@
+#include "slp/SlpDocument.h"
+
+#include <gtest/gtest.h>
+#include <limits>
+#include <string>
+
+namespace orvexd {
+namespace {
+
+using Ids = std::vector<std::string>;
+
+std::string document(const std::string& results, const std::string& status = "status=\"ok\"") {
+    return "<SimpleLocationProtocol><SlpResponse " + status + ">" + results +
+           "</SlpResponse></SimpleLocationProtocol>";
+}
+
+std::string result(const std::string& oid, const std::string& href) {
+    return "<result oid=\"" + oid + "\" href=\"" + href + "\"/>";
+}
+
+struct Outcome {
+    ResultMap results;
+    std::optional<SlpError> error;
+};
+
+Outcome parse(const std::string& text) {
+    Outcome outcome;
+    const XmlDocument parsed = readSlpDocument(text);
+    EXPECT_TRUE(parsed) << text;
+    outcome.error = parseSlpResponse(xmlDocGetRootElement(parsed.get()), outcome.results);
+    return outcome;
+}
+
+void expectError(const std::string& text, int code, const std::string& message) {
+    const Outcome outcome = parse(text);
+    ASSERT_TRUE(outcome.error.has_value()) << text;
+    EXPECT_EQ(outcome.error->code, code);
+    EXPECT_EQ(outcome.error->text, message);
+}
+
+TEST(ReadSlpDocument, GivesNoneForBytesThatAreNoDocument) {
+    EXPECT_FALSE(readSlpDocument(""));
+    EXPECT_FALSE(readSlpDocument(std::string_view()));
+    EXPECT_FALSE(readSlpDocument("no document"));
+    EXPECT_FALSE(readSlpDocument("<a><b></a>"));
+}
+
+TEST(ReadSlpDocument, AcceptsALineBreakBehindTheRoot) {
+    EXPECT_TRUE(readSlpDocument("<a/>\r\n"));
+}
+
+TEST(ReadSlpDocument, GivesNoneForMoreBytesThanTheLibraryCounts) {
+    const std::size_t tooMany = std::size_t{std::numeric_limits<int>::max()} + 1;
+    const char first = '<';
+    EXPECT_FALSE(readSlpDocument(std::string_view(&first, tooMany))); // refused unread
+}
+
+TEST(ReadSlpDocument, RefusesEntityBombsAndDepth) {
+    std::string bomb = "<!DOCTYPE a [<!ENTITY e0 \"0123456789\">";
+    for (int level = 1; level < 12; ++level) {
+        bomb += "<!ENTITY e" + std::to_string(level) + " \"";
+        for (int copy = 0; copy < 10; ++copy) {
+            bomb += "&e" + std::to_string(level - 1) + ";";
+        }
+        bomb += "\">";
+    }
+    EXPECT_FALSE(readSlpDocument(bomb + "]><a b=\"&e11;\"/>"));
+    std::string deep;
+    for (int level = 0; level < 1000; ++level) {
+        deep += "<a>";
+    }
+    EXPECT_FALSE(readSlpDocument(deep));
+}
+
+TEST(ReadSlpDocument, PrintsNothing) {
+    testing::internal::CaptureStderr();
+    (void)readSlpDocument("<a b='\xff'><&");
+    (void)readSlpDocument("\x01");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(ParseSlpResponse, MapsNumbersToContentIdsInDocumentOrder) {
+    const Outcome outcome =
+        parse(document(result("1", "cid:a") + result("2", "cid:x") + result("1", "CID:b")));
+    EXPECT_FALSE(outcome.error);
+    EXPECT_EQ(outcome.results, (ResultMap{{1, {"a", "b"}}, {2, {"x"}}}));
+}
+
+TEST(ParseSlpResponse, AcceptsAResponseWithoutResults) {
+    const Outcome outcome = parse(document(""));
+    EXPECT_FALSE(outcome.error);
+    EXPECT_TRUE(outcome.results.empty());
+}
+
+TEST(ParseSlpResponse, NeedsARoot) {
+    ResultMap results;
+    const auto error = parseSlpResponse(nullptr, results);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code, 1003);
+    EXPECT_EQ(error->text, "SimpleLocationProtocol element faulty or does not exist");
+}
+
+TEST(ParseSlpResponse, NeedsTheExactNameOfTheRoot) {
+    expectError("<simpleLocationProtocol/>", 1003,
+                "SimpleLocationProtocol element faulty or does not exist");
+    expectError("<SimpleLocationProtocols/>", 1003,
+                "SimpleLocationProtocol element faulty or does not exist");
+}
+
+TEST(ParseSlpResponse, NeedsSlpResponseAsTheFirstElementOfTheRoot) {
+    expectError("<SimpleLocationProtocol/>", 1003, "SlpResponse element faulty or does not exist");
+    expectError("<SimpleLocationProtocol><x/><SlpResponse status=\"ok\"/></SimpleLocationProtocol>",
+                1003, "SlpResponse element faulty or does not exist");
+}
+
+TEST(ParseSlpResponse, IgnoresFurtherChildrenOfTheRoot) {
+    EXPECT_FALSE(
+        parse("<SimpleLocationProtocol><SlpResponse status=\"ok\"/><x/></SimpleLocationProtocol>")
+            .error);
+}
+
+TEST(ParseSlpResponse, IgnoresNamespacesAndOtherAttributes) {
+    const Outcome outcome =
+        parse("<s:SimpleLocationProtocol xmlns:s=\"urn:s\" version=\"9\"><s:SlpResponse x=\"y\" "
+              "status=\"ok\"><s:result z=\"1\" s:oid=\"1\" href=\"cid:a\">text</s:result>"
+              "</s:SlpResponse></s:SimpleLocationProtocol>");
+    EXPECT_FALSE(outcome.error);
+    EXPECT_EQ(outcome.results, (ResultMap{{1, {"a"}}}));
+}
+
+TEST(ParseSlpResponse, SkipsCommentsAndTextBetweenResults) {
+    const Outcome outcome = parse(document(" \n<!-- c -->" + result("1", "cid:a") + "text<?pi x?>" +
+                                           result("2", "cid:b") + "\n"));
+    EXPECT_FALSE(outcome.error);
+    EXPECT_EQ(outcome.results.size(), 2U);
+}
+
+TEST(ParseSlpResponse, RejectsAStatusInAnotherCaseWithItsOwnText) {
+    expectError(document("", "status=\"OK\""), 51, "OK");
+}
+
+TEST(ParseSlpResponse, RejectsAnyOtherStatusWithItsOwnText) {
+    expectError(document("", "status=\"ok \""), 51, "ok ");
+    expectError(document("", "status=\"denied: \xc3\xa9\""), 51, "denied: \xc3\xa9");
+    expectError(document("", "status=\"\""), 51, "");
+}
+
+TEST(ParseSlpResponse, RejectsAnAbsentStatusWithAnEmptyText) {
+    expectError(document(result("1", "cid:a"), ""), 51, "");
+}
+
+TEST(ParseSlpResponse, RejectsOtherElementsThanResults) {
+    expectError(document("<Result oid=\"1\" href=\"cid:a\"/>"), 1003,
+                "SlpResponse included other elements than results");
+}
+
+TEST(ParseSlpResponse, RejectsAResultWithoutOidOrHref) {
+    expectError(document("<result href=\"cid:a\"/>"), 1003, "oid or cid not found from result");
+    expectError(document("<result oid=\"1\"/>"), 1003, "oid or cid not found from result");
+}
+
+TEST(ParseSlpResponse, RejectsAnOidWithACharacterThatIsNoDigit) {
+    for (const char* oid : {"-1", "1 ", " 1", "+1", "0x1", "1.0", "\xc2\xb2"}) {
+        expectError(document(result(oid, "cid:a")), 1003, "oid attribute has invalid value");
+    }
+}
+
+TEST(ParseSlpResponse, LooksAtTheOidBeforeTheHref) {
+    expectError(document(result("x", "y")), 1003, "oid attribute has invalid value");
+}
+
+TEST(ParseSlpResponse, AcceptsLeadingZeros) {
+    EXPECT_EQ(parse(document(result("01", "cid:a"))).results, (ResultMap{{1, {"a"}}}));
+}
+
+TEST(ParseSlpResponse, TakesAnEmptyOidAsZero) {
+    EXPECT_EQ(parse(document(result("", "cid:a"))).results, (ResultMap{{0, {"a"}}}));
+}
+
+TEST(ParseSlpResponse, TakesATooLongOidAsTheLargestNumber) {
+    constexpr int kLargest = std::numeric_limits<int>::max();
+    EXPECT_EQ(parse(document(result("2147483647", "cid:a") + result("2147483648", "cid:b") +
+                             result(std::string(1000, '9'), "cid:c")))
+                  .results,
+              (ResultMap{{kLargest, {"a", "b", "c"}}}));
+}
+
+TEST(ParseSlpResponse, RejectsAnHrefThatDoesNotBeginWithCid) {
+    for (const char* href : {"a", "", "cid", "ci", "http:a", " cid:a", "xcid:a"}) {
+        expectError(document(result("1", href)), 1003, "cid attribute has invalid value");
+    }
+}
+
+TEST(ParseSlpResponse, RejectsAnEmptyId) {
+    expectError(document(result("1", "cid:")), 1003, "cid attribute has zero value");
+}
+
+TEST(ParseSlpResponse, AcceptsCidInAnyCaseAndKeepsTheCaseOfTheId) {
+    EXPECT_EQ(parse(document(result("1", "CiD:Part-A cid:"))).results,
+              (ResultMap{{1, {"Part-A cid:"}}}));
+}
+
+TEST(ParseSlpResponse, KeepsTheResultsInFrontOfAFault) {
+    const Outcome outcome = parse(document(result("1", "cid:a") + result("2", "b")));
+    EXPECT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.results, (ResultMap{{1, Ids{"a"}}}));
+}
+
+TEST(ParseSlpResponse, AddsToTheResultsOfAnEarlierDocument) {
+    ResultMap results{{1, {"a"}}};
+    const XmlDocument second = readSlpDocument(document(result("1", "cid:b")));
+    EXPECT_FALSE(parseSlpResponse(xmlDocGetRootElement(second.get()), results));
+    EXPECT_EQ(results, (ResultMap{{1, {"a", "b"}}}));
+}
+
+} // namespace
+} // namespace orvexd
