@@ -86,6 +86,8 @@ def peer_errors(sock):
     except ConnectionResetError as error:
         raise PeerGone("peer reset") from error
     except ssl.SSLError as error:
+        if error.reason == "UNEXPECTED_EOF_WHILE_READING":
+            raise PeerGone("peer closed") from error
         raise PeerGone("tls failed", error.reason or str(error)) from error
     except OSError as error:
         raise PeerGone("socket failed", error.strerror or str(error)) from error

@@ -1,0 +1,191 @@
+"""Fixtures of the integration tests. See harness/settings.py for the environment."""
+
+import os
+import shutil
+import sys
+
+import pytest
+
+from harness import waiting
+from harness.client import Client
+from harness.daemon import Daemon
+from harness.keys import fill_preinst, make_keys
+from harness.platform_file import Platform
+from harness.private_bus import PrivateBus
+from harness.settings import DAEMON, TIME_FACTOR
+from harness.slp_server import TestServer
+
+_INSIDE = "ORVEXD_TESTS_IN_NAMESPACE"
+
+
+@pytest.hookimpl(tryfirst=True)
+def pytest_cmdline_main(config):
+    """The daemon wants root; a user namespace of our own, bus included, is as good."""
+    if os.geteuid() == 0:
+        return
+    if os.environ.get(_INSIDE):
+        pytest.exit("a user namespace was made and we are still not root in it", 1)
+    config.pluginmanager.getplugin("capturemanager").stop_global_capturing()
+    os.environ[_INSIDE] = "1"
+    command = ["unshare", "--user", "--map-root-user", sys.executable, "-m", "pytest"]
+    os.execvp(command[0], [*command, *config.invocation_params.args])
+
+
+def pytest_collection_modifyitems(items):
+    """Slow builds get more time as a whole, too."""
+    for item in items:
+        if item.get_closest_marker("timeout") is None:
+            item.add_marker(pytest.mark.timeout(300 * TIME_FACTOR))
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item):
+    """Adds what the daemon and the server have to say to the report of a failed test."""
+    report = (yield).get_result()
+    if not report.failed:
+        return
+    for name, reporter in getattr(item, "reporters", []):
+        try:
+            report.sections.append((name, reporter.report()))
+        except Exception as error:  # pylint: disable=broad-except
+            report.sections.append((name, f"no report: {error}"))
+
+
+@pytest.fixture(autouse=True)
+def no_guards_left():
+    """A daemon that was given up must not make the next test fail."""
+    yield
+    waiting.guards.clear()
+
+
+@pytest.fixture
+def reported(request):
+    """Call it with a name and an object that has report(): shown when the test fails."""
+    request.node.reporters = []
+
+    def add(name, reporter):
+        request.node.reporters.append((name, reporter))
+        return reporter
+
+    return add
+
+
+@pytest.fixture(scope="session")
+def keys(tmp_path_factory):
+    """A directory with a set of throw-away keys."""
+    directory = tmp_path_factory.mktemp("keys")
+    make_keys(directory)
+    return directory
+
+
+@pytest.fixture
+def preinst(tmp_path, keys):
+    """A preinstalled-files directory of the test's own, which it may spoil."""
+    return fill_preinst(tmp_path / "preinst", keys)
+
+
+@pytest.fixture
+def make_bus(tmp_path, reported):
+    """Starts private buses, each in a directory of its own."""
+    buses = []
+
+    def make(**options):
+        directory = tmp_path / f"bus{len(buses)}"
+        directory.mkdir()
+        # A socket path has room for 107 bytes only, which a deep directory would exceed.
+        assert len(str(directory / "bus")) < 100, directory
+        buses.append(reported("bus", PrivateBus(directory, **options)))
+        return buses[-1]
+
+    yield make
+    for bus in buses:
+        bus.stop()
+
+
+@pytest.fixture
+def bus(make_bus):
+    """A private bus of type system."""
+    return make_bus()
+
+
+@pytest.fixture
+def make_server(tmp_path, keys, reported):
+    """Starts test positioning servers; the arguments are command-line options."""
+    servers = []
+
+    def make(*options):
+        directory = tmp_path / f"server{len(servers)}"
+        directory.mkdir()
+        servers.append(reported("test server", TestServer(directory, keys, *options)))
+        return servers[-1]
+
+    yield make
+    for server in servers:
+        server.stop()
+
+
+@pytest.fixture
+def server(make_server):
+    """The test positioning server."""
+    return make_server()
+
+
+@pytest.fixture
+def platform(tmp_path, server):
+    """The platform file: one active connection of kind 1, the test server as the proxy."""
+    platform = Platform(tmp_path / "platform.conf")
+    platform.write(proxy=("127.0.0.1", server.port))
+    return platform
+
+
+@pytest.fixture
+def make_daemon(tmp_path, bus, platform, preinst, reported):
+    """Makes daemons that are not started yet; the end of each is checked."""
+    daemons = []
+
+    def make():
+        directory = tmp_path / f"daemon{len(daemons)}"
+        directory.mkdir()
+        daemon = Daemon(directory, bus, platform.path, preinst)
+        daemons.append(reported("daemon", daemon))
+        return daemon
+
+    yield make
+    try:
+        for daemon in daemons:
+            daemon.stop(120)
+    finally:
+        for daemon in daemons:
+            daemon.abandon()
+
+
+@pytest.fixture
+def daemon(make_daemon):
+    """A running daemon that owns its name."""
+    return make_daemon().start()
+
+
+@pytest.fixture
+def make_client(bus, daemon):  # pylint: disable=unused-argument
+    """Connects clients to the bus; the daemon is running by then."""
+    clients = []
+
+    def make():
+        clients.append(Client(bus.address))
+        return clients[-1]
+
+    yield make
+    for client in clients:
+        client.close()
+
+
+@pytest.fixture
+def client(make_client):
+    """One client."""
+    return make_client()
+
+
+def pytest_report_header():
+    """Tells which programs are tested."""
+    missing = [name for name in ("dbus-daemon", "openssl", "setpriv") if not shutil.which(name)]
+    return [f"daemon: {DAEMON}"] + [f"missing: {name}" for name in missing]

@@ -1,0 +1,178 @@
+"""orvexd as a child process on a private bus."""
+
+from gi.repository import Gio, GLib
+
+from . import waiting
+from .process import Process
+from .settings import BUS_NAME, DAEMON, ROOT
+
+DEVICE = {
+    "KELVRA_UNIQUE_DEVICE_ID": "d41d8cd98f00b204",
+    "KELVRA_IMEI_FRAGMENT": "3751",
+    "KELVRA_DEVICE_MANUFACTURER": "Kelvra",
+    "KELVRA_DEVICE_FIRMWARE_VERSION": "fw-1.0",
+    "KELVRA_DEVICE_TERMINAL_MODEL": "linux",
+}
+
+
+def _sanitizer_options():
+    """A report of any sanitizer ends the daemon with a status that no test expects."""
+
+    def options(tool, *more):
+        values = ["exitcode=66", "print_stacktrace=1", *more]
+        suppressions = ROOT / "tests" / f"{tool}.supp"
+        if suppressions.exists():
+            values.append(f"suppressions={suppressions}")
+        return ":".join(values)
+
+    return {
+        "ASAN_OPTIONS": options("asan", "detect_leaks=1", "strict_string_checks=1"),
+        "LSAN_OPTIONS": options("lsan", "print_suppressions=0"),
+        "UBSAN_OPTIONS": options("ubsan", "halt_on_error=1"),
+        "TSAN_OPTIONS": options("tsan", "detect_deadlocks=1", "second_deadlock_stack=1"),
+    }
+
+
+class Daemon:
+    """One daemon process. `start()` returns when it owns its name; `stop()` checks its end."""
+
+    def __init__(self, directory, bus, platform_path, preinst):
+        self.arguments = ["--preinst-dir", preinst, "--storage-dir", directory / "storage"]
+        self.environment = {
+            "PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
+            "LC_ALL": "C.UTF-8",
+            "HOME": str(directory),
+            "G_DEBUG": "fatal-criticals",
+            "DBUS_SYSTEM_BUS_ADDRESS": bus.address,
+            "TRILBA_PLATFORM_CONF": str(platform_path),
+            **DEVICE,
+            **_sanitizer_options(),
+        }
+        self.process = None
+        self._directory = directory
+        self._watch = None
+        self._runs = 0
+
+    def start(self):
+        """Starts it and waits until it owns the bus name."""
+        watch = NameWatch(self.environment["DBUS_SYSTEM_BUS_ADDRESS"])
+        try:
+            self.launch()
+            waiting.guards.append(self._guard)
+            waiting.wait_for(lambda: watch.owner, 20, f"the name {BUS_NAME}")
+        except AssertionError:
+            self.abandon()
+            raise
+        finally:
+            watch.close()
+        return self
+
+    def launch(self):
+        """Starts it and waits for nothing, for starts that are meant to fail."""
+        assert DAEMON.exists(), f"{DAEMON} is not built"
+        self._runs += 1
+        name = "orvexd" if self._runs == 1 else f"orvexd-{self._runs}"
+        self.process = Process(
+            [DAEMON, *self.arguments], self._directory, name, environment=self.environment
+        )
+        # Its end is an event of the main context, so that no wait misses it.
+        self._watch = GLib.unix_fd_add_full(
+            GLib.PRIORITY_DEFAULT, self.process.pidfd, GLib.IOCondition.IN, lambda *_: False
+        )
+        return self
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def send_signal(self, number):
+        self.expect_end()
+        self.process.send_signal(number)
+
+    def expect_end(self):
+        """From now on its end is what the test wants."""
+        if self._guard in waiting.guards:
+            waiting.guards.remove(self._guard)
+
+    def wait(self, seconds=10):
+        """Waits for its end, with the bus connections of the clients served meanwhile."""
+        self.expect_end()
+        waiting.wait_for(lambda: self.process.status is not None, seconds, "the daemon's end")
+        return self.process.status
+
+    def stop(self, seconds=10):
+        """SIGTERM; status 0 and not a word of output. Harmless after the daemon has ended."""
+        if self.process is None or self.process.pidfd < 0:
+            return
+        self.expect_end()
+        ran = self.process.status is None
+        status = self.process.stop(seconds)
+        self._unwatch()
+        if ran:
+            assert status == 0, self.report()
+        self.expect_silence()
+
+    def expect_silence(self):
+        """Nothing was printed: no text of the daemon, of its libraries or of a sanitizer."""
+        assert self.process.stdout == "" and self.process.stderr == "", self.report()
+
+    def abandon(self):
+        """Kills it, whatever its state, and checks nothing."""
+        self.expect_end()
+        if self.process is not None:
+            self.process.release()
+            self._unwatch()
+
+    def report(self):
+        return self.process.report() if self.process else "orvexd: not started"
+
+    def resources(self):
+        """How many file descriptors and threads it holds now."""
+        base = f"/proc/{self.pid}"
+        import os
+
+        return {
+            "fds": len(os.listdir(f"{base}/fd")),
+            "threads": len(os.listdir(f"{base}/task")),
+        }
+
+    def _guard(self):
+        if self.process.status is not None:
+            raise AssertionError(f"the daemon has ended\n{self.report()}")
+
+    def _unwatch(self):
+        if self._watch is not None:
+            context = GLib.MainContext.default()
+            source = context.find_source_by_id(self._watch)
+            if source is not None:
+                source.destroy()
+            self._watch = None
+
+
+class NameWatch:
+    """Who owns the daemon's name, on a bus connection of its own."""
+
+    def __init__(self, address):
+        flags = (
+            Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
+            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
+        )
+        self._connection = Gio.DBusConnection.new_for_address_sync(address, flags, None, None)
+        self.owner = None
+        self._id = Gio.bus_watch_name_on_connection(
+            self._connection,
+            BUS_NAME,
+            Gio.BusNameWatcherFlags.NONE,
+            self._on_appeared,
+            self._on_vanished,
+        )
+
+    def _on_appeared(self, _connection, _name, owner):
+        self.owner = owner
+
+    def _on_vanished(self, _connection, _name):
+        self.owner = None
+
+    def close(self):
+        Gio.bus_unwatch_name(self._id)
+        self._connection.close_sync(None)

@@ -1,0 +1,28 @@
+"""Where things are, and how patient to be.
+
+Environment:
+  ORVEXD_BUILD_DIR     build directory with bin/orvexd (default build/release of this tree)
+  ORVEXD_TIME_FACTOR   multiplies every deadline, for sanitizers and valgrind (default 1)
+"""
+
+import os
+import pathlib
+
+ROOT = pathlib.Path(__file__).resolve().parents[3]
+BUILD_DIR = pathlib.Path(os.environ.get("ORVEXD_BUILD_DIR") or ROOT / "build" / "release")
+TIME_FACTOR = float(os.environ.get("ORVEXD_TIME_FACTOR") or 1)
+
+DAEMON = BUILD_DIR / "bin" / "orvexd"
+TEST_SERVER = ROOT / "tools" / "slp-testserver" / "slp-testserver"
+MAKE_TEST_KEYS = ROOT / "scripts" / "make-test-keys"
+EXAMPLES = ROOT / "examples"
+
+BUS_NAME = "com.kelvra.orvexd"
+OBJECT_PATH = "/com/kelvra/orvexd"
+SERVER_HOST = "slp.kelvra.example"
+PASSPHRASE = "ovx-7Kq2"
+
+
+def patience(seconds):
+    """A deadline of so many seconds, scaled for slow builds."""
+    return seconds * TIME_FACTOR

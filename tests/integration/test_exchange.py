@@ -1,0 +1,178 @@
+"""Whole exchanges: a D-Bus client, the daemon, the server, and back."""
+
+import hashlib
+import xml.etree.ElementTree as ElementTree
+
+from harness.client import PART_COMPLETE, RESPONSE_COMPLETE, Client
+from harness.keys import fill_preinst, make_keys
+from harness.settings import EXAMPLES
+
+FINGERPRINT = (EXAMPLES / "fingerprint.xml").read_bytes()
+
+
+def question_of(position):
+    """The numbers of the question that a position document repeats."""
+    return ElementTree.fromstring(position).find("question").attrib
+
+
+def test_fingerprint_becomes_a_position(client, server):
+    connection = client.connect()
+    request = client.prepare(connection)
+    client.wait_for_request_data(connection, request)
+    assert client.sendData(connection, request, FINGERPRINT) == 0
+
+    position, code = client.fetch_part(connection, request)
+
+    assert code == RESPONSE_COMPLETE
+    assert question_of(position) == {
+        "oid": "1",
+        "wifi": "8",
+        "cell": "3",
+        "bytes": str(len(FINGERPRINT)),
+        "sha256": hashlib.sha256(FINGERPRINT).hexdigest(),
+    }
+    assert server.wait(1)["findings"] == []
+
+
+def test_request_document_describes_the_terminal(client, server):
+    client.exchange(FINGERPRINT)
+
+    slp = server.wait(1)["slp"]
+    assert slp["namespace"] == "http://slp.kelvra.example/slp/2.0"
+    assert slp["terminal"] == {
+        "type": "terminal",
+        "platform": "linux-test",
+        "swId": "oem.ubuntu",
+        "swVersion": "3.0.1415",
+        "imsi": "262011234567890",
+        "imei": "490154203237518",
+        "fwId": "fw-1.0",
+    }
+    assert slp["requests"] == [
+        {
+            "element": "fingerprintRequest",
+            "type": "fingerprint",
+            "version": "1.0",
+            "oid": "1",
+            "href": "cid:part1",
+        }
+    ]
+
+
+def test_exchange_goes_through_the_proxy_with_the_client_certificate(client, server):
+    client.exchange(FINGERPRINT)
+
+    record = server.wait(1)
+    assert record["proxy"]["target"] == "slp.kelvra.example:443"
+    assert record["tls"]["asked_name"] == "slp.kelvra.example"
+    assert record["tls"]["client_subject"].endswith("commonName=Throw-away terminal")
+    assert record["request"]["line"] == "POST /slp/2.0 HTTP/1.1"
+
+
+def test_bare_line_feeds_become_line_ends_unless_the_encoding_is_binary(client, server):
+    client.exchange("one\ntwo\r\n", encoding="8bit")
+    client.exchange("one\ntwo\r\n", encoding="binary")
+
+    assert server.wait(1)["parts"][1]["bytes"] == len("one\r\ntwo\r\n")
+    assert server.wait(2)["parts"][1]["bytes"] == len("one\ntwo\r\n")
+
+
+def test_attached_request_travels_with_a_prepared_one(make_client, platform, server):
+    # Over a connection of kind 2 an attached request starts nothing by itself.
+    platform.write(connections=[(2, True, False)])
+    first, second = make_client(), make_client()
+    first.wait_for_status(1)
+    waiting = second.connect(kind="other")
+    attached = second.attach(waiting)
+    connection = first.connect()
+    prepared = first.prepare(connection)
+
+    first.wait_for_request_data(connection, prepared)
+    assert first.sendData(connection, prepared, FINGERPRINT) == 0
+    second.wait_for_request_data(waiting, attached)
+    assert second.sendData(waiting, attached, b"echo") == 0
+
+    assert question_of(first.fetch(connection, prepared)[0])["oid"] == "1"
+    assert second.fetch(waiting, attached) == [b"echo"]
+    assert len(server.exchanges()) == 1
+
+
+def test_answer_of_two_parts_ends_with_two_codes(client, server):
+    parts = [
+        {"id": "a", "headers": [["X-SLP-Next-part-ID", "b"]], "body": "first"},
+        {"id": "b", "body": "second"},
+    ]
+    multipart = {"results": [{"oid": "1", "href": "cid:a"}], "parts": parts}
+    server.queue({"answer": {"multipart": multipart}})
+    connection = client.connect()
+    request = client.prepare(connection)
+    client.wait_for_request_data(connection, request)
+    client.sendData(connection, request, b"question")
+
+    assert client.fetch_part(connection, request) == (b"first", PART_COMPLETE)
+    assert client.fetch_part(connection, request) == (b"second", RESPONSE_COMPLETE)
+
+
+def test_answer_larger_than_the_chunk_size_comes_in_pieces(client):
+    connection = client.connect(kind="other", chunk_size=1000)
+    request = client.prepare(connection)
+    client.wait_for_request_data(connection, request)
+    client.sendData(connection, request, b"size: 100500")
+
+    data, pieces = b"", 0
+    while True:
+        chunk = client.getData(connection, request).wait()
+        assert len(chunk.data) <= 1000
+        data, pieces = data + chunk.data, pieces + 1
+        if chunk.code == RESPONSE_COMPLETE:
+            break
+    assert data == (bytes(range(251)) * 401)[:100500]
+    assert pieces >= 101
+
+
+def test_refused_proxy_is_reported_to_every_client(make_client, server):
+    server.queue({"proxy": {"status": 403}})
+    asking, listening = make_client(), make_client()
+    connection = asking.connect()
+    request = asking.prepare(connection)
+
+    for each in (asking, listening):
+        code, text, keys = each.wait_for_signal("errorSignal")
+        assert (code, keys) == (2204, f"{connection}:{request}")
+        assert text != ""
+
+
+def test_wrong_pass_phrase_of_the_client_key_is_a_transport_failure(client, preinst, tmp_path, keys):
+    # The daemon reads the key at each exchange.
+    make_keys(tmp_path / "other", "--passphrase", "another8")
+    (preinst / "SlpClient-key.pem").write_bytes((tmp_path / "other/SlpClient-key.pem").read_bytes())
+    connection = client.connect()
+    request = client.prepare(connection)
+    assert client.wait_for_signal("errorSignal")[::2] == (2204, f"{connection}:{request}")
+
+    fill_preinst(preinst, keys)
+    assert client.exchange(FINGERPRINT)
+
+
+def test_daemon_serves_one_exchange_after_the_other(client, server):
+    for number in range(1, 6):
+        position = client.exchange(FINGERPRINT + b"<!-- %d -->" % number)[0]
+        assert question_of(position)["bytes"] == str(len(FINGERPRINT) + 10)
+    assert [record["outcome"] for record in server.exchanges()] == ["answered"] * 5
+
+
+def test_second_exchange_succeeds_after_a_failed_one(client, server):
+    server.queue({"on": [{"at": "upload", "do": "reset"}]})
+    connection = client.connect()
+    request = client.prepare(connection)
+    key = f"{connection}:{request}"
+    assert client.wait_for_signal("errorSignal")[2] == key
+
+    assert question_of(client.exchange(FINGERPRINT)[0])["wifi"] == "8"
+
+
+def test_clients_come_and_go(bus, daemon, server):  # pylint: disable=unused-argument
+    for _ in range(3):
+        client = Client(bus.address)
+        assert client.exchange(FINGERPRINT)
+        client.close()
