@@ -18,10 +18,8 @@ const std::string kHeaderLines = "\r\n--BOUNDARY\r\n"
 
 class SlpComposer : public testing::Test {
 protected:
-    SlpComposer() : platformIdBefore_(fake_platform::platformId()) {
-        fake_platform::platformId() = "test-platform";
-    }
-    ~SlpComposer() override { fake_platform::platformId() = platformIdBefore_; }
+    void SetUp() override { fake_platform::reset(); }
+    void TearDown() override { fake_platform::reset(); }
 
     RequestData& add(const std::string& element, const std::string& type,
                      const std::string& version) {
@@ -54,9 +52,6 @@ protected:
 
     Parameters parameters_;
     std::vector<std::shared_ptr<RequestData>> queue_;
-
-private:
-    std::string platformIdBefore_;
 };
 
 TEST_F(SlpComposer, WritesTheExactBytesForThreeRequests) {
@@ -153,7 +148,7 @@ TEST_F(SlpComposer, WritesAParameterThatIsPresentAndEmpty) {
 }
 
 TEST_F(SlpComposer, WritesAnEmptyPlatformId) {
-    fake_platform::platformId() = "";
+    fake_platform::change([](fake_platform::State& state) { state.platformId.clear(); });
     EXPECT_NE(compose().find("<SlpRequest type=\"terminal\" platform=\"\" swId="),
               std::string::npos);
 }

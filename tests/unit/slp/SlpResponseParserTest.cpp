@@ -1,7 +1,6 @@
 #include "slp/SlpResponseParser.h"
 
-#include "slp/CountedCalls.h"
-#include "slp/RecordedExchange.h"
+#include "slp/ResponseFixture.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -10,81 +9,7 @@
 namespace orvexd {
 namespace {
 
-using test::Delivery;
-using Parts = std::vector<std::string>;
-
-const std::string kMissing = "missing MIME parts";
-const std::string kFaulty = "faulty MIME data";
-const std::string kHead = "HTTP/1.1 200 OK\r\nContent-Type: multipart/related; boundary=\"bb\"; "
-                          "type=\"text/xml\"; start=\"s\"\r\n\r\n";
-
-/// A start part that announces the parts `ids` for requests 1, 2, …; an id "-" stands for none, and
-/// blanks separate the ids of one request.
-std::string startPart(const std::vector<std::string>& ids) {
-    std::string results;
-    for (std::size_t index = 0; index < ids.size(); ++index) {
-        std::size_t begin = 0;
-        while (ids[index] != "-" && begin <= ids[index].size()) {
-            const std::size_t end = std::min(ids[index].find(' ', begin), ids[index].size());
-            results += "<result oid=\"" + std::to_string(index + 1) +
-                       "\" href=\"cid:" + ids[index].substr(begin, end - begin) + "\"/>";
-            begin = end + 1;
-        }
-    }
-    return "\r\n--bb\r\nContent-Type: text/xml\r\nContent-Id: s\r\n\r\n"
-           "<SimpleLocationProtocol><SlpResponse status=\"ok\">" +
-           results + "</SlpResponse></SimpleLocationProtocol>";
-}
-
-std::string part(const std::string& id, const std::string& data) {
-    return "\r\n--bb\r\nContent-Type: x\r\nContent-Id: " + id + "\r\n\r\n" + data;
-}
-
-const std::string kEnd = "\r\n--bb--\r\n";
-
-class SlpResponse : public testing::Test {
-protected:
-    SlpResponse() { startExchange(2); }
-
-    void startExchange(std::size_t requests, std::uint32_t chunkSize = 1024 * 1024) {
-        parser_.reset();
-        exchange_ = std::make_unique<test::RecordedExchange>(requests, chunkSize);
-        parser_ = std::make_unique<SlpResponseParser>(exchange_->queue());
-    }
-
-    void feed(const std::string& chunk) { EXPECT_EQ(parser_->feed(chunk), chunk.size()); }
-
-    void feedAll(const std::vector<std::string>& chunks) {
-        for (const std::string& chunk : chunks) {
-            feed(chunk);
-        }
-    }
-
-    void finish() { parser_->finish(); }
-
-    void expectError(int code, const std::string& text) {
-        EXPECT_TRUE(parser_->hasError());
-        expectStored(code, text);
-    }
-
-    void expectStored(int code, const std::string& text) {
-        EXPECT_EQ(parser_->errorCode(), code);
-        EXPECT_EQ(parser_->errorText(), text);
-    }
-
-    void expectNoError() { EXPECT_FALSE(parser_->hasError()) << parser_->errorText(); }
-
-    RequestData& request(std::size_t index) { return exchange_->request(index); }
-    Parts parts(std::size_t index) { return exchange_->parts(index); }
-    void ask(std::size_t index) { exchange_->ask(index); }
-    const std::vector<Delivery>& deliveries(std::size_t index) {
-        return exchange_->deliveries(index);
-    }
-
-private:
-    std::unique_ptr<test::RecordedExchange> exchange_;
-    std::unique_ptr<SlpResponseParser> parser_;
-};
+using namespace test;
 
 // -- head ---------------------------------------------------------------------------------------
 
@@ -227,16 +152,6 @@ TEST_F(SlpResponse, UsesABoundaryFromWhichQuotesAndEqualsSignsVanished) {
 
 // -- routing ------------------------------------------------------------------------------------
 
-class SlpResponseBody : public SlpResponse {
-protected:
-    SlpResponseBody() { begin(2); }
-
-    void begin(std::size_t requests, std::uint32_t chunkSize = 1024 * 1024) {
-        startExchange(requests, chunkSize);
-        feed(kHead);
-    }
-};
-
 TEST_F(SlpResponseBody, GivesEachPartToTheRequestThatItIsAnnouncedFor) {
     feed(startPart({"a1 a2", "b"}) + part("b", "B") + part("a2", "A2") + part("a1", "A1") + kEnd);
     finish();
@@ -246,9 +161,10 @@ TEST_F(SlpResponseBody, GivesEachPartToTheRequestThatItIsAnnouncedFor) {
 }
 
 TEST_F(SlpResponseBody, AcceptsAMissingPreambleAndAnyPreamble) {
-    for (const std::string preamble : {"", "\r\n", "preamble", "--b"}) {
+    for (const char* preamble : {"", "\r\n", "preamble", "--b"}) {
         begin(1);
-        feed(preamble + startPart({"a"}).substr(2) + part("a", "A") + kEnd);
+        feed(preamble);
+        feed(startPart({"a"}).substr(2) + part("a", "A") + kEnd);
         finish();
         expectNoError();
         EXPECT_EQ(parts(1), Parts{"A"});
@@ -886,83 +802,6 @@ TEST_F(SlpResponseBody, CountsPartsOfACancelledRequest) {
     expectNoError();
     EXPECT_EQ(request(1).state(), RequestState::Delivered);
     EXPECT_EQ(parts(1), Parts{});
-}
-
-// -- cost ---------------------------------------------------------------------------------------
-
-TEST_F(SlpResponse, SearchesTheHeadOnceWhenItArrivesLineByLine) {
-    const std::string line = "X-Header: value\r\n";
-    const std::size_t before = test::callCounts().bytesSearched;
-    feed("HTTP/1.1 200 OK\r\n");
-    for (int count = 0; count < 10000; ++count) {
-        feed(line);
-    }
-    EXPECT_LT(test::callCounts().bytesSearched - before, 2 * 10000 * line.size());
-}
-
-TEST_F(SlpResponse, SearchesAChunkFullOfDelimitersAFewTimesOnly) {
-    feed("HTTP/1.1 200 OK\r\nContent-Type: m; start=s; boundary=x\r\n\r\n");
-    std::string chunk;
-    while (chunk.size() < 16384) {
-        chunk += "--x";
-    }
-    const std::size_t before = test::callCounts().bytesSearched;
-    for (int count = 0; count < 10; ++count) {
-        feed(chunk);
-    }
-    EXPECT_LT(test::callCounts().bytesSearched - before, 10 * 4 * chunk.size());
-}
-
-TEST_F(SlpResponse, SearchesAChunkOfManySmallPartsAFewTimesOnly) {
-    feed("HTTP/1.1 200 OK\r\nContent-Type: m; start=s; boundary=x\r\n\r\n");
-    std::string chunk;
-    while (chunk.size() < 16384) {
-        chunk += "--x\r\n\r\n\r\n";
-    }
-    chunk += "--x--";
-    const std::size_t before = test::callCounts().bytesSearched;
-    for (int count = 0; count < 10; ++count) {
-        feed(chunk);
-    }
-    EXPECT_LT(test::callCounts().bytesSearched - before, 10 * 5 * chunk.size());
-}
-
-TEST_F(SlpResponseBody, SearchesALongPartOnceForItsDelimiter) {
-    begin(1);
-    feed(startPart({"a"}) + part("a", ""));
-    const std::string chunk(16384, '-');
-    const std::size_t before = test::callCounts().bytesSearched;
-    for (int count = 0; count < 64; ++count) {
-        feed(chunk);
-    }
-    EXPECT_EQ(test::callCounts().bytesSearched - before, 64 * chunk.size());
-}
-
-TEST_F(SlpResponseBody, SearchesALongStartPartOnceForItsDelimiter) {
-    feed("--bb\r\nContent-Id: s\r\n\r\n");
-    const std::string chunk(16384, ' ');
-    const std::size_t before = test::callCounts().bytesSearched;
-    for (int count = 0; count < 64; ++count) {
-        feed(chunk);
-    }
-    EXPECT_EQ(test::callCounts().bytesSearched - before, 64 * chunk.size());
-}
-
-TEST_F(SlpResponseBody, AsksAFewRequestsOnlyForEachOfTenThousandParts) {
-    constexpr std::size_t kCount = 10000;
-    begin(kCount);
-    std::vector<std::string> ids;
-    for (std::size_t index = 0; index < kCount; ++index) {
-        ids.push_back("id" + std::to_string(index));
-    }
-    feed(startPart(ids) + "\r\n--bb");
-    const std::size_t before = test::callCounts().recordLocks;
-    for (const std::string& id : ids) {
-        feed(part(id, "data").substr(6) + "\r\n--bb");
-    }
-    EXPECT_LT(test::callCounts().recordLocks - before, 10 * kCount);
-    finish();
-    expectNoError();
 }
 
 } // namespace
