@@ -57,20 +57,21 @@ std::string textOrNull(const char* text) {
 
 namespace fake_curl {
 
-Transfer::Piece Transfer::read(std::size_t capacity) {
+Transfer::Piece Transfer::read(std::size_t capacity, std::size_t itemSize) {
     constexpr char kGuard = '\x5a';
     constexpr std::size_t kGuardSize = 64;
     auto& handle = *static_cast<Handle*>(handle_);
-    std::vector<char> buffer(capacity + kGuardSize, kGuard);
-    const std::size_t size = handle.read(buffer.data(), 1, capacity, handle.readData);
-    EXPECT_TRUE(std::all_of(buffer.begin() + static_cast<std::ptrdiff_t>(capacity), buffer.end(),
+    const std::size_t room = capacity * itemSize;
+    std::vector<char> buffer(room + kGuardSize, kGuard);
+    const std::size_t size = handle.read(buffer.data(), itemSize, capacity, handle.readData);
+    EXPECT_TRUE(std::all_of(buffer.begin() + static_cast<std::ptrdiff_t>(room), buffer.end(),
                             [](char c) { return c == kGuard; }))
         << "the read callback wrote behind its buffer";
     if (size == CURL_READFUNC_ABORT) {
         return {{}, true};
     }
-    EXPECT_LE(size, capacity);
-    return {std::string(buffer.data(), std::min(size, capacity)), false};
+    EXPECT_LE(size, room);
+    return {std::string(buffer.data(), std::min(size, room)), false};
 }
 
 bool Transfer::readAll(std::string& body, std::size_t capacity) {
@@ -86,10 +87,10 @@ bool Transfer::readAll(std::string& body, std::size_t capacity) {
     }
 }
 
-std::size_t Transfer::write(std::string_view bytes) {
+std::size_t Transfer::write(std::string_view bytes, std::size_t itemSize) {
     auto& handle = *static_cast<Handle*>(handle_);
     std::string copy(bytes);
-    return handle.write(copy.data(), 1, copy.size(), handle.writeData);
+    return handle.write(copy.data(), itemSize, copy.size() / itemSize, handle.writeData);
 }
 
 void Transfer::respond(std::string_view head, const std::vector<std::string>& pieces) {

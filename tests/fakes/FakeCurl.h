@@ -32,15 +32,16 @@ public:
         bool aborted = false;
     };
 
-    /// One call of the read callback with a buffer of `capacity` bytes; empty and not aborted at
-    /// the body's end. Fails the test when bytes behind the buffer were written.
-    Piece read(std::size_t capacity = kUploadBuffer);
+    /// One call of the read callback with a buffer of `capacity` items of `itemSize` bytes; empty
+    /// and not aborted at the body's end. Fails the test when bytes behind the buffer were written.
+    Piece read(std::size_t capacity = kUploadBuffer, std::size_t itemSize = 1);
 
     /// Reads to the end of the body. @return false when the callback aborted.
     bool readAll(std::string& body, std::size_t capacity = kUploadBuffer);
 
-    /// One call of the write callback. @return its result.
-    std::size_t write(std::string_view bytes);
+    /// One call of the write callback, with `bytes` as items of `itemSize` bytes. @return its
+    /// result.
+    std::size_t write(std::string_view bytes, std::size_t itemSize = 1);
 
     /// Writes head and body as libcurl does: a call for each head line, then one for each piece.
     void respond(std::string_view head, const std::vector<std::string>& pieces);

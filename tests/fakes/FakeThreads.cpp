@@ -1,0 +1,124 @@
+#include "fakes/FakeThreads.h"
+
+#include "fakes/Gate.h"
+
+#include <glib.h>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace {
+
+using orvexd::test::Gate;
+
+struct World {
+    std::mutex mutex;
+    std::map<GThread*, std::shared_ptr<Gate>> gates; // of the threads that are held
+    bool fail = false;
+    bool hold = false;
+    int started = 0;
+    int joined = 0;
+    std::string name;
+};
+
+World& world() {
+    static World instance;
+    return instance;
+}
+
+/// What a held thread runs.
+struct HeldEntry {
+    GThreadFunc entry;
+    gpointer argument;
+    std::shared_ptr<Gate> gate;
+};
+
+gpointer runHeld(gpointer data) {
+    const std::unique_ptr<HeldEntry> held(static_cast<HeldEntry*>(data));
+    (void)held->gate->await(); // a thread that nobody joins starts late rather than never
+    return held->entry(held->argument);
+}
+
+} // namespace
+
+// GLib's calls by the names that the linker gives them
+GThread* realTryNew(const gchar* name, GThreadFunc entry, gpointer argument,
+                    GError** error) __asm__("__real_g_thread_try_new");
+gpointer realJoin(GThread* thread) __asm__("__real_g_thread_join");
+GThread* wrappedTryNew(const gchar* name, GThreadFunc entry, gpointer argument,
+                       GError** error) __asm__("__wrap_g_thread_try_new");
+gpointer wrappedJoin(GThread* thread) __asm__("__wrap_g_thread_join");
+
+GThread* wrappedTryNew(const gchar* name, GThreadFunc entry, gpointer argument, GError** error) {
+    World& w = world();
+    const std::lock_guard guard(w.mutex);
+    if (w.fail) {
+        return nullptr;
+    }
+    ++w.started;
+    w.name = name;
+    if (!w.hold) {
+        return realTryNew(name, entry, argument, error);
+    }
+    auto gate = std::make_shared<Gate>();
+    auto held = std::make_unique<HeldEntry>(HeldEntry{entry, argument, gate});
+    GThread* thread = realTryNew(name, runHeld, held.get(), error);
+    if (thread != nullptr) {
+        (void)held.release(); // the thread owns it
+        w.gates[thread] = std::move(gate);
+    }
+    return thread;
+}
+
+gpointer wrappedJoin(GThread* thread) {
+    {
+        World& w = world();
+        const std::lock_guard guard(w.mutex);
+        ++w.joined;
+        const auto gate = w.gates.find(thread);
+        if (gate != w.gates.end()) {
+            gate->second->open();
+            w.gates.erase(gate);
+        }
+    }
+    return realJoin(thread);
+}
+
+namespace fake_threads {
+
+void reset() {
+    const std::lock_guard guard(world().mutex);
+    world().fail = false;
+    world().hold = false;
+    world().started = 0;
+    world().joined = 0;
+    world().name.clear();
+}
+
+void failStart(bool fail) {
+    const std::lock_guard guard(world().mutex);
+    world().fail = fail;
+}
+
+void holdUntilJoined(bool hold) {
+    const std::lock_guard guard(world().mutex);
+    world().hold = hold;
+}
+
+int started() {
+    const std::lock_guard guard(world().mutex);
+    return world().started;
+}
+
+int joined() {
+    const std::lock_guard guard(world().mutex);
+    return world().joined;
+}
+
+std::string lastName() {
+    const std::lock_guard guard(world().mutex);
+    return world().name;
+}
+
+} // namespace fake_threads

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+/// Stand-in for GLib's thread calls, put in front of them when a unit test is linked. Threads are
+/// real; the test decides whether and when they come to life.
+namespace fake_threads {
+
+/// Back to plain threads; forgets the counts.
+void reset();
+
+/// From now on no thread can be created.
+void failStart(bool fail);
+
+/// Threads created from now on take their first step only when somebody joins them.
+void holdUntilJoined(bool hold);
+
+/// How many threads were created and joined, and the name of the newest one.
+int started();
+int joined();
+std::string lastName();
+
+} // namespace fake_threads

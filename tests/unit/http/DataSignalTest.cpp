@@ -1,0 +1,82 @@
+#include "http/DataSignal.h"
+
+#include "fakes/Gate.h"
+
+#include <gtest/gtest.h>
+#include <optional>
+#include <thread>
+
+namespace orvexd::test {
+namespace {
+
+gint64 in(std::chrono::microseconds time) {
+    return g_get_monotonic_time() + time.count();
+}
+
+class DataSignalTest : public testing::Test {
+protected:
+    DataSignal signal_;
+};
+
+TEST_F(DataSignalTest, knowsNoCancellationAtFirst) {
+    EXPECT_FALSE(DataSignal::Reader(signal_).isCancelRequested());
+}
+
+TEST_F(DataSignalTest, showsACancellationToTheReader) {
+    signal_.requestCancel();
+    EXPECT_TRUE(DataSignal::Reader(signal_).isCancelRequested());
+}
+
+TEST_F(DataSignalTest, keepsACancellation) {
+    signal_.requestCancel();
+    signal_.notifyData();
+    EXPECT_TRUE(DataSignal::Reader(signal_).isCancelRequested());
+    EXPECT_TRUE(DataSignal::Reader(signal_).isCancelRequested());
+}
+
+TEST_F(DataSignalTest, forgetsACancellationWhenReset) {
+    signal_.requestCancel();
+    signal_.reset();
+    EXPECT_FALSE(DataSignal::Reader(signal_).isCancelRequested());
+}
+
+TEST_F(DataSignalTest, endsAWaitAtItsDeadline) {
+    DataSignal::Reader reader(signal_);
+    const gint64 deadline = in(std::chrono::milliseconds(20));
+    EXPECT_FALSE(reader.waitForData(deadline));
+    EXPECT_GE(g_get_monotonic_time(), deadline);
+}
+
+TEST_F(DataSignalTest, doesNotWaitWhenTheDeadlineHasPassed) {
+    DataSignal::Reader reader(signal_);
+    EXPECT_FALSE(reader.waitForData(in(std::chrono::seconds(-1))));
+}
+
+TEST_F(DataSignalTest, forgetsDataThatCameBeforeTheWait) {
+    signal_.notifyData();
+    DataSignal::Reader reader(signal_);
+    EXPECT_FALSE(reader.waitForData(in(std::chrono::milliseconds(-1))));
+}
+
+TEST_F(DataSignalTest, wakesTheWaitingReader) {
+    std::optional<DataSignal::Reader> reader(std::in_place, signal_);
+    // The reader holds the mutex until it waits, so the notification comes in the wait.
+    std::thread sender([this] { signal_.notifyData(); });
+    EXPECT_TRUE(reader->waitForData(in(kPatience)));
+    reader.reset();
+    sender.join();
+}
+
+TEST_F(DataSignalTest, doesNotWakeTheReaderForACancellation) {
+    std::optional<DataSignal::Reader> reader(std::in_place, signal_);
+    const gint64 deadline = in(std::chrono::milliseconds(100));
+    std::thread canceller([this] { signal_.requestCancel(); });
+    EXPECT_FALSE(reader->waitForData(deadline));
+    EXPECT_GE(g_get_monotonic_time(), deadline);
+    EXPECT_TRUE(reader->isCancelRequested());
+    reader.reset();
+    canceller.join();
+}
+
+} // namespace
+} // namespace orvexd::test
