@@ -1,5 +1,6 @@
 // Every way in which the file can change is noticed, and nothing runs while it does not.
 
+#include <algorithm>
 #include <vector>
 
 #include "PlatformFixture.h"
@@ -13,8 +14,18 @@ protected:
         manager_->registerObserver(&observer_);
     }
 
+    // Less than the four seconds after which GIO itself looks again for what is missing.
     bool becomes(const std::string& name) {
-        return runLoopUntil([&] { return firstName(*manager_) == name; });
+        return runLoopUntil([&] { return firstName(*manager_) == name; }, std::chrono::seconds(3));
+    }
+
+    /// Changes the file; time until it is told.
+    std::chrono::steady_clock::duration timeToNotify() {
+        const auto start = std::chrono::steady_clock::now();
+        const int before = observer_.count;
+        replace(listOf("b"));
+        EXPECT_TRUE(runLoopUntil([&] { return observer_.count > before; }));
+        return std::chrono::steady_clock::now() - start;
     }
 
     CountingObserver observer_;
@@ -182,6 +193,16 @@ TEST_F(WatchTest, FileThatNeverComesToRestIsReadAllTheSame) {
     while (!told && std::chrono::steady_clock::now() < deadline)
         told = runLoopUntil(rewrite, std::chrono::milliseconds(5));
     EXPECT_TRUE(told);
+}
+
+TEST_F(WatchTest, QuietTimeIsKeptAlsoWhenEarlierChangesAreLongTold) {
+    using namespace std::chrono_literals;
+    write(listOf("a"));
+    start();
+    auto spent = 0ns;
+    while (spent < 400ms) // beyond the longest delay of the first change
+        spent += timeToNotify();
+    EXPECT_GE(std::max({timeToNotify(), timeToNotify(), timeToNotify()}), 50ms);
 }
 
 TEST_F(WatchTest, TruncatedFileIsNotTakenForAnEmptyOneAtOnce) {
