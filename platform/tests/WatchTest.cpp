@@ -172,8 +172,8 @@ TEST_F(WatchTest, TextOfTheLastOfManyQuickWritesWins) {
     write(listOf("a"));
     start();
     for (int round = 0; round < 200; ++round) {
-        (round % 2 == 0) ? write(listOf("n" + std::to_string(round)))
-                         : replace(listOf("n" + std::to_string(round)));
+        (round % 2 == 0) ? write(listOf(std::to_string(round)))
+                         : replace(listOf(std::to_string(round)));
         g_main_context_iteration(nullptr, FALSE);
     }
     write(listOf("last"));
@@ -185,7 +185,7 @@ TEST_F(WatchTest, FileThatNeverComesToRestIsReadAllTheSame) {
     start();
     int round = 0;
     const auto rewrite = [&] {
-        replace(listOf("n" + std::to_string(++round)));
+        replace(listOf(std::to_string(++round)));
         return observer_.count > 0;
     };
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
