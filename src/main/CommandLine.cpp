@@ -33,7 +33,7 @@ StartUp applyCommandLine(int argc, char** argv) {
         if (!preinstalled && option != "--storage-dir") {
             continue;
         }
-        if (++word == words.end()) {
+        if (++word == words.end() || *word == nullptr) {
             break;
         }
         if (preinstalled) {
