@@ -1,7 +1,9 @@
 #pragma once
 
-/// Lets allocations of the calling thread fail, as if the machine had no memory left for it. The
-/// program's own code and its templates are concerned, the libraries are not.
+#include <cstddef>
+
+/// Counts allocations of the calling thread and lets them fail, as if the machine had no memory
+/// left for it. The program's own code and its templates are concerned, the libraries are not.
 namespace failing_memory {
 
 /// One allocation fails while this exists on the thread that made it.
@@ -17,6 +19,23 @@ public:
 
     /// True when an allocation has failed.
     bool hasFailed() const noexcept;
+};
+
+/// What the thread has allocated since this was made.
+class Count {
+public:
+    Count() noexcept;
+
+    std::size_t allocations() const noexcept;
+    /// Bytes asked for, given back or not.
+    std::size_t bytes() const noexcept;
+    /// Bytes that are held now and were not before; negative when more was given back.
+    std::ptrdiff_t held() const noexcept;
+
+private:
+    std::size_t allocations_;
+    std::size_t bytes_;
+    std::ptrdiff_t held_;
 };
 
 } // namespace failing_memory

@@ -1,0 +1,125 @@
+#include "dbus/BusText.h"
+
+#include <dbus/dbus.h>
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace orvexd {
+namespace {
+
+constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
+constexpr std::size_t kLongestText = 4 * kMebibyte;
+constexpr std::size_t kLongestList = 16 * kMebibyte;
+
+const std::string kReplacement = "\xEF\xBF\xBD";
+
+TEST(BusText, ValidTextStaysAsItIs) {
+    for (const std::string text : {"", "Connection error", "Nicht verf\xC3\xBCgbar", "\xE2\x82\xAC",
+                                   "\xF0\x9F\x98\x80", "\xEF\xBF\xBE", "\x01\x7F\r\n\t"}) {
+        EXPECT_EQ(toBusText(text), text);
+    }
+}
+
+TEST(BusText, ByteThatIsNoUtf8IsReplaced) {
+    EXPECT_EQ(toBusText("Nicht verf\xFCgbar"), "Nicht verf" + kReplacement + "gbar");
+}
+
+TEST(BusText, EachBadByteIsReplacedByItself) {
+    EXPECT_EQ(toBusText("\x80\xFF"), kReplacement + kReplacement);
+    EXPECT_EQ(toBusText("\xE2\x82"), kReplacement + kReplacement) << "cut off";
+    EXPECT_EQ(toBusText("\xC0\xAF"), kReplacement + kReplacement) << "overlong";
+    EXPECT_EQ(toBusText("\xED\xA0\x80"), kReplacement + kReplacement + kReplacement) << "surrogate";
+}
+
+TEST(BusText, EndsAtItsFirstNul) {
+    EXPECT_EQ(toBusText(std::string("ab\0cd", 5)), "ab");
+    EXPECT_EQ(toBusText(std::string("\0cd", 3)), "");
+}
+
+TEST(BusText, EndsAfterFourMebibytes) {
+    EXPECT_EQ(toBusText(std::string(kLongestText, 'x')).size(), kLongestText);
+    EXPECT_EQ(toBusText(std::string(kLongestText + 1, 'x')).size(), kLongestText);
+}
+
+TEST(BusText, LongestBadTextFitsIntoAMessage) {
+    const std::string text = toBusText(std::string(kLongestText + 1, '\xFF'));
+    EXPECT_LT(text.size() + kLongestList, 32 * kMebibyte) << "together with a list of keys";
+}
+
+TEST(BusText, CharacterCutByTheLimitIsReplaced) {
+    const std::string text = toBusText(std::string(kLongestText - 1, 'x') + "\xC3\xBC");
+    EXPECT_EQ(text.size(), kLongestText - 1 + kReplacement.size());
+    EXPECT_TRUE(text.ends_with("x" + kReplacement));
+}
+
+TEST(BusText, LibdbusTakesWhateverComesOut) {
+    std::mt19937 random(28); // NOLINT(cert-msc51-cpp): the same run every time
+    for (int run = 0; run < 20000; ++run) {
+        std::string text(random() % 12, '\0');
+        for (char& byte : text) {
+            byte = static_cast<char>(random());
+        }
+        ASSERT_TRUE(dbus_validate_utf8(toBusText(text).c_str(), nullptr))
+            << testing::PrintToString(text);
+    }
+}
+
+std::string joined(const std::vector<std::string>& lists) {
+    std::string all;
+    for (const std::string& list : lists) {
+        all += (all.empty() ? "" : " ") + list;
+    }
+    return all;
+}
+
+/// A list of about `size` bytes.
+std::string keyList(std::size_t size) {
+    std::string keys;
+    keys.reserve(size + 16);
+    for (unsigned number = 1; keys.size() < size; ++number) {
+        keys += (keys.empty() ? "" : " ") + ("1:" + std::to_string(number));
+    }
+    return keys;
+}
+
+TEST(KeyList, ShortListIsTheOnlyElement) {
+    EXPECT_EQ(splitKeyList("1:2 1:3"), std::vector<std::string>{"1:2 1:3"});
+}
+
+TEST(KeyList, EmptyListIsTheOnlyElement) {
+    EXPECT_EQ(splitKeyList(""), std::vector<std::string>{""});
+}
+
+TEST(KeyList, ListOfExactlyTheLimitIsTheOnlyElement) {
+    std::string keys = keyList(kLongestList - 20);
+    keys.resize(kLongestList, '9');
+    EXPECT_EQ(splitKeyList(keys), std::vector<std::string>{keys});
+}
+
+TEST(KeyList, LongListIsSplitBetweenKeys) {
+    const std::string keys = keyList(2 * kLongestList + 100);
+    const std::vector<std::string> lists = splitKeyList(keys);
+    EXPECT_EQ(lists.size(), 3U);
+    for (const std::string& list : lists) {
+        EXPECT_LE(list.size(), kLongestList);
+        EXPECT_FALSE(list.empty());
+        EXPECT_NE(list.front(), ' ');
+        EXPECT_NE(list.back(), ' ');
+    }
+    EXPECT_TRUE(joined(lists) == keys) << "every key once and in order";
+}
+
+TEST(KeyList, BlankJustBehindTheLimitEndsAFullList) {
+    const std::string first(kLongestList, '1');
+    EXPECT_EQ(splitKeyList(first + " 2:2"), (std::vector<std::string>{first, "2:2"}));
+}
+
+TEST(KeyList, TextWithoutBlanksIsNotSplit) {
+    const std::string key(kLongestList + 1, '1');
+    EXPECT_EQ(splitKeyList(key), std::vector<std::string>{key});
+}
+
+} // namespace
+} // namespace orvexd
