@@ -39,10 +39,15 @@ Client::Client() : bus_{connectToSystemBus()} {
     g_signal_connect(gateway_.get(), "error-signal", G_CALLBACK(errorSignal), this);
     g_signal_connect(gateway_.get(), "notify::g-name-owner", G_CALLBACK(ownerChanged), this);
     g_signal_connect(bus_.get(), "closed", G_CALLBACK(busClosed), this);
+    // The proxy passes on what the daemon sends; this signal comes from clients.
+    cancelSubscription_ = g_dbus_connection_signal_subscribe(
+        bus_.get(), nullptr, kInterface, "cancel", nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+        cancelled, this, nullptr);
     ownerChanged(nullptr, nullptr, this);
 }
 
 Client::~Client() {
+    g_dbus_connection_signal_unsubscribe(bus_.get(), cancelSubscription_);
     g_signal_handlers_disconnect_by_data(gateway_.get(), this);
     g_signal_handlers_disconnect_by_data(bus_.get(), this);
 }
@@ -198,6 +203,18 @@ void Client::errorSignal(OrvexdGateway* /*gateway*/, guint code, const char* mes
     const auto& client = *static_cast<Client*>(self);
     if (client.onError)
         client.onError(Failure::fromCode(code, message), keys);
+}
+
+void Client::cancelled(GDBusConnection* /*bus*/, const char* /*sender*/, const char* /*path*/,
+                       const char* /*interface*/, const char* /*name*/, GVariant* arguments,
+                       gpointer self) noexcept {
+    const auto& client = *static_cast<Client*>(self);
+    if (!client.onCancelled || g_variant_is_of_type(arguments, G_VARIANT_TYPE("(uu)")) == FALSE)
+        return;
+    guint connection = 0;
+    guint request = 0;
+    g_variant_get(arguments, "(uu)", &connection, &request);
+    client.onCancelled(connection, request);
 }
 
 void Client::ownerChanged(GObject* /*gateway*/, GParamSpec* /*property*/, gpointer self) noexcept {

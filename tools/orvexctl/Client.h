@@ -93,6 +93,8 @@ public:
     std::function<void(std::uint32_t status)> onStatusChanged;
     std::function<void(std::uint32_t connection, std::uint32_t request)> onRequestData;
     std::function<void(const Failure& failure, const std::string& keys)> onError;
+    /// Some client cancelled a request; this one hears its own signals, too.
+    std::function<void(std::uint32_t connection, std::uint32_t request)> onCancelled;
     /// The daemon that was there has left the bus or was replaced, or the bus itself is gone.
     std::function<void()> onGone;
 
@@ -102,6 +104,9 @@ private:
                             gpointer self) noexcept;
     static void errorSignal(OrvexdGateway*, guint code, const char* message, const char* keys,
                             gpointer self) noexcept;
+    static void cancelled(GDBusConnection*, const char* sender, const char* path,
+                          const char* interface, const char* name, GVariant* arguments,
+                          gpointer self) noexcept;
     static void ownerChanged(GObject*, GParamSpec*, gpointer self) noexcept;
     static void busClosed(GDBusConnection*, gboolean, GError*, gpointer self) noexcept;
 
@@ -110,6 +115,7 @@ private:
     ObjectRef<GDBusConnection> bus_;
     ObjectRef<OrvexdGateway> gateway_;
     std::string owner_; ///< unique name of the daemon; empty until one was seen
+    guint cancelSubscription_ = 0;
     int timeoutMs_ = -1;
 };
 

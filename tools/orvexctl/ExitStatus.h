@@ -14,6 +14,8 @@ enum class ExitStatus : int {
     TimedOut = 5,
     /// The bus or the daemon failed in a way that has no status of its own.
     Bus = 6,
+    /// Somebody else cancelled the request.
+    Cancelled = 7,
 
     // One for each code of the daemon.
     UnknownRequest = 20,    // 41

@@ -10,6 +10,7 @@ constexpr std::chrono::milliseconds kExplanationTime{500};
 /// The daemon answers at once unless it is ending or hangs.
 constexpr std::chrono::seconds kLastCallTime{5};
 constexpr int kSignalBase = 128;
+constexpr std::uint32_t kNotAccepting = 57;
 
 bool needsExplanation(const Failure& failure) {
     switch (failure.status()) {
@@ -40,12 +41,16 @@ RequestSession::RequestSession(Client& client, const RequestOptions& options, Da
     client_.onError = [this](const Failure& failure, const std::string& keys) {
         errorReported(failure, keys);
     };
+    client_.onCancelled = [this](std::uint32_t connection, std::uint32_t request) {
+        cancelled(connection, request);
+    };
     client_.onGone = [this] { vanished_.whenIdle([this] { daemonGone(); }); };
 }
 
 RequestSession::~RequestSession() {
     client_.onRequestData = nullptr;
     client_.onError = nullptr;
+    client_.onCancelled = nullptr;
     client_.onGone = nullptr;
 }
 
@@ -141,10 +146,11 @@ void RequestSession::pieceSent(Done /*done*/) {
     if (ended_ || explain_.isRunning())
         return;
     progressed();
-    if (lastPiece_)
-        progress_.setState("waiting for the answer");
-    else
-        readPiece();
+    if (!lastPiece_)
+        return readPiece();
+    if (answered_)
+        return endWhenComplete();
+    progress_.setState("waiting for the answer");
 }
 
 void RequestSession::fetchChunk() {
@@ -176,8 +182,7 @@ void RequestSession::chunkWritten(Done /*done*/) {
         if (delivery_ == Delivery::ResponseComplete) {
             sink_.end();
             answered_ = true;
-            progress_.setState("done");
-            return end();
+            return endWhenComplete();
         }
         if (delivery_ == Delivery::PartComplete)
             sink_.endPart();
@@ -185,6 +190,15 @@ void RequestSession::chunkWritten(Done /*done*/) {
         return fail(failure);
     }
     fetchChunk();
+}
+
+void RequestSession::endWhenComplete() {
+    // The daemon closes the part of a slow client, and the server may answer such a torso: the
+    // request has succeeded only when the daemon took the whole input.
+    if (upload_ == Upload::Running)
+        return;
+    progress_.setState("done");
+    end();
 }
 
 void RequestSession::errorReported(const Failure& failure, const std::string& keys) {
@@ -199,10 +213,18 @@ void RequestSession::errorReported(const Failure& failure, const std::string& ke
     }
 }
 
+void RequestSession::cancelled(std::uint32_t connection, std::uint32_t request) {
+    // The daemon would not tell: it just stays silent from now on.
+    if (connection == connection_ && request == request_)
+        fail(Failure{ExitStatus::Cancelled,
+                     "Another client cancelled the request. 'orvexctl monitor' shows who does so; "
+                     "send it again."});
+}
+
 void RequestSession::daemonGone() {
     gone_ = true;
-    // The whole answer is here, only the file is not written yet.
-    if (delivery_ == Delivery::ResponseComplete)
+    // Everything has arrived on both sides, only the file is not written yet.
+    if (delivery_ == Delivery::ResponseComplete && upload_ != Upload::Running)
         return;
     fail(Failure::daemonGone());
 }
@@ -223,7 +245,9 @@ void RequestSession::failed(const Failure& failure) {
         return close();
     if (explain_.isRunning())
         return;
-    if (needsExplanation(failure))
+    if (answered_ && needsExplanation(failure))
+        fail(Failure::fromCode(kNotAccepting));
+    else if (needsExplanation(failure))
         explain_.once(kExplanationTime, [this, failure] { fail(failure); });
     else if (failure.status() == ExitStatus::NoDaemon && connection_)
         daemonGone();

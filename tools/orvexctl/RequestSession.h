@@ -59,8 +59,10 @@ private:
     void fetchChunk();
     void writeChunk(Chunk chunk);
     void chunkWritten(Done);
+    void endWhenComplete();
 
     void errorReported(const Failure& failure, const std::string& keys);
+    void cancelled(std::uint32_t connection, std::uint32_t request);
     void daemonGone();
     void interrupted(int signal);
 

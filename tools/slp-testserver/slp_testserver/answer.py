@@ -7,6 +7,7 @@ from xml.sax.saxutils import quoteattr
 
 from . import slp
 from .items import PIECE, Action, Mark, cut_at, cut_by_size, joined, made_up, pack, pieces
+from .script import POINTS
 
 XML_TYPE = "text/xml; charset=UTF-8"
 
@@ -203,6 +204,7 @@ class Answer:
     """One answer on its way out. `act(step)` and `reach(point, part)` carry out the script."""
 
     def __init__(self, behaviour, upload, stream, exchange, act, reach):
+        self._behaviour = behaviour
         self._spec = behaviour.answer
         self._upload = upload
         self._stream = stream
@@ -272,6 +274,9 @@ class Answer:
         else:
             body = pieces(self._spec["body"])
         cut = self._spec.get("cut", {})
+        if cut or "pack" in self._spec:
+            # A mark divides: only those stay where something is to be done.
+            body = (piece for piece in body if not self._is_idle_mark(piece))
         if "size" in cut:
             body = cut_by_size(body, cut["size"])
         elif "at" in cut:
@@ -279,6 +284,11 @@ class Answer:
         if "pack" in self._spec:
             body = pack(body, self._spec["pack"])
         return body
+
+    def _is_idle_mark(self, piece):
+        if not isinstance(piece, Mark) or piece.point not in POINTS:
+            return False
+        return not self._behaviour.steps_at(piece.point)
 
     def _send_body(self, body):
         """False when the script wants only the front of the body."""

@@ -78,6 +78,8 @@ The answer
   "cut": {"size": N}       the body cut into pieces of N bytes, or
          {"at": [N, ...]}  cut at these places, whatever pieces it was made of
   "pack": N                pieces are joined while they fit into N bytes, none is divided
+                           (with cut and pack the record names the points part and closing only
+                           when a step is there)
   "stop_after": N          only the first N bytes of the body are sent, then the connection is ended
                            by the "then" action (default close)
   "then": ACTION           after the answer: keep (default; another request may come), or an ending

@@ -1,0 +1,786 @@
+"""The command-line client: against the real daemon, and for codes that are rare against a stand-in."""
+
+import json
+import os
+import pty
+import re
+import signal
+import subprocess
+import threading
+import time
+
+import pytest
+from gi.repository import Gio, GLib
+
+from harness.client import BusError
+from harness.settings import BUILD_DIR, BUS_NAME, EXAMPLES, OBJECT_PATH, ROOT, patience
+from harness.waiting import wait_for
+
+ORVEXCTL = BUILD_DIR / "bin" / "orvexctl"
+INTERFACE = ROOT / "data" / "com.kelvra.orvexd.xml"
+MANUAL = ROOT / "docs" / "man" / "orvexctl.1"
+COMPLETION = ROOT / "tools" / "orvexctl" / "completion" / "orvexctl"
+FINGERPRINT = EXAMPLES / "fingerprint.xml"
+
+COMMANDS = ["status", "request", "monitor", "cancel", "quit"]
+# The test server sends the bytes of every request that is no fingerprint back.
+ECHO = ["--element", "echo", "--type", "other", "--request-version", "1", "--content-type", "text/plain"]
+POSITION = [
+    *["--element", "fingerprintRequest", "--type", "fingerprint", "--request-version", "1.0"],
+    *["--content-type", "application/xml"],
+]
+TWO_PARTS = {
+    "answer": {
+        "multipart": {
+            "results": [{"oid": "1", "href": "cid:a"}],
+            "parts": [
+                {"id": "a", "headers": [["X-SLP-Next-part-ID", "b"]], "body": "first"},
+                {"id": "b", "body": "second"},
+            ],
+        }
+    }
+}
+HELD_ANSWER = {"on": [{"at": "upload-end", "do": "wait", "event": "answer"}]}
+
+# Prints the largest resident size of a command, in KiB, and ends with its status.
+MEASURE = """
+import resource, subprocess, sys
+status = subprocess.call(sys.argv[1:])
+print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
+sys.exit(status)
+"""
+
+
+def exit_statuses():
+    """The list of the manual: the daemon's codes with the status of each."""
+    text = MANUAL.read_text("utf-8")
+    found = re.findall(r"^\.It (\d+)\n.*\((?:code )?(\d+)\)\.$", text, re.MULTILINE)
+    return {int(code): int(status) for status, code in found}
+
+
+class Run:
+    """One orvexctl process; its output is collected while it runs."""
+
+    def __init__(
+        self,
+        environment,
+        arguments,
+        stdin=subprocess.DEVNULL,
+        stderr=subprocess.PIPE,
+        measured=False,
+    ):
+        command = ["setpriv", "--pdeathsig", "KILL"]
+        command += ["/usr/bin/python3", "-c", MEASURE] if measured else []
+        command += [ORVEXCTL, *arguments]
+        self.child = subprocess.Popen(
+            list(map(str, command)),
+            env=environment,
+            stdin=stdin,
+            stdout=subprocess.PIPE,
+            stderr=stderr,
+        )
+        self._output = {}
+        self._threads = [self._collect("stdout"), self._collect("stderr")]
+
+    def _collect(self, name):
+        self._output[name] = b""
+
+        def read():
+            stream = getattr(self.child, name)
+            while stream and (data := os.read(stream.fileno(), 65536)):
+                self._output[name] += data
+
+        thread = threading.Thread(target=read)
+        thread.start()
+        return thread
+
+    @property
+    def stdout(self):
+        return self._output["stdout"]
+
+    @property
+    def stderr(self):
+        return self._output["stderr"].decode()
+
+    def wait(self, seconds=30):
+        """Waits for the end, with the test's own bus connections served, and returns the status."""
+        try:
+            end = time.monotonic() + patience(seconds)
+            while self.child.poll() is None and time.monotonic() < end:
+                while GLib.MainContext.default().iteration(False):
+                    pass
+                time.sleep(0.002)
+            assert self.child.poll() is not None, f"orvexctl does not end\n{self.report()}"
+        finally:
+            self.kill()
+        return self.child.returncode
+
+    def kill(self):
+        """Leaves nothing running."""
+        if self.child.poll() is None:
+            self.child.kill()
+        self.child.wait()
+        for thread in self._threads:
+            thread.join()
+
+    def interrupt(self):
+        self.child.send_signal(signal.SIGINT)
+
+    def lines(self):
+        return self.stdout.decode().splitlines()
+
+    def wait_for_lines(self, count):
+        wait_for_output(lambda: self.stdout.count(b"\n") >= count, f"{count} lines", self)
+        return self.lines()
+
+    def report(self):
+        return f"orvexctl: {self.child.returncode}\n{self.stdout!r}\n{self.stderr}"
+
+
+def wait_for_output(predicate, what, run):
+    """Waits for something that a reader thread brings."""
+    end = time.monotonic() + patience(10)
+    while not predicate():
+        assert time.monotonic() < end, f"waited for {what}\n{run.report()}"
+        time.sleep(0.002)
+
+
+@pytest.fixture
+def start(bus, reported):
+    """Starts orvexctl with these words on the private bus."""
+    runs = []
+
+    def run(*arguments, address=bus.address, **options):
+        environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": address, "LC_ALL": "C.UTF-8"}
+        runs.append(reported("orvexctl", Run(environment, arguments, **options)))
+        return runs[-1]
+
+    yield run
+    for each in runs:
+        each.kill()
+
+
+def subscribed(run, client):
+    """Waits until a monitor prints signals; what it has printed then are probes."""
+    end = time.monotonic() + patience(10)
+    while not run.stdout:
+        assert time.monotonic() < end, run.report()
+        client.cancel(4294967295, 4294967295)
+        time.sleep(0.01)
+
+
+class StandIn:
+    """Owns the daemon's name and answers every call in one way: for codes the daemon rarely sends."""
+
+    def __init__(self, address):
+        flags = (
+            Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
+            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
+        )
+        self.bus = Gio.DBusConnection.new_for_address_sync(address, flags, None, None)
+        self.bus.set_exit_on_close(False)
+        description = Gio.DBusNodeInfo.new_for_xml(INTERFACE.read_text("utf-8"))
+        self.answers = {}
+        self.called = []
+        self.bus.register_object(OBJECT_PATH, description.interfaces[0], self._call, None, None)
+        owned = []
+        Gio.bus_own_name_on_connection(
+            self.bus, BUS_NAME, Gio.BusNameOwnerFlags.NONE, lambda *_: owned.append(True), None
+        )
+        wait_for(lambda: owned, 10, "the stand-in's name")
+
+    def _call(self, _bus, _sender, _path, _interface, member, arguments, invocation):
+        self.called.append((member, arguments.unpack() if member != "sendData" else None))
+        answer = self.answers.get(member)
+        if isinstance(answer, int):
+            invocation.return_dbus_error(f"{BUS_NAME}.Error", f"({answer}) unspecifiedError")
+        elif callable(answer):
+            answer(invocation)
+        elif answer is not None:
+            invocation.return_value(answer)
+
+    def emit(self, name, arguments):
+        self.bus.emit_signal(None, OBJECT_PATH, BUS_NAME, name, arguments)
+
+    def close(self):
+        if not self.bus.is_closed():
+            self.bus.close_sync(None)
+
+
+@pytest.fixture
+def stand_in(bus):
+    """In the daemon's place, with ids 7 and 9 for connection and request."""
+    stand_in = StandIn(bus.address)
+    stand_in.answers = {
+        "connect": GLib.Variant("(u)", (7,)),
+        "prepare": GLib.Variant("(u)", (9,)),
+        "attach": GLib.Variant("(u)", (9,)),
+        "sendData": GLib.Variant("(i)", (0,)),
+        "disconnect": GLib.Variant("()", ()),
+    }
+    yield stand_in
+    stand_in.close()
+
+
+# -- status ----------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize(
+    "connections, line",
+    [
+        ([], "not connected (0)"),
+        ([(2, True, False)], "connected (1)"),
+        ([(1, True, False)], "connected, kind 1 (3)"),
+        ([(2, True, True)], "connected, restricted (5)"),
+    ],
+)
+def test_status_prints_words_and_number(connections, line, start, platform, make_daemon):
+    platform.write(connections=connections)
+    make_daemon().start()
+    run = start("status")
+    assert run.wait() == 0, run.report()
+    assert run.lines() == [line]
+
+
+def test_status_watch_prints_one_line_per_change_until_interrupted(start, platform, client):
+    run = start("status", "--watch")
+    run.wait_for_lines(1)
+    platform.write(connections=[(2, True, True)])
+    run.wait_for_lines(2)
+    client.status()
+    platform.write(connections=[])
+    run.wait_for_lines(3)
+    run.interrupt()
+    assert run.wait() == 0
+    assert run.lines() == [
+        "connected, kind 1 (3)",
+        "connected, restricted (5)",
+        "not connected (0)",
+    ]
+
+
+def test_status_watch_fails_when_the_daemon_ends(start, client):
+    run = start("status", "--watch")
+    run.wait_for_lines(1)
+    client.quit()
+    assert run.wait() == 3
+
+
+# -- request ---------------------------------------------------------------------------------------
+
+
+def test_request_writes_the_position_that_answers_the_file(start, daemon, server, tmp_path):
+    output = tmp_path / "position.xml"
+    run = start("request", *POSITION, "--input", FINGERPRINT, "--output", output)
+    assert run.wait() == 0, run.report()
+    assert f'bytes="{FINGERPRINT.stat().st_size}"' in output.read_text("utf-8")
+    assert run.stdout == b"" and run.stderr == ""
+    assert server.wait(1)["findings"] == []
+
+
+def test_request_streams_a_pipe_of_unknown_length(start, daemon):
+    data = os.urandom(3_000_001)
+    run = start("request", *ECHO, stdin=subprocess.PIPE)
+    run.child.stdin.write(data)
+    run.child.stdin.close()
+    assert run.wait() == 0, run.report()
+    assert run.stdout == data
+
+
+def test_empty_input_is_a_request(start, daemon):
+    run = start("request", *ECHO)
+    assert run.wait() == 0, run.report()
+    assert run.stdout == b""
+
+
+def test_option_texts_travel_as_their_exact_bytes(start, daemon, server):
+    options = ["--element", "echo", "--type", "other", "--request-version", "1 & 2"]
+    run = start("request", *options, "--content-type", "text/x-odd; a=b", "--encoding", "8bit")
+    assert run.wait() == 0, run.report()
+    record = server.wait(1)
+    assert record["slp"]["requests"][0]["version"] == "1 & 2"
+    headers = dict(record["parts"][1]["headers"])
+    assert headers["Content-Type"] == "text/x-odd; a=b"
+    assert headers["Content-Transfer-Encoding"] == "8bit"
+
+
+def test_memory_does_not_grow_with_the_input(start, daemon, tmp_path):
+    def peak(size):
+        source, answer = tmp_path / "source", tmp_path / "answer"
+        source.write_bytes(os.urandom(size))
+        run = start("request", *ECHO, "--input", source, "--output", answer, measured=True)
+        assert run.wait(60) == 0, run.report()
+        assert answer.read_bytes() == source.read_bytes()
+        return int(run.stdout)
+
+    mebibyte = 1 << 20
+    assert peak(40 * mebibyte) - peak(1) < 16 * 1024
+
+
+def test_parts_go_in_order_into_one_output(start, daemon, server):
+    server.queue(TWO_PARTS)
+    run = start("request", *ECHO)
+    assert run.wait() == 0, run.report()
+    assert run.stdout == b"firstsecond"
+
+
+def test_parts_go_into_files_of_their_own(start, daemon, server, tmp_path):
+    server.queue(TWO_PARTS)
+    run = start("request", *ECHO, "--output-pattern", tmp_path / "part-%d.txt")
+    assert run.wait() == 0, run.report()
+    assert (tmp_path / "part-1.txt").read_text() == "first"
+    assert (tmp_path / "part-2.txt").read_text() == "second"
+    assert run.stdout == b""
+
+
+@pytest.mark.parametrize("size", [1, 999, 100_000])
+def test_chunk_size_does_not_change_the_answer(size, start, daemon):
+    run = start("request", *ECHO, "--chunk-size", size, stdin=subprocess.PIPE)
+    run.child.stdin.write(b"0123456789" * 100)
+    run.child.stdin.close()
+    assert run.wait() == 0, run.report()
+    assert run.stdout == b"0123456789" * 100
+
+
+def test_attached_request_travels_with_a_prepared_one(start, platform, client, server):
+    platform.write(connections=[(2, True, False)])
+    client.wait_for_status(1)
+    run = start("request", *ECHO, "--attach", stdin=subprocess.PIPE)
+    run.child.stdin.write(b"along")
+    run.child.stdin.close()
+    # Nobody was asked for data yet, so this changes nothing but tells when the request is there.
+    wait_for_output(lambda: client.sendData(1, 1, b"") == 57, "the attached request", run)
+
+    client.exchange(FINGERPRINT.read_bytes())
+
+    assert run.wait() == 0, run.report()
+    assert run.stdout == b"along"
+    assert len(server.exchanges()) == 1
+
+
+def test_early_answer_does_not_cut_the_input_short(start, stand_in):
+    sent = []
+
+    def send(invocation):
+        sent.append(invocation.get_parameters().get_child_value(0).n_children())
+        invocation.return_value(GLib.Variant("(i)", (0,)))
+
+    stand_in.answers["sendData"] = send
+    stand_in.answers["getData"] = GLib.Variant("(ayu)", (b"answer", 2303))
+    run = start("request", *ECHO, stdin=subprocess.PIPE)
+    wait_for(lambda: "getData" in [name for name, _ in stand_in.called], 10, "the request")
+    stand_in.emit("requestData", GLib.Variant("(uu)", (7, 9)))
+    run.child.stdin.write(b"begin")
+    run.child.stdin.flush()
+    wait_for(lambda: sent, 10, "the first bytes")
+    run.child.stdin.write(b"end")
+    run.child.stdin.close()
+    assert run.wait() == 0, run.report()
+    assert sum(sent) == len("beginend")
+
+
+def test_request_closes_its_connection(start, daemon, client):
+    assert start("request", *ECHO).wait() == 0
+    assert client.sendData(1, 1, b"") == 1001
+
+
+# -- what goes wrong -------------------------------------------------------------------------------
+
+
+def test_network_that_the_policy_forbids_is_explained(start, platform, make_daemon):
+    platform.write(connections=[(2, True, True)])
+    make_daemon().start()
+    run = start("request", *ECHO, "--policy", "2")
+    assert run.wait() == 30
+    assert "--policy" in run.stderr
+
+
+def test_missing_network_is_explained_with_the_daemons_words(start, platform, make_daemon):
+    platform.write(connections=[])
+    make_daemon().start()
+    run = start("request", *ECHO)
+    assert run.wait() == 30
+    assert '"Connection error"' in run.stderr
+
+
+def test_forbidden_positioning_is_explained(start, platform, make_daemon):
+    platform.write(positioning=False)
+    make_daemon().start()
+    run = start("request", *ECHO)
+    assert run.wait() == 31
+    assert "location settings" in run.stderr
+
+
+def test_unusable_answer_of_the_server_is_explained(start, daemon, server):
+    multipart = {"results": [{"oid": "1", "href": "cid:nowhere"}], "parts": []}
+    server.queue({"answer": {"multipart": multipart}})
+    run = start("request", *ECHO)
+    assert run.wait() == 28
+    assert '"missing MIME parts"' in run.stderr
+
+
+def test_failure_in_the_middle_of_a_long_upload_is_explained(start, daemon, server, tmp_path):
+    server.queue({"on": [{"at": "upload", "bytes": 100_000, "do": "reset"}]})
+    source = tmp_path / "source"
+    source.write_bytes(bytes(30_000_000))
+    run = start("request", *ECHO, "--input", source)
+    assert run.wait() == 30, run.report()
+
+
+def test_input_slower_than_the_daemons_patience_is_refused(start, daemon):
+    run = start("request", *ECHO, stdin=subprocess.PIPE)
+    run.child.stdin.write(b"begin")
+    run.child.stdin.flush()
+    time.sleep(6)  # the daemon's five seconds are what this is about
+    run.child.stdin.write(b"end")
+    run.child.stdin.close()
+    # Also when the server has answered the torso by then.
+    assert run.wait() == 25, run.report()
+
+
+def test_vanishing_daemon_ends_the_request_at_once(start, daemon, server):
+    server.queue(HELD_ANSWER)
+    run = start("request", *ECHO)
+    server.wait(1, "upload-end")
+    daemon.send_signal(signal.SIGKILL)
+    assert run.wait(5) == 3
+    assert "left the bus" in run.stderr
+    daemon.wait()
+
+
+def test_vanishing_bus_ends_the_request_at_once(start, stand_in, bus):
+    run = start("request", *ECHO)
+    wait_for(lambda: "prepare" in [name for name, _ in stand_in.called], 10, "the request")
+    bus.stop()
+    assert run.wait(5) == 3
+
+
+def test_silence_ends_the_request_after_its_time_out(start, daemon, server):
+    server.queue(HELD_ANSWER)
+    run = start("request", *ECHO, "--timeout", "1")
+    assert run.wait() == 5
+    assert "--timeout" in run.stderr
+    server.give("answer")
+
+
+def test_cancelling_by_somebody_else_ends_the_request(start, daemon, server, client):
+    server.queue(HELD_ANSWER)
+    run = start("request", *ECHO)
+    server.wait(1, "upload-end")
+    cancel = start("cancel", "1", "1")
+    assert cancel.wait() == 0, cancel.report()
+    assert run.wait() == 7
+    server.give("answer")
+
+
+@pytest.mark.parametrize("number, status", [("INT", 130), ("TERM", 143), ("HUP", 129)])
+def test_signal_cancels_and_disconnects_before_it_ends(number, status, start, stand_in):
+    cancelled = []
+    stand_in.bus.signal_subscribe(
+        None, BUS_NAME, "cancel", None, None, 0, lambda *signal: cancelled.append(signal[5].unpack())
+    )
+    run = start("request", *ECHO)
+    wait_for(lambda: "getData" in [name for name, _ in stand_in.called], 10, "the request")
+    run.child.send_signal(getattr(signal, f"SIG{number}"))
+    assert run.wait() == status
+    assert cancelled == [(7, 9)]
+    assert stand_in.called[-1] == ("disconnect", (7,))
+
+
+def test_signal_before_the_request_has_its_id_waits_for_the_id(start, stand_in):
+    held = []
+    stand_in.answers["prepare"] = held.append
+    run = start("request", *ECHO)
+    wait_for(lambda: held, 10, "prepare")
+    run.interrupt()
+    held[0].return_value(GLib.Variant("(u)", (9,)))
+    assert run.wait() == 130
+    assert stand_in.called[-1] == ("disconnect", (7,))
+
+
+def test_interrupted_upload_is_closed_so_that_nobody_waits_for_it(start, stand_in):
+    run = start("request", *ECHO, stdin=subprocess.PIPE)
+    wait_for(lambda: "getData" in [name for name, _ in stand_in.called], 10, "the request")
+    stand_in.emit("requestData", GLib.Variant("(uu)", (7, 9)))
+    run.child.stdin.write(b"begin")
+    run.child.stdin.flush()
+    wait_for(lambda: "sendData" in [name for name, _ in stand_in.called], 10, "the first bytes")
+    run.interrupt()
+    assert run.wait() == 130
+    assert [name for name, _ in stand_in.called[-2:]] == ["sendData", "disconnect"]
+    run.child.stdin.close()
+
+
+def test_signals_before_the_reply_that_names_the_request_count(start, stand_in):
+    def prepare(invocation):
+        error = GLib.Variant("(uss)", (2204, "Connection error", "7:8 7:9"))
+        stand_in.emit("errorSignal", error)
+        invocation.return_value(GLib.Variant("(u)", (9,)))
+
+    stand_in.answers["prepare"] = prepare
+    run = start("request", *ECHO)
+    assert run.wait() == 30
+
+
+def test_errors_of_other_requests_do_not_matter(start, stand_in):
+    run = start("request", *ECHO)
+    wait_for(lambda: "getData" in [name for name, _ in stand_in.called], 10, "the request")
+    stand_in.emit("errorSignal", GLib.Variant("(uss)", (2001, "", "7:99 17:9 7:91")))
+    stand_in.emit("errorSignal", GLib.Variant("(uss)", (2204, "mine", "7:1 7:9")))
+    assert run.wait() == 30
+    assert '"mine"' in run.stderr
+
+
+def test_at_most_one_fetch_and_one_piece_of_bounded_size_are_under_way(start, stand_in, tmp_path):
+    sizes, fetches, most = [], [], []
+
+    def send(invocation):
+        sizes.append(invocation.get_parameters().get_child_value(0).n_children())
+        most.append(len(fetches))
+        invocation.return_value(GLib.Variant("(i)", (0,)))
+        if sizes[-1] == 0:
+            fetches.pop().return_value(GLib.Variant("(ayu)", (b"answer", 2303)))
+
+    stand_in.answers["sendData"] = send
+    stand_in.answers["getData"] = fetches.append
+    source = tmp_path / "source"
+    source.write_bytes(bytes(300_000))
+    run = start("request", *ECHO, "--input", source)
+    wait_for(lambda: fetches, 10, "the first fetch")
+    stand_in.emit("requestData", GLib.Variant("(uu)", (7, 9)))
+    assert run.wait() == 0, run.report()
+    assert run.stdout == b"answer"
+    assert sum(sizes) == 300_000 and max(sizes) <= 65536
+    assert set(most) == {1} and not fetches
+
+
+@pytest.mark.parametrize("code", sorted(exit_statuses()))
+def test_every_code_has_a_sentence_and_the_status_of_the_manual(code, start, stand_in):
+    stand_in.answers["connect"] = code
+    run = start("request", *ECHO)
+    assert run.wait() == exit_statuses()[code]
+    assert f"(code {code})" in run.stderr
+    assert len(run.stderr.split()) > 10
+
+
+@pytest.mark.parametrize("code", [41, 57, 1001])
+def test_refused_data_ends_the_request_with_its_code(code, start, stand_in):
+    stand_in.answers["sendData"] = GLib.Variant("(i)", (code,))
+    run = start("request", *ECHO)
+    wait_for(lambda: "getData" in [name for name, _ in stand_in.called], 10, "the request")
+    stand_in.emit("requestData", GLib.Variant("(uu)", (7, 9)))
+    assert run.wait() == exit_statuses()[code]
+
+
+def test_error_signal_explains_a_refusal_that_comes_first(start, stand_in):
+    stand_in.answers["getData"] = 41
+    run = start("request", *ECHO)
+    wait_for(lambda: "getData" in [name for name, _ in stand_in.called], 10, "the request")
+    stand_in.emit("errorSignal", GLib.Variant("(uss)", (2001, "why", "7:9")))
+    assert run.wait() == 28
+    assert '"why"' in run.stderr
+
+
+def test_code_that_is_not_known_has_a_status_of_its_own(start, stand_in):
+    stand_in.answers["connect"] = 999
+    run = start("request", *ECHO)
+    assert run.wait() == 32
+    assert "(code 999)" in run.stderr
+
+
+def test_text_of_the_server_cannot_control_the_terminal(start, stand_in):
+    run = start("request", *ECHO)
+    wait_for(lambda: "getData" in [name for name, _ in stand_in.called], 10, "the request")
+    stand_in.emit("errorSignal", GLib.Variant("(uss)", (2001, "\x1b[2Jgone", "7:9")))
+    assert run.wait() == 28
+    assert "\x1b" not in run.stderr and "\\x1b[2Jgone" in run.stderr
+
+
+@pytest.mark.parametrize(
+    "words", [["status"], ["request", *ECHO], ["cancel", "1", "1"], ["quit"]], ids=lambda words: words[0]
+)
+def test_missing_daemon_is_explained(words, start):
+    run = start(*words)
+    assert run.wait() == 3
+    assert "not running" in run.stderr
+
+
+@pytest.mark.parametrize("words", [["status"], ["monitor"], ["quit"]], ids=lambda words: words[0])
+def test_missing_bus_is_explained(words, start, tmp_path):
+    run = start(*words, address=f"unix:path={tmp_path}/nothing")
+    assert run.wait() == 3
+    assert "DBUS_SYSTEM_BUS_ADDRESS" in run.stderr
+
+
+@pytest.mark.parametrize("option", ["--input", "--output"])
+def test_file_that_cannot_be_opened_is_named(option, start, tmp_path):
+    path = tmp_path / "missing" / "file"
+    run = start("request", *ECHO, option, path)
+    assert run.wait() == 1
+    assert str(path) in run.stderr
+
+
+def test_output_that_takes_nothing_ends_the_request(start, daemon, tmp_path):
+    source = tmp_path / "source"
+    source.write_bytes(b"bytes")
+    run = start("request", *ECHO, "--input", source, "--output", "/dev/full")
+    assert run.wait() == 1
+    assert "/dev/full" in run.stderr
+
+
+# -- the other commands ----------------------------------------------------------------------------
+
+
+def test_monitor_prints_every_signal_as_json(start, platform, client):
+    monitor = start("monitor", "--json")
+    subscribed(monitor, client)
+    run = start("request", *ECHO)
+    assert run.wait() == 0, run.report()
+    platform.write(connections=[])
+    wait_for_output(lambda: b'"status":0' in monitor.stdout, "the change", monitor)
+    platform.write(connections=[])
+    client.cancel(5, 6)
+    connection = client.connect()
+    request = client.prepare(connection)
+    wait_for_output(lambda: b"errorSignal" in monitor.stdout, "the error", monitor)
+    monitor.interrupt()
+    assert monitor.wait() == 0
+
+    events = [json.loads(line) for line in monitor.lines()]
+    assert all(re.match(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}", each["time"]) for each in events)
+    assert all(each["sender"].startswith(":") for each in events)
+    found = {each["signal"]: each for each in events}
+    assert (found["requestData"]["connection"], found["requestData"]["request"]) == (1, 1)
+    assert (found["cancel"]["connection"], found["cancel"]["request"]) == (5, 6)
+    assert found["connectionStatusChanged"]["words"] == "not connected"
+    error = found["errorSignal"]
+    assert (error["code"], error["message"]) == (2204, "Connection error")
+    assert error["requests"] == [f"{connection}:{request}"]
+
+
+def test_monitor_prints_lines_for_people(start, stand_in):
+    monitor = start("monitor")
+    end = time.monotonic() + patience(10)
+    while not monitor.stdout and time.monotonic() < end:
+        stand_in.emit("errorSignal", GLib.Variant("(uss)", (2001, "a\nb", "3:17")))
+        time.sleep(0.01)
+    monitor.interrupt()
+    assert monitor.wait() == 0
+    assert monitor.lines()[0].endswith('errorSignal  code 2001, "a\\x0ab", requests "3:17"')
+
+
+def test_cancel_removes_a_request_that_waits(start, platform, client):
+    platform.write(connections=[(2, True, False)])
+    client.wait_for_status(1)
+    connection = client.connect()
+    request = client.attach(connection)
+    run = start("cancel", connection, request)
+    assert run.wait() == 0, run.report()
+    with pytest.raises(BusError) as refused:
+        client.getData(connection, request).wait()
+    assert "(41) " in refused.value.text
+
+
+def test_quit_ends_the_daemon(start, daemon):
+    daemon.expect_end()
+    run = start("quit")
+    assert run.wait() == 0, run.report()
+    assert daemon.wait() == 0
+
+
+def test_quit_delayed_calls_only_quit_delayed(start, stand_in):
+    stand_in.answers["quitDelayed"] = GLib.Variant("()", ())
+    run = start("quit", "--delayed")
+    assert run.wait() == 0, run.report()
+    assert [name for name, _ in stand_in.called] == ["quitDelayed"]
+
+
+# -- command line ----------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("words", [[], *([command] for command in COMMANDS)], ids=" ".join)
+def test_help_is_printed_for_the_whole_and_for_each_command(words, start):
+    run = start(*words, "--help")
+    assert run.wait() == 0
+    assert run.lines()[1].startswith(" ".join(["  orvexctl", *words, "["]))
+    assert run.stderr == ""
+
+
+@pytest.mark.parametrize(
+    "words",
+    [
+        [],
+        ["unknown"],
+        ["--unknown"],
+        ["status", "word"],
+        ["status", "--unknown"],
+        ["request"],
+        ["request", *ECHO[2:]],
+        ["request", *ECHO, "word"],
+        ["request", *ECHO, "--policy", "4"],
+        ["request", *ECHO, "--chunk-size", "0"],
+        ["request", *ECHO, "--timeout", "soon"],
+        ["request", *ECHO, "--output-pattern", "no-number"],
+        ["request", *ECHO, "--output", "a", "--output-pattern", "%d"],
+        ["cancel", "1"],
+        ["cancel", "1", "-2"],
+        ["cancel", "1", "4294967296"],
+        ["quit", "now"],
+    ],
+    ids=" ".join,
+)
+def test_wrong_command_line_is_refused_before_anything_is_called(words, start):
+    run = start(*words)
+    assert run.wait() == 2
+    assert run.stderr.startswith("orvexctl: ")
+
+
+def on_a_terminal(start, *words):
+    """Runs orvexctl with standard error on a terminal; returns what appeared there."""
+    master, slave = pty.openpty()
+    run = start(*words, stderr=slave)
+    os.close(slave)
+    assert run.wait() == 0
+    shown = b""
+    try:
+        while data := os.read(master, 65536):
+            shown += data
+    except OSError:  # the terminal's other end is closed and everything was read
+        pass
+    os.close(master)
+    return shown.decode()
+
+
+def test_progress_is_shown_on_a_terminal(start, daemon, tmp_path):
+    source = tmp_path / "source"
+    source.write_bytes(bytes(5 * 1024))
+    shown = on_a_terminal(start, "request", *ECHO, "--input", source, "--output", os.devnull)
+    assert "request 1:1  done  up 5.0 KiB of 5.0 KiB  down 5.0 KiB  0:0" in shown.replace("\xa0", " ")
+
+
+def test_quiet_shows_no_progress(start, daemon):
+    assert on_a_terminal(start, "request", *ECHO, "--quiet") == ""
+
+
+@pytest.mark.parametrize("command", ["", *COMMANDS])
+def test_completion_knows_every_option(command, start):
+    run = start(*filter(None, [command]), "--help")
+    run.wait()
+    options = set(re.findall(r"^  (?:-\w, )?(--[\w-]+)", run.stdout.decode(), re.MULTILINE))
+    script = (
+        f"source {COMPLETION}; COMP_WORDS=(orvexctl {command} --); "
+        "COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _orvexctl; printf '%s\\n' \"${COMPREPLY[@]}\""
+    )
+    done = subprocess.run(
+        ["bash", "-c", script], capture_output=True, text=True, timeout=patience(10), check=True
+    )
+    assert set(done.stdout.split()) == options
+
+
+@pytest.mark.parametrize("command", COMMANDS)
+def test_manual_names_every_option(command, start):
+    run = start(command, "--help")
+    run.wait()
+    manual = MANUAL.read_text("utf-8")
+    for option in re.findall(r"--([\w-]+)", run.stdout.decode().split("Application Options")[-1]):
+        assert f"-{option}" in manual
