@@ -12,7 +12,8 @@ from harness.daemon import Daemon
 from harness.keys import fill_preinst, make_keys
 from harness.platform_file import Platform
 from harness.private_bus import PrivateBus
-from harness.settings import DAEMON, TIME_FACTOR
+from harness.raw_client import RawClient
+from harness.settings import BUS_NAME, DAEMON, TIME_FACTOR
 from harness.slp_server import TestServer
 
 _INSIDE = "ORVEXD_TESTS_IN_NAMESPACE"
@@ -31,8 +32,12 @@ def pytest_cmdline_main(config):
     os.execvp(command[0], [*command, *config.invocation_params.args])
 
 
-def pytest_collection_modifyitems(items):
-    """Slow builds get more time as a whole, too."""
+def pytest_collection_modifyitems(config, items):
+    """Tests of the built-in time-outs run on demand. Slow builds get more time as a whole."""
+    if not os.environ.get("ORVEXD_LONG_TESTS"):
+        long_ones = [item for item in items if item.get_closest_marker("long")]
+        config.hook.pytest_deselected(items=long_ones)
+        items[:] = [item for item in items if item not in long_ones]
     for item in items:
         if item.get_closest_marker("timeout") is None:
             item.add_marker(pytest.mark.timeout(300 * TIME_FACTOR))
@@ -166,11 +171,11 @@ def daemon(make_daemon):
 
 
 @pytest.fixture
-def make_client(bus, daemon):  # pylint: disable=unused-argument
-    """Connects clients to the bus; the daemon is running by then."""
+def client_of(bus):
+    """Connects clients to the bus, for the daemon that a test has started itself."""
     clients = []
 
-    def make():
+    def make(_daemon):
         clients.append(Client(bus.address))
         return clients[-1]
 
@@ -180,9 +185,37 @@ def make_client(bus, daemon):  # pylint: disable=unused-argument
 
 
 @pytest.fixture
+def make_client(client_of, daemon):
+    """Connects clients to the bus; the daemon is running by then."""
+    return lambda: client_of(daemon)
+
+
+@pytest.fixture
 def client(make_client):
     """One client."""
     return make_client()
+
+
+@pytest.fixture
+def make_raw_client(bus):
+    """Connects clients that compose their messages themselves."""
+    clients = []
+
+    def make(address=bus.address):
+        clients.append(RawClient(address))
+        return clients[-1]
+
+    yield make
+    for client in clients:
+        client.close()
+
+
+@pytest.fixture
+def raw(make_raw_client, daemon):  # pylint: disable=unused-argument
+    """One such client, which sees every signal of the daemon; the daemon is running by then."""
+    client = make_raw_client()
+    client.add_match(f"type='signal',sender='{BUS_NAME}'")
+    return client
 
 
 def pytest_report_header():

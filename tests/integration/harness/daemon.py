@@ -1,10 +1,12 @@
 """orvexd as a child process on a private bus."""
 
+import os
+
 from gi.repository import Gio, GLib
 
 from . import waiting
 from .process import Process
-from .settings import BUS_NAME, DAEMON, ROOT
+from .settings import BUS_NAME, DAEMON, OBJECT_PATH, ROOT
 
 DEVICE = {
     "KELVRA_UNIQUE_DEVICE_ID": "d41d8cd98f00b204",
@@ -34,7 +36,7 @@ def _sanitizer_options():
 
 
 class Daemon:
-    """One daemon process. `start()` returns when it owns its name; `stop()` checks its end."""
+    """One daemon process. `start()` returns when it serves; `stop()` checks its end."""
 
     def __init__(self, directory, bus, platform_path, preinst):
         self.arguments = ["--preinst-dir", preinst, "--storage-dir", directory / "storage"]
@@ -54,12 +56,14 @@ class Daemon:
         self._runs = 0
 
     def start(self):
-        """Starts it and waits until it owns the bus name."""
+        """Starts it and waits until it owns the bus name and its main loop runs."""
         watch = NameWatch(self.environment["DBUS_SYSTEM_BUS_ADDRESS"])
         try:
             self.launch()
             waiting.guards.append(self._guard)
             waiting.wait_for(lambda: watch.owner, 20, f"the name {BUS_NAME}")
+            # It takes the name first; only the loop's answer tells that it minds signals.
+            waiting.wait_for(watch.asked_for_answer(), 20, "the daemon's first answer")
         except AssertionError:
             self.abandon()
             raise
@@ -129,8 +133,6 @@ class Daemon:
     def resources(self):
         """How many file descriptors and threads it holds now."""
         base = f"/proc/{self.pid}"
-        import os
-
         return {
             "fds": len(os.listdir(f"{base}/fd")),
             "threads": len(os.listdir(f"{base}/task")),
@@ -172,6 +174,23 @@ class NameWatch:
 
     def _on_vanished(self, _connection, _name):
         self.owner = None
+
+    def asked_for_answer(self):
+        """Sends a ping to the owner and returns what tells whether it was answered."""
+        answers = []
+        self._connection.call(
+            self.owner,
+            OBJECT_PATH,
+            "org.freedesktop.DBus.Peer",
+            "Ping",
+            None,
+            None,
+            Gio.DBusCallFlags.NO_AUTO_START,
+            -1,
+            None,
+            lambda connection, result: answers.append(connection.call_finish(result)),
+        )
+        return lambda: answers
 
     def close(self):
         Gio.bus_unwatch_name(self._id)

@@ -2,6 +2,7 @@
 
 Environment:
   ORVEXD_BUILD_DIR     build directory with bin/orvexd (default build/release of this tree)
+  ORVEXD_LONG_TESTS    when set: also the tests that wait for time-outs of a minute and more
   ORVEXD_TIME_FACTOR   multiplies every deadline, for sanitizers and valgrind (default 1)
 """
 

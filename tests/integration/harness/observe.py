@@ -1,0 +1,145 @@
+"""What /proc tells about the daemon, without stopping or tracing it."""
+
+import os
+import pathlib
+import re
+import signal
+
+from gi.repository import GLib
+
+from .waiting import wait_for
+
+_POLL = {"x86_64": 7}.get(os.uname().machine)
+_FOREVER = 0xFFFFFFFF
+
+
+def poll_for(predicate, seconds=10, what=None):
+    """Waits for a state of the system that no event announces."""
+    ticking = GLib.timeout_add(5, lambda: True)
+    try:
+        return wait_for(predicate, seconds, what)
+    finally:
+        GLib.source_remove(ticking)
+
+
+def status_field(pid, name, task=None):
+    """A line of /proc/PID/status."""
+    where = f"/proc/{pid}/task/{task}/status" if task else f"/proc/{pid}/status"
+    text = pathlib.Path(where).read_text("utf-8")
+    return re.search(rf"^{name}:\s*(.*)$", text, re.MULTILINE)[1]
+
+
+def threads(pid):
+    """The names of the threads by their ids."""
+    tasks = os.listdir(f"/proc/{pid}/task")
+    found = {}
+    for task in tasks:
+        try:
+            found[int(task)] = status_field(pid, "Name", task)
+        except (FileNotFoundError, ProcessLookupError):
+            pass  # it has just ended
+    return found
+
+
+def own_threads(pid):
+    """As `threads`, without the one that the thread sanitizer keeps for itself."""
+    found = threads(pid)
+    if is_thread_sanitized(pid):
+        helpers = [t for t, name in found.items() if t != pid and name == found[pid]]
+        assert len(helpers) == 1, found
+        del found[helpers[0]]
+    return found
+
+
+def file_descriptors(pid):
+    """What the open file descriptors refer to, by number."""
+    base = pathlib.Path(f"/proc/{pid}/fd")
+    return {int(entry.name): os.readlink(entry) for entry in base.iterdir()}
+
+
+def is_sanitized(pid):
+    return bool(re.search(r"lib[at]san\.so", _maps(pid)))
+
+
+def is_thread_sanitized(pid):
+    return "libtsan.so" in _maps(pid)
+
+
+def _maps(pid):
+    return pathlib.Path(f"/proc/{pid}/maps").read_text("utf-8")
+
+
+def has_worker(pid):
+    """Whether the thread of an exchange exists."""
+    return "HttpClient" in threads(pid).values()
+
+
+def sleeping_for(pid):
+    """How many milliseconds the main loop sleeps at most: inf without a timer, None when awake.
+
+    It is the argument of the poll call that it is in, so it does not get smaller meanwhile.
+    """
+    assert _POLL is not None, "the number of poll is known for x86-64 only"
+    words = pathlib.Path(f"/proc/{pid}/syscall").read_text("utf-8").split()
+    if words[0] != str(_POLL):
+        return None
+    timeout = int(words[3], 16) & _FOREVER
+    return float("inf") if timeout == _FOREVER else timeout
+
+
+def next_timer(pid):
+    """Waits until the main loop sleeps, and returns for how many milliseconds at most."""
+    poll_for(lambda: sleeping_for(pid) is not None, 10, "the main loop's sleep")
+    return sleeping_for(pid)
+
+
+def wait_until_idle(pid, seconds=10):
+    """Waits until no exchange runs and its end has been swept up: no thread, no timer."""
+
+    def idle():
+        return not has_worker(pid) and sleeping_for(pid) == float("inf")
+
+    poll_for(idle, seconds, lambda: f"idleness; {threads(pid)}, sleeps {sleeping_for(pid)} ms")
+
+
+def catches(pid, number):
+    """Whether the process has a handler for this signal."""
+    return bool(int(status_field(pid, "SigCgt"), 16) & 1 << number - 1)
+
+
+def wait_until_default(pid, number):
+    """Waits until the process has given up its handler for this signal."""
+    poll_for(lambda: not catches(pid, number), 10, f"the default action of {number!r}")
+
+
+def resident_bytes(pid):
+    """Private memory, which nobody else shares."""
+    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text("utf-8")
+    kilobytes = re.findall(r"^Private_(?:Clean|Dirty):\s+(\d+) kB", text, re.MULTILINE)
+    return sum(map(int, kilobytes)) * 1024
+
+
+def wake_ups(pid):
+    """How often each thread of the daemon's own went to sleep or lost the processor."""
+    return {
+        task: int(status_field(pid, "voluntary_ctxt_switches", task)) for task in own_threads(pid)
+    }
+
+
+def is_alive(pidfd):
+    """Whether the process behind this descriptor has not ended."""
+    try:
+        signal.pidfd_send_signal(pidfd, 0)
+    except ProcessLookupError:
+        return False
+    return True
+
+
+def wait_for_end(pidfd, seconds=10):
+    """Waits for the end of any process, a child or not."""
+    ended = []
+    GLib.unix_fd_add_full(
+        GLib.PRIORITY_DEFAULT, pidfd, GLib.IOCondition.IN, lambda *_: ended.append(True)
+    )
+    wait_for(lambda: ended, seconds, "a process's end")
+
