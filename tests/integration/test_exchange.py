@@ -142,7 +142,7 @@ def test_refused_proxy_is_reported_to_every_client(make_client, server):
         assert text != ""
 
 
-def test_wrong_pass_phrase_of_the_client_key_is_a_transport_failure(client, preinst, tmp_path, keys):
+def test_wrong_pass_phrase_is_a_transport_failure(client, preinst, tmp_path, keys):
     # The daemon reads the key at each exchange.
     make_keys(tmp_path / "other", "--passphrase", "another8")
     (preinst / "SlpClient-key.pem").write_bytes((tmp_path / "other/SlpClient-key.pem").read_bytes())
@@ -162,11 +162,12 @@ def test_daemon_serves_one_exchange_after_the_other(client, server):
 
 
 def test_second_exchange_succeeds_after_a_failed_one(client, server):
-    server.queue({"on": [{"at": "upload", "do": "reset"}]})
+    server.queue({"on": [{"at": "upload", "part": 1, "do": "reset"}]})
     connection = client.connect()
     request = client.prepare(connection)
-    key = f"{connection}:{request}"
-    assert client.wait_for_signal("errorSignal")[2] == key
+    client.wait_for_request_data(connection, request)
+    assert client.sendData(connection, request, FINGERPRINT) == 0
+    assert client.wait_for_signal("errorSignal")[::2] == (2204, f"{connection}:{request}")
 
     assert question_of(client.exchange(FINGERPRINT)[0])["wifi"] == "8"
 

@@ -54,7 +54,8 @@ class Process:
     def wait(self, seconds=10):
         """Waits for the end and returns the status."""
         if self.status is None and not _readable(self.pidfd, patience(seconds)):
-            raise AssertionError(f"{self.name} (pid {self.pid}) did not end in {patience(seconds)} s")
+            late = f"did not end in {patience(seconds)} s"
+            raise AssertionError(f"{self.name} (pid {self.pid}) {late}")
         return self._child.wait()
 
     def send_signal(self, number):
