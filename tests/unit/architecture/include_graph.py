@@ -1,0 +1,152 @@
+"""The include lines of a source tree, judged by the floors of the house.
+
+A file may use what stands on its own floor or below, never above; no two files need each other. A
+source and its header are one file here: whoever needs the one needs the other.
+"""
+
+import re
+from pathlib import Path, PurePosixPath
+
+INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
+SUFFIXES = {".h", ".cpp"}
+
+FLOOR_OF_FOLDER = {
+    "main": 5,
+    "dbus": 4,
+    "http": 2,
+    "network": 2,
+    "slp": 1,
+    "config": 0,
+    "support": 0,
+}
+
+# src/core holds the record that three floors share and the gateway core above them.
+FLOOR_OF_CORE_FILE = {
+    "OrvexMain": 3,
+    "MainLoopPost": 3,
+    "ServicePosts": 3,
+    "IServiceEvents": 3,
+    "RequestData": 1,
+    "ConnectionParameters": 1,
+    "DeliveryCode": 1,
+    "RequestState": 1,
+    "RequestKey": 1,
+    "IChunkReceiver": 1,
+}
+
+# Where a foreign library may be named: folders, and single files without their suffix.
+HOMES_OF_LIBRARY = {
+    "dbus": {"dbus", "support/BusHandles"},
+    "curl": {"http", "support/CurlHandles"},
+    "libxml": {"slp", "config", "support/XmlHandles", "main/main"},
+}
+
+# Written when the tree is configured, from a template beside the sources.
+TEMPLATE_SUFFIX = ".in"
+
+
+def unit_of(path):
+    """Name of a file without its suffix: "core/RequestData"."""
+    return str(PurePosixPath(path).with_suffix(""))
+
+
+def floor_of(unit):
+    """Floor of a unit, None when the map does not know it."""
+    folder, _, name = unit.partition("/")
+    if folder == "core":
+        return FLOOR_OF_CORE_FILE.get(name)
+    return FLOOR_OF_FOLDER.get(folder)
+
+
+def read_includes(root):
+    """Maps each file below `root` to its include lines: (quoted or angled, name, line number)."""
+    files = {}
+    for path in sorted(Path(root).rglob("*")):
+        name = path.relative_to(root).as_posix()
+        if name.endswith(TEMPLATE_SUFFIX):
+            name = name[: -len(TEMPLATE_SUFFIX)]
+        if PurePosixPath(name).suffix not in SUFFIXES:
+            continue
+        found = []
+        for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
+            match = INCLUDE.match(line)
+            if match:
+                found.append((match.group(1), match.group(2), number))
+        files[name] = found
+    return files
+
+
+def faults(files):
+    """All faults of a tree as texts; `files` as `read_includes` returns them."""
+    return [
+        *unknown_floors(files),
+        *wrong_arrows(files),
+        *stray_libraries(files),
+        *cycles(files),
+    ]
+
+
+def unknown_floors(files):
+    for name in files:
+        if floor_of(unit_of(name)) is None:
+            yield f"{name}: stands on no floor of the map"
+
+
+def own_includes(files):
+    """Every arrow between files of the tree: (from, to, line)."""
+    for name, includes in files.items():
+        for _, target, line in includes:
+            if target in files:
+                yield name, target, line
+
+
+def wrong_arrows(files):
+    for name, includes in files.items():
+        for mark, target, line in includes:
+            if mark == '"' and target not in files and not target.startswith("trilba/"):
+                yield f"{name}:{line}: {target} is not below src"
+    for name, target, line in own_includes(files):
+        source_floor, target_floor = floor_of(unit_of(name)), floor_of(unit_of(target))
+        if None not in (source_floor, target_floor) and target_floor > source_floor:
+            yield (
+                f"{name}:{line}: floor {source_floor} uses {target} of floor {target_floor}"
+            )
+
+
+def stray_libraries(files):
+    for name, includes in files.items():
+        unit = unit_of(name)
+        for mark, target, line in includes:
+            library = target.split("/")[0]
+            homes = HOMES_OF_LIBRARY.get(library) if mark == "<" else None
+            if homes is not None and unit not in homes and unit.split("/")[0] not in homes:
+                yield f"{name}:{line}: <{target}> belongs to {', '.join(sorted(homes))}"
+
+
+def cycles(files):
+    graph = {}
+    for name, target, _ in own_includes(files):
+        source, used = unit_of(name), unit_of(target)
+        graph.setdefault(source, set())
+        if source != used:
+            graph[source].add(used)
+    done = set()
+    for start in sorted(graph):
+        path = find_cycle(graph, start, [], done)
+        if path:
+            yield "these need each other: " + " -> ".join(path)
+            return
+
+
+def find_cycle(graph, unit, path, done):
+    """A way from a unit on `path` back to itself, None when there is none behind `unit`."""
+    if unit in path:
+        return [*path[path.index(unit) :], unit]
+    if unit in done:
+        return None
+    for used in sorted(graph.get(unit, ())):
+        found = find_cycle(graph, used, [*path, unit], done)
+        if found:
+            return found
+    done.add(unit)
+    return None
