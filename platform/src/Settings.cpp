@@ -96,6 +96,23 @@ void readProxy(const Group& group, Settings& settings) {
     settings.proxyPort = static_cast<std::uint32_t>(*port);
 }
 
+/// The text without what stands behind a ';' that follows a space, a tab or a line's beginning:
+/// GLib knows no such comments. A ';' that ends a listed name follows the name directly.
+std::string withoutTrailingComments(std::string_view text) {
+    std::string kept;
+    kept.reserve(text.size());
+    bool inComment = false;
+    char before = '\n';
+    for (const char c : text) {
+        const bool mayBegin = before == ' ' || before == '\t' || before == '\n';
+        inComment = c != '\n' && (inComment || (c == ';' && mayBegin));
+        if (!inComment)
+            kept += c;
+        before = c;
+    }
+    return kept;
+}
+
 } // namespace
 
 std::optional<Settings> parseSettings(std::string_view text) {
@@ -103,7 +120,9 @@ std::optional<Settings> parseSettings(std::string_view text) {
     if (text.find('\0') != std::string_view::npos)
         return std::nullopt;
     const KeyFile file(g_key_file_new());
-    if (!g_key_file_load_from_data(file.get(), text.data(), text.size(), G_KEY_FILE_NONE, nullptr))
+    const std::string lines = withoutTrailingComments(text);
+    if (!g_key_file_load_from_data(file.get(), lines.data(), lines.size(), G_KEY_FILE_NONE,
+                                   nullptr))
         return std::nullopt;
     try {
         Settings settings;

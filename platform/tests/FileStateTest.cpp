@@ -137,6 +137,29 @@ TEST_F(FileStateTest, FileThatHasBeenEmptyForLongMeansDefaults) {
     EXPECT_EQ(imei(), "");
 }
 
+TEST_F(FileStateTest, CommentsMayFollowValuesAndGroups) {
+    write("; first line\n"
+          "[System]              ; the device\n"
+          "Imei=490154203237518  ; its identity\n"
+          "[Connections]\n"
+          "List=a;b;             ; names, each with its own ';'\n"
+          "[Connection a]        ; the first\n"
+          "Kind=1                ; integer\n"
+          "[Connection b]\n"
+          "[Proxy]\t; tabs as well\n"
+          "Host=host;name\n");
+    EXPECT_EQ(imei(), "490154203237518");
+    const auto manager =
+        std::unique_ptr<network::IConnectionManager>(network::IConnectionManager::create(nullptr));
+    EXPECT_EQ(manager->connectionCount(), 2U);
+    network::ConnectionInfo first;
+    ASSERT_TRUE(manager->findConnection("a", first));
+    EXPECT_EQ(first.kind, 1);
+    network::ProxyQuery query;
+    ASSERT_EQ(manager->lookUpProxy("https://h:443/", &query), network::kProxyFound);
+    EXPECT_STREQ(query.host, "host;name");
+}
+
 TEST_F(FileStateTest, UnknownGroupsAndKeysAreIgnored) {
     write("[Other]\nKey=1\n[System]\nOther=1\nImei=2\n");
     EXPECT_EQ(imei(), "2");
