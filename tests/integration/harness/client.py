@@ -27,8 +27,7 @@ class BusError(Exception):
     @classmethod
     def of(cls, error):
         name = Gio.DBusError.get_remote_error(error) or "local"
-        Gio.DBusError.strip_remote_error(error)
-        return cls(name, error.message)
+        return cls(name, error.message.removeprefix(f"GDBus.Error:{name}: "))
 
 
 class PendingCall:

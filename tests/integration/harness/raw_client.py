@@ -35,6 +35,7 @@ class RawClient:
         self._socket.connect(path)
         self._authenticate()
         self.name = self.ask_bus("Hello").get_body().unpack()[0]
+        self.signal("NameAcquired")
 
     def close(self):
         self._socket.close()
