@@ -16,9 +16,6 @@ constexpr auto kNone = std::string_view::npos;
 constexpr std::string_view kLineBreak = "\r\n";
 constexpr std::string_view kHeadStart = "HTTP";
 
-/// Between parts only the first bytes of what arrives are ever looked at.
-constexpr std::size_t kBytesKeptBetweenParts = kBlankLine.size();
-
 /// The end of `bytes` that may be the line break in front of a delimiter.
 std::string_view lineBreakAtEnd(std::string_view bytes) {
     if (bytes.ends_with(kLineBreak)) {
@@ -106,9 +103,9 @@ void SlpResponseParser::feedBody(std::string_view chunk) {
 
 void SlpResponseParser::feedWithoutDelimiter(std::string_view chunk) {
     if (!insidePart_) {
-        const std::size_t kept = std::min(pending_.size(), kBytesKeptBetweenParts);
-        pending_.append(chunk.substr(0, kBytesKeptBetweenParts - kept));
-    } else if (inHeaderPart_) {
+        return; // the preamble
+    }
+    if (inHeaderPart_) {
         pending_.append(chunk);
     } else if (currentRequest_ != nullptr) {
         give(chunk, false);
@@ -122,7 +119,6 @@ void SlpResponseParser::feedWithoutDelimiter(std::string_view chunk) {
 
 void SlpResponseParser::openPart() noexcept {
     pending_.clear();
-    held_.clear();
     skipping_ = false;
     insidePart_ = true;
 }
@@ -137,11 +133,6 @@ void SlpResponseParser::startPart(std::string_view piece, bool closesResponse) {
 void SlpResponseParser::completePart(std::string_view piece) {
     if (!skipping_) {
         handlePart(piece, true);
-    }
-    insidePart_ = false;
-    skipping_ = false;
-    if (!inHeaderPart_) {
-        pending_.clear();
     }
 }
 

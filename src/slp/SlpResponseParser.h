@@ -71,11 +71,12 @@ private:
     std::string delimiter_;        // "--" and the boundary
     std::string closingDelimiter_; // the delimiter and "--"
     std::string startId_;
-    std::string pending_;       // unfinished head, start part, or first bytes between parts
-    std::string held_;          // line break at the end of the last chunk, at most two bytes
-    bool insidePart_ = false;   // a delimiter has been seen: what follows belongs to a part
-    bool inHeaderPart_ = false; // that part is the start part
-    bool skipping_ = false;     // that part belongs to nobody
+    std::string pending_; // unfinished head, empty line behind a head, or start part
+    std::string held_;    // line break at the end of the last chunk, at most two bytes
+    bool insidePart_ =
+        false; // the first delimiter has been seen: all that follows belongs to parts
+    bool inHeaderPart_ = false;             // that part is the start part
+    bool skipping_ = false;                 // that part belongs to nobody
     RequestData* currentRequest_ = nullptr; // the request that the part belongs to
     std::size_t currentPosition_ = 0;       // its place in requests_
     bool hasError_ = false;

@@ -73,6 +73,8 @@ protected:
         EXPECT_EQ(parser_->errorText(), text);
     }
 
+    bool hasError() const { return parser_->hasError(); }
+
     void expectNoError() { EXPECT_FALSE(parser_->hasError()) << parser_->errorText(); }
 
     RequestData& request(std::size_t index) { return exchange_->request(index); }

@@ -1,6 +1,7 @@
 #include "slp/ResponseHead.h"
 
 #include <gtest/gtest.h>
+#include <ostream>
 #include <string>
 
 namespace orvexd {
@@ -137,6 +138,10 @@ struct StatusCase {
     long status;
     int code;
 };
+
+std::ostream& operator<<(std::ostream& out, const StatusCase& test) {
+    return out << "HTTP status " << test.status;
+}
 
 class StatusToErrorCode : public testing::TestWithParam<StatusCase> {};
 

@@ -171,8 +171,11 @@ TEST_F(SlpResponseBody, AcceptsAMissingPreambleAndAnyPreamble) {
     }
 }
 
-TEST_F(SlpResponseBody, KeepsNothingOfALongPreambleButItsFirstBytes) {
-    feedAll({"HT", "TPx", "HTTP is how a chunk begins behind such a preamble"});
+TEST_F(SlpResponse, ForgetsTheErrorStatusWhenThePreambleLooksLikeAHead) {
+    feed("HTTP/1.1 503 Busy\r\nContent-Type: m; boundary=bb; start=s\r\n\r\n");
+    EXPECT_TRUE(hasError());
+    feed("HTTP is how the first chunk of the body begins");
+    expectNoError();
     feed(startPart({"a", "b"}) + part("a", "A") + part("b", "B") + kEnd);
     finish();
     expectNoError();
@@ -288,6 +291,14 @@ TEST_F(SlpResponseBody, KeepsANextPartWithTheEarlierRequestThatExpectsIt) {
          part("n", "N") + part("a", "A") + kEnd);
     finish();
     EXPECT_EQ(parts(1), (Parts{"N", "A"}));
+}
+
+TEST_F(SlpResponseBody, ForgetsANextPartWhenASecondStartPartArrives) {
+    feed(startPart({"a", "b"}) + "\r\n--bb\r\nContent-Id: a\r\nX-SLP-Next-part-ID: n\r\n\r\nA" +
+         startPart({"-", "n"}) + part("n", "N") + kEnd);
+    finish();
+    EXPECT_EQ(parts(1), Parts{"A"});
+    EXPECT_EQ(parts(2), Parts{"N"});
 }
 
 TEST_F(SlpResponseBody, ReplacesTheAnnouncedIdsByThoseOfASecondStartPart) {
