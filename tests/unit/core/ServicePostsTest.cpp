@@ -1,6 +1,6 @@
 #include "core/ServicePosts.h"
 
-#include "support/MainContext.h"
+#include "fakes/MainContext.h"
 
 #include <array>
 #include <functional>
@@ -12,7 +12,7 @@
 namespace orvexd {
 namespace {
 
-using test::dispatchReady;
+using test::drainMainContext;
 using test::iterateUntil;
 
 /// Writes down each call as text.
@@ -59,7 +59,7 @@ class ServicePostsTest : public testing::Test {
 protected:
     void arrive(std::size_t count) {
         EXPECT_TRUE(iterateUntil([&] { return service_.calls.size() >= count; }));
-        dispatchReady();
+        drainMainContext();
     }
 
     RecordingService service_;
@@ -102,7 +102,7 @@ TEST_F(ServicePostsTest, ErrorCarriesCodeMessageAndKeys) {
 TEST_F(ServicePostsTest, EachPostArrivesOnce) {
     posts_.postConnectionStatus(1);
     arrive(1);
-    dispatchReady();
+    drainMainContext();
     EXPECT_EQ(service_.calls.size(), 1U);
 }
 

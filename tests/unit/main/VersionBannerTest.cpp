@@ -2,8 +2,8 @@
 
 #include "fakes/FakePlatform.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <regex>
 #include <string>
 
 namespace orvexd {
@@ -22,11 +22,10 @@ std::string bannerFor(const std::string& platformId) {
 
 TEST(VersionBanner, NamesVersionPlatformAndBuildTime) {
     const std::string banner = bannerFor("linux-generic");
-    EXPECT_TRUE(std::regex_match(
-        banner, std::regex("trilba 3\\.0\\.1415 \\[linux-generic\\] orvexd built: "
-                           "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 1-3][0-9] [0-9]{4} "
-                           "[0-9]{2}:[0-9]{2}:[0-9]{2}\n")))
-        << banner;
+    EXPECT_THAT(banner, testing::MatchesRegex(
+                            "trilba 3\\.0\\.1415 \\[linux-generic\\] orvexd built: "
+                            "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 1-3][0-9] "
+                            "[0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}\n"));
 }
 
 TEST(VersionBanner, EmptyPlatformIdLeavesTheBracketsEmpty) {

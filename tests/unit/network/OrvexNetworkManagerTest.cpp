@@ -1,8 +1,8 @@
 #include "network/OrvexNetworkManager.h"
 
 #include "fakes/FakePlatform.h"
+#include "fakes/MainContext.h"
 #include "support/Deployment.h"
-#include "support/MainContext.h"
 
 #include <algorithm>
 #include <atomic>
@@ -20,7 +20,7 @@
 namespace orvexd {
 namespace {
 
-using test::dispatchReady;
+using test::drainMainContext;
 using test::iterateUntil;
 using trilba::network::ConnectionInfo;
 using trilba::network::ProxyQuery;
@@ -237,7 +237,7 @@ TEST_F(OrvexNetworkManagerTest, EmptyHooksTellNobody) {
     manager_->onSecondaryNotification();
     manager_->keepOpen(10);
     manager_->release();
-    dispatchReady();
+    drainMainContext();
     EXPECT_EQ(owner_.calls, Calls{});
     EXPECT_EQ(manager_->currentStatus(), 3U);
 }
@@ -299,7 +299,7 @@ TEST_F(OrvexNetworkManagerTest, NotificationsThatOutliveItAreDropped) {
     start({entry(1, true, false)});
     std::thread([] { fake_platform::notifyObservers(); }).join();
     manager_.reset();
-    dispatchReady();
+    drainMainContext();
     EXPECT_EQ(owner_.calls, Calls{});
 }
 

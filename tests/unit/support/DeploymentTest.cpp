@@ -1,15 +1,14 @@
 #include "support/Deployment.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <regex>
 #include <string>
 
 namespace orvexd {
 namespace {
 
 TEST(Deployment, ServerUrlIsHttpsWithAnExplicitPort) {
-    EXPECT_TRUE(std::regex_match(deployment::kServerUrl, std::regex("https://[^/:]+:[0-9]+(/.*)?")))
-        << deployment::kServerUrl;
+    EXPECT_THAT(deployment::kServerUrl, testing::MatchesRegex("https://[^/:]+:[0-9]+(/.*)?"));
 }
 
 TEST(Deployment, ValuesAreThoseOfTheConfiguration) {

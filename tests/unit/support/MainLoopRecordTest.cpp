@@ -1,7 +1,8 @@
 #include "support/MainLoopRecord.h"
 
-#include "support/MainContext.h"
+#include "fakes/MainContext.h"
 
+#include <algorithm>
 #include <array>
 #include <functional>
 #include <gtest/gtest.h>
@@ -13,7 +14,7 @@ namespace orvexd {
 namespace {
 
 using namespace std::chrono_literals;
-using test::dispatchReady;
+using test::drainMainContext;
 using test::iterateUntil;
 
 /// Runs a function and tells when it is freed.
@@ -49,7 +50,7 @@ TEST(MainLoopRecord, RunsOnceAndIsFreed) {
         0ms, [&] { ++runs; }, &freed);
     EXPECT_EQ(runs, 0) << "never inside the post";
     EXPECT_TRUE(iterateUntil([&] { return freed > 0; }));
-    dispatchReady();
+    drainMainContext();
     EXPECT_EQ(runs, 1);
     EXPECT_EQ(freed, 1);
 }

@@ -1,6 +1,7 @@
 #include "support/MainLoopTimer.h"
 
-#include "support/MainContext.h"
+#include "fakes/MainContext.h"
+#include "support/GlibComplaints.h"
 
 #include <gtest/gtest.h>
 #include <memory>
@@ -9,7 +10,7 @@ namespace orvexd {
 namespace {
 
 using namespace std::chrono_literals;
-using test::dispatchReady;
+using test::drainMainContext;
 using test::iterateUntil;
 
 TEST(MainLoopTimer, IsNotPendingInTheBeginning) {
@@ -24,7 +25,7 @@ TEST(MainLoopTimer, RunsItsActionOnce) {
     EXPECT_TRUE(timer.isPending());
     EXPECT_EQ(runs, 0) << "never inside start";
     EXPECT_TRUE(iterateUntil([&] { return runs > 0; }));
-    dispatchReady();
+    drainMainContext();
     EXPECT_EQ(runs, 1);
 }
 
@@ -55,7 +56,7 @@ TEST(MainLoopTimer, CancelForgetsTheAction) {
     timer.start(0ms, [&] { ran = true; });
     timer.cancel();
     EXPECT_FALSE(timer.isPending());
-    dispatchReady();
+    drainMainContext();
     EXPECT_FALSE(ran);
 }
 
@@ -94,7 +95,7 @@ TEST(MainLoopTimer, CancelInsideItsActionIsHarmless) {
         ran = true;
     });
     EXPECT_TRUE(iterateUntil([&] { return ran; }));
-    dispatchReady();
+    drainMainContext();
     EXPECT_EQ(complaints.number(), 0);
 }
 
@@ -123,7 +124,7 @@ TEST(MainLoopTimer, IsRemovedWhenItGoesOutOfScope) {
         MainLoopTimer timer;
         timer.start(0ms, [&] { ran = true; });
     }
-    dispatchReady();
+    drainMainContext();
     EXPECT_FALSE(ran);
 }
 

@@ -1,34 +1,8 @@
 #pragma once
 
-#include <chrono>
-#include <functional>
 #include <glib.h>
 
 namespace orvexd::test {
-
-/// Dispatches what is ready on the default main context, until nothing is.
-inline void dispatchReady() {
-    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
-    }
-}
-
-/// Iterates the default main context until `done` holds; gives up after ten seconds.
-/// @return what `done` says in the end.
-inline bool iterateUntil(const std::function<bool()>& done) {
-    bool late = false;
-    const guint watchdog = g_timeout_add(
-        10000,
-        [](gpointer flag) -> gboolean {
-            *static_cast<bool*>(flag) = true;
-            return G_SOURCE_CONTINUE;
-        },
-        &late);
-    while (!done() && !late) {
-        g_main_context_iteration(nullptr, TRUE);
-    }
-    g_source_remove(watchdog);
-    return done();
-}
 
 /// Counts the warnings and criticals that GLib would print.
 class GlibComplaints {
