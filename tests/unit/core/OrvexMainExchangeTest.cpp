@@ -230,19 +230,19 @@ TEST_F(OrvexMainExchangeTest, keepsRequestsThatWaitWhenAnExchangeFails) {
 }
 
 TEST_F(OrvexMainExchangeTest, signalsAFailureAlsoWhenEveryRequestWasDelivered) {
-    fake_curl::addScript([this](fake_curl::Transfer& transfer) {
+    holdExchange([this](fake_curl::Transfer& transfer) {
         EXPECT_TRUE(transfer.readAll(sent_));
         answer(transfer, 1);
         return CURLE_PARTIAL_FILE;
     });
-    prepare(1);
-    gateway().getData(1, 1);
+    gateway().getData(1, prepare(1));
+    proceed_.open();
     expectEvent(failed(2204, curl_easy_strerror(CURLE_PARTIAL_FILE), ""));
     EXPECT_THAT(service_.only("chunk"), ElementsAre("chunk 1:1 2303 [answer 1]"));
 }
 
 TEST_F(OrvexMainExchangeTest, completesAPartThatWasCutOffAndDeliversIt) {
-    fake_curl::addScript([this](fake_curl::Transfer& transfer) {
+    holdExchange([this](fake_curl::Transfer& transfer) {
         EXPECT_TRUE(transfer.readAll(sent_));
         const std::string body = answerBody(1);
         transfer.respond("HTTP/1.1 200 OK\r\n"
@@ -252,6 +252,7 @@ TEST_F(OrvexMainExchangeTest, completesAPartThatWasCutOffAndDeliversIt) {
     });
     open(2); // the client fetches two bytes at a time
     gateway().getData(2, prepare(2));
+    proceed_.open();
     expectEvent(failed(2204, curl_easy_strerror(CURLE_PARTIAL_FILE), "2:1"));
     EXPECT_THAT(service_.only("chunk"), ElementsAre("chunk 2:1 2301 [an]"));
 }
@@ -397,7 +398,9 @@ TEST_F(OrvexMainExchangeTest, staysInOrderOverManyExchangesInARow) {
         }
         const std::uint32_t request = prepare(1);
         EXPECT_EQ(request, i);
-        gateway().getData(1, request);
+        if (i % 3 != 0) { // a failed one may be gone already
+            gateway().getData(1, request);
+        }
         finishExchange();
         EXPECT_FALSE(exists(1, request));
     }

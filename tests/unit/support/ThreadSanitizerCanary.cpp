@@ -1,0 +1,136 @@
+// Shows that the thread sanitizer, with the suppressions that the tests run under, still reports a
+// race on a GLib thread, and that locks and posts as the daemon uses them are no races to it. The
+// first argument selects the case; the sanitizer makes the exit status 66 when it has reported.
+
+#include "support/Locks.h"
+#include "support/MainLoopRecord.h"
+#include "support/WorkerThread.h"
+
+#include <chrono>
+#include <glib.h>
+#include <iostream>
+#include <memory>
+#include <string_view>
+
+namespace {
+
+using namespace orvexd;
+
+struct Shared {
+    Mutex mutex;
+    Condition condition;
+    RecursiveMutex recursiveMutex;
+    bool ready = false;
+    int field = 0;
+};
+
+constexpr std::chrono::microseconds kPatience = std::chrono::seconds(30);
+
+gint64 patienceFromNow() {
+    return g_get_monotonic_time() + kPatience.count();
+}
+
+/// Runs `entry` on a GLib thread beside `here`.
+bool runBeside(Shared& shared, GThreadFunc entry, void (*here)(Shared&)) {
+    WorkerThread worker;
+    if (!worker.start("HttpClient", entry, &shared)) {
+        return false;
+    }
+    here(shared);
+    return true;
+}
+
+gpointer countUnlocked(gpointer shared) {
+    ++static_cast<Shared*>(shared)->field;
+    return nullptr;
+}
+
+gpointer countLocked(gpointer data) {
+    auto& shared = *static_cast<Shared*>(data);
+    const Lock guard(shared.mutex);
+    ++shared.field;
+    return nullptr;
+}
+
+gpointer countRecursivelyLocked(gpointer data) {
+    auto& shared = *static_cast<Shared*>(data);
+    const RecursiveLock guard(shared.recursiveMutex);
+    ++shared.field;
+    return nullptr;
+}
+
+gpointer signalReady(gpointer data) {
+    auto& shared = *static_cast<Shared*>(data);
+    const Lock guard(shared.mutex);
+    shared.field = 1;
+    shared.ready = true;
+    shared.condition.broadcast();
+    return nullptr;
+}
+
+void awaitReady(Shared& shared) {
+    const gint64 deadline = patienceFromNow();
+    const Lock guard(shared.mutex);
+    while (!shared.ready && shared.condition.waitUntil(shared.mutex, deadline)) {
+    }
+    ++shared.field;
+}
+
+struct Post : MainLoopRecord {
+    Post(Shared& target, int content) : shared(target), value(content) {}
+    void run() override {
+        shared.field += value;
+        shared.ready = true;
+    }
+    Shared& shared;
+    int value;
+};
+
+gpointer postValue(gpointer data) {
+    postToMainLoop(std::chrono::milliseconds(0),
+                   std::make_unique<Post>(*static_cast<Shared*>(data), 7));
+    return nullptr;
+}
+
+void iterateUntilReady(Shared& shared) {
+    while (!shared.ready) {
+        g_main_context_iteration(nullptr, TRUE);
+    }
+}
+
+bool run(std::string_view name) {
+    Shared shared;
+    if (name == "unlocked") {
+        return runBeside(shared, countUnlocked, [](Shared& here) { ++here.field; });
+    }
+    if (name == "one-lock-missing") {
+        return runBeside(shared, countLocked, [](Shared& here) { ++here.field; });
+    }
+    if (name == "one-recursive-lock-missing") {
+        return runBeside(shared, countRecursivelyLocked, [](Shared& here) { ++here.field; });
+    }
+    if (name == "locked") {
+        return runBeside(shared, countLocked, [](Shared& here) { (void)countLocked(&here); });
+    }
+    if (name == "recursively-locked") {
+        return runBeside(shared, countRecursivelyLocked,
+                         [](Shared& here) { (void)countRecursivelyLocked(&here); });
+    }
+    if (name == "condition") {
+        return runBeside(shared, signalReady, awaitReady);
+    }
+    if (name == "posted") {
+        return runBeside(shared, postValue, iterateUntilReady);
+    }
+    return false;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 2 && run(argv[1])) {
+        return 0;
+    }
+    std::cerr << "no such case\n";
+    return 1;
+}
