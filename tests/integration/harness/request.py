@@ -1,6 +1,6 @@
 """One request of one client, from connect to its end."""
 
-from .client import RESPONSE_COMPLETE
+from .client import RESPONSE_COMPLETE, BusError
 
 
 class Request:
@@ -32,6 +32,14 @@ class Request:
     def ask(self):
         """Asks for the next chunk and does not wait: a PendingCall."""
         return self.client.getData(self.connection, self.id)
+
+    def ask_error(self):
+        """The number with which the daemon refuses to give the next chunk."""
+        try:
+            self.ask().wait()
+        except BusError as error:
+            return error.code
+        raise AssertionError(f"{self.key}: getData was answered")
 
     def fetch(self):
         """The parts of the whole answer."""
