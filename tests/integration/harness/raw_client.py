@@ -24,10 +24,14 @@ SIGNAL = Gio.DBusMessageType.SIGNAL
 
 
 class RawClient:
-    """One bus connection without a library behind it. `received` keeps what nobody took yet."""
+    """One bus connection without a library behind it.
+
+    `received` keeps what nobody has taken yet, `history` all that has ever arrived.
+    """
 
     def __init__(self, address):
         self.received = []
+        self.history = []
         self._serials = itertools.count(1)
         self._data = b""
         path = address.removeprefix("unix:path=").partition(",")[0]
@@ -165,7 +169,9 @@ class RawClient:
             if len(self._data) < size:
                 return
             blob, self._data = self._data[:size], self._data[size:]
-            self.received.append(Gio.DBusMessage.new_from_blob(blob, _NO_CAPABILITIES))
+            message = Gio.DBusMessage.new_from_blob(blob, _NO_CAPABILITIES)
+            self.received.append(message)
+            self.history.append(message)
 
     def _find_answer(self, serial):
         return next(
