@@ -4,6 +4,7 @@ import random
 
 import pytest
 
+from harness import shared
 from harness.client import PART_COMPLETE, PART_CONTINUES, RESPONSE_COMPLETE
 from harness.request import Request, errors, expect_no_error
 from harness.response import (
@@ -23,6 +24,8 @@ MISSING = (2001, "missing MIME parts")
 FAULTY = (2001, "faulty MIME data")
 
 START_A = start_part("a") + "\r\n"
+bus, server, platform, preinst, daemon, fresh = shared.FIXTURES
+
 DELIVERED = ""  # the key list of a failure after whose parts nothing is left to deliver
 
 
@@ -116,7 +119,7 @@ def test_one_get_data_gets_one_chunk(ask, client, server):
     assert request.first.wait() == (b"one", PART_CONTINUES)
 
     server.give("go", 2)
-    server.wait(1)
+    server.wait(server.last)
     assert request.fetch_part() == (b"twothree", RESPONSE_COMPLETE)
     expect_no_error(client)
 

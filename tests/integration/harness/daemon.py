@@ -60,7 +60,7 @@ class Daemon:
         watch = NameWatch(self.environment["DBUS_SYSTEM_BUS_ADDRESS"])
         try:
             self.launch()
-            waiting.guards.append(self._guard)
+            self.guard()
             waiting.wait_for(lambda: watch.owner, 20, f"the name {BUS_NAME}")
             # It takes the name first; only the loop's answer tells that it minds signals.
             waiting.wait_for(watch.asked_for_answer(), 20, "the daemon's first answer")
@@ -70,6 +70,10 @@ class Daemon:
         finally:
             watch.close()
         return self
+
+    def guard(self):
+        """From now on every wait fails at once when it has ended."""
+        waiting.guards.append(self._guard)
 
     def launch(self):
         """Starts it and waits for nothing, for starts that are meant to fail."""
