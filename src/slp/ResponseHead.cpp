@@ -1,6 +1,7 @@
 #include "slp/ResponseHead.h"
 
 #include "slp/TextSearch.h"
+#include "support/FailureCode.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -21,7 +22,7 @@ bool parseStatus(std::string_view head, std::optional<SlpError>& error) {
     if (!head.starts_with("HTTP")) {
         std::string text = "Malformed response from server: should start with HTTP, instead of: [";
         text.append(head).append("]");
-        error = SlpError{kSlpNotAccepted, std::move(text)};
+        error = SlpError{failure::kRefusedByServer, std::move(text)};
         return false;
     }
     const std::size_t codeBegin = head.find(' ') + 1; // npos + 1 is 0
@@ -30,7 +31,7 @@ bool parseStatus(std::string_view head, std::optional<SlpError>& error) {
     errno = 0;
     const long status = std::strtol(digits.c_str(), nullptr, 10);
     if (errno != 0) {
-        error = SlpError{kSlpNotAccepted, "No HTTP response code"};
+        error = SlpError{failure::kRefusedByServer, "No HTTP response code"};
         return false;
     }
     if (status >= kFirstErrorStatus) {
@@ -60,7 +61,7 @@ ResponseHead parseResponseHead(std::string_view head) {
     }
     const std::size_t contentType = findIgnoringCase(head, "content-type");
     if (contentType == kNone) {
-        result.error = SlpError{kSlpFormatError, "No Content-Type header"};
+        result.error = SlpError{failure::kFormat, "No Content-Type header"};
         return result;
     }
     const std::string_view line = upTo(head.substr(contentType), '\n');
@@ -69,9 +70,9 @@ ResponseHead parseResponseHead(std::string_view head) {
     // The delimiter is a text, and a text ends at its first NUL.
     multipart.boundary.resize(upTo(multipart.boundary, '\0').size());
     if (multipart.startId.empty()) {
-        result.error = SlpError{kSlpFormatError, "'start' attribute not found"};
+        result.error = SlpError{failure::kFormat, "'start' attribute not found"};
     } else if (multipart.boundary.empty()) {
-        result.error = SlpError{kSlpFormatError, "boundary not found"};
+        result.error = SlpError{failure::kFormat, "boundary not found"};
     }
     result.multipart = std::move(multipart);
     return result;
@@ -79,19 +80,19 @@ ResponseHead parseResponseHead(std::string_view head) {
 
 int statusToErrorCode(long status) noexcept {
     if (status < kFirstErrorStatus) {
-        return kSlpUnexpectedStatus;
+        return failure::kNotAccepting;
     }
     if (status >= kFirstServerError) {
-        return kSlpServerError;
+        return failure::kServerError;
     }
     switch (status) {
     case 400:
-        return kSlpBadRequest;
+        return failure::kUnknownRequest;
     case 401:
     case 403:
-        return kSlpAccessDenied;
+        return failure::kNotAuthorized;
     default:
-        return kSlpClientError;
+        return failure::kTransport;
     }
 }
 

@@ -1,6 +1,7 @@
 #include "slp/SlpDocument.h"
 
 #include "slp/TextSearch.h"
+#include "support/FailureCode.h"
 
 #include <charconv>
 #include <limits>
@@ -22,7 +23,7 @@ XmlText attribute(const xmlNode& element, const char* name) {
 }
 
 SlpError formatError(const char* text) {
-    return {kSlpFormatError, text};
+    return {failure::kFormat, text};
 }
 
 bool isDigits(std::string_view text) {
@@ -80,7 +81,7 @@ std::optional<SlpError> parseSlpResponse(xmlNode* root, ResultMap& results) {
     const XmlText status = attribute(*response, "status");
     const std::string statusText = status ? asText(status) : "";
     if (statusText != "ok") {
-        return SlpError{kSlpNotAccepted, statusText};
+        return SlpError{failure::kRefusedByServer, statusText};
     }
     for (xmlNode* child = xmlFirstElementChild(response); child != nullptr;
          child = xmlNextElementSibling(child)) {

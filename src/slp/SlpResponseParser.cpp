@@ -3,6 +3,7 @@
 #include "slp/PartHeader.h"
 #include "slp/ResponseHead.h"
 #include "slp/TextSearch.h"
+#include "support/FailureCode.h"
 
 #include <algorithm>
 #include <utility>
@@ -110,10 +111,18 @@ void SlpResponseParser::feedWithoutDelimiter(std::string_view chunk) {
     } else if (currentRequest_ != nullptr) {
         give(chunk, false);
     } else if (!skipping_) { // the delimiter, or its line break, ended the chunk before
-        const std::size_t blankLine = findBytes(chunk, kBlankLine);
-        if (blankLine != kNone) {
-            handleNewPart(chunk, blankLine, false);
-        }
+        collectHeaderBlock(chunk);
+    }
+}
+
+/// Keeps the header lines of a new part until their empty line has come.
+void SlpResponseParser::collectHeaderBlock(std::string_view chunk) {
+    const std::size_t searched = pending_.size() - std::min(pending_.size(), kBlankLine.size() - 1);
+    pending_.append(chunk);
+    const std::size_t blankLine = findBytes(pending_, kBlankLine, searched);
+    if (blankLine != kNone) {
+        const std::string part = std::exchange(pending_, {});
+        handleNewPart(part, blankLine, false);
     }
 }
 
@@ -136,7 +145,8 @@ void SlpResponseParser::completePart(std::string_view piece) {
     }
 }
 
-/// Takes the next bytes of the current part; `pending_` holds those before only for the start part.
+/// Takes the next bytes of the current part; `pending_` holds those before for the start part, and
+/// for a part whose header block is not complete.
 void SlpResponseParser::handlePart(std::string_view piece, bool partComplete) {
     if (currentRequest_ != nullptr) {
         give(piece, partComplete);
@@ -152,11 +162,16 @@ void SlpResponseParser::handlePart(std::string_view piece, bool partComplete) {
         }
         return;
     }
+    std::string joined;
+    if (!pending_.empty()) {
+        joined = std::exchange(pending_, {}).append(piece);
+        piece = joined;
+    }
     const std::size_t blankLine = findBytes(piece, kBlankLine);
     if (blankLine != kNone) {
         handleNewPart(piece, blankLine, partComplete);
     } else if (!piece.empty() && piece != kLineBreak) {
-        recordError(kSlpFormatError, "faulty MIME data");
+        recordError(failure::kFormat, "faulty MIME data");
     }
 }
 
@@ -238,12 +253,12 @@ void SlpResponseParser::give(std::string_view bytes, bool partComplete, bool fir
 void SlpResponseParser::parseSlpHeaderPart(std::string_view part) {
     const std::size_t blankLine = findBytes(part, kBlankLine);
     if (blankLine == kNone) {
-        recordError(kSlpFormatError, "Invalid SLP header part");
+        recordError(failure::kFormat, "Invalid SLP header part");
         return;
     }
     const XmlDocument document = readSlpDocument(part.substr(blankLine + kBlankLine.size()));
     if (!document) {
-        recordError(kSlpFormatError, "could not parse document");
+        recordError(failure::kFormat, "could not parse document");
     } else if (auto error = parseSlpResponse(xmlDocGetRootElement(document.get()), resultMap_)) {
         recordError(error->code, std::move(error->text));
     } else {
@@ -278,7 +293,7 @@ void SlpResponseParser::finish() {
         return request->hasExpectedPartIds() && !request->hasOutstandingPartIds();
     });
     if (!complete) {
-        recordError(kSlpFormatError, "missing MIME parts");
+        recordError(failure::kFormat, "missing MIME parts");
     }
 }
 

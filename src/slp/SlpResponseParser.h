@@ -50,6 +50,7 @@ private:
     void feedHead(std::string_view chunk);
     void feedBody(std::string_view chunk);
     void feedWithoutDelimiter(std::string_view chunk);
+    void collectHeaderBlock(std::string_view chunk);
     void parseHead(std::string_view head);
 
     void openPart() noexcept;

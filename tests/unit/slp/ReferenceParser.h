@@ -145,8 +145,8 @@ inline void ReferenceParser::feedWithoutDelimiter(const std::string& rest) {
         pending_ += rest;
         if (pending_.find(kEmptyLine) != std::string::npos) {
             handlePart(false);
+            clearUnlessHeaderPart();
         }
-        clearUnlessHeaderPart();
     }
 }
 

@@ -663,12 +663,28 @@ TEST_F(SlpResponseBody, LosesAPartWhoseIdIsSplit) {
     expectError(1003, kMissing);
 }
 
-TEST_F(SlpResponseBody, DoesNotPutAHeaderBlockTogetherBehindADelimiterThatEndedAChunk) {
+TEST_F(SlpResponseBody, PutsAHeaderBlockTogetherBehindADelimiterThatEndedAChunk) {
     begin(1);
-    feedAll({startPart({"a"}) + "\r\n--bb", "\r\nContent-Id: a\r\n", "\r\nA", kEnd});
+    feedAll({startPart({"a"}) + "\r\n--bb", "\r\nContent-Id: a\r\n", "\r", "\nA", kEnd});
     finish();
-    expectError(1003, kMissing);
-    EXPECT_EQ(parts(1), Parts{});
+    expectNoError();
+    EXPECT_EQ(parts(1), Parts{"A"});
+}
+
+TEST_F(SlpResponseBody, CompletesAHeaderBlockAtTheNextDelimiter) {
+    begin(1);
+    feedAll({startPart({"a"}) + "\r\n--bb", "\r\nContent-Id: a\r\n", "\r\nA\r\n--bb--\r\n"});
+    finish();
+    expectNoError();
+    EXPECT_EQ(parts(1), Parts{"A"});
+}
+
+TEST_F(SlpResponseBody, ReportsACollectedHeaderBlockThatTheNextDelimiterCutsOff) {
+    begin(1);
+    feedAll({startPart({"a"}) + part("a", "A") + "\r\n--bb", "\r\nContent-Id: b", kEnd});
+    finish();
+    expectError(1003, kFaulty);
+    EXPECT_EQ(parts(1), Parts{"A"});
 }
 
 TEST_F(SlpResponseBody, ReportsSplitHyphensOfTheLastDelimiterAlthoughAllDataArrive) {
