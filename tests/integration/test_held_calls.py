@@ -70,7 +70,7 @@ def fixture_waiting(client, platform):
 def test_call_is_held_until_there_is_an_answer(client):
     request = begin(client)
     held = client.getData(*request)
-    client.status()
+    client.settle()
     assert not held.done
     client.sendData(*request, b"data")
     assert held.wait().data != b""
@@ -185,12 +185,12 @@ def test_second_call_replaces_the_held_one_which_is_never_answered(raw, client):
 def test_call_of_another_client_replaces_the_held_one_too(client, make_client):
     request = begin(client)
     first = client.getData(*request)
-    client.status()
+    client.settle()
     second = make_client().getData(*request)
-    client.status()
+    client.settle()
     client.sendData(*request, b"data")
     assert second.wait().data != b""
-    client.status()
+    client.settle()
     assert not first.done
 
 
@@ -326,7 +326,7 @@ def test_held_call_of_a_client_that_leaves_does_no_harm(raw, client, make_client
     request = begin(client)
     gone = make_client()
     gone.getData(*request)
-    gone.status()
+    gone.settle()
     gone.close()
     client.sendData(*request, b"data")
     # The first piece went to the one that left.

@@ -482,7 +482,7 @@ def test_request_under_way_outlives_its_connection_until_the_exchange_ends(clien
     assert client.sendData(connection, request, b"data") == 1001
     held = client.getData(connection, request)
     client.cancel(connection, request)
-    client.status()
+    client.settle()
     assert not held.done
     # Five seconds without data close its part; the answer comes, and finds a cancelled request.
     assert server.wait(1)["outcome"] == "answered"
@@ -490,6 +490,7 @@ def test_request_under_way_outlives_its_connection_until_the_exchange_ends(clien
     with pytest.raises(BusError) as refused:
         client.getData(connection, request).wait()
     assert refused.value.code == 41
+    client.settle()
     assert not held.done
 
 

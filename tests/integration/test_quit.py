@@ -102,9 +102,11 @@ def test_quit_right_behind_prepare_ends_the_starting_exchange(repetition, ending
 @pytest.mark.usefixtures("server")
 def test_quit_during_a_silent_requests_turn_waits_for_that_turns_end(ending, client):
     begin(client)
-    held = client.call_later("quit")
-    # The worker waits five seconds for data before it looks up.
-    held.wait(15)
+    observe.wait_until_worker_sleeps(ending.pid)
+    began = time.monotonic()
+    client.call_later("quit").wait(15)
+    # It sleeps for five seconds when no data come, and nobody wakes it for a quit.
+    assert time.monotonic() - began > 4.5
     assert ending.wait() == 0
     ending.expect_silence()
 

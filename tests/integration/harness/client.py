@@ -6,7 +6,7 @@ import re
 from gi.repository import Gio, GLib
 
 from .settings import BUS_NAME, OBJECT_PATH, patience
-from .waiting import wait_for
+from .waiting import dispatch_pending, wait_for
 
 PART_CONTINUES, PART_COMPLETE, RESPONSE_COMPLETE = 2301, 2302, 2303
 
@@ -198,6 +198,15 @@ class Client:
     def _on_signal(self, _bus, _sender, _path, _interface, name, arguments):
         self.signals.append(Signal(name, arguments.unpack()))
 
+    def settle(self):
+        """Returns when all that the daemon has decided to send so far has been handled here.
+
+        A handler's posts run before the second of two calls that come one after the other.
+        """
+        for _ in range(2):
+            self.call("Ping", interface="org.freedesktop.DBus.Peer")
+        dispatch_pending()
+
     # -- verbs for tests -----------------------------------------------------------------------
 
     def wait_for_signal(self, name, arguments=None, seconds=10):
@@ -216,6 +225,16 @@ class Client:
         found = wait_for(find, seconds, lambda: f"{name}{arguments or ''}, got {self.signals}")
         self.signals.remove(found)
         return found.arguments
+
+    def wait_for_any(self, *names, seconds=10):
+        """Waits for the first signal with one of these names, and takes it out of `signals`."""
+
+        def find():
+            return next((signal for signal in self.signals if signal.name in names), None)
+
+        found = wait_for(find, seconds, lambda: f"any of {names}, got {self.signals}")
+        self.signals.remove(found)
+        return found
 
     def wait_for_status(self, status, seconds=10):
         """Waits until the daemon reports this connection status."""

@@ -74,6 +74,20 @@ def has_worker(pid):
     return "HttpClient" in threads(pid).values()
 
 
+def wait_until_worker_sleeps(pid):
+    """Waits until the thread of an exchange waits for its client, which is where futexes are."""
+    futex = {"x86_64": "202"}[os.uname().machine]
+
+    def sleeps():
+        for task, name in threads(pid).items():
+            if name == "HttpClient":
+                words = pathlib.Path(f"/proc/{pid}/task/{task}/syscall").read_text("utf-8")
+                return words.split()[0] == futex
+        return False
+
+    poll_for(sleeps, 10, "the worker's sleep")
+
+
 def sleeping_for(pid):
     """How many milliseconds the main loop sleeps at most: inf without a timer, None when awake.
 
