@@ -135,9 +135,21 @@ def server(make_server):
     return make_server()
 
 
+@pytest.fixture(scope="session")
+def shared_server(tmp_path_factory, keys):
+    """A test server for all tests that neither tell it what to do nor look at its record."""
+    server = TestServer(tmp_path_factory.mktemp("server"), keys)
+    yield server
+    server.stop()
+
+
 @pytest.fixture
-def platform(tmp_path, server):
+def platform(tmp_path, request, reported):
     """The platform file: one active connection of kind 1, the test server as the proxy."""
+    wanted = "server" if "server" in request.fixturenames else "shared_server"
+    server = request.getfixturevalue(wanted)
+    if wanted == "shared_server":
+        reported("shared test server", server)
     platform = Platform(tmp_path / "platform.conf")
     platform.write(proxy=("127.0.0.1", server.port))
     return platform

@@ -172,16 +172,6 @@ def test_permission_is_read_at_each_question(informed, platform):
         assert prepare_code(informed, connection) == 0
 
 
-def test_other_files_of_the_directory_do_not_wake_the_daemon(daemon, platform):
-    observe.wait_until_idle(daemon.pid)
-    before = observe.wake_ups(daemon.pid)[daemon.pid]
-    for number in range(10):
-        (platform.path.parent / f"other{number}").write_text("text", "utf-8")
-    time.sleep(0.5)  # as long as a change of the file itself takes to be told
-    assert observe.wake_ups(daemon.pid)[daemon.pid] - before <= 20
-    assert observe.sleeping_for(daemon.pid) == float("inf")
-
-
 # -- identity --------------------------------------------------------------------------------------
 
 
