@@ -105,18 +105,15 @@ class Multipart:
                 yield Part(content_id, headers, pieces(part.get("body", "")))
 
     def _ordinary_parts(self):
-        requests = self._upload.slp.requests if self._upload.slp else []
-        for number, request in enumerate(requests, 1):
-            asked = next(
-                (
-                    part
-                    for part in self._upload.data_parts
-                    if self._upload.slp.request_of(part.header("Content-Id")) is request
-                ),
-                None,
-            )
-            if asked is not None:
-                yield self._ordinary_part(f"answer-{number}", request, asked)
+        if self._upload.slp is None:
+            return
+        asked = {}
+        for part in self._upload.data_parts:
+            asked.setdefault(part.header("Content-Id"), part)
+        for number, request in enumerate(self._upload.slp.requests, 1):
+            part = asked.get(request.get("href", "")[4:])
+            if part is not None:
+                yield self._ordinary_part(f"answer-{number}", request, part)
 
     def _ordinary_part(self, content_id, request, asked):
         counter = self._upload.counter_of(asked)

@@ -30,6 +30,9 @@ class SlpRequest:
         self.requests = [
             {"element": local_name(element.tag), **element.attrib} for element in root[0]
         ]
+        self._request_of = {}
+        for request in self.requests:
+            self._request_of.setdefault(request.get("href", "")[4:], request)
 
     def findings(self):
         """What a reader of the document has to object to."""
@@ -46,10 +49,7 @@ class SlpRequest:
 
     def request_of(self, content_id):
         """The request whose data the part with this id carries, or None."""
-        for request in self.requests:
-            if request.get("href", "")[4:] == content_id:
-                return request
-        return None
+        return self._request_of.get(content_id)
 
     def snapshot(self):
         return {
