@@ -5,6 +5,7 @@ import xml.etree.ElementTree as ElementTree
 
 from harness.client import PART_COMPLETE, RESPONSE_COMPLETE, Client
 from harness.keys import fill_preinst, make_keys
+from harness.request import Request
 from harness.settings import EXAMPLES
 
 FINGERPRINT = (EXAMPLES / "fingerprint.xml").read_bytes()
@@ -177,3 +178,145 @@ def test_clients_come_and_go(bus, daemon, server):  # pylint: disable=unused-arg
         client = Client(bus.address)
         assert client.exchange(FINGERPRINT)
         client.close()
+
+
+# -- when an exchange begins -----------------------------------------------------------------------
+
+
+HOLD = {"on": [{"at": "upload-end", "do": "wait", "event": "go"}]}
+
+
+def held_up(client, server):
+    """A request whose exchange goes no further until the event "go"."""
+    server.queue(HOLD)
+    request = Request(client, kind="other").give(b"held up")
+    server.wait(server.last, "upload-end")
+    return request
+
+
+def test_requests_prepared_during_an_exchange_share_the_next_one(make_client, server):
+    first, second = make_client(), make_client()
+    held = held_up(first, server)
+    waiting = [Request(client, kind="other") for client in (second, first, second)]
+    assert [record["number"] for record in server.exchanges()] == [1]
+
+    server.give("go")
+    assert held.fetch() == [b"held up"]
+    for request in waiting:
+        request.give(request.key.encode())
+    assert [request.fetch() for request in waiting] == [[each.key.encode()] for each in waiting]
+    assert [len(record["slp"]["requests"]) for record in server.exchanges()] == [1, 3]
+
+
+def test_next_exchange_begins_also_after_a_failed_one(client, server):
+    server.queue({"on": [*HOLD["on"], {"at": "response-head", "do": "reset"}]})
+    failing = Request(client, kind="other").give(b"held up")
+    server.wait(1, "upload-end")
+    waiting = Request(client, kind="other")
+
+    server.give("go")
+    code, _, keys = client.wait_for_signal("errorSignal")
+    assert (code, keys) == (2204, failing.key)
+    assert waiting.give(b"next").fetch() == [b"next"]
+
+
+def test_attached_request_starts_an_exchange_over_a_connection_of_kind_1(client, server):
+    client.wait_for_status(3)
+    request = Request(client, attached=True, kind="other").give(b"attached")
+    assert request.fetch() == [b"attached"]
+    assert server.last == 1
+
+
+def test_attached_request_waits_until_the_status_has_been_asked_for_once(client, server):
+    waiting = Request(client, attached=True, kind="other")
+    assert server.last == 0
+    client.wait_for_status(3)
+    assert server.last == 0
+
+    # The next request takes it along.
+    starting = Request(client, attached=True, kind="other")
+    for request in (waiting, starting):
+        assert request.give(request.key.encode())
+    for request in (waiting, starting):
+        assert request.fetch() == [request.key.encode()]
+    assert server.last == 1
+
+
+def test_attached_request_that_came_during_an_exchange_gets_its_own_over_kind_1(client, server):
+    held = held_up(client, server)
+    waiting = Request(client, attached=True, kind="other")
+    server.give("go")
+
+    assert held.fetch() == [b"held up"]
+    assert waiting.give(b"attached").fetch() == [b"attached"]
+    assert server.last == 2
+
+
+def test_attached_request_that_came_during_an_exchange_waits_over_kind_2(client, platform, server):
+    platform.write(connections=[(2, True, False)])
+    client.wait_for_status(1)
+    held = held_up(client, server)
+    waiting = Request(client, attached=True, kind="other")
+    server.give("go")
+    assert held.fetch() == [b"held up"]
+
+    prepared = Request(client, kind="other").give(b"prepared")
+    assert waiting.give(b"attached").fetch() == [b"attached"]
+    assert prepared.fetch() == [b"prepared"]
+    assert [len(record["slp"]["requests"]) for record in server.exchanges()] == [1, 2]
+
+
+def test_attached_request_leaves_when_a_connection_of_kind_1_comes(client, platform, server):
+    platform.write(connections=[(2, True, False)])
+    client.wait_for_status(1)
+    waiting = Request(client, attached=True, kind="other")
+    assert server.last == 0
+
+    platform.write(connections=[(1, True, False)])
+    assert waiting.give(b"attached").fetch() == [b"attached"]
+
+
+def test_request_cancelled_during_its_exchange_is_forgotten_at_its_end(client, server):
+    held = held_up(client, server)
+    held.cancel()
+    pending = held.ask()
+    server.give("go")
+
+    assert client.exchange(b"next", kind="other") == [b"next"]
+    assert not pending.done
+    assert held.ask_error() == 41
+
+
+def test_answer_can_be_fetched_long_after_its_exchange(client):
+    request = Request(client, kind="other").give(b"question")
+    for _ in range(3):
+        assert client.exchange(b"other", kind="other") == [b"other"]
+    assert request.fetch() == [b"question"]
+
+
+def test_request_that_was_fetched_after_its_exchange_goes_with_the_next_sweep(client):
+    early = Request(client, kind="other").give(b"early")
+    running = Request(client, kind="other").wait_until_asked()  # so the exchange before is over
+    assert early.fetch() == [b"early"]
+
+    # Until something is swept, more is neither given nor refused.
+    pending = early.ask()
+    assert running.send(b"running") == 0
+    assert running.fetch() == [b"running"]
+    assert client.exchange(b"next", kind="other") == [b"next"]
+    assert not pending.done
+    assert early.ask_error() == 41
+
+
+def test_environment_does_not_choose_the_proxy(bus, make_daemon, server):
+    daemon = make_daemon()
+    for name in ("no_proxy", "NO_PROXY"):
+        daemon.environment[name] = "*,slp.kelvra.example,127.0.0.1"
+    for name in ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"):
+        daemon.environment[name] = "http://127.0.0.1:9"
+    daemon.start()
+    client = Client(bus.address)
+
+    assert client.exchange(FINGERPRINT)
+    assert server.wait(1)["proxy"]["target"] == "slp.kelvra.example:443"
+    client.close()
