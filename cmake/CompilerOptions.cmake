@@ -10,6 +10,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   # Finds overlaps that do not exist in "text" + std::string (GCC bug 105651, mended in 13).
   target_compile_options(orvexd_options INTERFACE -Wno-restrict)
 endif()
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  # Files above 2 GiB, and a clock that goes on after January 2038.
+  target_compile_definitions(orvexd_options INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
 
 if(ORVEXD_SANITIZE)
   add_compile_options(-fsanitize=${ORVEXD_SANITIZE} -fno-omit-frame-pointer -O1)
