@@ -943,7 +943,7 @@ TEST(RequestDataThreads, AcceptedDataIsTakenWholeAndInOrder) {
 }
 
 TEST(RequestDataThreads, DataIsTakenOrRefusedWhenThePartIsClosedMeanwhile) {
-    for (int run = 0; run < 300; ++run) {
+    for (int run = 0; run < 100; ++run) {
         RequestData request(3, 17, true, makeParameters(1));
         request.setAcceptingData(true);
         std::string accepted = "\r\n";
