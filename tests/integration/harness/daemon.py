@@ -142,6 +142,11 @@ class Daemon:
             "threads": len(os.listdir(f"{base}/task")),
         }
 
+    def resident_memory(self):
+        """Bytes."""
+        with open(f"/proc/{self.pid}/statm", encoding="ascii") as statm:
+            return int(statm.read().split()[1]) * os.sysconf("SC_PAGESIZE")
+
     def _guard(self):
         if self.process.status is not None:
             raise AssertionError(f"the daemon has ended\n{self.report()}")
