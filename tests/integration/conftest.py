@@ -2,11 +2,11 @@
 
 import os
 import shutil
-import sys
 
 import pytest
 
 from harness import waiting
+from harness.become_root import become_root
 from harness.client import Client
 from harness.daemon import Daemon
 from harness.keys import fill_preinst, make_keys
@@ -16,20 +16,11 @@ from harness.raw_client import RawClient
 from harness.settings import BUS_NAME, DAEMON, TIME_FACTOR
 from harness.slp_server import TestServer
 
-_INSIDE = "ORVEXD_TESTS_IN_NAMESPACE"
-
 
 @pytest.hookimpl(tryfirst=True)
 def pytest_cmdline_main(config):
-    """The daemon wants root; a user namespace of our own, bus included, is as good."""
-    if os.geteuid() == 0:
-        return
-    if os.environ.get(_INSIDE):
-        pytest.exit("a user namespace was made and we are still not root in it", 1)
-    config.pluginmanager.getplugin("capturemanager").stop_global_capturing()
-    os.environ[_INSIDE] = "1"
-    command = ["unshare", "--user", "--map-root-user", sys.executable, "-m", "pytest"]
-    os.execvp(command[0], [*command, *config.invocation_params.args])
+    """The daemon wants root."""
+    become_root(config)
 
 
 def pytest_collection_modifyitems(config, items):
