@@ -1,9 +1,12 @@
 #include "main/MainLoop.h"
 
+#include "fakes/FakeBus.h"
 #include "fakes/FakePlatform.h"
+#include "fakes/MainContext.h"
 #include "main/ChildProcess.h"
 
 #include <array>
+#include <chrono>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <optional>
@@ -193,6 +196,91 @@ TEST_F(MainLoopTest, InitWithoutABusFailsSilentlyAndLeavesNoService) {
     });
     EXPECT_EQ(ending.status, 0);
     EXPECT_EQ(ending.report, "");
+}
+
+class ServingMainLoop : public MainLoopTest {
+protected:
+    ~ServingMainLoop() override {
+        mainLoop_.deinit();
+        test::drainMainContext();
+    }
+
+    /// Runs the loop until a source of it asks it to quit.
+    int runUntilQuit() {
+        const test::ScopedTimer quitter(
+            std::chrono::milliseconds(0),
+            [](gpointer loop) -> gboolean {
+                static_cast<MainLoop*>(loop)->quit();
+                return G_SOURCE_CONTINUE;
+            },
+            &mainLoop_);
+        return mainLoop_.run();
+    }
+
+    fake_bus::FakeBus bus_;
+};
+
+TEST_F(ServingMainLoop, InitCreatesTheServiceAndPutsItOnTheBus) {
+    EXPECT_TRUE(mainLoop_.init(0, nullptr));
+    EXPECT_NE(mainLoop_.getService(), nullptr);
+    EXPECT_NE(bus_.filter, nullptr);
+}
+
+TEST_F(ServingMainLoop, SecondInitChangesNothing) {
+    mainLoop_.init(0, nullptr);
+    const DbusService* service = mainLoop_.getService();
+    bus_.calls.clear();
+    unsetenv("KELVRA_IMEI_FRAGMENT"); // not looked at any more
+    EXPECT_TRUE(mainLoop_.init(0, nullptr));
+    EXPECT_EQ(mainLoop_.getService(), service);
+    EXPECT_TRUE(bus_.calls.empty());
+}
+
+TEST_F(ServingMainLoop, InitWithoutTheNameLeavesNoService) {
+    bus_.nameReply = DBUS_REQUEST_NAME_REPLY_EXISTS;
+    EXPECT_FALSE(mainLoop_.init(0, nullptr));
+    EXPECT_EQ(mainLoop_.getService(), nullptr);
+    EXPECT_EQ(fake_platform::liveObjects(), 0);
+    EXPECT_EQ(mainLoop_.run(), 1);
+}
+
+TEST_F(ServingMainLoop, RunsUntilItIsAskedToQuit) {
+    mainLoop_.init(0, nullptr);
+    EXPECT_EQ(runUntilQuit(), 0);
+}
+
+TEST_F(ServingMainLoop, RunsAgainAfterItsEnd) {
+    mainLoop_.init(0, nullptr);
+    runUntilQuit();
+    mainLoop_.quit(); // nothing runs: nothing to stop, not even the next run
+    EXPECT_EQ(runUntilQuit(), 0);
+}
+
+TEST_F(ServingMainLoop, QuitOfTheServiceEndsTheRun) {
+    mainLoop_.init(0, nullptr);
+    const test::ScopedTimer quitter(
+        std::chrono::milliseconds(0),
+        [](gpointer bus) -> gboolean {
+            static_cast<fake_bus::FakeBus*>(bus)->receive(*fake_bus::call("quit"));
+            return G_SOURCE_CONTINUE;
+        },
+        &bus_);
+    EXPECT_EQ(mainLoop_.run(), 0);
+}
+
+TEST_F(ServingMainLoop, DeinitDestroysTheService) {
+    mainLoop_.init(0, nullptr);
+    mainLoop_.deinit();
+    EXPECT_EQ(mainLoop_.getService(), nullptr);
+    EXPECT_EQ(fake_platform::liveObjects(), 0);
+    EXPECT_EQ(mainLoop_.run(), 1) << "not initialised any more";
+}
+
+TEST_F(ServingMainLoop, MayBeInitialisedAgainAfterDeinit) {
+    mainLoop_.init(0, nullptr);
+    mainLoop_.deinit();
+    EXPECT_TRUE(mainLoop_.init(0, nullptr));
+    EXPECT_EQ(runUntilQuit(), 0);
 }
 
 } // namespace

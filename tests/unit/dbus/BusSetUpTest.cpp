@@ -1,0 +1,124 @@
+// Life of the service on the bus: set-up step by step, every failure of it, teardown.
+
+#include "dbus/BusLink.h"
+#include "dbus/ServiceFixture.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+namespace orvexd {
+namespace {
+
+using Calls = std::vector<std::string>;
+
+class BusSetUp : public test::ServiceFixture {
+protected:
+    /// What a set-up that meets this failure leaves as its diagnostic text.
+    std::string diagnosticOf(const char* function) {
+        bus_.failing = function;
+        EXPECT_FALSE(service().setUpBus());
+        return service().diagnostic();
+    }
+};
+
+TEST_F(BusSetUp, TakesItsStepsInOrder) {
+    EXPECT_TRUE(service().setUpBus());
+    EXPECT_EQ(
+        bus_.calls,
+        (Calls{"dbus_bus_get system", "dbus_threads_init_default",
+               "dbus_connection_setup_with_g_main", "dbus_bus_request_name com.kelvra.orvexd 6",
+               "dbus_bus_add_match interface='com.kelvra.orvexd'", "dbus_connection_add_filter"}));
+}
+
+TEST_F(BusSetUp, GivesTheMainLoopToTheFilter) {
+    service().setUpBus();
+    EXPECT_EQ(bus_.filterData, static_cast<IMainLoop*>(&mainLoop_));
+}
+
+TEST_F(BusSetUp, MayBeRepeatedWithoutASecondFilter) {
+    service().setUpBus();
+    bus_.calls.clear();
+    EXPECT_TRUE(service().setUpBus());
+    EXPECT_EQ(bus_.calls, (Calls{"dbus_threads_init_default", "dbus_connection_setup_with_g_main",
+                                 "dbus_bus_request_name com.kelvra.orvexd 6",
+                                 "dbus_bus_add_match interface='com.kelvra.orvexd'"}));
+}
+
+TEST_F(BusSetUp, FailsWhenAnotherKeepsTheName) {
+    bus_.nameReply = DBUS_REQUEST_NAME_REPLY_EXISTS;
+    EXPECT_FALSE(service().setUpBus());
+    EXPECT_EQ(bus_.filter, nullptr);
+}
+
+TEST_F(BusSetUp, GoesOnWithEveryOtherAnswerAboutTheName) {
+    for (const int reply :
+         {DBUS_REQUEST_NAME_REPLY_IN_QUEUE, DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER}) {
+        bus_.nameReply = reply;
+        EXPECT_TRUE(service().setUpBus()) << reply;
+    }
+}
+
+TEST_F(BusSetUp, WithoutABusQuitsAndStops) {
+    EXPECT_EQ(diagnosticOf("dbus_bus_get"),
+              "error: dbus_bus_get error ( Name: test.Failed Message: no luck)");
+    EXPECT_EQ(mainLoop_.quits, 1);
+    EXPECT_EQ(bus_.calls, Calls{"dbus_bus_get system"});
+}
+
+TEST_F(BusSetUp, StopsWhenTheNameIsRefused) {
+    EXPECT_EQ(diagnosticOf("dbus_bus_request_name"),
+              "error: dbus_bus_request_name failed ( Name: test.Failed Message: no luck)");
+    EXPECT_EQ(bus_.calls.back(), "dbus_bus_request_name com.kelvra.orvexd 6");
+}
+
+TEST_F(BusSetUp, StopsWhenTheMatchRuleIsRefused) {
+    EXPECT_EQ(diagnosticOf("dbus_bus_add_match"),
+              "error: dbus_bus_add_match_failed() str=interface='com.kelvra.orvexd' name: "
+              "test.Failed Message: no luck)");
+    EXPECT_EQ(bus_.calls.back(), "dbus_bus_add_match interface='com.kelvra.orvexd'");
+}
+
+TEST_F(BusSetUp, FailsWithoutMemoryForTheFilter) {
+    EXPECT_EQ(diagnosticOf("dbus_connection_add_filter"), "");
+    bus_.calls.clear();
+    mainLoop_.service.reset();
+    EXPECT_EQ(bus_.calls, (Calls{"dbus_connection_set_exit_on_disconnect no",
+                                 "dbus_bus_remove_match interface='com.kelvra.orvexd'",
+                                 "dbus_connection_unref"}))
+        << "nothing to remove";
+}
+
+TEST_F(BusSetUp, IsUndoneWithTheService) {
+    service().setUpBus();
+    bus_.calls.clear();
+    mainLoop_.service.reset();
+    EXPECT_EQ(bus_.calls, (Calls{"dbus_connection_set_exit_on_disconnect no",
+                                 "dbus_bus_remove_match interface='com.kelvra.orvexd'",
+                                 "dbus_connection_remove_filter", "dbus_connection_unref"}));
+    EXPECT_EQ(BusLink::connection(), nullptr);
+    EXPECT_EQ(fake_platform::liveObjects(), 0);
+}
+
+TEST_F(BusSetUp, LeavesNothingToUndoWhenItWasNotTried) {
+    mainLoop_.service.reset();
+    EXPECT_TRUE(bus_.calls.empty());
+}
+
+TEST_F(BusSetUp, WorksForTheNextService) {
+    service().setUpBus();
+    mainLoop_.service.reset();
+    make();
+    bus_.calls.clear();
+    EXPECT_TRUE(service().setUpBus());
+    EXPECT_EQ(bus_.calls.front(), "dbus_bus_get system");
+}
+
+TEST_F(BusSetUp, LeavesMessagesAloneWhenTheServiceIsGone) {
+    service().setUpBus();
+    mainLoop_.service.reset();
+    EXPECT_EQ(receive(fake_bus::call("quit")), DBUS_HANDLER_RESULT_NOT_YET_HANDLED);
+}
+
+} // namespace
+} // namespace orvexd
