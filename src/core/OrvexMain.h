@@ -158,6 +158,7 @@ private:
 
     std::uint32_t lastConnectionId_ = 0; // guarded by connectionsLock_
     std::uint32_t lastRequestId_ = 0;    // guarded by requestIdLock_
+    // main loop's thread
     std::map<std::uint32_t, std::shared_ptr<const ConnectionParameters>> connections_;
     Requests requests_; // guarded by requestsLock_
     std::atomic<std::uint32_t> reportedStatus_ = 0;
@@ -168,7 +169,7 @@ private:
     std::string imsi_;
     std::string imei_;
     std::string fwId_;
-    std::uint32_t openDuration_ = 0; // guarded by requestsLock_; never lowered
+    std::uint32_t openDuration_ = 0; // main loop's thread; never lowered
 };
 
 } // namespace orvexd

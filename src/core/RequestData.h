@@ -142,7 +142,7 @@ private:
         DeliveryCode code = DeliveryCode::PartContinues;
     };
 
-    /// How often an id was announced and how many of these parts have not been seen yet.
+    /// How many of the parts announced under one id have not been seen yet.
     struct Announcement {
         std::size_t outstanding = 0;
     };

@@ -8,10 +8,10 @@ enum class StartUp {
     PrintVersion, ///< print the banner and leave
 };
 
-/// Scans the words from argv[0] on and carries the options out in their order: "--daemon"/"-D"
+/// Scans the words from argv[0] on and carries the options out in their order. "--daemon" or "-D"
 /// detaches, "--preinst-dir DIR" and "--storage-dir DIR" set the platform's directories,
-/// "--version"
-/// /"-v" ends the scan. Unknown words are skipped; an option that lacks its argument ends the scan.
+/// "--version" or "-v" ends the scan. Unknown words are skipped; an option that lacks its argument
+/// ends the scan.
 StartUp applyCommandLine(int argc, char** argv);
 
 } // namespace orvexd

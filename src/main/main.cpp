@@ -20,7 +20,7 @@ namespace {
 using orvexd::MainLoop;
 using trilba::core::Directory;
 
-extern "C" gboolean quitOnSignal(gpointer /*data*/) {
+extern "C" gboolean quitOnSignal(gpointer /*data*/) noexcept {
     MainLoop::getInstance().quit();
     return G_SOURCE_REMOVE; // a second signal of the same kind ends the process
 }
