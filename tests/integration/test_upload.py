@@ -440,6 +440,7 @@ def test_answer_that_comes_early_is_delivered_while_the_upload_goes_on(client, s
     assert server.wait(1)["upload_complete"]
     assert re.search(rb"\r\n\r\n\.+end\r\n--", sent(server)[2])
     expect_no_error(client)
+    assert request.ask_error() == 41, "the end of the exchange has swept it"
 
 
 def test_request_behind_an_early_answer_is_still_asked_for_its_data(client, platform, server):
@@ -456,6 +457,24 @@ def test_request_behind_an_early_answer_is_still_asked_for_its_data(client, plat
     assert first.send(b"end") == 0
     later.give(b"data")
     assert re.search(rb"\.end\r\n--.*\r\n\r\ndata\r\n--", sent(server)[2], re.DOTALL)
+    expect_no_error(client)
+    assert [each.ask_error() for each in (first, later)] == [41, 41]
+
+
+def test_early_answer_that_is_fetched_late_has_not_lost_its_code(client, platform, server):
+    platform.write(connections=[(2, True, False)])
+    client.wait_for_status(1)
+    parts = [{"id": "answer-1", "body": "one"}, {"id": "answer-2", "body": "two"}]
+    server.queue({**EARLY, "answer": {"multipart": {"parts": parts}, "pack": 16000}})
+    later = Request(client, attached=True, kind="other")
+    first = Request(client, kind="other").wait_until_asked()
+    # The second part has come, so the first one has as well.
+    assert keep_sending(first, later.ask()) == (b"two", RESPONSE_COMPLETE)
+    assert first.send(b"end") == 0
+    later.give(b"data")
+    server.wait(1)
+
+    assert first.fetch_part() == (b"one", RESPONSE_COMPLETE)
     expect_no_error(client)
 
 
