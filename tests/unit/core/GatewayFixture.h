@@ -89,8 +89,10 @@ inline std::string answerBody(std::size_t requests) {
     std::string parts;
     for (std::size_t i = 1; i <= requests; ++i) {
         const std::string number = std::to_string(i);
-        document += "<result oid=\"" + number + "\" href=\"cid:a" + number + "\"/>";
-        parts += "\r\n--b\r\nContent-Id: a" + number + "\r\n\r\nanswer " + number;
+        document.append("<result oid=\"").append(number);
+        document.append("\" href=\"cid:a").append(number).append("\"/>");
+        parts.append("\r\n--b\r\nContent-Id: a").append(number);
+        parts.append("\r\n\r\nanswer ").append(number);
     }
     return "--b\r\nContent-Id: head\r\n\r\n" + document +
            "</SlpResponse></SimpleLocationProtocol>" + parts + "\r\n--b--\r\n";
@@ -122,7 +124,7 @@ protected:
         };
     }
 
-    ~GatewayTest() override {
+    void TearDown() override {
         proceed_.open(); // so that a test that failed half-way ends too
         gateway_.reset();
         EXPECT_EQ(fake_curl::liveHandles(), 0);

@@ -20,7 +20,7 @@ protected:
         (void)open();
     }
 
-    std::string failed(int code, const std::string& text, const std::string& keys) const {
+    static std::string failed(int code, const std::string& text, const std::string& keys) {
         return "error " + std::to_string(code) + " [" + text + "] [" + keys + "]";
     }
 };

@@ -47,9 +47,9 @@ struct NamedOption {
     CURLoption id;
     std::string value;
     bool operator==(const NamedOption&) const = default;
-    friend void PrintTo(const NamedOption& option, std::ostream* out) {
+    friend std::ostream& operator<<(std::ostream& out, const NamedOption& option) {
         const curl_easyoption* known = curl_easy_option_by_id(option.id);
-        *out << (known != nullptr ? known->name : "?") << "=" << option.value;
+        return out << (known != nullptr ? known->name : "?") << "=" << option.value;
     }
 };
 
@@ -65,7 +65,7 @@ protected:
         client_.emplace(owner_);
     }
 
-    ~HttpClientTest() override {
+    void TearDown() override {
         client_.reset();
         EXPECT_EQ(fake_curl::globalBalance(), globalBalance_);
         EXPECT_EQ(fake_curl::liveHandles(), 0);
@@ -134,8 +134,10 @@ std::string answerTo(int requests) {
     std::string parts;
     for (int i = 1; i <= requests; ++i) {
         const std::string number = std::to_string(i);
-        document += "<result oid=\"" + number + "\" href=\"cid:answer" + number + "\"/>";
-        parts += "\r\n--b\r\nContent-Id: answer" + number + "\r\n\r\nanswer to " + number;
+        document.append("<result oid=\"").append(number);
+        document.append("\" href=\"cid:answer").append(number).append("\"/>");
+        parts.append("\r\n--b\r\nContent-Id: answer").append(number);
+        parts.append("\r\n\r\nanswer to ").append(number);
     }
     return "--b\r\nContent-Id: head\r\n\r\n" + document +
            "</SlpResponse></SimpleLocationProtocol>" + parts + "\r\n--b--\r\n";
@@ -762,7 +764,7 @@ TEST_F(HttpClientTest, reports2001WhenMemoryRunsOutBeforeTheTransfer) {
 class SocketOptionTest : public testing::Test {
 protected:
     SocketOptionTest() : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {}
-    ~SocketOptionTest() override { ::close(socket_); }
+    void TearDown() override { ::close(socket_); }
 
     int segmentSize() const {
         int size = 0;

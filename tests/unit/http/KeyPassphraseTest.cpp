@@ -42,7 +42,7 @@ TEST(KeyPassphraseTest, isTheLowByteOfEachWordXoredWithTheRunningKeyAndShiftedBy
 }
 
 TEST(KeyPassphraseTest, isWipedWhenItGoesOutOfScope) {
-    alignas(KeyPassphrase) std::array<unsigned char, sizeof(KeyPassphrase)> memory;
+    alignas(KeyPassphrase) std::array<unsigned char, sizeof(KeyPassphrase)> memory{};
     memory.fill(0xaa);
     std::destroy_at(std::construct_at(reinterpret_cast<KeyPassphrase*>(memory.data())));
     // Read through a pointer that the compiler cannot follow past the object's end of life.

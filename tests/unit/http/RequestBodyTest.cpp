@@ -119,7 +119,7 @@ protected:
             if (carry_.empty()) {
                 slice(capacity);
             }
-            const std::string piece = carry_.substr(0, capacity);
+            std::string piece = carry_.substr(0, capacity);
             carry_.erase(0, capacity);
             return piece;
         }
@@ -261,7 +261,7 @@ TEST_F(RequestBodyTest, givesALongPartInSlices) {
 }
 
 TEST_F(RequestBodyTest, givesALongPrefixInSlices) {
-    prefix_ = std::string(64500 * 2 + 7, 'p');
+    prefix_ = std::string(std::size_t{64500} * 2 + 7, 'p');
     addPart("");
     EXPECT_EQ(read().bytes.size(), 64500U);
     EXPECT_THAT(owner_.log, IsEmpty());
