@@ -13,7 +13,8 @@ namespace orvexd::fuzz {
 class ExactRoom {
 public:
     explicit ExactRoom(std::size_t size)
-        : bytes_(std::make_unique<char[]>(size)), size_(size) {} // NOLINT(*-avoid-c-arrays)
+        : bytes_(std::make_unique_for_overwrite<char[]>(size)),
+          size_(size) {} // NOLINT(*-avoid-c-arrays)
 
     std::span<char> span() const noexcept { return {bytes_.get(), size_}; }
     std::string_view view() const noexcept { return {bytes_.get(), size_}; }

@@ -194,7 +194,7 @@ public:
 
     void step(Input& input);
 
-    void compare() const {
+    void compare() {
         check(static_cast<std::uint32_t>(record_.state()) == plain_.state, "the state");
         check(record_.isCancelled() == plain_.cancelled, "the cancelled flag");
         check(record_.isWaitingForGetData() == plain_.waitingForGetData, "the waiting flag");
@@ -203,15 +203,17 @@ public:
         check(record_.hasExpectedPartIds() == plain_.hasExpectedPartIds(), "the announced parts");
         check(record_.hasOutstandingPartIds() == plain_.hasOutstandingPartIds(),
               "the outstanding parts");
-        check(recorder_.deliveries == plain_.deliveries, "the deliveries");
+        check(recorder_.deliveries.size() == plain_.deliveries.size(), "the number of deliveries");
+        for (; compared_ < plain_.deliveries.size(); ++compared_) {
+            check(recorder_.deliveries[compared_] == plain_.deliveries[compared_], "a delivery");
+        }
     }
 
-    /// Everything that is still inside comes out.
+    /// What is still inside comes out, as far as that does not take for ever.
     void drain() {
-        take(1024UL * 1024);
-        for (std::size_t before = plain_.deliveries.size() + 1;
-             before != plain_.deliveries.size() && plain_.deliveries.size() < 5000;) {
-            before = plain_.deliveries.size();
+        constexpr int kMaxCalls = 300;
+        take(128UL * 1024);
+        for (int calls = 0; calls < kMaxCalls; ++calls) {
             ask();
         }
     }
@@ -248,6 +250,7 @@ private:
     PlainRecord plain_;
     Recorder recorder_;
     RequestData record_;
+    std::size_t compared_ = 0; ///< so many deliveries have been looked at
 };
 
 constexpr std::array<const char*, 4> kIds = {"a", "b", "", "a long id that no string keeps inside"};
@@ -305,7 +308,7 @@ void Pair::step(Input& input) {
         append(readData(input), true, true);
         break;
     case 't': // the transfer takes some bytes
-        take(input.number(16) * (1UL << input.number(16)));
+        take(input.number(16) * (1UL << input.number(13)));
         break;
     case 'h':
         record_.writePartHeader("boundary");

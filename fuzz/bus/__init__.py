@@ -1,0 +1,1 @@
+"""Random messages for a running daemon."""
