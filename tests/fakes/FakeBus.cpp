@@ -78,6 +78,9 @@ BusMessage FakeBus::takeSent() {
 
 bool FakeBus::note(const std::string& function, const std::string& arguments) {
     calls.push_back(arguments.empty() ? function : function + ' ' + arguments);
+    if (onCall) {
+        onCall();
+    }
     return !fails(function);
 }
 

@@ -2,6 +2,7 @@
 
 #include "support/BusHandles.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,9 @@ public:
     std::string failing;
     /// What dbus_bus_request_name answers.
     int nameReply = DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER;
+
+    /// Runs with every call that is noted.
+    std::function<void()> onCall;
 
     /// Passes a message to the installed filter.
     DBusHandlerResult receive(DBusMessage& message) const;

@@ -2,6 +2,7 @@
 
 #include "dbus/BusLink.h"
 #include "dbus/ServiceFixture.h"
+#include "fakes/FakeThreads.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -98,6 +99,22 @@ TEST_F(BusSetUp, IsUndoneWithTheService) {
                                  "dbus_connection_remove_filter", "dbus_connection_unref"}));
     EXPECT_EQ(BusLink::connection(), nullptr);
     EXPECT_EQ(fake_platform::liveObjects(), 0);
+}
+
+TEST_F(BusSetUp, IsUndoneWhenTheWorkerHasEnded) {
+    fake_threads::reset();
+    fake_threads::holdUntilJoined(true);
+    fake_platform::connect(1);
+    make(); // knows of the connection
+    service().setUpBus();
+    receive(connectCall());
+    receive(numbers("prepare", {1, 2, 10}));
+    ASSERT_EQ(fake_threads::started(), 1);
+    std::vector<int> joined;
+    bus_.onCall = [&joined] { joined.push_back(fake_threads::joined()); };
+    mainLoop_.service.reset();
+    EXPECT_EQ(joined, (std::vector<int>{1, 1, 1, 1}));
+    fake_threads::reset();
 }
 
 TEST_F(BusSetUp, LeavesNothingToUndoWhenItWasNotTried) {

@@ -65,6 +65,8 @@ TEST_F(ShutdownDelay, WordThatIsNoNumberKeeps60) {
 }
 
 TEST_F(ShutdownDelay, NumberBeyondEveryRangeKeeps60) {
+    EXPECT_EQ(of("2147483647"), 2147483647);
+    EXPECT_EQ(of("2147483648"), 60);
     EXPECT_EQ(of("99999999999999999999999999"), 60);
 }
 

@@ -104,6 +104,26 @@ TEST_F(MethodHandlers, QuitAnswersBeforeTheLoopEnds) {
     EXPECT_EQ(mainLoop_.quits, 1);
 }
 
+// -- held calls ----------------------------------------------------------------------------------
+
+TEST_F(MethodHandlers, RefusedGetDataIsNotHeldOn) {
+    receive(numbers("getData", {1, 1}));
+    EXPECT_EQ(errorOf(bus_.takeSent()), "com.kelvra.orvexd.Error (41) unspecifiedError");
+    service().deliverChunk(1, 1, "x", DeliveryCode::PartComplete);
+    EXPECT_TRUE(bus_.sent.empty());
+}
+
+TEST_F(MethodHandlers, QuitGivesHeldCallsUp) {
+    connect();
+    receive(numbers("attach", {1, 2, 10}));
+    receive(numbers("getData", {1, 1}));
+    bus_.sent.clear();
+    receive(fake_bus::call("quit"));
+    EXPECT_TRUE(bus_.takeSent()) << "the answer to quit";
+    service().deliverChunk(1, 1, "x", DeliveryCode::PartComplete);
+    EXPECT_TRUE(bus_.sent.empty());
+}
+
 // -- delayed quit --------------------------------------------------------------------------------
 
 class DelayedQuit : public MethodHandlers {
