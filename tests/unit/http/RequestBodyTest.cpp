@@ -256,7 +256,7 @@ TEST_F(RequestBodyTest, givesALongPartInSlices) {
     for (Read piece = read(); !piece.bytes.empty(); piece = read()) {
         sizes.push_back(piece.bytes.size());
     }
-    const std::size_t rest = partHead(kBoundary, "part1").size() + 200000 - 3 * 64500;
+    const std::size_t rest = partHead(kBoundary, "part1").size() + 200000 - std::size_t{3} * 64500;
     EXPECT_THAT(sizes, ElementsAre(prefix_.size(), 64500, 64500, 64500, rest, 13));
 }
 
