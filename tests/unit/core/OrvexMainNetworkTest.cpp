@@ -118,6 +118,48 @@ TEST_F(OrvexMainNetworkTest, asksThePlatformForTheProxyOfTheServer) {
     EXPECT_EQ(fake_curl::lastOption(CURLOPT_PROXY), "proxy.example:8080");
 }
 
+TEST_F(OrvexMainNetworkTest, looksForTheNetworkWhenANewStatusMayHelpARequest) {
+    fake_platform::connect(1);
+    open();
+    attach(1); // waits: kind 1 has not been reported
+    answerExchange(1);
+    gateway().onConnectionStatus(3, true);
+    EXPECT_EQ(fake_threads::started(), 1);
+    finishExchange();
+}
+
+TEST_F(OrvexMainNetworkTest, onlyStoresAStatusWhenItMayNotLookForTheNetwork) {
+    fake_platform::connect(1);
+    open();
+    attach(1);
+    gateway().onConnectionStatus(3, false);
+    EXPECT_EQ(fake_threads::started(), 0);
+    drainMainContext();
+    EXPECT_THAT(service_.log, ElementsAre("status 3"));
+}
+
+TEST_F(OrvexMainNetworkTest, doesNotLookForTheNetworkForAStatusThatIsKnown) {
+    fake_platform::connect(1);
+    open();
+    (void)gateway().connectionStatus();
+    service_.permitted = false;
+    EXPECT_EQ(thrownBy([this] { prepare(1); }), 2204); // waits for the permission
+    service_.permitted = true;
+    gateway().onConnectionStatus(3, true);
+    EXPECT_EQ(fake_threads::started(), 0);
+}
+
+TEST_F(OrvexMainNetworkTest, doesNotLookForTheNetworkForTheStatusZero) {
+    fake_platform::connect(1);
+    open();
+    (void)gateway().connectionStatus();
+    service_.permitted = false;
+    EXPECT_EQ(thrownBy([this] { prepare(1); }), 2204);
+    service_.permitted = true;
+    gateway().onConnectionStatus(0, true);
+    EXPECT_EQ(fake_threads::started(), 0);
+}
+
 // -- policies -----------------------------------------------------------------------------------
 
 struct PolicyCase {
