@@ -1,0 +1,124 @@
+"""What is in the packages, without installing them."""
+
+import os
+import subprocess
+
+import pytest
+
+from debian_packages import ROOT, native_architecture, output_of
+
+SHARE = "/usr/share"
+PLACES = {
+    "orvexd": [
+        "/usr/sbin/orvexd",
+        f"{SHARE}/dbus-1/interfaces/com.kelvra.orvexd.xml",
+        f"{SHARE}/dbus-1/system.d/com.kelvra.orvexd.conf",
+        f"{SHARE}/dbus-1/system-services/com.kelvra.orvexd.service",
+        "/lib/systemd/system/orvexd.service",
+        f"{SHARE}/man/man8/orvexd.8.gz",
+        f"{SHARE}/man/man5/orvexd.schema.5.gz",
+        f"{SHARE}/man/man5/trilba-platform.conf.5.gz",
+        f"{SHARE}/doc/orvexd/examples/orvexd.schema",
+        f"{SHARE}/doc/orvexd/examples/orvexd.env",
+        f"{SHARE}/doc/orvexd/examples/platform.conf",
+    ],
+    "orvexctl": [
+        "/usr/bin/orvexctl",
+        f"{SHARE}/man/man1/orvexctl.1.gz",
+        f"{SHARE}/bash-completion/completions/orvexctl",
+    ],
+    "libtrilbacore1": ["/usr/lib/{triplet}/libtrilbacore.so.1"],
+    "libtrilbacore-dev": [
+        "/usr/include/trilba/network/IConnectionManager.h",
+        "/usr/lib/{triplet}/libtrilbacore.so",
+        "/usr/lib/{triplet}/pkgconfig/trilbacore.pc",
+    ],
+}
+
+PROGRAM = """
+#include <iostream>
+#include <trilba/core/SystemInfo.h>
+int main() {
+    std::string id;
+    trilba::core::SystemInfo::getPlatformId(id);
+    std::cout << id;
+}
+"""
+
+
+@pytest.fixture(scope="module")
+def triplet():
+    return output_of("dpkg-architecture", "-qDEB_HOST_MULTIARCH").strip()
+
+
+def test_packages_are_of_one_version_and_this_architecture(packages):
+    assert len({package.field("Version") for package in packages.values()}) == 1
+    assert {each.field("Architecture") for each in packages.values()} == {native_architecture()}
+
+
+@pytest.mark.parametrize("name", PLACES)
+def test_every_file_is_in_its_package(packages, triplet, name):
+    for place in PLACES[name]:
+        assert place.format(triplet=triplet) in packages[name].files
+
+
+def test_no_file_is_in_two_packages(packages):
+    seen = {}
+    for name, package in packages.items():
+        for path in package.files:
+            if not path.endswith("/"):
+                assert seen.setdefault(path, name) == name, path
+
+
+def test_identity_and_storage_are_for_root_alone(packages):
+    files = packages["orvexd"].files
+    assert files["/etc/default/orvexd"] == "-rw-------"
+    assert files["/var/lib/orvexd/"] == "drwx------"
+
+
+def test_identity_is_a_configuration_file(packages, tmp_path):
+    output_of("dpkg-deb", "--control", packages["orvexd"].path, tmp_path / "control")
+    conffiles = (tmp_path / "control" / "conffiles").read_text("utf-8").split()
+    assert conffiles == ["/etc/default/orvexd"]
+
+
+def test_keys_are_in_no_package(packages):
+    for package in packages.values():
+        assert not [path for path in package.files if path.endswith(".pem")]
+
+
+def test_no_licence_is_claimed(packages, tmp_path):
+    for name, package in packages.items():
+        package.extract(tmp_path / name)
+        text = (tmp_path / name / f"usr/share/doc/{name}/copyright").read_text("utf-8")
+        assert "No licence has been chosen" in text
+
+
+def test_program_is_built_against_the_development_package(packages, triplet, tmp_path):
+    for name in ("libtrilbacore1", "libtrilbacore-dev"):
+        packages[name].extract(tmp_path / "root")
+    (tmp_path / "program.cpp").write_text(PROGRAM, "utf-8")
+    libraries = tmp_path / "root" / "usr" / "lib" / triplet
+    environment = {
+        **os.environ,
+        "PKG_CONFIG_PATH": str(libraries / "pkgconfig"),
+        "PKG_CONFIG_SYSROOT_DIR": str(tmp_path / "root"),
+    }
+    flags = output_of("pkg-config", "--cflags", "--libs", "trilbacore", env=environment).split()
+    program = tmp_path / "program"
+    # The system's own folders are not named by pkg-config, but here they lie elsewhere.
+    extra = [f"-I{tmp_path}/root/usr/include", f"-L{libraries}"]
+    output_of("g++", "-std=c++20", tmp_path / "program.cpp", "-o", program, *flags, *extra)
+    printed = subprocess.run(
+        [program],
+        capture_output=True,
+        check=True,
+        timeout=20,
+        env={"LD_LIBRARY_PATH": str(libraries), "TRILBA_PLATFORM_CONF": "/nonexistent"},
+    )
+    assert printed.stdout == b"linux-generic"
+
+
+def test_version_is_that_of_the_tree(packages):
+    text = (ROOT / "CMakeLists.txt").read_text("utf-8")
+    assert f"VERSION {packages['orvexd'].field('Version')}\n" in text
