@@ -59,6 +59,7 @@ class OrvexNetworkManagerTest : public testing::Test {
 protected:
     OrvexNetworkManagerTest() { fake_platform::reset(); }
     ~OrvexNetworkManagerTest() override {
+        questions_.clear();
         manager_.reset();
         EXPECT_EQ(fake_platform::liveObjects(), 0);
         fake_platform::reset();
@@ -94,8 +95,19 @@ protected:
         });
     }
 
+    /// Asks from another thread, which only gets an answer when nobody holds the lock. A thread
+    /// that gets none is waited for when the lock is free again.
+    bool isLockFree() {
+        questions_.push_back(
+            std::async(std::launch::async, [this] { return manager_->currentStatus(); }));
+        return questions_.back().wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    }
+
     RecordingOwner owner_;
     std::unique_ptr<OrvexNetworkManager> manager_;
+
+private:
+    std::vector<std::future<std::uint32_t>> questions_;
 };
 
 // -- status --------------------------------------------------------------------------------------
@@ -259,16 +271,10 @@ TEST_F(OrvexNetworkManagerTest, OwnerMayAskBackInsideACall) {
     EXPECT_EQ(seen, std::vector<std::uint32_t>(4, 3U));
 }
 
-/// Asks from another thread, which only gets an answer when nobody holds the lock.
-bool isLockFree(const OrvexNetworkManager& manager) {
-    auto answer = std::async(std::launch::async, [&] { return manager.currentStatus(); });
-    return answer.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
-}
-
 TEST_F(OrvexNetworkManagerTest, OwnerIsCalledWithoutTheLock) {
     start({entry(1, true, false)});
     int free = 0;
-    owner_.inside = [&] { free += isLockFree(*manager_) ? 1 : 0; };
+    owner_.inside = [&] { free += isLockFree() ? 1 : 0; };
     fake_platform::notifyObservers();
     EXPECT_EQ(free, 3);
     (void)manager_->recheck();
@@ -406,7 +412,7 @@ TEST_F(OrvexNetworkManagerTest, PortIsAnUnsignedNumber) {
 TEST_F(OrvexNetworkManagerTest, ProxyIsLookedUpWithoutTheLock) {
     start();
     bool free = false;
-    answerProxy([&](ProxyQuery& /*query*/) { free = isLockFree(*manager_); });
+    answerProxy([&](ProxyQuery& /*query*/) { free = isLockFree(); });
     (void)manager_->proxyFor();
     EXPECT_TRUE(free);
 }

@@ -292,7 +292,7 @@ TEST(ByteQueue, StreamThatIsDrainedAsItFillsAllocatesNothingMore) {
 
 TEST(ByteQueue, QueueThatStaysNonEmptyDoesNotGrow) {
     ByteQueue queue;
-    const std::string piece(1000, 'x');
+    const std::string piece(32000, 'x');
     std::vector<char> room(piece.size());
     queue.append(piece);
     const failing_memory::Count count;
@@ -320,12 +320,14 @@ TEST(ByteQueue, AppendThatRunsOutOfMemoryChangesNothing) {
         ByteQueue queue;
         queue.append(before);
         (void)queue.take(10);
+        const failing_memory::Count count;
         try {
             const failing_memory::FailOnce limit(allowed);
             queue.append(added);
         } catch (const std::bad_alloc&) {
             ++failures;
             ASSERT_EQ(queue.size(), before.size() - 10);
+            ASSERT_LT(count.held(), 4096) << "no block is left over";
             queue.append("tail");
             ASSERT_EQ(takeAll(queue), before.substr(10) + "tail") << allowed;
             continue;
