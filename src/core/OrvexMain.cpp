@@ -76,8 +76,7 @@ void OrvexMain::collectDeviceIdentifiers() {
     HttpClient::setParameter("fwId", fwId_);
 }
 
-// -- operations of the clients
-// ----------------------------------------------------------------------
+// -- operations of the clients -------------------------------------------------------------------
 
 std::uint32_t OrvexMain::openConnection(std::string elementName, std::string type,
                                         std::string version, std::string transferEncoding,
@@ -217,8 +216,7 @@ void OrvexMain::shutdown() {
     connections_.clear();
 }
 
-// -- network
-// ----------------------------------------------------------------------------------------
+// -- network -------------------------------------------------------------------------------------
 
 bool OrvexMain::connectionAllowed(std::uint32_t policy) {
     const std::uint32_t status = connectionStatus();
@@ -279,8 +277,7 @@ void OrvexMain::onConnectionLost() {
     reportFailure(failure::kNoConnection, "Connection error", std::move(failed));
 }
 
-// -- exchanges
-// --------------------------------------------------------------------------------------
+// -- exchanges -----------------------------------------------------------------------------------
 
 /// Asks `judge` about every request, in the order of the keys' text.
 void OrvexMain::sweepRequests(
@@ -436,8 +433,7 @@ void OrvexMain::onExchangeFailed(std::uint32_t code, const std::string& errorTex
     }
 }
 
-// -- posts of the worker
-// ----------------------------------------------------------------------------
+// -- posts of the worker -------------------------------------------------------------------------
 
 void OrvexMain::postRequestData(std::uint32_t connectionId, std::uint32_t requestId) {
     posts_.postRequestData(connectionId, requestId);
@@ -454,8 +450,7 @@ void OrvexMain::postChunk(std::uint32_t connectionId, std::uint32_t requestId, D
     posts_.postChunk(connectionId, requestId, code, std::move(bytes));
 }
 
-// -- open duration
-// ----------------------------------------------------------------------------------
+// -- open duration -------------------------------------------------------------------------------
 
 std::uint32_t OrvexMain::connectionOpenDuration() const {
     return openDuration_ != 0 ? openDuration_ : durationParameter(kDefaultOpenDuration, "10");

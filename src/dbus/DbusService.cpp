@@ -59,8 +59,7 @@ DbusService::~DbusService() {
     pending_.clear();
 }
 
-// -- set-up and teardown
-// ----------------------------------------------------------------------------
+// -- set-up and teardown -------------------------------------------------------------------------
 
 bool DbusService::setUpBus() {
     const RecursiveLock guard(BusLink::mutex());
@@ -129,8 +128,7 @@ void DbusService::leaveBus() {
     BusLink::close();
 }
 
-// -- dispatch
-// ---------------------------------------------------------------------------------------
+// -- dispatch ------------------------------------------------------------------------------------
 
 DBusHandlerResult DbusService::filter(DBusConnection* /*connection*/, DBusMessage* message,
                                       void* mainLoop) noexcept {

@@ -117,8 +117,7 @@ void HttpClient::setTransferRunning(bool running) {
     transferRunning_ = running;
 }
 
-// -- the exchange
-// -----------------------------------------------------------------------------------
+// -- the exchange --------------------------------------------------------------------------------
 
 void HttpClient::addPart(const std::shared_ptr<RequestData>& request) {
     exchange_.queue.insert(exchange_.queue.begin() + request->queuePosition(exchange_.queue),
@@ -207,8 +206,7 @@ int HttpClient::composeSlpHeaderPart(std::string& bodyPrefix) {
                                         bodyPrefix);
 }
 
-// -- libcurl
-// ----------------------------------------------------------------------------------------
+// -- libcurl -------------------------------------------------------------------------------------
 
 int HttpClient::setupHandle() {
     if (handle_) {
