@@ -22,6 +22,7 @@ struct DestroySource {
 using KeyFile = std::unique_ptr<GKeyFile, FreeWith<g_key_file_unref>>;
 using Text = std::unique_ptr<char, FreeWith<g_free>>;
 using TextList = std::unique_ptr<char*, FreeWith<g_strfreev>>;
+using Error = std::unique_ptr<GError, FreeWith<g_error_free>>;
 using File = std::unique_ptr<GFile, FreeWith<g_object_unref>>;
 using Monitor = std::unique_ptr<GFileMonitor, FreeWith<g_object_unref>>;
 using Source = std::unique_ptr<GSource, DestroySource>;

@@ -54,12 +54,10 @@ private:
     [[nodiscard]] std::optional<T> typed(const char* key, Get get) const {
         if (!has(key))
             return std::nullopt;
-        GError* error = nullptr;
-        const auto value = get(file_, name_.c_str(), key, &error);
-        if (error != nullptr) {
-            g_error_free(error);
+        GError* fault = nullptr;
+        const auto value = get(file_, name_.c_str(), key, &fault);
+        if (const Error error(fault); error)
             throw MalformedValue{};
-        }
         return static_cast<T>(value);
     }
 
