@@ -77,10 +77,16 @@ TEST_F(ConnectionListTest, GroupThatIsNotListedIsLeftOut) {
 
 TEST_F(ConnectionListTest, SpaceAroundNamesDoesNotCount) {
     const auto connections =
-        listIn("[Connections]\nList= a ; b ;\n[Connection a]\n[Connection b]\n");
+        listIn("[Connections]\nList= a;\t b;\n[Connection a]\n[Connection b]\n");
     ASSERT_EQ(connections.size(), 2U);
     EXPECT_EQ(connections.at(0).name, "a");
     EXPECT_EQ(connections.at(1).name, "b");
+}
+
+TEST_F(ConnectionListTest, SemicolonBehindSpaceBeginsACommentAndEndsNoName) {
+    const auto connections = listIn("[Connections]\nList=a ; b;\n[Connection a]\n[Connection b]\n");
+    ASSERT_EQ(connections.size(), 1U);
+    EXPECT_EQ(connections.at(0).name, "a");
 }
 
 TEST_F(ConnectionListTest, FillingReplacesWhatTheContainerHeld) {
