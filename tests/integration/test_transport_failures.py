@@ -57,7 +57,7 @@ BEFORE_ANSWER = {
 IN_ANSWER = {"close": {curl.PARTIAL_FILE}, "reset": {curl.RECV_ERROR}}
 
 POINTS = {
-    "accept": PROXY_ENDS,
+    "accept": {**PROXY_ENDS, "reset": {*PROXY_ENDS["reset"], curl.COULDNT_CONNECT}},
     "connect": PROXY_ENDS,
     "tunnel": BEFORE_TLS,
     "client-hello": BEFORE_TLS,
