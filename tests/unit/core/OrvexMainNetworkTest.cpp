@@ -169,6 +169,12 @@ struct PolicyCase {
     std::vector<std::uint32_t> allowed;
 };
 
+/// Otherwise GoogleTest prints the bytes of the case, padding included.
+void PrintTo(const PolicyCase& policyCase,
+             std::ostream* out) { // NOLINT(readability-identifier-naming)
+    *out << policyCase.name;
+}
+
 class OrvexMainPolicyTest : public GatewayTest, public testing::WithParamInterface<PolicyCase> {};
 
 TEST_P(OrvexMainPolicyTest, decidesAboutTheConnection) {
