@@ -3,8 +3,10 @@
 #include "slp/TextSearch.h"
 #include "support/FailureCode.h"
 
+#include <algorithm>
 #include <charconv>
 #include <limits>
+#include <memory>
 #include <utility>
 
 namespace orvexd {
@@ -60,6 +62,32 @@ std::optional<SlpError> parseResult(const xmlNode& result, ResultMap& results) {
     return std::nullopt;
 }
 
+using XmlParser = std::unique_ptr<xmlParserCtxt, FreeWith<xmlFreeParserCtxt>>;
+
+/// Hands a document to the parser piece by piece and breaks off within an element of more than
+/// several hundred attributes or namespaces. libxml2 compares each of them with all others of the
+/// element: a megabyte of attributes would keep the worker busy for minutes, and nothing could stop
+/// it.
+struct Feed {
+    static constexpr int kMostAttributeSlots =
+        5000; // of the parser's tables: five for an attribute
+    static constexpr int kMostNamespaceSlots = 2000; // and two for a namespace
+
+    std::string_view rest;
+    const xmlParserCtxt& parser;
+
+    static int read(void* self, char* to, int room) noexcept {
+        auto& feed = *static_cast<Feed*>(self);
+        if (feed.parser.maxatts > kMostAttributeSlots || feed.parser.nsMax > kMostNamespaceSlots) {
+            return -1;
+        }
+        const std::string_view piece = feed.rest.substr(0, static_cast<std::size_t>(room));
+        std::copy(piece.begin(), piece.end(), to);
+        feed.rest.remove_prefix(piece.size());
+        return static_cast<int>(piece.size());
+    }
+};
+
 } // namespace
 
 XmlDocument readSlpDocument(std::string_view text) {
@@ -67,7 +95,12 @@ XmlDocument readSlpDocument(std::string_view text) {
     if (!std::in_range<int>(text.size())) {
         return nullptr;
     }
-    return XmlDocument(xmlReadMemory(text.data(), static_cast<int>(text.size()), "", nullptr, 0));
+    const XmlParser parser(xmlNewParserCtxt());
+    if (!parser) {
+        return nullptr;
+    }
+    Feed feed{text, *parser};
+    return XmlDocument(xmlCtxtReadIO(parser.get(), Feed::read, nullptr, &feed, "", nullptr, 0));
 }
 
 std::optional<SlpError> parseSlpResponse(xmlNode* root, ResultMap& results) {

@@ -218,5 +218,37 @@ TEST(ParseSlpResponse, AddsToTheResultsOfAnEarlierDocument) {
     EXPECT_EQ(results, (ResultMap{{1, {"a", "b"}}}));
 }
 
+// -- crowded elements: the parser compares each attribute of an element with all others
+// -------------
+
+std::string crowded(const std::string& attribute, int count) {
+    std::string attributes = "status=\"ok\"";
+    for (int number = 0; number < count; ++number) {
+        attributes += " " + attribute + std::to_string(number) + "=\"u\"";
+    }
+    return document(result("1", "cid:a"), attributes);
+}
+
+TEST(ReadSlpDocument, TakesHundredsOfAttributes) {
+    EXPECT_EQ(parse(crowded("a", 500)).results, (ResultMap{{1, {"a"}}}));
+    EXPECT_EQ(parse(crowded("xmlns:a", 500)).results, (ResultMap{{1, {"a"}}}));
+}
+
+TEST(ReadSlpDocument, RefusesAnElementOfVeryManyAttributesBeforeItCostsMinutes) {
+    EXPECT_FALSE(readSlpDocument(crowded("a", 200000)));
+}
+
+TEST(ReadSlpDocument, RefusesAnElementOfVeryManyNamespaces) {
+    EXPECT_FALSE(readSlpDocument(crowded("xmlns:a", 100000)));
+}
+
+TEST(ReadSlpDocument, TakesAsManyResultsAsThereAre) {
+    std::string results;
+    for (int number = 0; number < 20000; ++number) {
+        results += result("1", "cid:a");
+    }
+    EXPECT_EQ(parse(document(results)).results.at(1).size(), 20000U);
+}
+
 } // namespace
 } // namespace orvexd
