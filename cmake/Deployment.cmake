@@ -10,6 +10,12 @@ set(ORVEXD_PREINST_DIR "/usr/share/orvexd" CACHE PATH
 set(ORVEXD_STORAGE_DIR "/var/lib/orvexd" CACHE PATH
     "Default storage directory")
 
+# Both become string literals of the daemon's source.
+foreach(value ORVEXD_SERVER_URL ORVEXD_SLP_XMLNS)
+  if("${${value}}" MATCHES [=[["\\]]=])
+    message(FATAL_ERROR "${value} must hold no quotation mark and no backslash; it is '${${value}}'")
+  endif()
+endforeach()
 if(NOT ORVEXD_SERVER_URL MATCHES "^https://[^/:]+:[0-9]+(/.*)?$")
   message(FATAL_ERROR "ORVEXD_SERVER_URL must be an HTTPS URL with an explicit port, "
                       "such as https://host:443/path; it is '${ORVEXD_SERVER_URL}'")

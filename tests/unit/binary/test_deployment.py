@@ -83,6 +83,11 @@ class Deployment(unittest.TestCase):
     def test_empty_namespace_is_an_error(self):
         self.assert_refused("ORVEXD_SLP_XMLNS", ORVEXD_SLP_XMLNS="")
 
+    def test_value_that_would_end_its_string_literal_is_an_error(self):
+        for mark in ('"', "\\"):
+            self.assert_refused("quotation mark", ORVEXD_SLP_XMLNS=f"http://h/{mark}x")
+            self.assert_refused("quotation mark", ORVEXD_SERVER_URL=f"https://h:443/{mark}x")
+
     def test_relative_directory_is_an_error(self):
         # as text: CMake would complete a value without a type by the current directory
         self.assert_refused("ORVEXD_PREINST_DIR", **{"ORVEXD_PREINST_DIR:STRING": "share/orvexd"})
