@@ -8,6 +8,8 @@ set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+# GCC tells at every call what GCC 7.1 changed about passing arguments.
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
 
 set(ORVEXD_ARMHF_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../build/armhf-sysroot" CACHE PATH
     "Headers and libraries of the ARM device")
