@@ -92,7 +92,8 @@ def test_chunk_size_0_gives_empty_chunks_for_ever(ask):
 
 def test_parts_of_one_request_end_with_2302_and_the_last_with_2303(ask):
     parts = [part(name, data) + "\r\n" for name, data in [("a", "one"), ("b", ""), ("c", "three")]]
-    request = ask(start_part("a", "b", "c") + "\r\n", *parts[:-1], parts[-1] + DELIMITER + "--\r\n")
+    end = DELIMITER + "--\r\n"
+    request = ask(start_part("a", "b", "c") + "\r\n", *parts[:-1], parts[-1] + end)
 
     first = request.first.wait()
     parts = [(first.data, first.code)]
@@ -136,7 +137,8 @@ def test_answers_of_several_requests_reach_their_clients(make_client, platform, 
     for request in requests:
         request.give(b"question")
 
-    assert [request.fetch() for request in requests] == [[b"for one"], [b"for two"], [b"for three"]]
+    fetched = [request.fetch() for request in requests]
+    assert fetched == [[b"for one"], [b"for two"], [b"for three"]]
 
 
 @pytest.mark.parametrize(
@@ -185,9 +187,8 @@ def test_line_break_in_front_of_the_delimiter_never_reaches_a_waiting_client(ask
 
 def test_response_may_end_without_a_closing_delimiter(ask):
     request = ask(START_A, part("a", "all of it\r\n"))
-    assert b"".join(chunk.data for chunk in [request.first.wait(), *request.fetch_chunks()]) == (
-        b"all of it"
-    )
+    chunks = [request.first.wait(), *request.fetch_chunks()]
+    assert b"".join(chunk.data for chunk in chunks) == b"all of it"
 
 
 def test_whole_body_in_one_piece(ask, client):
@@ -644,8 +645,9 @@ def test_latin_1_reason_of_a_failed_status_is_made_valid_text(ask):
 
 
 def test_utf_8_reason_of_a_failed_status_is_kept(ask):
-    request = ask(START_A, part("a", "data") + CLOSING, status=503, reason="Nicht verf\xfcgbar \u20ac")
-    expect_delivered_and_failed(request, b"data", 2001, head_text("Nicht verf\xfcgbar \u20ac"))
+    reason = "Nicht verf\xfcgbar \u20ac"
+    request = ask(START_A, part("a", "data") + CLOSING, status=503, reason=reason)
+    expect_delivered_and_failed(request, b"data", 2001, head_text(reason))
 
 
 def test_reason_may_be_empty_and_long(ask, client):

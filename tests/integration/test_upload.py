@@ -112,7 +112,8 @@ def test_empty_identity_is_left_out(server, platform, name, key, request):
 
     terminal = platform_of(server)
     assert name not in terminal
-    assert {"type", "platform", "swId", "swVersion", "imsi", "imei", "fwId"} - {name} == set(terminal)
+    everything = {"type", "platform", "swId", "swVersion", "imsi", "imei", "fwId"}
+    assert set(terminal) == everything - {name}
 
 
 def test_identity_that_was_missing_is_looked_for_at_each_connect(server, platform, request):
