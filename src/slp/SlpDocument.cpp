@@ -64,26 +64,37 @@ std::optional<SlpError> parseResult(const xmlNode& result, ResultMap& results) {
 
 using XmlParser = std::unique_ptr<xmlParserCtxt, FreeWith<xmlFreeParserCtxt>>;
 
-/// Hands a document to the parser piece by piece and breaks off within an element of more than
-/// several hundred attributes or namespaces. libxml2 compares each of them with all others of the
-/// element: a megabyte of attributes would keep the worker busy for minutes, and nothing could stop
-/// it.
+/// Hands a document to the parser piece by piece and breaks off where its cost would grow with the
+/// square of its length, which would keep the worker busy for minutes while nothing could stop it:
+/// libxml2 compares each attribute or namespace of an element with all others of the element, so
+/// several hundred are the most. Declarations must end within the first piece: they may hold such
+/// elements in an entity, which is parsed without further reading, or attributes that every element
+/// gets unasked.
 struct Feed {
     static constexpr int kMostAttributeSlots =
         5000; // of the parser's tables: five for an attribute
     static constexpr int kMostNamespaceSlots = 2000; // and two for a namespace
+    static constexpr std::size_t kPiece = 2000;
 
     std::string_view rest;
     const xmlParserCtxt& parser;
+    bool begun = false;
+
+    bool isTooCostly() const noexcept {
+        return parser.maxatts > kMostAttributeSlots || parser.nsMax > kMostNamespaceSlots ||
+               (begun && parser.inSubset != 0);
+    }
 
     static int read(void* self, char* to, int room) noexcept {
         auto& feed = *static_cast<Feed*>(self);
-        if (feed.parser.maxatts > kMostAttributeSlots || feed.parser.nsMax > kMostNamespaceSlots) {
+        if (!feed.rest.empty() && feed.isTooCostly()) {
             return -1;
         }
-        const std::string_view piece = feed.rest.substr(0, static_cast<std::size_t>(room));
+        const std::string_view piece =
+            feed.rest.substr(0, std::min(kPiece, static_cast<std::size_t>(room)));
         std::copy(piece.begin(), piece.end(), to);
         feed.rest.remove_prefix(piece.size());
+        feed.begun = true;
         return static_cast<int>(piece.size());
     }
 };

@@ -242,6 +242,35 @@ TEST(ReadSlpDocument, RefusesAnElementOfVeryManyNamespaces) {
     EXPECT_FALSE(readSlpDocument(crowded("xmlns:a", 100000)));
 }
 
+/// A document that uses the entity `e` of the declarations in front of it.
+std::string declaring(const std::string& declarations) {
+    return "<!DOCTYPE x [" + declarations + "]>" + document("&e;" + result("1", "cid:a"));
+}
+
+TEST(ReadSlpDocument, TakesAFewDeclarations) {
+    const std::string entity = "<!ENTITY e '" + result("2", "cid:b") + "'>";
+    EXPECT_TRUE(readSlpDocument(declaring(entity)));
+    const std::string defaults =
+        "<!ENTITY e ''><!ATTLIST result" + std::string(1500, ' ') + "a CDATA ''>";
+    EXPECT_EQ(parse(declaring(defaults)).results, (ResultMap{{1, {"a"}}}));
+}
+
+TEST(ReadSlpDocument, RefusesAnEntityThatHoldsAnElementOfVeryManyAttributes) {
+    std::string attributes;
+    for (int number = 0; number < 4000; ++number) {
+        attributes += " a" + std::to_string(number) + "=''";
+    }
+    EXPECT_FALSE(readSlpDocument(declaring("<!ENTITY e \"<q" + attributes + "/>\">")));
+}
+
+TEST(ReadSlpDocument, RefusesVeryManyAttributesThatElementsGetUnasked) {
+    std::string attributes;
+    for (int number = 0; number < 600; ++number) {
+        attributes += " a" + std::to_string(number) + " CDATA ''";
+    }
+    EXPECT_FALSE(readSlpDocument(declaring("<!ENTITY e ''><!ATTLIST result" + attributes + ">")));
+}
+
 TEST(ReadSlpDocument, TakesAsManyResultsAsThereAre) {
     std::string results;
     for (int number = 0; number < 20000; ++number) {
