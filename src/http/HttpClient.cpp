@@ -158,6 +158,9 @@ void HttpClient::runExchange() {
         } catch (const std::exception& error) { // no memory, most likely
             code = failure::kExchangeFailed;
             errorText_ = error.what();
+        } catch (...) { // the platform library's own
+            code = failure::kExchangeFailed;
+            errorText_.clear();
         }
         if (code != failure::kNone) {
             failExchange(code);

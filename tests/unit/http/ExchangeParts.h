@@ -46,7 +46,12 @@ inline std::string partHead(const std::string& boundary, const std::string& cont
 /// The owner of an exchange that writes down what it is told, a line for each call.
 class RecordingOwner : public IExchangeOwner {
 public:
-    std::string proxyForServer() override { return proxy; }
+    std::string proxyForServer() override {
+        if (proxyFault != 0) {
+            throw proxyFault;
+        }
+        return proxy;
+    }
 
     void postRequestData(std::uint32_t connectionId, std::uint32_t requestId) override {
         log.push_back("request data " + requestKey(connectionId, requestId));
@@ -72,6 +77,7 @@ public:
     }
 
     std::string proxy;
+    int proxyFault = 0; ///< thrown instead of an answer
     std::vector<std::string> log;
     std::function<void(std::uint32_t, std::uint32_t)> onRequestData;
     std::function<void()> onAnnouncement;

@@ -759,6 +759,15 @@ TEST_F(HttpClientTest, reports2001WhenMemoryRunsOutBeforeTheTransfer) {
     EXPECT_THAT(owner_.log, ElementsAre("failed 2001 [std::bad_alloc] [1:1]", "done 1"));
 }
 
+TEST_F(HttpClientTest, reports2001WhenThePlatformThrowsSomethingOfItsOwn) {
+    owner_.proxyFault = 7;
+    addRequest(1);
+    runExchange();
+    ASSERT_TRUE(iterateUntil([&] { return owner_.log.size() == 2; }));
+    EXPECT_THAT(owner_.log, ElementsAre("failed 2001 [] [1:1]", "done 1"));
+    EXPECT_EQ(fake_curl::liveHandles(), 0);
+}
+
 // -- hooks --------------------------------------------------------------------------------------
 
 class SocketOptionTest : public testing::Test {
