@@ -39,6 +39,7 @@ class Daemon:
     """One daemon process. `start()` returns when it serves; `stop()` checks its end."""
 
     def __init__(self, directory, bus, platform_path, preinst):
+        self.program = [DAEMON]  # a test may put a wrapper in front
         self.arguments = ["--preinst-dir", preinst, "--storage-dir", directory / "storage"]
         self.environment = {
             "PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
@@ -81,7 +82,7 @@ class Daemon:
         self._runs += 1
         name = "orvexd" if self._runs == 1 else f"orvexd-{self._runs}"
         self.process = Process(
-            [DAEMON, *self.arguments], self._directory, name, environment=self.environment
+            [*self.program, *self.arguments], self._directory, name, environment=self.environment
         )
         # Its end is an event of the main context, so that no wait misses it.
         self._watch = GLib.unix_fd_add_full(

@@ -5,7 +5,7 @@ import os
 from .process import Process, read_line
 
 # Everything is allowed, also replies that nobody asked for: the tests see all that is sent.
-_POLICY = """
+PERMISSIVE_POLICY = """
   <policy context="default">
     <allow user="*"/>
     <allow own="*"/>
@@ -31,7 +31,7 @@ _CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configura
 class PrivateBus:
     """Runs from construction to stop(). `limits` are <limit> elements, by name."""
 
-    def __init__(self, directory, limits=None, policy=_POLICY):
+    def __init__(self, directory, limits=None, policy=PERMISSIVE_POLICY):
         config = directory / "bus.conf"
         limits = "".join(
             f'  <limit name="{name}">{value}</limit>\n' for name, value in (limits or {}).items()

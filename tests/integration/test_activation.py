@@ -1,0 +1,82 @@
+"""The bus starts the daemon when a client calls it, by the activation file that is shipped."""
+
+import os
+import re
+
+import pytest
+from gi.repository import Gio, GLib
+
+from harness import observe
+from harness.client import Client
+from harness.daemon import DEVICE
+from harness.private_bus import PERMISSIVE_POLICY
+from harness.settings import BUILD_DIR, BUS_NAME, DAEMON, OBJECT_PATH, patience
+
+SHIPPED = BUILD_DIR / "data" / "com.kelvra.orvexd.service"
+
+
+@pytest.fixture
+def environment_file(tmp_path, platform):
+    """What the administrator fills in."""
+    path = tmp_path / "orvexd.env"
+    values = {**DEVICE, "TRILBA_PLATFORM_CONF": platform.path}
+    path.write_text("".join(f"{name}='{value}'\n" for name, value in values.items()), "utf-8")
+    return path
+
+
+@pytest.fixture
+def bus(tmp_path, make_bus, environment_file):
+    """A bus that knows the service: the shipped file, with this build's program and environment."""
+    text = SHIPPED.read_text("utf-8")
+    (program,) = re.findall(r"exec (\S+)\"$", text, re.MULTILINE)
+    (defaults,) = set(re.findall(r"-r (\S+) ", text))
+    services = tmp_path / "services"
+    services.mkdir()
+    (services / SHIPPED.name).write_text(
+        text.replace(program, str(DAEMON)).replace(defaults, str(environment_file)), "utf-8"
+    )
+    bus = make_bus(policy=f"{PERMISSIVE_POLICY}  <servicedir>{services}</servicedir>\n")
+    # The address goes to the daemon the way the administrator would give it.
+    with open(environment_file, "a", encoding="utf-8") as file:
+        file.write(f"DBUS_SYSTEM_BUS_ADDRESS='{bus.address}'\n")
+    return bus
+
+
+def process_of(client, name):
+    """The process behind a name, as the bus knows it."""
+    bus_name = "org.freedesktop.DBus"
+    arguments = GLib.Variant("(s)", (name,))
+    flags = Gio.DBusCallFlags.NONE
+    return client.bus.call_sync(
+        bus_name, "/", bus_name, "GetConnectionUnixProcessID", arguments, None, flags, -1, None
+    ).unpack()[0]
+
+
+def test_call_starts_the_daemon(bus):
+    client = Client(bus.address)
+    status = client.bus.call_sync(
+        BUS_NAME,
+        OBJECT_PATH,
+        "org.freedesktop.DBus.Properties",
+        "Get",
+        GLib.Variant("(ss)", (BUS_NAME, "connectionStatus")),
+        GLib.VariantType("(v)"),
+        Gio.DBusCallFlags.NONE,
+        int(patience(25) * 1000),
+        None,
+    ).unpack()[0]
+    assert status == 3
+    pidfd = os.pidfd_open(process_of(client, BUS_NAME))
+    try:
+        client.quit()
+        observe.wait_for_end(pidfd)
+    finally:
+        os.close(pidfd)
+        client.close()
+
+
+def test_call_without_activation_does_not(bus):
+    client = Client(bus.address)
+    with pytest.raises(Exception, match="ServiceUnknown|NameHasNoOwner"):
+        client.status()
+    client.close()
