@@ -205,7 +205,7 @@ private:
     void create(Input& input, bool prepared);
     void send(Request& request, bool last);
     void ask(Request& request);
-    void endByClient(Request& request);
+    static void endByClient(Request& request);
     void changeNetwork(std::size_t choice);
 
     void read(std::size_t capacity);
