@@ -154,7 +154,6 @@ private:
     std::uint64_t startedExchange_ = 0; // main loop's thread; newest exchange that got a worker
     IServiceEvents& service_;
     ServicePosts posts_;
-    OrvexNetworkManager networkManager_;
 
     std::uint32_t lastConnectionId_ = 0; // guarded by connectionsLock_
     std::uint32_t lastRequestId_ = 0;    // guarded by requestIdLock_
@@ -162,14 +161,14 @@ private:
     std::map<std::uint32_t, std::shared_ptr<const ConnectionParameters>> connections_;
     Requests requests_; // guarded by requestsLock_
     std::atomic<std::uint32_t> reportedStatus_ = 0;
-    RecursiveMutex
-        connectionsLock_; // erasure from connections_; all its writers are on the main loop
+    RecursiveMutex connectionsLock_; // also for erasure from connections_
     RecursiveMutex requestIdLock_;
     RecursiveMutex requestsLock_;
     std::string imsi_;
     std::string imei_;
     std::string fwId_;
-    std::uint32_t openDuration_ = 0; // main loop's thread; never lowered
+    std::uint32_t openDuration_ = 0;     // main loop's thread; never lowered
+    OrvexNetworkManager networkManager_; // last: it calls this object until it is gone
 };
 
 } // namespace orvexd
