@@ -1,4 +1,4 @@
-"""The configuration file: what is accepted, what ends the daemon, and that no value takes effect."""
+"""The configuration file: what is accepted, what ends the daemon, and that no value matters."""
 
 import pathlib
 import signal

@@ -1,4 +1,4 @@
-"""The methods and the incoming signal: arguments, results, error codes, ids, and how calls match."""
+"""The methods and the incoming signal: arguments, results, error codes, and how calls match."""
 
 import pytest
 from gi.repository import GLib

@@ -1,4 +1,4 @@
-"""The process: command line, preconditions, the name on the bus, and what it is like when it idles."""
+"""The process: command line, preconditions, the name on the bus, signals, and idleness."""
 
 import contextlib
 import os

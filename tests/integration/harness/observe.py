@@ -3,7 +3,6 @@
 import os
 import pathlib
 import re
-import signal
 
 from gi.repository import GLib
 
@@ -55,10 +54,6 @@ def file_descriptors(pid):
     """What the open file descriptors refer to, by number."""
     base = pathlib.Path(f"/proc/{pid}/fd")
     return {int(entry.name): os.readlink(entry) for entry in base.iterdir()}
-
-
-def is_sanitized(pid):
-    return bool(re.search(r"lib[at]san\.so", _maps(pid)))
 
 
 def is_thread_sanitized(pid):
@@ -136,15 +131,6 @@ def wake_ups(pid):
     return {
         task: int(status_field(pid, "voluntary_ctxt_switches", task)) for task in own_threads(pid)
     }
-
-
-def is_alive(pidfd):
-    """Whether the process behind this descriptor has not ended."""
-    try:
-        signal.pidfd_send_signal(pidfd, 0)
-    except ProcessLookupError:
-        return False
-    return True
 
 
 def wait_for_end(pidfd, seconds=10):

@@ -15,6 +15,7 @@ from gi.repository import Gio, GLib
 from .settings import BUS_NAME, OBJECT_PATH, patience
 
 _BUS = "org.freedesktop.DBus"
+_PEER = "org.freedesktop.DBus.Peer"
 _BUS_PATH = "/org/freedesktop/DBus"
 _NO_CAPABILITIES = Gio.DBusCapabilityFlags.NONE
 CALL = Gio.DBusMessageType.METHOD_CALL
@@ -127,11 +128,11 @@ class RawClient:
         A handler's posts run before the second of two calls that come one after the other.
         """
         for _ in range(2):
-            assert not is_error(self.call("Ping", interface="org.freedesktop.DBus.Peer"))
+            assert not is_error(self.call("Ping", interface=_PEER))
 
     def settle_bus(self):
         """Returns when all that the bus has sent so far is in `received`."""
-        assert not is_error(self.call("Ping", interface="org.freedesktop.DBus.Peer", destination=_BUS))
+        assert not is_error(self.call("Ping", interface=_PEER, destination=_BUS))
 
     # -- the stream ----------------------------------------------------------------------------
 
