@@ -28,7 +28,12 @@ def _sanitizer_options():
         return ":".join(values)
 
     return {
-        "ASAN_OPTIONS": options("asan", "detect_leaks=1", "strict_string_checks=1"),
+        "ASAN_OPTIONS": options(
+            "asan",
+            "detect_leaks=1",
+            "strict_string_checks=1",
+            "verify_asan_link_order=0",  # the tests preload libraries that have no sanitizer
+        ),
         "LSAN_OPTIONS": options("lsan", "print_suppressions=0"),
         "UBSAN_OPTIONS": options("ubsan", "halt_on_error=1"),
         "TSAN_OPTIONS": options("tsan", "detect_deadlocks=1", "second_deadlock_stack=1"),
@@ -52,6 +57,8 @@ class Daemon:
             **_sanitizer_options(),
         }
         self.process = None
+        self.ledger = None  # a test may keep one: see harness.ledger
+        self.warmed_up = False  # whether it has made what it keeps for ever
         self._directory = directory
         self._watch = None
         self._runs = 0
@@ -80,6 +87,9 @@ class Daemon:
         """Starts it and waits for nothing, for starts that are meant to fail."""
         assert DAEMON.exists(), f"{DAEMON} is not built"
         self._runs += 1
+        self.warmed_up = False
+        if self.ledger:
+            self.ledger.open()
         name = "orvexd" if self._runs == 1 else f"orvexd-{self._runs}"
         self.process = Process(
             [*self.program, *self.arguments], self._directory, name, environment=self.environment

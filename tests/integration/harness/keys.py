@@ -1,5 +1,6 @@
 """Throw-away keys and certificates."""
 
+import shutil
 import subprocess
 
 from .settings import MAKE_TEST_KEYS, PASSPHRASE, patience
@@ -23,3 +24,14 @@ def fill_preinst(directory, keys):
     for name in CLIENT_FILES:
         (directory / name).write_bytes((keys / name).read_bytes())
     return directory
+
+
+def restore_preinst(directory, keys):
+    """Makes the client's three files what they were, whatever stands in their places."""
+    for name in CLIENT_FILES:
+        file = directory / name
+        if file.is_dir() and not file.is_symlink():
+            shutil.rmtree(file)
+        else:
+            file.unlink(missing_ok=True)
+    fill_preinst(directory, keys)

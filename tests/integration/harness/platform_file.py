@@ -1,6 +1,7 @@
 """The platform library's configuration file."""
 
 import os
+import shutil
 
 
 class Platform:
@@ -33,6 +34,26 @@ class Platform:
         aside = self.path.with_suffix(".new")
         aside.write_text(text, "utf-8")
         os.replace(aside, self.path)
+
+    def state(self):
+        """The attributes, to be given to `restore` later."""
+        return {
+            "system": dict(self.system),
+            "positioning": self.positioning,
+            "connections": list(self.connections),
+            "proxy": self.proxy,
+        }
+
+    def restore(self, state):
+        """Makes the file what it was, whatever stands in its place now."""
+        if self.path.is_dir() and not self.path.is_symlink():
+            shutil.rmtree(self.path)
+        self.write(**state)
+        assert self.is_whole()
+
+    def is_whole(self):
+        """Whether the file holds what the attributes say."""
+        return self.path.is_file() and self.path.read_bytes() == self.text().encode()
 
     def text(self):
         """The file's text for the present attributes."""

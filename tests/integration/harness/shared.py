@@ -47,7 +47,11 @@ def preinst(tmp_path_factory, keys):
 
 @pytest.fixture(scope="module")
 def daemon(tmp_path_factory, bus, platform, preinst):
-    daemon = Daemon(tmp_path_factory.mktemp("daemon"), bus, platform.path, preinst)
+    yield from running(Daemon(tmp_path_factory.mktemp("daemon"), bus, platform.path, preinst))
+
+
+def running(daemon):
+    """Starts a daemon, yields it, and checks its end."""
     daemon.start()
     try:
         yield daemon
