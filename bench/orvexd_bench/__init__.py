@@ -1,0 +1,1 @@
+"""Runs every benchmark beside its floor or peer and prints the ratios."""
