@@ -134,6 +134,22 @@ class RawClient:
         """Returns when all that the bus has sent so far is in `received`."""
         assert not is_error(self.call("Ping", interface=_PEER, destination=_BUS))
 
+    # -- for programs with a loop of their own -------------------------------------------------
+
+    def fileno(self):
+        return self._socket.fileno()
+
+    def take_arrived(self):
+        """Reads once, when there is something to read, and returns what nobody has taken yet."""
+        data = self._socket.recv(1 << 20)
+        if not data:
+            raise AssertionError("the bus ended the connection")
+        self._data += data
+        self._take_messages()
+        arrived, self.received = self.received, []
+        self.history.clear()
+        return arrived
+
     # -- the stream ----------------------------------------------------------------------------
 
     def _authenticate(self):

@@ -1,0 +1,459 @@
+"""One client that does at random what a client can do, and checks what comes of it."""
+
+import collections
+import time
+
+from gi.repository import GLib
+
+from harness.raw_client import ERROR, RETURN, SIGNAL, RawClient, describe, values
+from harness.settings import BUS_NAME
+
+from .request import (
+    CONNECTION_ERROR,
+    NOT_ALLOWED,
+    UNKNOWN_CONNECTION,
+    UNKNOWN_REQUEST,
+    Connection,
+    Request,
+    Violation,
+    require,
+)
+
+NO_CONNECTION, NOT_PERMITTED, BAD_ARGUMENTS = 2204, 2205, 2002
+_PROPERTIES = "org.freedesktop.DBus.Properties"
+_STATUSES = (0, 1, 3, 5)
+_MOST_CONNECTIONS = 3
+_MOST_REQUESTS = 3
+_THINK_SECONDS = 0.02  # between two doings, on average
+_ANSWERED_KEPT = 1000  # serials of answered calls that are remembered
+
+Call = collections.namedtuple("Call", "on_answer what may_be_held")
+
+
+def body(signature, *arguments):
+    return GLib.Variant(signature, arguments)
+
+
+def data_body(data, last, connection, request):
+    """Arguments of sendData, without a Python object for each byte."""
+    array = GLib.Variant.new_from_bytes(GLib.VariantType("ay"), GLib.Bytes.new(data), True)
+    others = (GLib.Variant("b", last), GLib.Variant("u", connection), GLib.Variant("u", request))
+    return GLib.Variant.new_tuple(array, *others)
+
+
+def error_code(message):
+    """The number in an error reply of the daemon; None for other errors."""
+    text = (values(message) or ("",))[0]
+    number = text.partition(")")[0].removeprefix("(")
+    return int(number) if message.get_error_name() == f"{BUS_NAME}.Error" else None
+
+
+class Actor:
+    """A client on a bus connection of its own. `step()` does something when its time has come."""
+
+    def __init__(self, name, address, dice, world, tally):
+        self.name = name
+        self.dice = dice
+        self.link = None
+        self.next_step = time.monotonic()
+        self.draining = False
+        self.connections = {}  # by id, closed ones too
+        self.requests = {}  # the live ones, by (connection id, request id)
+        self.past = {}  # the ended ones
+        self._address = address
+        self._world = world
+        self._tally = tally
+        self._calls = {}  # by serial
+        self._answered = collections.deque(maxlen=_ANSWERED_KEPT)
+        self._tags = 0
+        self.failure_times = []  # when errors of exchanges were heard of
+        self._connect_to_bus()
+
+    # -- the bus -------------------------------------------------------------------------------
+
+    def _connect_to_bus(self):
+        self.link = RawClient(self._address)
+        self.link.add_match(f"type='signal',sender='{BUS_NAME}'")
+        for message in self.link.received:
+            self._on_message(message)
+        self.link.received.clear()
+        self.link.history.clear()
+
+    def close(self):
+        self.link.close()
+
+    def _call(self, member, arguments, on_answer, what="", may_be_held=False, **where):
+        message = self.link.compose(member, arguments, **where)
+        serial = message.get_serial()
+        self._calls[serial] = Call(on_answer, f"{member} {what}", may_be_held)
+        self.link.send(message)
+        return serial
+
+    def unanswered(self):
+        """Calls that wait for an answer which has to come."""
+        return [call.what for call in self._calls.values() if not call.may_be_held]
+
+    def read(self):
+        """Handles what has arrived."""
+        for message in self.link.take_arrived():
+            self._on_message(message)
+
+    def _on_message(self, message):
+        kind = message.get_message_type()
+        if kind in (RETURN, ERROR):
+            self._on_answer(message)
+        elif kind == SIGNAL and message.get_interface() == BUS_NAME:
+            self._on_signal(message)
+
+    def _on_answer(self, message):
+        serial = message.get_reply_serial()
+        call = self._calls.pop(serial, None)
+        if call is None:
+            again = "again " if serial in self._answered else ""
+            raise Violation(f"{describe(message)} answers call {serial} {again}that is not open")
+        self._answered.append(serial)
+        self._tally["calls answered"] += 1
+        call.on_answer(message)
+
+    # -- signals -------------------------------------------------------------------------------
+
+    def _on_signal(self, message):
+        member, arguments = message.get_member(), values(message)
+        if member == "requestData":
+            self._on_request_data(*arguments)
+        elif member == "errorSignal":
+            self._on_error_signal(*arguments)
+        elif member == "connectionStatusChanged":
+            require(arguments[0] in _STATUSES, f"status {arguments[0]}")
+        elif member != "cancel":
+            raise Violation(f"signal {member}{arguments}")
+
+    def _on_request_data(self, connection, number):
+        request = self._find(connection, number)
+        if request is not None:
+            self._checked(request, request.on_asked)
+            self._send_when_asked(request)
+
+    def _on_error_signal(self, code, message, keys):
+        require(code in (2001, NO_CONNECTION), f"errorSignal with code {code}")
+        if message not in (CONNECTION_ERROR, NOT_ALLOWED):
+            self.failure_times.append(time.monotonic())
+        named = [tuple(map(int, key.split(":"))) for key in keys.split()]
+        require(len(set(named)) == len(named), f"errorSignal names one request twice: {keys}")
+        for key in named:
+            request = self._find(*key)
+            if request is not None:
+                self._checked(request, request.on_named, message)
+                self._end_if_over(request)
+
+    def _find(self, connection, number):
+        """A request of this client's connections, also one whose id was never told."""
+        if connection not in self.connections:
+            return None  # somebody else's
+        known = self.requests.get((connection, number)) or self.past.get((connection, number))
+        if known is None:
+            owner = self.connections[connection]
+            require(
+                owner.nameless > 0, f"a signal names {connection}:{number}, which never existed"
+            )
+            owner.nameless -= 1
+            known = self._adopt(owner, number, True)
+            known.note("found by a signal")
+        return known
+
+    def _checked(self, request, check, *arguments):
+        try:
+            check(*arguments)
+        except Violation as violation:
+            raise Violation(f"{violation}\n  {request.tell()}") from None
+
+    def _end_if_over(self, request):
+        key = (request.connection.id, request.id)
+        if request.ended and key in self.requests:
+            self.past[key] = self.requests.pop(key)
+            if request.asked:
+                self._send_rest(request)
+
+    # -- doings --------------------------------------------------------------------------------
+
+    def step(self):
+        """Does one thing and decides when to do the next."""
+        self.next_step = time.monotonic() + self.dice.expovariate(1 / _THINK_SECONDS)
+        if self.draining:
+            self._drain()
+            return
+        asked = [r for r in self.requests.values() if r.asked and r.pieces]
+        if asked and self.dice.random() < 0.6:
+            self._send_piece(self.dice.choice(asked))
+            return
+        doings = (
+            (self._open, 4),
+            (self._create, 30),
+            (self._ask, 30),
+            (self._send_unasked, 1),
+            (self._cancel, 2),
+            (self._disconnect, 1.5),
+            (self._ask_twice, 0.5),
+            (self._ask_nonsense, 1),
+            (self._send_nonsense, 1),
+            (self._ask_status, 2),
+            (self._vanish, 0.1),
+        )
+        self.dice.choices([d for d, _ in doings], [weight for _, weight in doings])[0]()
+
+    def _open_connections(self):
+        return [each for each in self.connections.values() if each.open]
+
+    def _pick(self):
+        return self.dice.choice(list(self.requests.values())) if self.requests else None
+
+    def _open(self):
+        if len(self._open_connections()) >= _MOST_CONNECTIONS:
+            return
+        self._tags += 1
+        tag = f"{self.name}.{self._tags}"
+        kind = self.dice.choice(("other", "other", "position", "fingerprint", ""))
+        encoding = self.dice.choice(("binary", "binary", "8bit"))
+        if kind == "fingerprint":
+            encoding = "binary"  # its answer names the digest of what arrived
+        size = self.dice.choice((700, 10_000, 65_536, 1 << 20, 2**32 - 1))
+        texts = ("element", kind, tag, encoding, "application/octet-stream")
+
+        def on_answer(message):
+            number = values(message)[0]
+            require(number not in self.connections, f"connection id {number} was given twice")
+            self.connections[number] = Connection(number, tag, kind, encoding, size)
+
+        self._call("connect", body("(ayayayayayu)", *map(str.encode, texts), size), on_answer)
+
+    def _create(self):
+        connections = self._open_connections()
+        if not connections or len(self.requests) >= _MOST_REQUESTS:
+            return
+        connection = self.dice.choice(connections)
+        prepared = self.dice.random() < 0.6
+        policy = self.dice.choices((0, 1, 2, 3, 4, 2**32 - 1), (2, 1, 8, 5, 0.5, 0.5))[0]
+        arguments = body("(uuu)", connection.id, policy, self.dice.randrange(100))
+        sent, closed = time.monotonic(), not connection.open
+
+        def on_answer(message):
+            if message.get_message_type() == RETURN:
+                require(not closed, "a request on a closed connection")
+                self._world.require_permission(True, sent)
+                self._adopt(connection, values(message)[0], prepared)
+            else:
+                self._on_creation_refused(connection, error_code(message), sent)
+
+        what = f"on {connection.id} with policy {policy}"
+        self._call("prepare" if prepared else "attach", arguments, on_answer, what)
+
+    def _on_creation_refused(self, connection, code, sent):
+        self._tally[f"refused {code}"] += 1
+        if code == NOT_PERMITTED:
+            self._world.require_permission(False, sent)
+            return
+        require(code == NO_CONNECTION, f"a request on an open connection was refused with {code}")
+        connection.nameless += 1  # it may exist nevertheless
+
+    def _adopt(self, connection, number, prepared):
+        key = (connection.id, number)
+        require(number not in self._world.request_ids, f"request id {number} was given twice")
+        self._world.request_ids.add(number)
+        pieces = self._pieces(connection, number)
+        request = Request(connection, number, prepared, pieces)
+        # Whoever ends the wait of a fingerprint is a minute and a half late.
+        request.stalls = connection.kind != "fingerprint" and self.dice.random() < 0.002
+        if request.stalls:
+            request.pieces = []
+        request.note("created")
+        if not connection.open:
+            request.ended_by = "disconnected"
+        self.requests[key] = request
+        self._tally["requests"] += 1
+        self._end_if_over(request)
+        return request
+
+    def _pieces(self, connection, number):
+        """What to send; a text of its own at the front makes each request's data unique."""
+        dice = self.dice
+        if connection.encoding == "binary" and dice.random() < 0.2:
+            return [f"size: {dice.randrange(300_000)}".encode()]
+        front = f"{self.name} {number}\n".encode()
+        size = int(200_000 ** dice.random())
+        if connection.encoding == "binary":
+            data = front + dice.randbytes(size)
+        else:
+            line = b"x" * dice.randrange(80) + dice.choice((b"\n", b"\r\n"))
+            data = front + line * (size // len(line))
+        cuts = sorted(dice.randrange(len(data) + 1) for _ in range(dice.choice((0, 0, 1, 4))))
+        return [data[a:b] for a, b in zip([0, *cuts], [*cuts, len(data)])]
+
+    # -- data ----------------------------------------------------------------------------------
+
+    def _send_when_asked(self, request):
+        eager = self.draining or request.ended or request.connection.kind == "fingerprint"
+        if eager or self.dice.random() < 0.8:
+            self._send_rest(request)
+
+    def _send_rest(self, request):
+        """Ended requests are mostly fed, too: an exchange waits 5 s for who is silent."""
+        careless = request.ended and request.connection.kind != "fingerprint"
+        if careless and self.dice.random() < 0.005:
+            request.pieces = []
+        while request.pieces and request.connection.open:
+            self._send_piece(request)
+
+    def _send_unasked(self):
+        request = self._pick()
+        if request is not None and not request.asked:
+            self._send(request, b"nobody has asked", False)
+
+    def _send_piece(self, request):
+        piece = request.pieces.pop(0)
+        self._send(request, piece, not request.pieces)
+
+    def _send(self, request, data, last):
+        connection = request.connection
+        is_open = connection.open  # calls of one client are handled in order
+
+        def on_answer(message):
+            result = values(message)[0]
+            if not is_open:
+                require(result == UNKNOWN_CONNECTION, f"closed connection, sendData: {result}")
+                return
+            self._checked(request, request.on_sent, data, result)
+            self._end_if_over(request)
+
+        arguments = data_body(data, last, connection.id, request.id)
+        self._call("sendData", arguments, on_answer, f"for {request.key}")
+
+    def _ask(self):
+        request = self._pick()
+        if request is not None and request.held is None:
+            self._ask_for(request)
+
+    def _ask_for(self, request):
+        def on_answer(message):
+            if request.held == serial:
+                request.held = None
+            if message.get_message_type() == RETURN:
+                chunk = message.get_body().get_child_value(0).get_data_as_bytes().get_data() or b""
+                code = message.get_body().get_child_value(1).get_uint32()
+                self._checked(request, request.on_chunk, chunk, code)
+                self._tally["chunks"] += 1
+                self._tally["bytes delivered"] += len(chunk)
+            else:
+                self._checked(request, request.on_refused, error_code(message))
+            self._end_if_over(request)
+            if not request.ended and request.held is None and self.dice.random() < 0.8:
+                self._ask_for(request)
+
+        request.note("getData")
+        arguments = body("(uu)", request.connection.id, request.id)
+        serial = self._call("getData", arguments, on_answer, request.key, may_be_held=True)
+        request.held = serial
+
+    def _ask_twice(self):
+        """The second call replaces the first; a chunk that is under way may then be lost."""
+        request = self._pick()
+        if request is not None and request.held is not None:
+            request.overlapped = True
+            self._ask_for(request)
+
+    # -- ends ----------------------------------------------------------------------------------
+
+    def _cancel(self):
+        request = self._pick()
+        if request is not None:
+            request.note("cancel")
+            self.link.emit("cancel", body("(uu)", request.connection.id, request.id))
+            self._end_by_client(request, "cancelled")
+
+    def _end_by_client(self, request, how):
+        request.ended_by = how
+        self._end_if_over(request)
+
+    def _disconnect(self):
+        connections = self._open_connections()
+        if connections:
+            self._close(self.dice.choice(connections))
+
+    def _close(self, connection):
+        if self._may_close(connection):
+            self._give_up(connection, "disconnected")
+
+    def _may_close(self, connection):
+        """Not often with data unsent: an exchange waits for what nobody may send any more."""
+        everyone = [*self.requests.values(), *self.past.values()]
+        if all(r.connection is not connection or not r.pieces for r in everyone):
+            return True
+        return connection.kind != "fingerprint" and self.dice.random() < 0.03
+
+    def _give_up(self, connection, how):
+        connection.open = False
+        for request in [r for r in self.requests.values() if r.connection is connection]:
+            request.note(how)
+            self._end_by_client(request, how)
+        self._call("disconnect", body("(u)", connection.id), lambda message: None)
+
+    def _vanish(self):
+        """Leaves the bus with everything open, comes back and cleans up."""
+        connections = self._open_connections()
+        if not all(map(self._may_close, connections)):
+            return
+        self._tally["clients vanished"] += 1
+        for call in self._calls.values():
+            if call.what.startswith(("prepare", "attach")):
+                self.connections[int(call.what.split()[2])].nameless += 1
+        self.link.close()
+        self._calls.clear()
+        self._connect_to_bus()
+        for connection in connections:
+            self._give_up(connection, "vanished")
+        for request in self.past.values():
+            if request.gone_since is not None:
+                request.ended_by = "vanished"  # the reason may have come meanwhile
+
+    # -- nonsense ------------------------------------------------------------------------------
+
+    def _ask_nonsense(self):
+        def on_answer(message):
+            require(error_code(message) == wanted, f"{wanted} expected, got {describe(message)}")
+
+        if self.dice.random() < 0.5:
+            wanted, arguments = UNKNOWN_REQUEST, body("(uu)", self.dice.randrange(3), 0)
+        else:
+            wanted, arguments = BAD_ARGUMENTS, body("(s)", "1:1")
+        self._call("getData", arguments, on_answer, "of nothing")
+
+    def _send_nonsense(self):
+        def on_answer(message):
+            require(values(message)[0] == UNKNOWN_CONNECTION, f"got {describe(message)}")
+
+        self._call("sendData", data_body(b"to nobody", True, 0, 1), on_answer)
+        self.link.emit("cancel", body("(uu)", 0, 1))
+
+    def _ask_status(self):
+        def on_answer(message):
+            require(values(message)[0] in _STATUSES, f"connectionStatus: {describe(message)}")
+
+        arguments = body("(ss)", BUS_NAME, "connectionStatus")
+        self._call("Get", arguments, on_answer, interface=_PROPERTIES)
+
+    # -- the end -------------------------------------------------------------------------------
+
+    def _drain(self):
+        """Every request is led to its end."""
+        for request in list(self.requests.values()):
+            if request.held is None:
+                self._ask_for(request)
+            if request.asked:
+                self._send_rest(request)
+
+    def close_all(self):
+        for connection in self._open_connections():
+            self._give_up(connection, "disconnected")
+
+    def unexplained(self, seconds):
+        """Requests that have been gone for so long without a reason seen on the bus."""
+        return [request for request in self.past.values() if request.needs_explanation(seconds)]
