@@ -1,5 +1,5 @@
-// What the handlers do when libdbus has no memory for an answer, or does not send it. What they do
-// otherwise is tested on a real bus.
+// What the handlers do when libdbus has no memory for an answer, or does not send it. What they
+// answer otherwise is in MethodHandlersAnswersTest.cpp, and is tested on a real bus, too.
 
 #include "dbus/ServiceFixture.h"
 
