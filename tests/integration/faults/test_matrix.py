@@ -62,7 +62,7 @@ def test_row_that_sees_something_else_fails(scene, seen):
 
 
 def test_row_whose_held_call_is_answered_unexpectedly_fails(scene):
-    with pytest.raises(AssertionError, match="were answered"):
+    with pytest.raises(AssertionError, match="was answered"):
         Fault("answered", sees=[]).play(scene)
 
 

@@ -23,6 +23,7 @@ QUESTION = b"question"
 TRANSPORT, PROTOCOL = 2204, 2001  # what an exchange's failure is called on the bus
 MISSING = "missing MIME parts"
 DELIVERED = ""  # the keys of a failure that finds every answer delivered
+HOLD = {"at": "accept", "do": "wait", "event": "held"}  # in a script whose row acts by `early_call`
 
 
 # -- what is seen ----------------------------------------------------------------------------------
@@ -78,6 +79,7 @@ class Failed(Seen):
     def check(self, scene):
         numbers = range(len(scene.requests)) if self.of is None else self.of
         keys = " ".join(scene.requests[number].key for number in numbers)
+        scene.failed.update(numbers)
         for client in scene.clients:
             if client.bus.is_closed():
                 continue
@@ -102,8 +104,19 @@ class Server(Seen):
 
 
 @dataclasses.dataclass
+class Asks(Seen):
+    """Nothing is seen: the client calls getData, for the `Chunk` or `Answered` that comes later."""
+
+    request: int = 0
+
+    def check(self, scene):
+        scene.ask(self.request)
+        scene.requests[self.request].client.settle()  # the daemon has it
+
+
+@dataclasses.dataclass
 class Event(Seen):
-    """Lets the server go on where its script waits for this event."""
+    """Nothing is seen: the server goes on where its script waits for this event."""
 
     name: str
 
@@ -116,8 +129,26 @@ class Event(Seen):
 
 def one_request(scene, data=QUESTION, **parameters):
     """One client asks for its answer's first chunk and sends its data when it is asked for them."""
+    scene.request(**parameters)
+    scene.ask(0)
+    _send_when_asked(scene.requests[0], data)
+
+
+def early_call(scene, data=QUESTION, **parameters):
+    """As `one_request`, but the call is held before anything can fail: the script has a HOLD."""
     request = scene.request(**parameters)
     scene.ask(0)
+    request.client.settle()
+    scene.server.give(HOLD["event"])
+    _send_when_asked(request, data)
+
+
+def without_call(scene, data=QUESTION, **parameters):
+    """As `one_request`, for faults that may be quicker than a call for the answer, which is 41 then."""
+    _send_when_asked(scene.request(**parameters), data)
+
+
+def _send_when_asked(request, data):
     signals = request.client.signals
     asked = ("requestData", (request.connection, request.id))
     wait_for(
