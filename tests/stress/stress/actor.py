@@ -191,7 +191,7 @@ class Actor:
             (self._create, 30),
             (self._ask, 30),
             (self._send_unasked, 1),
-            (self._cancel, 2),
+            (self._cancel, 1),
             (self._disconnect, 1.5),
             (self._ask_twice, 0.5),
             (self._ask_nonsense, 1),
@@ -262,7 +262,7 @@ class Actor:
         pieces = self._pieces(connection, number)
         request = Request(connection, number, prepared, pieces)
         # Whoever ends the wait of a fingerprint is a minute and a half late.
-        request.stalls = connection.kind != "fingerprint" and self.dice.random() < 0.002
+        request.stalls = connection.kind != "fingerprint" and self.dice.random() < 0.001
         if request.stalls:
             request.pieces = []
         request.note("created")

@@ -242,7 +242,7 @@ class Referee:
     def summary(self):
         """Lines that tell what has happened."""
         yield f"{self._server.exchanges} exchanges: {_listed(self._server.by_mood)}"
-        yield f"{self.tally.pop('requests')} requests: {_listed(self.outcomes())}"
+        yield f"{self.tally.pop('requests', 0)} requests: {_listed(self.outcomes())}"
         yield _listed(self.tally)
 
 
