@@ -13,6 +13,7 @@ from matplotlib import pyplot
 
 _MIB = 2**20
 _POINTS = 250  # per line
+_WARM_UP = 1000  # exchanges
 _WINDOW = 100  # exchanges that are summed up in one point of the latency
 
 
@@ -30,8 +31,9 @@ def _draw_memory(record, path):
     figure, axes = _figure(f"Memory of orvexd in {record.samples[-1][0]} exchanges")
     axes.plot(minutes, [sample[2] / _MIB for sample in samples], label="resident")
     axes.plot(minutes, [sample[3] / _MIB for sample in samples], label="of it private and written")
-    thousandth = [sample[1] / 60 for sample in record.samples if sample[0] <= 1000][-1]
-    axes.axvline(thousandth, color="grey", linestyle=":", label="exchange 1,000")
+    after = [sample[1] / 60 for sample in record.samples if sample[0] >= _WARM_UP]
+    if after:
+        axes.axvline(after[0], color="grey", linestyle=":", label=f"exchange {_WARM_UP:,}")
     axes.set_ylabel("memory (MiB)")
     axes.set_ylim(bottom=0)
     _finish(figure, axes, path)
@@ -44,12 +46,13 @@ def _draw_latency(record, path):
     windows = [window for window in windows if len(window) > _WINDOW // 2]
     minutes = [statistics.mean(entry[1] for entry in window) / 60 for window in windows]
     figure, axes = _figure(f"Latency of {len(record.latencies)} answered exchanges")
-    for share, label in ((0.5, "median"), (0.95, "95 of 100"), (1, "slowest")):
+    for share, label in ((1, "slowest"), (0.95, "95th percentile"), (0.5, "median")):
         values = [_quantile([entry[2] for entry in window], share) * 1000 for window in windows]
-        axes.plot(minutes, values, label=f"{label}")
-    axes.set_ylabel(f"latency (ms), per {_WINDOW} exchanges")
+        axes.plot(minutes, values, label=label)
+    axes.set_ylabel(f"latency of {_WINDOW} exchanges (ms)")
     axes.set_yscale("log")
-    axes.yaxis.set_major_formatter("{x:g}")
+    for formatted in (axes.yaxis.set_major_formatter, axes.yaxis.set_minor_formatter):
+        formatted("{x:g}")  # no powers of ten
     _finish(figure, axes, path)
 
 
