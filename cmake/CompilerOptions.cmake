@@ -38,7 +38,7 @@ if(CMAKE_BUILD_TYPE STREQUAL "Release")
   # _FORTIFY_SOURCE is set anew: some distributions predefine another level.
   target_compile_options(orvexd_options INTERFACE
     -fstack-protector-strong -fstack-clash-protection
-    -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+    -U_FORTIFY_SOURCE $<$<NOT:$<BOOL:$<TARGET_PROPERTY:ORVEXD_TEST_CODE>>>:-D_FORTIFY_SOURCE=2>)
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|amd64|i.86")
     target_compile_options(orvexd_options INTERFACE -fcf-protection=full)
   endif()
@@ -51,3 +51,15 @@ endif()
 # Position-independent executables; without this check CMake compiles for PIE but does not link one.
 include(CheckPIESupported)
 check_pie_supported(LANGUAGES C CXX)
+
+# Test code is compiled for a short build; what it tests keeps the flags of its preset. Fuzzers are tests,
+# too, but time spent in them counts.
+function(orvexd_test_code)
+  if(NOT ORVEXD_FUZZ)
+    foreach(target IN LISTS ARGN)
+      target_compile_options(${target} PRIVATE -O0)
+      # Fortified library calls want an optimised build.
+      set_target_properties(${target} PROPERTIES ORVEXD_TEST_CODE ON)
+    endforeach()
+  endif()
+endfunction()

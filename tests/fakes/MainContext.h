@@ -52,19 +52,22 @@ inline void drainMainContext() {
 }
 
 /// Runs the main loop's work until a timer that starts now has run out: every timer that was
-/// started before with at most the same interval has then run too.
+/// started before with at most the same interval has then run too, and what it posted.
 inline void iterateFor(std::chrono::milliseconds interval) {
     bool elapsed = false;
-    const ScopedTimer timer(
-        interval,
-        [](gpointer flag) -> gboolean {
-            *static_cast<bool*>(flag) = true;
-            return G_SOURCE_CONTINUE;
-        },
-        &elapsed);
-    while (!elapsed) {
-        g_main_context_iteration(nullptr, TRUE);
+    {
+        const ScopedTimer timer(
+            interval,
+            [](gpointer flag) -> gboolean {
+                *static_cast<bool*>(flag) = true;
+                return G_SOURCE_CONTINUE;
+            },
+            &elapsed);
+        while (!elapsed) {
+            g_main_context_iteration(nullptr, TRUE);
+        }
     }
+    drainMainContext();
 }
 
 /// Waits for another thread without running the main loop. @return false when the patience is
