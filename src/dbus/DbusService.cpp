@@ -19,6 +19,9 @@ namespace {
 
 constexpr std::chrono::seconds kDefaultShutdownDelay(60);
 
+/// File descriptors of messages that wait for their handler: no member takes one, all are closed.
+constexpr long kMostReceivedDescriptors = 64;
+
 /// The configured delay; anything but a number of at least 1 keeps the default.
 std::chrono::seconds configuredShutdownDelay() {
     const std::string value = ConfHandler::get("daemon_shutdown_delay");
@@ -79,6 +82,9 @@ bool DbusService::connectToBus() {
         }
     }
     dbus_threads_init_default();
+    // Received faster than handled, descriptors would exceed the process's limit, which libdbus
+    // takes for the end of the bus.
+    dbus_connection_set_max_received_unix_fds(BusLink::connection(), kMostReceivedDescriptors);
     dbus_connection_setup_with_g_main(BusLink::connection(), nullptr);
     return true;
 }

@@ -61,16 +61,14 @@ void DbusService::emitErrorSignal(std::uint32_t code, const std::string& message
 void DbusService::deliverChunk(std::uint32_t connectionId, std::uint32_t requestId,
                                const std::string& bytes, DeliveryCode code) {
     const RecursiveLock guard(BusLink::mutex());
-    const BusMessage call = pending_.take(requestKey(connectionId, requestId));
-    if (!call) {
+    BusMessage reply = pending_.take(requestKey(connectionId, requestId));
+    if (!reply) {
         return;
     }
-    BusMessage reply(dbus_message_new_method_return(call.get()));
     const char* data = bytes.data();
     const int length = static_cast<int>(bytes.size()); // bounded by RequestData::kLargestChunk
     const auto deliveryCode = static_cast<dbus_uint32_t>(code);
-    if (reply &&
-        dbus_message_append_args(reply.get(), DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &data, length,
+    if (dbus_message_append_args(reply.get(), DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &data, length,
                                  DBUS_TYPE_UINT32, &deliveryCode, DBUS_TYPE_INVALID) != FALSE) {
         BusLink::sendOrThrow(std::move(reply));
     }

@@ -2,8 +2,7 @@
 //
 // Preloaded. The file that ORVEXD_LEDGER names gets two signed 64-bit numbers: how many recursive
 // mutexes of GLib exist (each request record has one, all else a fixed number), and how many
-// getData calls are held (a held call is a message that somebody took a reference on and has not
-// let go).
+// getData calls are held (a held call is one whose answer is made already and waits to be filled).
 
 #include <atomic>
 #include <cstdint>
@@ -89,10 +88,12 @@ extern "C" void g_rec_mutex_clear(GRecMutex* mutex) {
     --ledger().recursiveMutexes;
 }
 
-extern "C" DBusMessage* dbus_message_ref(DBusMessage* message) {
-    static const auto real = next<decltype(dbus_message_ref)>("dbus_message_ref");
-    if (isGetData(message)) {
-        note(message);
+extern "C" DBusMessage* dbus_message_new_method_return(DBusMessage* call) {
+    static const auto real =
+        next<decltype(dbus_message_new_method_return)>("dbus_message_new_method_return");
+    DBusMessage* reply = real(call);
+    if (reply != nullptr && isGetData(call)) {
+        note(reply);
     }
-    return real(message);
+    return reply;
 }
