@@ -60,7 +60,9 @@ class Stage:
         self.daemon.start()
 
     def _take_down(self):
-        waiting.guards.clear()
-        for each in (self.daemon, self.server and self.server.process, self.bus and self.bus.process):
+        if self.daemon is not None:
+            self.daemon.abandon()
+        for each in (self.server, self.bus):
             if each is not None:
-                each.abandon() if each is self.daemon else each.release()
+                each.process.release()
+        waiting.guards.clear()

@@ -14,10 +14,12 @@ CLIENTS = 4
 FAULT_SHARE = 0.01
 SAMPLE_EVERY = 10  # exchanges
 
-# The network of each tenth of a hundred exchanges, its status, the policies that fit it, and how many
-# requests an exchange may have: over kind 1 an attached request starts one of its own.
+# The network of each tenth of a hundred exchanges, its status, the policies that fit it, and how
+# many requests an exchange may have: over kind 1 an attached request starts one of its own.
 _PLAIN = ([(2, True, False)], 1, (2, 3), 5)
-_NETWORKS = [*[_PLAIN] * 8, ([(1, True, False)], 3, (0, 1, 2, 3), 1), ([(2, True, True)], 5, (3,), 5)]
+_KIND_ONE = ([(1, True, False)], 3, (0, 1, 2, 3), 1)
+_FLAGGED = ([(2, True, True)], 5, (3,), 5)
+_NETWORKS = [*[_PLAIN] * 8, _KIND_ONE, _FLAGGED]
 
 
 class Soak:
@@ -79,9 +81,8 @@ class Soak:
 
     def _report_progress(self, number, exchanges, now):
         resident = self.record.samples[-1][2] if self.record.samples else 0
-        self._say(
-            f"{now:6.0f} s  {number:6} of {exchanges} exchanges  resident {resident / 2**20:.2f} MiB"
-        )
+        memory = f"resident {resident / 2**20:.2f} MiB"
+        self._say(f"{now:6.0f} s  {number:6} of {exchanges} exchanges  {memory}")
 
     # -- the end -------------------------------------------------------------------------------
 

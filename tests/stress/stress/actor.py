@@ -148,6 +148,7 @@ class Actor:
 
     def _find(self, connection, number):
         """A request of this client's connections, also one whose id was never told."""
+        self._world.named_connections.add(connection)
         if connection not in self.connections:
             return None  # somebody else's
         known = self.requests.get((connection, number)) or self.past.get((connection, number))
@@ -221,7 +222,9 @@ class Actor:
 
         def on_answer(message):
             number = values(message)[0]
-            require(number not in self.connections, f"connection id {number} was given twice")
+            given = number in self._world.connection_ids
+            require(not given, f"connection id {number} was given twice")
+            self._world.connection_ids.add(number)
             self.connections[number] = Connection(number, tag, kind, encoding, size)
 
         self._call("connect", body("(ayayayayayu)", *map(str.encode, texts), size), on_answer)

@@ -2,11 +2,13 @@
 
 import collections
 
+from harness.response import document, slp_response
+
 FIXED = b"fixed answer "
 
-# `succeeds`: whether the daemon must take the answer; None when that is a matter of timing or of how
-# many requests the exchange has. `breaks`: whether the connection ends early, which completes the part
-# that is under way.
+# `succeeds`: whether the daemon must take the answer; None when that is a matter of timing or of
+# how many requests the exchange has. `breaks`: whether the connection ends early, which completes
+# the part that is under way.
 Mood = collections.namedtuple("Mood", "name behaviour succeeds breaks", defaults=[False])
 
 _PLACES = ("accept", "connect", "tunnel", "handshake", "head", "upload", "upload-end")
@@ -18,11 +20,11 @@ _DOCUMENTS = (
     "",
     "<garbage",
     "<Other/>",
-    "<SimpleLocationProtocol/>",
-    "<SimpleLocationProtocol><Other/></SimpleLocationProtocol>",
-    '<SimpleLocationProtocol><SlpResponse status="ok"><other/></SlpResponse></SimpleLocationProtocol>',
-    '<SimpleLocationProtocol><SlpResponse status="ok"><result oid="x" href="cid:a"/></SlpResponse>'
-    "</SimpleLocationProtocol>",
+    document(),
+    slp_response("", 'status="no"'),
+    slp_response("<other/>"),
+    document(("x", "a")),
+    document(("1", "")),
 )
 
 
@@ -40,8 +42,8 @@ def _dutiful(_dice, _number):
 
 def _slow(dice, _number):
     places = dice.sample((*_PLACES, *_ANSWER_PLACES), dice.randint(1, 3))
-    pauses = [{"at": at, "do": "pause", "seconds": round(dice.uniform(0.01, 0.3), 3)} for at in places]
-    return Mood("slow", {"on": pauses}, True)
+    steps = [{"at": at, "do": "pause", "seconds": dice.uniform(0.01, 0.3)} for at in places]
+    return Mood("slow", {"on": steps}, True)
 
 
 def _packed(dice, _number):
@@ -56,7 +58,8 @@ def _interim(dice, _number):
 def _stranger(_dice, _number):
     """A part that nobody has asked for stands before the others."""
     part = "--frontier\r\nContent-Id: nobody\r\n\r\nwhat nobody has asked for"
-    return Mood("unknown id", {"answer": {"multipart": {"boundary": "frontier", "preamble": part}}}, True)
+    multipart = {"boundary": "frontier", "preamble": part}
+    return Mood("unknown id", {"answer": {"multipart": multipart}}, True)
 
 
 def _ended(dice, _number):

@@ -88,20 +88,28 @@ class Referee:
         for actor in self._actors:
             actor.draining = True
         deadline = time.monotonic() + patience(_DRAIN_SECONDS)
-        self._loop(lambda: not any(a.requests for a in self._actors) or time.monotonic() > deadline)
+        self._loop(
+            lambda: not any(a.requests for a in self._actors) or time.monotonic() > deadline
+        )
         for request in [r for a in self._actors for r in a.requests.values()]:
             self._found(f"no end of a request\n  {request.tell()}")
         for actor in self._actors:
             actor.close_all()
-        deadline = time.monotonic() + patience(20)
-        self._loop(lambda: not any(a.unanswered() for a in self._actors) or time.monotonic() > deadline)
-        for actor in self._actors:
-            for what in actor.unanswered():
-                self._found(f"{actor.name}: no answer to {what}")
+        self._await_answers()
         self._server.collect()
         self._explain(0)
         self._explain_truncated()
         self._check_ids()
+
+    def _await_answers(self):
+        """Only getData may stay without one."""
+        deadline = time.monotonic() + patience(20)
+        self._loop(
+            lambda: not any(a.unanswered() for a in self._actors) or time.monotonic() > deadline
+        )
+        for actor in self._actors:
+            for what in actor.unanswered():
+                self._found(f"{actor.name}: no answer to {what}")
 
     def _rest(self):
         """Nothing is left, and the daemon is as good as new."""
@@ -217,6 +225,9 @@ class Referee:
 
     def _check_ids(self):
         """Ids are handed out in order: those that nobody was told must be explained, too."""
+        strangers = self._world.named_connections - self._world.connection_ids
+        if strangers:
+            self._found(f"signals named connections that never existed: {sorted(strangers)}")
         ids = self._world.request_ids
         unknown = max(ids, default=1) - 1 - len(ids)  # number 1 was the first clean exchange's
         nameless = sum(c.nameless for a in self._actors for c in a.connections.values())

@@ -148,8 +148,9 @@ class Request:
         require(kind not in earlier, f"named twice: {earlier}, {kind}")
         # Only what a lost connection has cancelled is still there for another error.
         require(earlier in ([], [CONNECTION_ERROR]), f"named by {kind} after {earlier}")
-        require(kind != NOT_ALLOWED or self.prepared, "an attached request is not allowed to fail so")
-        require(kind != NOT_ALLOWED or not self.asked, "not allowed while it is being exchanged")
+        if kind == NOT_ALLOWED:
+            require(self.prepared, "an attached request waits for another network")
+            require(not self.asked, "not allowed while it is being exchanged")
         self.named.append(message)
 
     def on_refused(self, code):

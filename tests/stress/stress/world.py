@@ -18,11 +18,13 @@ _LISTS = (  # and how often
 
 
 class World:
-    """Replaces the platform file at random. Remembers since when positioning is permitted or not."""
+    """Replaces the platform file at random. Remembers when positioning was permitted."""
 
     def __init__(self, platform, dice, tally):
         self.next_step = time.monotonic() + 1
         self.request_ids = set()  # of all clients
+        self.connection_ids = set()
+        self.named_connections = set()  # by signals
         self._platform = platform
         self._dice = dice
         self._tally = tally
