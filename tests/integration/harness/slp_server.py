@@ -13,11 +13,11 @@ class TestServer:
 
     __test__ = False  # not a class of tests, whatever its name begins with
 
-    def __init__(self, directory, keys, *options):
+    def __init__(self, directory, keys, *options, host="127.0.0.1"):
         ready, write_end = os.pipe()
         try:
             self.process = Process(
-                [TEST_SERVER, "--keys", keys, "--log", *options],
+                [TEST_SERVER, "--keys", keys, "--host", host, "--log", *options],
                 directory,
                 "slp-testserver",
                 stdout=write_end,
@@ -33,7 +33,7 @@ class TestServer:
             os.close(ready)
         self.port = ports["port"]
         self.control_port = ports["control"]
-        self._control = http.client.HTTPConnection("127.0.0.1", self.control_port)
+        self._control = http.client.HTTPConnection(host, self.control_port)
 
     # -- what it shall do ----------------------------------------------------------------------
 
