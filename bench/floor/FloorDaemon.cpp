@@ -29,7 +29,7 @@ constexpr std::size_t kLargestChunk = std::size_t{16} * 1024 * 1024;
 
 /// What the methods answer; one request at a time.
 struct Answers {
-    std::vector<char> bytes = std::vector<char>(kLargestChunk, 'x');
+    std::vector<char> bytes;
     std::size_t size = 0; ///< of each request's answer
     std::size_t left = 0;
     dbus_uint32_t chunkSize = 0;
@@ -186,6 +186,7 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
+    answers.bytes.assign(std::min(answers.size, kLargestChunk), 'x');
     if (!bare) {
         curl_global_init(CURL_GLOBAL_SSL);
         xmlInitParser();

@@ -1,0 +1,51 @@
+#include "OurParse.h"
+
+#include "slp/SlpResponseParser.h"
+
+namespace orvexd::bench {
+
+std::vector<std::string_view> cutResponse(const Response& response, std::size_t piece) {
+    constexpr std::string_view kDelimiter = "\r\n--answer_";
+    constexpr std::string_view kBlankLine = "\r\n\r\n";
+    const std::string_view body = response.body;
+    std::vector<std::string_view> pieces;
+    std::size_t begin = 0;
+    while (begin < body.size()) {
+        std::size_t end = std::min(begin + piece, body.size());
+        // The part that begins last in the piece moves on when its header block is not complete.
+        const std::size_t last = body.rfind(kDelimiter, end);
+        if (last != std::string_view::npos && last > begin && end < body.size() &&
+            body.find(kBlankLine, last) + kBlankLine.size() > end) {
+            end = last;
+        }
+        pieces.push_back(body.substr(begin, end - begin));
+        begin = end;
+    }
+    return pieces;
+}
+
+std::vector<std::shared_ptr<RequestData>> makeQueue(std::size_t requests, const char* encoding,
+                                                    std::uint32_t chunkSize) {
+    const auto parameters = std::make_shared<const ConnectionParameters>(
+        ConnectionParameters{"fingerprintRequest", "fingerprint", "1.0", encoding,
+                             "application/octet-stream", chunkSize});
+    std::vector<std::shared_ptr<RequestData>> queue;
+    for (std::uint32_t i = 1; i <= requests; ++i) {
+        queue.push_back(std::make_shared<RequestData>(1, i, true, parameters));
+        queue.back()->setMessageIndex(i);
+    }
+    return queue;
+}
+
+bool parseOurs(const Response& response, const std::vector<std::string_view>& pieces) {
+    const auto queue = makeQueue();
+    SlpResponseParser parser(queue);
+    parser.feed(response.head);
+    for (const std::string_view piece : pieces) {
+        parser.feed(piece);
+    }
+    parser.finish();
+    return !parser.hasError() && queue.front()->state() == RequestState::AllPartsReceived;
+}
+
+} // namespace orvexd::bench

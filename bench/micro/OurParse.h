@@ -1,0 +1,23 @@
+#pragma once
+
+#include "Bodies.h"
+#include "core/RequestData.h"
+
+#include <memory>
+#include <vector>
+
+namespace orvexd::bench {
+
+/// Pieces in which a client of libcurl gets a response. No delimiter and no header block lies
+/// across two of them, as the protocol asks of a server.
+std::vector<std::string_view> cutResponse(const Response& response, std::size_t piece);
+
+/// A queue of one request that nobody fetches the answer of.
+std::vector<std::shared_ptr<RequestData>> makeQueue(std::size_t requests = 1,
+                                                    const char* encoding = "binary",
+                                                    std::uint32_t chunkSize = 65536);
+
+/// Parses a response into the request's buffers. @return false when something was wrong with it.
+bool parseOurs(const Response& response, const std::vector<std::string_view>& pieces);
+
+} // namespace orvexd::bench
