@@ -22,7 +22,7 @@ from .request import (
 NO_CONNECTION, NOT_PERMITTED, BAD_ARGUMENTS = 2204, 2205, 2002
 _PROPERTIES = "org.freedesktop.DBus.Properties"
 _STATUSES = (0, 1, 3, 5)
-_MOST_CONNECTIONS = 3
+_MOST_CONNECTIONS = 4
 _MOST_REQUESTS = 3
 _THINK_SECONDS = 0.02  # between two doings, on average
 _ANSWERED_KEPT = 1000  # serials of answered calls that are remembered
@@ -109,8 +109,8 @@ class Actor:
         serial = message.get_reply_serial()
         call = self._calls.pop(serial, None)
         if call is None:
-            again = "again " if serial in self._answered else ""
-            raise Violation(f"{describe(message)} answers call {serial} {again}that is not open")
+            what = "was answered twice" if serial in self._answered else "was never made"
+            raise Violation(f"{self.name}: call {serial} {what}: {describe(message)[:200]}")
         self._answered.append(serial)
         self._tally["calls answered"] += 1
         call.on_answer(message)
@@ -230,10 +230,12 @@ class Actor:
         self._call("connect", body("(ayayayayayu)", *map(str.encode, texts), size), on_answer)
 
     def _create(self):
-        connections = self._open_connections()
+        # Texts change on their way: their requests are told apart by their connections.
+        connections = [c for c in self._open_connections() if c.encoding == "binary" or not c.used]
         if not connections or len(self.requests) >= _MOST_REQUESTS:
             return
         connection = self.dice.choice(connections)
+        connection.used = True
         prepared = self.dice.random() < 0.6
         policy = self.dice.choices((0, 1, 2, 3, 4, 2**32 - 1), (2, 1, 8, 5, 0.5, 0.5))[0]
         arguments = body("(uuu)", connection.id, policy, self.dice.randrange(100))

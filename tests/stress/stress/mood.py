@@ -5,10 +5,11 @@ import collections
 from harness.response import document, slp_response
 
 FIXED = b"fixed answer "
+ALONE = "alone"
 
-# `succeeds`: whether the daemon must take the answer; None when that is a matter of timing or of
-# how many requests the exchange has. `breaks`: whether the connection ends early, which completes
-# the part that is under way.
+# `succeeds`: whether the daemon must take the answer; ALONE when it must for an exchange of one
+# request only, None when that is a matter of timing. `breaks`: whether the connection ends early,
+# which completes the part that is under way.
 Mood = collections.namedtuple("Mood", "name behaviour succeeds breaks", defaults=[False])
 
 _PLACES = ("accept", "connect", "tunnel", "handshake", "head", "upload", "upload-end")
@@ -121,7 +122,7 @@ def _fixed(dice, number, on=(), name="fixed answer"):
         "results": [{"oid": "1", "href": f"cid:{n}"} for n in range(len(texts))],
         "parts": [{"id": str(n), "body": text} for n, text in enumerate(texts)],
     }
-    return Mood(name, {"answer": {"multipart": multipart}, "on": list(on)}, None)
+    return Mood(name, {"answer": {"multipart": multipart}, "on": list(on)}, ALONE)
 
 
 def _early(dice, number):
@@ -163,10 +164,10 @@ class Server:
         self._unread = []
         self.exchanges = 0
         self.by_mood = collections.Counter()
-        # How often requests with a tag were in an exchange that may have been answered, and in one
-        # that was broken off.
-        self.answered_tags = collections.Counter()
-        self.broken_tags = collections.Counter()
+        # How often requests, told by their traces, were in an exchange that may have been answered,
+        # and in one that was broken off.
+        self.answered = collections.Counter()
+        self.broken = collections.Counter()
 
     def provide(self):
         """Tops the queue up, so that no exchange finds it empty."""
@@ -203,8 +204,12 @@ class Server:
         mood = self._moods.pop(record["label"], None) or Mood("ordinary", {}, True)
         self.exchanges += 1
         self.by_mood[mood.name] += 1
-        tags = [each.get("version") for each in (record["slp"] or {}).get("requests", [])]
-        if mood.succeeds is not False:
-            self.answered_tags.update(tags)
+        requests = (record["slp"] or {}).get("requests", [])
+        tags = [each.get("version") for each in requests]
+        # The start part comes first; an upload may have ended before the last part.
+        digests = [part["sha256"] for part in record["parts"][1:]]
+        traces = [(tag, None) for tag in tags] + list(zip(tags, digests))
+        if mood.succeeds in (True, None) or (mood.succeeds == ALONE and len(tags) == 1):
+            self.answered.update(traces)
         if mood.breaks:
-            self.broken_tags.update(tags)
+            self.broken.update(traces)

@@ -20,6 +20,7 @@ _TICK_SECONDS = 1
 _PROGRESS_SECONDS = 10
 _DRAIN_SECONDS = 100  # an exchange takes at most the transfer's time-out of 60 s
 _MOST_FINDINGS = 5
+_MOST_LOG = 20_000  # characters shown
 
 
 class Referee:
@@ -46,6 +47,8 @@ class Referee:
         for stage in stages:
             try:
                 stage()
+                if len(self.findings) >= _MOST_FINDINGS:
+                    raise Violation("that is enough: given up")
             except AssertionError as violation:
                 self._found(str(violation))
                 self._end_anyhow()
@@ -149,7 +152,7 @@ class Referee:
         process = self._stage.daemon.process
         log = process.stdout + process.stderr
         if log:
-            self._found(f"the daemon printed\n{log}")
+            self._found(f"the daemon printed\n{log[:_MOST_LOG]}")
 
     # -- the loop ------------------------------------------------------------------------------
 
@@ -208,9 +211,8 @@ class Referee:
                     abs(when - request.gone_since) < patience(10) for when in actor.failure_times
                 )
                 request.silent = True
-                tag = request.connection.tag
-                self._server.answered_tags[tag] -= 1
-                if not failed or self._server.answered_tags[tag] < 0:
+                self._server.answered[request.trace()] -= 1
+                if not failed or self._server.answered[request.trace()] < 0:
                     self._found(f"a request was lost\n  {request.tell()}")
             recent = time.monotonic() - patience(30)
             actor.failure_times = [when for when in actor.failure_times if when > recent]
@@ -218,9 +220,8 @@ class Referee:
     def _explain_truncated(self):
         """An answer may lack its end only when the server broke off the exchange."""
         for request in [r for a in self._actors for r in a.past.values() if r.truncated]:
-            tag = request.connection.tag
-            self._server.broken_tags[tag] -= 1
-            if self._server.broken_tags[tag] < 0:
+            self._server.broken[request.trace()] -= 1
+            if self._server.broken[request.trace()] < 0:
                 self._found(f"an answer lacks its end\n  {request.tell()}")
 
     def _check_ids(self):

@@ -48,6 +48,7 @@ class Connection:
         self.encoding = encoding
         self.chunk_size = chunk_size
         self.open = True
+        self.used = False  # has had a request
         self.nameless = 0  # requests that may exist although their ids were never told
 
 
@@ -162,6 +163,13 @@ class Request:
     def _on_unknown(self):
         if not self.ended:
             self.gone_since = time.monotonic()
+
+    def trace(self):
+        """What the server knows it by: its connection's tag, and the digest of bytes that no line
+        end changes. Connections for texts have one request only."""
+        if self.connection.encoding != "binary":
+            return self.connection.tag, None
+        return self.connection.tag, hashlib.sha256(b"".join(self._accepted)).hexdigest()
 
     def needs_explanation(self, seconds):
         """Gone for so long, and what would explain it has not come."""
