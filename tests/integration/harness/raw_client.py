@@ -77,6 +77,10 @@ class RawClient:
         """Sends all of them in one write."""
         self._socket.sendall(b"".join(message.to_blob(_NO_CAPABILITIES) for message in messages))
 
+    def send_front(self, message, size):
+        """Sends the first bytes of a message only."""
+        self._socket.sendall(message.to_blob(_NO_CAPABILITIES)[:size])
+
     def start(self, member, body=None, **where):
         """Sends a call and returns its serial."""
         message = self.compose(member, body, **where)
