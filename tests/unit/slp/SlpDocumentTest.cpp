@@ -271,6 +271,53 @@ TEST(ReadSlpDocument, RefusesVeryManyAttributesThatElementsGetUnasked) {
     EXPECT_FALSE(readSlpDocument(declaring("<!ENTITY e ''><!ATTLIST result" + attributes + ">")));
 }
 
+std::string withEntity(const std::string& text, const std::string& rest) {
+    return "<!DOCTYPE x [<!ENTITY e \"" + text + "\"><!ENTITY f \"&e;&e;\">]>" + rest;
+}
+
+TEST(ParseSlpResponse, PutsEntitiesIntoTheAttributes) {
+    const std::string results = result("&f;", "cid:&f;-&lt;&#65;&f;");
+    const Outcome outcome = parse(withEntity("1", document(results, "status=\"ok\" x=\"&e;\"")));
+    EXPECT_FALSE(outcome.error);
+    EXPECT_EQ(outcome.results, (ResultMap{{11, {"11-<A11"}}}));
+}
+
+TEST(ParseSlpResponse, TakesAttributesFromTheirDeclaration) {
+    const Outcome outcome = parse("<!DOCTYPE x [<!ATTLIST result oid CDATA \"7\">]>" +
+                                  document("<result href=\"cid:a\"/>"));
+    EXPECT_FALSE(outcome.error);
+    EXPECT_EQ(outcome.results, (ResultMap{{7, {"a"}}}));
+}
+
+std::string repeated(const std::string& text, int times) {
+    std::string all;
+    for (int number = 0; number < times; ++number) {
+        all += text;
+    }
+    return all;
+}
+
+TEST(ParseSlpResponse, PutsInAsMuchTextAsADocumentMayHold) {
+    const std::string status = "status=\"" + repeated("&e;", 9000) + "\"";
+    const Outcome outcome = parse(withEntity(repeated("0", 1000), document("", status)));
+    ASSERT_TRUE(outcome.error.has_value());
+    EXPECT_EQ(outcome.error->code, 51);
+    EXPECT_EQ(outcome.error->text.size(), 9'000'000);
+}
+
+TEST(ParseSlpResponse, RejectsEntitiesThatWouldCostHours) {
+    const std::string status = "status=\"" + repeated("&f;", 20'000) + "\"";
+    expectError(withEntity(repeated("x", 900), document("", status)), 1003,
+                "could not parse document");
+    // Many values that are allowed by themselves, and entities without any text.
+    const std::string many = repeated(result("1", "cid:" + repeated("&e;", 1000)), 100);
+    expectError(withEntity(repeated("x", 900), document(many)), 1003, "could not parse document");
+    const std::string hollow =
+        "<!DOCTYPE x [<!ENTITY e \"\"><!ENTITY f \"" + repeated("&e;", 400) + "\">]>";
+    const std::string empty = "status=\"" + repeated("&f;", 30'000) + "\"";
+    expectError(hollow + document("", empty), 1003, "could not parse document");
+}
+
 TEST(ReadSlpDocument, TakesAsManyResultsAsThereAre) {
     std::string results;
     for (int number = 0; number < 20000; ++number) {
