@@ -5,6 +5,7 @@ from .client import PART_CONTINUES, RESPONSE_COMPLETE, BusError, Client
 from .keys import restore_preinst
 from .raw_client import RawClient
 from .request import Request, errors
+from .waiting import wait_for
 
 PROBE = b"\r\n--clean exchange \0\xff\n"
 
@@ -72,9 +73,18 @@ class Scene:
         """The answer of the held call, or of one that is made now."""
         if number not in self._calls:
             self.ask(number)
-        chunk = self._calls[number].wait(seconds)
-        del self._calls[number]
-        return chunk
+        call = self._calls.pop(number)
+        wait_for(lambda: call.done or self._failure_of(number), seconds, "the answer of a call")
+        assert call.done, f"no answer, but {self._failure_of(number)}"
+        return call.wait()
+
+    def _failure_of(self, number):
+        """The error signal that names this request, if one has come."""
+        key = self.requests[number].key
+        for arguments in errors(self.requests[number].client):
+            if key in arguments[2].split(" "):
+                return arguments
+        return None
 
     def fetch(self, number=0, seconds=30):
         """The parts of the whole answer."""
