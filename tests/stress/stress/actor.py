@@ -236,12 +236,14 @@ class Actor:
             return
         connection = self.dice.choice(connections)
         connection.used = True
+        connection.creating += 1
         prepared = self.dice.random() < 0.6
         policy = self.dice.choices((0, 1, 2, 3, 4, 2**32 - 1), (2, 1, 8, 5, 0.5, 0.5))[0]
         arguments = body("(uuu)", connection.id, policy, self.dice.randrange(100))
         sent, closed = time.monotonic(), not connection.open
 
         def on_answer(message):
+            connection.creating -= 1
             if message.get_message_type() == RETURN:
                 require(not closed, "a request on a closed connection")
                 self._world.require_permission(True, sent)
@@ -390,7 +392,8 @@ class Actor:
     def _may_close(self, connection):
         """Not often with data unsent: an exchange waits for what nobody may send any more."""
         everyone = [*self.requests.values(), *self.past.values()]
-        if all(r.connection is not connection or not r.pieces for r in everyone):
+        unsent = any(r.connection is connection and r.pieces for r in everyone)
+        if not unsent and connection.creating == 0:
             return True
         return connection.kind != "fingerprint" and self.dice.random() < 0.03
 

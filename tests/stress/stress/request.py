@@ -49,6 +49,7 @@ class Connection:
         self.chunk_size = chunk_size
         self.open = True
         self.used = False  # has had a request
+        self.creating = 0  # calls of prepare and attach that are not answered yet
         self.nameless = 0  # requests that may exist although their ids were never told
 
 
