@@ -1,0 +1,393 @@
+/* The wake-up between sendData and the read callback: the main loop stores data for a request and wakes
+ * the worker, which takes the data or waits for it until a deadline.
+ *
+ * One step of the model is one access to what both threads share. Names are those of the code's fields;
+ * README.md maps them. What stands below "ghosts" exists in the model only, to tell right from wrong.
+ *
+ * Each guard of the protocol can be dropped by a macro, and then the named check must fail:
+ *
+ * MUTATE_NOTIFY_WITHOUT_MUTEX     safety   notifyData holds dataMutex_
+ * MUTATE_NOTIFY_WITHOUT_FLAG      safety   notifyData sets dataArrived_
+ * MUTATE_NOTIFY_WITHOUT_BROADCAST safety   notifyData wakes the worker
+ * MUTATE_NOTIFY_BEFORE_APPEND     safety   sendData stores the data before it wakes the worker
+ * MUTATE_NOTIFY_UNDER_LOCK        safety   sendData wakes the worker with the request's lock_ released
+ * MUTATE_RELEASE_BEFORE_WAIT      safety   the reader holds dataMutex_ from taking to waiting
+ * MUTATE_WAIT_WITHOUT_RESET       ends     waitForData clears dataArrived_ before it waits
+ * MUTATE_TRUST_WAKE_UP            ends     waitForData asks dataArrived_ after a wake-up
+ * MUTATE_DEADLINE_WINS            safety   waitForData asks dataArrived_ at the deadline
+ * MUTATE_DEADLINE_KEEPS_OPEN      ends     awaitData closes the part at the deadline
+ * MUTATE_TEST_THEN_APPEND         safety   appendIfAccepting tests and appends in one step
+ * MUTATE_APPEND_WITHOUT_LOCK      safety   appendIfAccepting holds lock_
+ * MUTATE_TAKE_WITHOUT_LOCK        safety   takeRequestData holds lock_
+ * MUTATE_TAKE_KEEPS_ACCEPTING     safety   takeRequestData ends the acceptance with the last byte
+ * MUTATE_ACCEPT_BEFORE_HEADER     safety   the part header is written before data is accepted
+ * MUTATE_ASK_BEFORE_ACCEPTING     safety   data is accepted before the client is asked for it
+ * MUTATE_READ_AFTER_CANCEL        safety   readBody asks cancelRequested_ first
+ * MUTATE_WAIT_AFTER_CANCEL        safety   takeSlice asks cancelRequested_ before it waits again
+ * MUTATE_SEND_WITHOUT_LOCK        safety   sendData holds requestsLock_
+ * MUTATE_FAIL_UNDER_MUTEX         safety   the reader releases dataMutex_ before a failure is reported
+ */
+
+#define REQUESTS 2 /* in the exchange, each of another client */
+
+mtype = { Queued, Sending, Sent };
+
+/* OrvexMain */
+bool requestsLock_;
+
+/* RequestData */
+mtype state_[REQUESTS] = Queued;
+bool lock_[REQUESTS];
+byte outgoing_[REQUESTS];      /* messages stored and not taken yet */
+bool lastDataGiven_[REQUESTS];
+bool acceptingData_[REQUESTS];
+bool partHeader_[REQUESTS];    /* has been written */
+
+/* DataSignal */
+bool dataMutex_;
+bool dataArrived_;
+bool cancelRequested_;
+
+/* -- ghosts ----------------------------------------------------------------------------------- */
+
+bool patient;              /* deadlines pass only when nothing else can happen; no spurious wake-up */
+bool waiting;              /* the worker is inside awaitData */
+bool asleep;               /* ... and has released dataMutex_ in waitUntil */
+bool woken;                /* ... and was woken since */
+bool deadlinePassed;
+bool requestData[REQUESTS];/* the client was asked, by the signal */
+bool deleted[REQUESTS];    /* the request has left requests_ */
+byte accepted[REQUESTS];   /* messages that sendData answered with 0 */
+byte taken[REQUESTS];      /* messages that went into the body */
+bool ended;                /* the worker has ended */
+
+inline acquire(mutex) { atomic { !mutex -> mutex = true } }
+inline release(mutex) { mutex = false }
+inline use(r) { assert(!deleted[r]) }
+
+/* -- main loop's thread ------------------------------------------------------------------------ */
+
+inline notifyData() {
+#ifndef MUTATE_NOTIFY_WITHOUT_MUTEX
+  acquire(dataMutex_);
+#endif
+#ifndef MUTATE_NOTIFY_WITHOUT_FLAG
+  dataArrived_ = true;
+#endif
+#ifndef MUTATE_NOTIFY_WITHOUT_BROADCAST
+  if /* a broadcast reaches who is asleep, and nobody else */
+  :: asleep -> woken = true
+  :: else
+  fi;
+#endif
+#ifndef MUTATE_NOTIFY_WITHOUT_MUTEX
+  release(dataMutex_)
+#endif
+}
+
+/* A read and a write of the buffer, so that somebody else could come between them. */
+inline appendIfAccepting() {
+  done = false;
+#ifdef MUTATE_TEST_THEN_APPEND
+  test = acceptingData_[r];
+#endif
+#ifndef MUTATE_APPEND_WITHOUT_LOCK
+  acquire(lock_[r]);
+#endif
+#ifndef MUTATE_TEST_THEN_APPEND
+  test = acceptingData_[r];
+#endif
+  if
+  :: test ->
+     assert(partHeader_[r]); /* the header goes out in front of the first data */
+     stored = outgoing_[r];
+     outgoing_[r] = stored + 1;
+     lastDataGiven_[r] = last;
+     accepted[r]++;
+     done = true
+  :: else ->
+     assert(!asked || lastDataGiven_[r]) /* who was asked is refused only when the part is closed */
+  fi;
+#ifdef MUTATE_NOTIFY_UNDER_LOCK
+  notifyData();
+#endif
+#ifndef MUTATE_APPEND_WITHOUT_LOCK
+  release(lock_[r]);
+#endif
+  stored = 0; test = false
+}
+
+inline sendData() {
+#ifndef MUTATE_SEND_WITHOUT_LOCK
+  acquire(requestsLock_);
+#endif
+  if
+  :: deleted[r] /* unknown request */
+  :: else ->
+     use(r);
+     asked = requestData[r];
+#ifdef MUTATE_NOTIFY_BEFORE_APPEND
+     notifyData();
+#endif
+     use(r);
+     appendIfAccepting();
+#if !defined(MUTATE_NOTIFY_BEFORE_APPEND) && !defined(MUTATE_NOTIFY_UNDER_LOCK)
+     if
+     :: done -> notifyData()
+     :: else
+     fi
+#endif
+  fi;
+#ifndef MUTATE_SEND_WITHOUT_LOCK
+  release(requestsLock_);
+#endif
+  asked = false; done = false
+}
+
+inline cancelTransfer() {
+  acquire(dataMutex_);
+  cancelRequested_ = true; /* wakes nobody */
+  release(dataMutex_)
+}
+
+inline sendOne() {
+  if
+  :: last = true
+  :: last = false
+  fi;
+  sendData();
+  atomic { r = 0; last = false }
+}
+
+proctype MainLoop() {
+  byte r, stored;
+  bool last, asked, test, done, cancelled;
+  byte sent[REQUESTS];
+
+end:
+  do
+  :: atomic { sent[0] < 2 -> r = 0; sent[0]++ }; sendOne()
+  :: atomic { sent[1] < 1 -> r = 1; sent[1]++ }; sendOne()
+  :: atomic { !cancelled -> cancelled = true }; cancelTransfer()
+  :: break /* clients may fall silent at any time */
+  od
+}
+
+/* -- worker's thread --------------------------------------------------------------------------- */
+
+/* As the C library has it: returns by a wake-up, for no reason, or at the deadline. */
+inline waitUntil() {
+  atomic { asleep = true; woken = false; dataMutex_ = false };
+  if
+  :: woken -> inTime = true
+  :: !patient && !deadlinePassed -> inTime = true
+  :: deadlinePassed ->
+     /* If nobody else could take a step, there must have been nothing to wake the worker for. */
+     assert(!patient || outgoing_[currentPart_] == 0);
+     inTime = false
+  fi;
+  asleep = false;
+  acquire(dataMutex_)
+}
+
+inline waitForData() {
+#ifndef MUTATE_WAIT_WITHOUT_RESET
+  dataArrived_ = false;
+#endif
+  do
+  :: waitUntil();
+     if
+#ifdef MUTATE_TRUST_WAKE_UP
+     :: inTime -> arrived = true; break
+#else
+     :: inTime && dataArrived_ -> arrived = true; break
+     :: inTime && !dataArrived_
+#endif
+#ifdef MUTATE_DEADLINE_WINS
+     :: !inTime -> arrived = false; break
+#else
+     :: !inTime -> arrived = dataArrived_; break
+#endif
+     fi
+  od
+}
+
+inline awaitData(r) {
+#ifdef MUTATE_RELEASE_BEFORE_WAIT
+  release(dataMutex_);
+  acquire(dataMutex_);
+#endif
+  assert(!cancelRequested_); /* no wait begins after a cancellation */
+  atomic { waiting = true; deadlinePassed = false };
+  waitForData();
+  atomic { waiting = false; deadlinePassed = false; woken = false; inTime = false };
+  if
+  :: arrived
+  :: else ->
+     assert(!dataArrived_); /* a part is not closed on a client that was in time */
+#ifndef MUTATE_DEADLINE_KEEPS_OPEN
+     acquire(lock_[r]);
+     lastDataGiven_[r] = true;
+     release(lock_[r])
+#endif
+  fi;
+  arrived = false
+}
+
+inline takeRequestData(r) {
+  use(r);
+#ifndef MUTATE_TAKE_WITHOUT_LOCK
+  acquire(lock_[r]);
+#endif
+  held = outgoing_[r];
+  if /* libcurl's buffer has room for all of it, or for less */
+  :: size = held
+  :: held > 1 -> size = 1
+  fi;
+  atomic { outgoing_[r] = held - size; taken[r] = taken[r] + size };
+  finished = outgoing_[r] == 0 && lastDataGiven_[r];
+#ifndef MUTATE_TAKE_KEEPS_ACCEPTING
+  if
+  :: finished -> acceptingData_[r] = false
+  :: else
+  fi;
+#endif
+#ifndef MUTATE_TAKE_WITHOUT_LOCK
+  release(lock_[r]);
+#endif
+  held = 0
+}
+
+/* advanceToNextPart in two halves: there is no part to close behind the prefix. */
+inline closePart() {
+  use(currentPart_);
+  acceptingData_[currentPart_] = false;
+  assert(accepted[currentPart_] == taken[currentPart_]); /* nothing that was accepted is lost */
+  state_[currentPart_] = Sent
+}
+
+inline openPart() {
+  currentPart_++;
+#ifndef MUTATE_ACCEPT_BEFORE_HEADER
+  partHeader_[currentPart_] = true;
+#endif
+  state_[currentPart_] = Sending;
+#ifdef MUTATE_ASK_BEFORE_ACCEPTING
+  requestData[currentPart_] = true;
+#endif
+  acceptingData_[currentPart_] = true;
+#ifdef MUTATE_ACCEPT_BEFORE_HEADER
+  partHeader_[currentPart_] = true;
+#endif
+#ifndef MUTATE_ASK_BEFORE_ACCEPTING
+  requestData[currentPart_] = true
+#endif
+}
+
+inline takeSlice() {
+  do
+  :: size > 0 -> break
+  :: size == 0 ->
+     if
+#ifndef MUTATE_WAIT_AFTER_CANCEL
+     :: cancelRequested_ -> failed = true; break
+#endif
+     :: else ->
+        if
+        :: partsClosed_ -> atomic { size = 1; bodyComplete_ = true }; break /* closing delimiter */
+        :: else ->
+           takeRequestData(currentPart_);
+           if
+           :: finished ->
+              closePart();
+              if
+              :: currentPart_ + 1 >= REQUESTS -> partsClosed_ = true
+              :: else -> openPart()
+              fi
+           :: !finished && size == 0 -> awaitData(currentPart_)
+           :: !finished && size > 0
+           fi;
+           finished = false
+        fi
+     fi
+  od
+}
+
+inline readBody() {
+  acquire(dataMutex_);
+  late = cancelRequested_;
+  if
+#ifndef MUTATE_READ_AFTER_CANCEL
+  :: cancelRequested_ -> failed = true
+#endif
+  :: else ->
+     if
+     :: bodyComplete_ -> complete = true
+     :: !bodyComplete_ && currentPart_ < 0 -> /* the prefix, in one slice or two */
+        size = 1;
+        if
+        :: openPart()
+        :: !second -> second = true
+        fi
+     :: !bodyComplete_ && currentPart_ >= 0 -> takeSlice()
+     fi
+  fi;
+  assert(!late || size == 0); /* nothing is sent by a callback that begins after a cancellation */
+#ifdef MUTATE_FAIL_UNDER_MUTEX
+  if
+  :: failed
+  :: else -> release(dataMutex_)
+  fi;
+#else
+  release(dataMutex_);
+#endif
+  atomic { size = 0; late = false }
+}
+
+inline onExchangeFailed() {
+  acquire(requestsLock_);
+  d_step { deleted[0] = true; deleted[1] = true };
+  release(requestsLock_)
+}
+
+proctype Worker() {
+  /* RequestBody */
+  short currentPart_ = -1;
+  bool partsClosed_, bodyComplete_;
+  /* variables of its operations */
+  byte size, held;
+  bool failed, complete, finished, arrived, inTime, second, late;
+
+  do
+  :: failed || complete -> break
+  :: else -> readBody()
+  od;
+  if
+  :: failed -> onExchangeFailed()
+  :: complete -> assert(accepted[0] == taken[0] && accepted[1] == taken[1])
+  fi;
+  ended = true
+}
+
+/* -- time -------------------------------------------------------------------------------------- */
+
+proctype Clock() {
+end:
+  do
+  :: waiting && !patient && !deadlinePassed -> deadlinePassed = true
+  :: waiting && patient && timeout -> deadlinePassed = true
+  od
+}
+
+init {
+  if
+  :: patient = true
+  :: patient = false
+  fi;
+  atomic { run MainLoop(); run Worker(); run Clock() }
+}
+
+/* -- properties -------------------------------------------------------------------------------- */
+
+/* The worker comes to its end, whatever clients send or leave out. */
+ltl ends { <> ended }
