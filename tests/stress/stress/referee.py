@@ -47,8 +47,6 @@ class Referee:
         for stage in stages:
             try:
                 stage()
-                if len(self.findings) >= _MOST_FINDINGS:
-                    raise Violation("that is enough: given up")
             except AssertionError as violation:
                 self._found(str(violation))
                 self._end_anyhow()
@@ -158,7 +156,9 @@ class Referee:
 
     def _loop(self, over):
         tick = progress = time.monotonic()
-        while not over() and len(self.findings) < _MOST_FINDINGS:
+        while not over():
+            if len(self.findings) >= _MOST_FINDINGS:
+                raise Violation("so many findings: given up")
             self._serve(self._nap(tick))
             now = time.monotonic()
             for each in (*self._actors, self._world):
