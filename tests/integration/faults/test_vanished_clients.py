@@ -9,24 +9,13 @@ import functools
 from gi.repository import GLib
 
 from harness import matrix
-from harness.fault import Answered, Fault, Seen, one_request, rows
+from harness.fault import Answered, Fault, one_request, rows
 from harness.moment import DELIVERED, FETCHED_LATE, MOMENTS, SENT, WAITING, ExchangeOver
-from harness.request import Request
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 
 GO = b"go"
 CONNECT = GLib.Variant("(ayayayayayu)", (b"ask", b"other", b"1.0", b"binary", b"text/plain", 1000))
-
-
-class Heir(Request):
-    """The request in the hands of another client."""
-
-    def __init__(self, client, request):  # pylint: disable=super-init-not-called
-        self.client = client
-        self.connection = request.connection
-        self.id = request.id
-        self.key = request.key
 
 
 def vanish(moment, scene):
@@ -38,7 +27,7 @@ def vanish(moment, scene):
         first.ask()
         first.client.settle()
     first.client.close()
-    scene.requests[0] = Heir(heir, first)
+    first.client = heir
 
 
 def go_on(moment, scene):
@@ -93,7 +82,7 @@ def vanish_with_call(scene):
     heir = scene.client()
     first.client.close()
     heir.settle()
-    scene.requests[0] = Heir(heir, first)
+    first.client = heir
 
 
 def leave_unread(scene, calls, close):
@@ -135,7 +124,12 @@ def break_off(scene):
 
 @rows(
     *map(vanished, MOMENTS),
-    Fault("held-call-takes-a-chunk-along", server=SENT.server, act=lose_a_chunk, sees=[Answered([b"stion"])]),
+    Fault(
+        "held-call-takes-a-chunk-along",
+        server=SENT.server,
+        act=lose_a_chunk,
+        sees=[Answered([b"stion"])],
+    ),
     Fault("vanishes-with-200-calls-unanswered", server={}, act=leave_connections, sees=[Answered()]),
     Fault("never-reads-2000-answers", server={}, act=never_read, sees=[Answered()]),
     Fault("breaks-off-within-a-message", server={}, act=break_off, sees=[Answered()]),

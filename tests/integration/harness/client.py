@@ -70,7 +70,7 @@ class Client:
             self._on_signal,
         )
         # The bus handles messages in order: after this answer the subscription is in force.
-        self._ping_bus()
+        self.settle_bus()
 
     def close(self):
         """Leaves the bus; what was promised to the daemon stays open."""
@@ -182,7 +182,8 @@ class Client:
         self.bus.emit_signal(None, path, interface, name, arguments)
         self.bus.flush_sync(None)
 
-    def _ping_bus(self):
+    def settle_bus(self):
+        """Returns when the bus has dealt with all that this client has sent so far."""
         self.bus.call_sync(
             "org.freedesktop.DBus",
             "/org/freedesktop/DBus",

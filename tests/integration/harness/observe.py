@@ -1,8 +1,10 @@
 """What /proc tells about the daemon, without stopping or tracing it."""
 
+import contextlib
 import os
 import pathlib
 import re
+import signal
 
 from gi.repository import GLib
 
@@ -109,6 +111,17 @@ def wait_until_idle(pid, seconds=10):
         return not has_worker(pid) and sleeping_for(pid) == float("inf")
 
     poll_for(idle, seconds, lambda: f"idleness; {threads(pid)}, sleeps {sleeping_for(pid)} ms")
+
+
+@contextlib.contextmanager
+def stopped(process):
+    """While the process stands still, what is sent to it gathers."""
+    process.send_signal(signal.SIGSTOP)
+    poll_for(lambda: status_field(process.pid, "State").startswith("T"), 10, "the process's stop")
+    try:
+        yield
+    finally:
+        process.send_signal(signal.SIGCONT)
 
 
 def catches(pid, number):
