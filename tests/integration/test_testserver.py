@@ -394,7 +394,7 @@ def test_multipart_answer_can_be_changed_everywhere(server, peer):
         "status": None,
         "results": [{"oid": "1", "href": "cid:p{n}", "times": 2}, {"oid": "x"}],
         "start_headers": [["Content-Id", "s"]],
-        "parts": [{"id": "p{n}", "headers": [["X-N", "{n}"]], "body": "d", "times": 2}],
+        "parts": [{"id": "p{n}", "headers": [["X-N", "{n}"]], "body": "d{n}", "times": 2}],
         "order": "start-last",
         "preamble": "pre",
         "epilogue": "post",
@@ -402,7 +402,7 @@ def test_multipart_answer_can_be_changed_everywhere(server, peer):
     }
     server.queue({"answer": {"multipart": multipart}})
     body = peer().open().ask(("other", b"x")).body.decode()
-    parts = "".join(f"\r\n--B\r\nContent-Id: p{n}\r\nX-N: {n}\r\n\r\nd" for n in (1, 2))
+    parts = "".join(f"\r\n--B\r\nContent-Id: p{n}\r\nX-N: {n}\r\n\r\nd{n}" for n in (1, 2))
     assert body.startswith(f"pre{parts}\r\n--B\r\nContent-Id: s\r\n\r\n<?xml")
     assert body.endswith("</SimpleLocationProtocol>\r\n\r\n--B-post")
     assert "<SlpResponse>" in body

@@ -1,5 +1,6 @@
 """Servers that end the connection: refused, reset, cut off, and closed in order, at every point."""
 
+import dataclasses
 import socket
 
 from harness import curl, matrix
@@ -13,6 +14,7 @@ from harness.fault import (
     Event,
     Failed,
     Fault,
+    Seen,
     one_request,
     rows,
     sending,
@@ -127,6 +129,31 @@ def ends_of_an_answer_without_length():
     )
 
 
+@dataclasses.dataclass
+class Speaks(Seen):
+    """The application protocol that the handshake agreed on."""
+
+    protocol: str | None
+
+    def check(self, scene):
+        assert scene.server.wait(scene.server.last)["tls"]["alpn"] == self.protocol
+
+
+def offers():
+    yield Fault(
+        "offers-HTTP-2-first",
+        server={"alpn": ["h2", "http/1.1"]},
+        sees=[Answered(), Speaks("http/1.1")],
+    )
+    yield Fault("offers-HTTP-2-only", server={"alpn": ["h2"]}, sees=[Answered(), Speaks(None)])
+    yield Fault(
+        "offers-HTTP-2-by-an-upgrade",
+        server={"answer": {"headers": [["Upgrade", "h2"], ["Connection", "Upgrade"]]}},
+        sees=[Answered()],
+    )
+    yield Fault("offers-nothing-known", server={"alpn": ["spdy/3"]}, sees=[Answered(), Speaks(None)])
+
+
 def refuse(scene):
     """The address is one where nobody listens."""
     with socket.create_server(("127.0.0.1", 0)) as listener:
@@ -137,6 +164,7 @@ def refuse(scene):
 
 @rows(
     Fault("refuses-the-connection", act=refuse, sees=[Failed(TRANSPORT, curl.COULDNT_CONNECT)]),
+    *offers(),
     *before_the_answer(),
     *within_the_answer(),
     *before_a_waiting_client(),

@@ -75,7 +75,11 @@ class RawClient:
 
     def send(self, *messages):
         """Sends all of them in one write."""
-        self._socket.sendall(b"".join(message.to_blob(_NO_CAPABILITIES) for message in messages))
+        self.send_blobs(*(message.to_blob(_NO_CAPABILITIES) for message in messages))
+
+    def send_blobs(self, *blobs):
+        """Sends messages that are composed already, in one write."""
+        self._socket.sendall(b"".join(blobs))
 
     def send_front(self, message, size):
         """Sends the first bytes of a message only."""

@@ -102,7 +102,10 @@ class Multipart:
                 content_id = _counted(part["id"], part, number) if "id" in part else None
                 headers = [["Content-Id", content_id]] if content_id is not None else []
                 headers += [[n, _counted(v, part, number)] for n, v in part.get("headers", [])]
-                yield Part(content_id, headers, pieces(part.get("body", "")))
+                body = part.get("body", "")
+                if isinstance(body, str):
+                    body = _counted(body, part, number)
+                yield Part(content_id, headers, pieces(body))
 
     def _ordinary_parts(self):
         if self._upload.slp is None:

@@ -70,8 +70,9 @@ The answer
       "document": ITEM     the start part's data instead of the SlpResponse document
       "start_headers": [[NAME, VALUE], ...]
       "parts": [{"id": TEXT, "headers": [[NAME, VALUE], ...], "body": ITEM, "times": N}, ...]
-                           default: one for each request, as "The ordinary answer" says; in
-                           "href", "id", header values with "times", {n} counts from 1
+                           default: one for each request, as "The ordinary answer" says; with
+                           "times", {n} counts from 1 in "href", "id", header values and a "body"
+                           that is a text
       "order": TEXT        "start-first" (default), "start-last", "no-start"
       "preamble", "epilogue": ITEM
       "closing": TEXT      instead of CR LF -- boundary -- CR LF; "" leaves it out
