@@ -599,6 +599,23 @@ def test_script_waits_for_an_event(server, peer):
     assert response.read() == b"second"
 
 
+def test_scripts_that_wait_end_when_events_are_forgotten(server, peer):
+    server.queue({"on": [{"at": "head", "do": "wait", "event": "never"}], "repeat": 2})
+    each = peer().open()
+    each.send(Request(("other", b"x")))
+    server.wait(1, "head")
+    server.forget_events()
+    assert server.wait(1)["outcome"] == "stopped"
+    assert each.sock.recv(1) == b""
+
+    server.give("never")
+    server.forget_events()  # and what was given counts no more
+    other = peer().open()
+    other.send(Request(("other", b"x")))
+    server.wait(2, "head")
+    assert server.exchange(2)["outcome"] is None
+
+
 def test_pause_takes_its_time(server, peer):
     server.queue({"on": [{"at": "head", "do": "pause", "seconds": 0.3}]})
     peer().open().ask(("other", b"x"))

@@ -74,6 +74,16 @@ def test_daemon_that_failed_a_row_does_not_serve_the_next_one(scene):
     scene.daemon.guard()
 
 
+def test_script_of_a_failed_row_does_not_wait_on(scene):
+    scene.prepare()
+    scene.server.queue({"on": [{"at": "accept", "do": "wait", "event": "never"}]})
+    number = scene.server.last + 1
+    scene.request()
+    scene.server.wait(number, "accept")
+    scene.close()
+    assert scene.server.wait(number)["outcome"] is not None
+
+
 def test_row_may_end_the_daemon(scene):
     def stop(scene):
         scene.client().quit()

@@ -1,5 +1,7 @@
 """Where a row of the fault matrix is played: the programs, and who takes part."""
 
+import time
+
 from . import observe
 from .client import PART_CONTINUES, RESPONSE_COMPLETE, BusError, Client
 from .keys import restore_preinst
@@ -28,6 +30,7 @@ class Scene:
         self.daemon = daemon
         self.clients = []
         self.requests = []
+        self.began = None  # when the first request was made
         self._watcher = Client(bus.address)
         self._raw_clients = []
         self._connections = []
@@ -43,9 +46,9 @@ class Scene:
         self.clients.append(Client(self.bus.address))
         return self.clients[-1]
 
-    def raw_client(self):
+    def raw_client(self, **options):
         """A further client that composes its messages itself; expectations leave it out."""
-        self._raw_clients.append(RawClient(self.bus.address))
+        self._raw_clients.append(RawClient(self.bus.address, **options))
         return self._raw_clients[-1]
 
     def request(self, client=None, attached=False, policy=2, connection=None, **parameters):
@@ -54,6 +57,7 @@ class Scene:
             client = self.clients[0] if self.clients else self.client()
         if connection is None:
             connection = self.connect(client, **parameters)
+        self.began = self.began or time.monotonic()
         self.requests.append(Request(client, attached, connection, policy))
         return self.requests[-1]
 
@@ -182,6 +186,7 @@ class Scene:
         if self._platform_before:
             self.platform.restore(self._platform_before)
         self.server.clear()
+        self.server.forget_events()
         self.daemon.start()
         self._over = True
 

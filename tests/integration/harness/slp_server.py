@@ -52,6 +52,10 @@ class TestServer:
         """Lets scripts that wait for `event` go on."""
         self._ask("POST", f"/events/{event}?count={count}")
 
+    def forget_events(self):
+        """Ends the connections whose scripts wait; events given in vain count no more."""
+        self._ask("DELETE", "/events")
+
     # -- what it saw ---------------------------------------------------------------------------
 
     def status(self):

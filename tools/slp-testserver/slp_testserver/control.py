@@ -5,6 +5,8 @@
   DELETE /behaviours                  empties the queue
   PUT    /default                     the behaviour for when the queue is empty
   POST   /events/NAME[?count=N]       lets N scripts that wait for NAME go on
+  DELETE /events                      takes back the events that nobody has waited for, and ends
+                                      the connections whose scripts wait
   GET    /exchanges[?since=N]         the records after number N, oldest first
   GET    /exchanges/N                 one record
   GET    /exchanges/N/wait?seconds=S[&point=P]
@@ -113,6 +115,10 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         self.server_under_control.events.give(name, int(self.query.get("count", 1)))
         self._send({})
 
+    def _forget_events(self):
+        self.server_under_control.events.forget()
+        self._send({})
+
     def _exchanges(self):
         found = self.server_under_control.recorder.since(int(self.query.get("since", 0)))
         self._send([exchange.snapshot() for exchange in found])
@@ -156,6 +162,7 @@ _ROUTES = (
     ("DELETE", "/behaviours", _Handler._clear_behaviours),
     ("PUT", "/default", _Handler._set_default),
     ("POST", "/events/([^/]+)", _Handler._give_event),
+    ("DELETE", "/events", _Handler._forget_events),
     ("GET", "/exchanges", _Handler._exchanges),
     ("GET", r"/exchanges/(\d+)", _Handler._exchange),
     ("GET", r"/exchanges/(\d+)/wait", _Handler._wait),

@@ -165,6 +165,7 @@ class Events:
     def __init__(self):
         self._changed = threading.Condition()
         self._given = {}
+        self._forgotten = 0
         self._stopped = False
 
     def give(self, name, count=1):
@@ -172,11 +173,23 @@ class Events:
             self._given[name] = self._given.get(name, 0) + count
             self._changed.notify_all()
 
-    def take(self, name):
-        """Blocks until one is there; False when the server stops instead."""
+    def forget(self):
+        """Takes back what was given and nobody has taken, and ends the scripts that wait."""
         with self._changed:
-            self._changed.wait_for(lambda: self._stopped or self._given.get(name))
-            if self._stopped:
+            self._given.clear()
+            self._forgotten += 1
+            self._changed.notify_all()
+
+    def take(self, name):
+        """Blocks until one is there; False when the script is to end instead."""
+        with self._changed:
+            before = self._forgotten
+
+            def ended():
+                return self._stopped or self._forgotten != before
+
+            self._changed.wait_for(lambda: ended() or self._given.get(name))
+            if ended():
                 return False
             self._given[name] -= 1
             return True
