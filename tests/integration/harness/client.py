@@ -239,9 +239,10 @@ class Client:
 
     def wait_for_status(self, status, seconds=10):
         """Waits until the daemon reports this connection status."""
-        # The first question may itself be what makes the daemon announce a change.
-        if self.status() != status:
-            self.wait_for_signal("connectionStatusChanged", (status,), seconds)
+        # The question may itself be what makes the daemon announce a change. An announcement may be
+        # an old one, so that only the answer counts.
+        while self.status() != status:
+            self.wait_for_signal("connectionStatusChanged", seconds=seconds)
 
     def wait_for_request_data(self, connection, request, seconds=10):
         """Waits until the daemon asks for the data of this request."""

@@ -27,10 +27,11 @@ SIGNAL = Gio.DBusMessageType.SIGNAL
 class RawClient:
     """One bus connection without a library behind it.
 
-    `received` keeps what nobody has taken yet, `history` all that has ever arrived.
+    `received` keeps what nobody has taken yet, `history` all that has ever arrived. With `descriptors`
+    it may send file descriptors.
     """
 
-    def __init__(self, address):
+    def __init__(self, address, descriptors=False):
         self.received = []
         self.history = []
         self._serials = itertools.count(1)
@@ -38,7 +39,7 @@ class RawClient:
         path = address.removeprefix("unix:path=").partition(",")[0]
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self._socket.connect(path)
-        self._authenticate()
+        self._authenticate(b"NEGOTIATE_UNIX_FD\r\n" if descriptors else b"")
         self.name = self.ask_bus("Hello").get_body().unpack()[0]
         self.signal("NameAcquired")
 
@@ -80,6 +81,13 @@ class RawClient:
     def send_blobs(self, *blobs):
         """Sends messages that are composed already, in one write."""
         self._socket.sendall(b"".join(blobs))
+
+    def send_with_descriptors(self, message, *descriptors):
+        """Sends one message and copies of these file descriptors."""
+        copies = Gio.UnixFDList.new_from_array([os.dup(each) for each in descriptors])
+        message.set_unix_fd_list(copies)
+        blob = message.to_blob(Gio.DBusCapabilityFlags.UNIX_FD_PASSING)
+        socket.send_fds(self._socket, [blob], descriptors)
 
     def send_front(self, message, size):
         """Sends the first bytes of a message only."""
@@ -160,14 +168,15 @@ class RawClient:
 
     # -- the stream ----------------------------------------------------------------------------
 
-    def _authenticate(self):
-        uid = str(os.getuid()).encode().hex()
-        self._socket.sendall(b"\0AUTH EXTERNAL %b\r\nBEGIN\r\n" % uid.encode())
+    def _authenticate(self, negotiation):
+        uid = str(os.getuid()).encode().hex().encode()
+        self._socket.sendall(b"\0AUTH EXTERNAL %b\r\n%bBEGIN\r\n" % (uid, negotiation))
         deadline = time.monotonic() + patience(10)
-        while b"\r\n" not in self._data:
-            self._receive(deadline, "the bus's answer to AUTH")
-        line, _, self._data = self._data.partition(b"\r\n")
-        assert line.startswith(b"OK "), line
+        for wanted in (b"OK ", b"AGREE_UNIX_FD") if negotiation else (b"OK ",):
+            while b"\r\n" not in self._data:
+                self._receive(deadline, "the bus's answer to AUTH")
+            line, _, self._data = self._data.partition(b"\r\n")
+            assert line.startswith(wanted), line
 
     def _await(self, find, seconds, what):
         deadline = time.monotonic() + patience(seconds)
