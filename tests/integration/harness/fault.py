@@ -11,12 +11,14 @@ fails it, whatever its `sees` says.
 """
 
 import dataclasses
+import time
 from typing import Any, Callable, Sequence
 
 import pytest
 
 from . import curl
 from .client import RESPONSE_COMPLETE
+from .settings import patience
 from .waiting import wait_for
 
 QUESTION = b"question"
@@ -90,6 +92,21 @@ class Failed(Seen):
     def _texts(self):
         texts = self.text if isinstance(self.text, (list, tuple, set)) else [self.text]
         return [curl.text_of(text) if isinstance(text, int) else text for text in texts]
+
+
+@dataclasses.dataclass
+class TimedOut(Failed):
+    """The transfer fails by libcurl's time-out so many seconds after the first request."""
+
+    code: int = TRANSPORT
+    text: Any = curl.OPERATION_TIMEDOUT
+    after: float = 60
+
+    def check(self, scene):
+        self.seconds = self.after + 20
+        super().check(scene)
+        waited = time.monotonic() - scene.began
+        assert self.after - 1.5 < waited < self.after + patience(6), waited
 
 
 @dataclasses.dataclass
@@ -185,6 +202,8 @@ class Fault:
     act: Callable = one_request
     # How the daemon must end: its status. None: it must live on.
     ends: int | None = None
+    # Waits long, and is no row that must be played each time: scripts/test --long.
+    long: bool = False
 
     def play(self, scene):
         """Plays the row and checks what it leaves behind."""
@@ -204,5 +223,10 @@ def rows(*faults):
     """The parameters of a group's test function: one test for each row, named after it."""
     names = [fault.name for fault in faults]
     assert len(set(names)) == len(names), names
-    return pytest.mark.parametrize("fault", faults, ids=names)
+    return pytest.mark.parametrize("fault", [_parameter(fault) for fault in faults])
+
+
+def _parameter(fault):
+    marks = [pytest.mark.long] if fault.long else []
+    return pytest.param(fault, id=fault.name, marks=marks)
 
