@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <array>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <new>
 #include <random>
 #include <string>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -261,7 +263,7 @@ TEST(ByteQueue, TakingByteByByteAllocatesNothing) {
 }
 
 TEST(ByteQueue, GivesMemoryBackWhileItIsDrained) {
-    constexpr std::size_t kBytes = 8 * 1024 * 1024;
+    constexpr std::size_t kBytes = ByteQueue::kBacklogBlock;
     std::vector<char> room(kBytes / 2);
     const failing_memory::Count count;
     ByteQueue queue;
@@ -274,6 +276,43 @@ TEST(ByteQueue, GivesMemoryBackWhileItIsDrained) {
     EXPECT_LE(count.held(), static_cast<std::ptrdiff_t>(kBytes / 2 + 2 * kLargest));
     EXPECT_EQ(queue.takeInto(room), room.size());
     EXPECT_LE(count.held(), static_cast<std::ptrdiff_t>(2 * kLargest));
+}
+
+/// Bytes of all mappings of the process.
+std::size_t mappedMemory() {
+    std::ifstream statm("/proc/self/statm");
+    std::size_t pages = 0;
+    statm >> pages;
+    return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+
+TEST(ByteQueue, GivesABacklogBackWhileItIsDrained) {
+    constexpr std::size_t kBytes = 16 * ByteQueue::kBacklogBlock;
+    const std::string bytes(kBytes, 'x');
+    std::vector<char> room(kBytes / 2);
+    ByteQueue queue;
+    queue.append(bytes);
+    const std::size_t full = mappedMemory();
+    EXPECT_EQ(queue.takeInto(room), room.size());
+    EXPECT_LE(mappedMemory(), full - kBytes / 2 + 3 * ByteQueue::kBacklogBlock);
+    EXPECT_EQ(queue.takeInto(room), room.size());
+    EXPECT_LE(mappedMemory(), full - kBytes + 3 * ByteQueue::kBacklogBlock);
+}
+
+TEST(ByteQueue, BacklogKeepsEveryByteInItsPlace) {
+    std::string bytes;
+    while (bytes.size() < 3 * ByteQueue::kBacklogBlock) {
+        bytes += pattern(4 * kLargest, bytes.size() / 7);
+    }
+    ByteQueue queue;
+    for (std::size_t at = 0; at < bytes.size(); at += 100'003) {
+        queue.append(std::string_view(bytes).substr(at, 100'003));
+    }
+    queue.dropBack(7);
+    EXPECT_TRUE(queue.take(bytes.size()) == bytes.substr(0, bytes.size() - 7));
+    EXPECT_TRUE(queue.empty());
+    queue.append("after");
+    EXPECT_EQ(takeAll(queue), "after");
 }
 
 TEST(ByteQueue, StreamThatIsDrainedAsItFillsAllocatesNothingMore) {
