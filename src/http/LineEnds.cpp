@@ -1,6 +1,7 @@
 #include "http/LineEnds.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace orvexd {
 
@@ -40,19 +41,61 @@ std::size_t findBareLineFeed(std::string_view text, std::size_t from) noexcept {
     return std::string_view::npos;
 }
 
+/// How far a pass has come in its input and its output.
+struct Progress {
+    std::size_t taken = 0;
+    std::size_t written = 0;
+};
+
+/// Copies `size` bytes. Short lines are the usual case: they are moved in one piece of fixed size,
+/// without a call, where both sides have room for what comes behind them.
+void copyLine(char* to, std::size_t room, std::string_view from, std::size_t size) noexcept {
+    constexpr std::size_t kPiece = 64;
+    if (size <= kPiece && room >= kPiece && from.size() >= kPiece) {
+        std::memcpy(to, from.data(), kPiece);
+    } else {
+        std::memcpy(to, from.data(), size);
+    }
+}
+
+/// Normalises whole lines while they fit into `out` for certain; stops in front of the first that
+/// may not, or behind the last line feed.
+Progress normalizeFittingLines(std::string_view chunk, std::span<char> out) noexcept {
+    Progress progress;
+    while (progress.taken < chunk.size()) {
+        const std::string_view left = chunk.substr(progress.taken);
+        const std::size_t line = left.find('\n');
+        const std::size_t room = out.size() - progress.written;
+        if (line == std::string_view::npos || room < line + 2) {
+            break;
+        }
+        char* to = out.data() + progress.written;
+        copyLine(to, room, left, line);
+        // A line feed at the start of the chunk stays as it is.
+        const std::size_t at = progress.taken + line;
+        const bool bare = at > 0 && chunk[at - 1] != '\r';
+        to[line] = bare ? '\r' : '\n';
+        to[line + 1] = '\n';
+        progress.taken += line + 1;
+        progress.written += line + (bare ? 2 : 1);
+    }
+    return progress;
+}
+
 } // namespace
 
 std::size_t normalizeLineEnds(std::string_view chunk, std::span<char> out, std::string& overflow) {
-    SplitWriter writer(out, overflow);
-    std::size_t done = 0;
-    for (std::size_t bare = findBareLineFeed(chunk, 0); bare != std::string_view::npos;
+    const Progress fitting = normalizeFittingLines(chunk, out);
+    SplitWriter writer(out.subspan(fitting.written), overflow);
+    std::size_t done = fitting.taken;
+    for (std::size_t bare = findBareLineFeed(chunk, done); bare != std::string_view::npos;
          bare = findBareLineFeed(chunk, bare + 1)) {
         writer.write(chunk.substr(done, bare - done));
         writer.write("\r");
         done = bare;
     }
     writer.write(chunk.substr(done));
-    return writer.written();
+    return fitting.written + writer.written();
 }
 
 std::string normalizeLineEnds(std::string_view chunk) {

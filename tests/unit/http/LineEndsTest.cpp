@@ -97,5 +97,25 @@ TEST(LineEndsTest, ofRandomTextInRandomBuffersFollowTheRule) {
     }
 }
 
+TEST(LineEndsTest, ofLongerLinesFollowTheRuleToo) {
+    std::mt19937 random(1147);
+    for (int round = 0; round < 2000; ++round) {
+        std::string chunk(random() % 600, 'x');
+        for (std::size_t at = random() % 130; at < chunk.size(); at += 1 + random() % 130) {
+            chunk[at] = "\r\n\n"[random() % 3];
+        }
+        constexpr char kGuard = '\x5a';
+        std::string buffer(random() % 700 + 1, kGuard);
+        const std::size_t room = random() % buffer.size();
+        std::string overflow;
+        const std::size_t written =
+            normalizeLineEnds(chunk, std::span<char>(buffer.data(), room), overflow);
+        ASSERT_LE(written, room);
+        EXPECT_EQ(buffer.substr(0, written) + overflow, expected(chunk));
+        EXPECT_EQ(buffer.substr(room), std::string(buffer.size() - room, kGuard));
+        EXPECT_TRUE(overflow.empty() || written == room);
+    }
+}
+
 } // namespace
 } // namespace orvexd::test
