@@ -99,10 +99,8 @@ std::uint32_t OrvexMain::openConnection(std::string elementName, std::string typ
 void OrvexMain::closeConnection(std::uint32_t connectionId) {
     {
         const RecursiveLock guard(requestsLock_);
-        const std::string prefix = std::to_string(connectionId) + ':';
-        auto position = requests_.lower_bound(prefix);
-        while (position != requests_.end() && position->first.starts_with(prefix)) {
-            cancelLive(position);
+        for (const RequestPointer& request : requests_.ofConnection(connectionId)) {
+            cancelLive(request);
         }
     }
     const RecursiveLock guard(connectionsLock_);
@@ -111,23 +109,19 @@ void OrvexMain::closeConnection(std::uint32_t connectionId) {
 
 void OrvexMain::cancelRequest(std::uint32_t connectionId, std::uint32_t requestId) {
     const RecursiveLock guard(requestsLock_);
-    auto position = requests_.find(requestKey(connectionId, requestId));
-    if (position != requests_.end()) {
-        cancelLive(position);
+    if (const RequestPointer request = requests_.find(connectionId, requestId)) {
+        cancelLive(request);
     }
 }
 
-/// Cancels the request at `position` and moves on to the next one. A request that waits for an
-/// exchange goes at once, one that is part of an exchange when that ends.
-void OrvexMain::cancelLive(Requests::iterator& position) {
-    RequestData& request = *position->second;
-    request.setCancelled(true);
-    if (request.state() != RequestState::Created) {
-        ++position;
-        return;
+/// Cancels a request. One that waits for an exchange goes at once, one that is part of an exchange
+/// when that ends.
+void OrvexMain::cancelLive(const RequestPointer& request) {
+    request->setCancelled(true);
+    if (request->state() == RequestState::Created) {
+        posts_.postRequestFinished(request->connectionId(), request->requestId());
+        requests_.remove(request);
     }
-    posts_.postRequestFinished(request.connectionId(), request.requestId());
-    position = requests_.erase(position);
 }
 
 std::uint32_t OrvexMain::attachRequest(std::uint32_t connectionId, std::uint32_t connectionPolicy,
@@ -150,13 +144,13 @@ std::uint32_t OrvexMain::createRequest(std::uint32_t connectionId, std::uint32_t
         throw failure::kNoConnection;
     }
     const std::uint32_t requestId = nextRequestId();
-    auto request =
+    const auto request =
         std::make_shared<RequestData>(connectionId, requestId, prepared, connection->second);
     request->setConnectionPolicy(connectionPolicy);
     request->setOwner(this);
     {
         const RecursiveLock guard(requestsLock_);
-        requests_.insert_or_assign(requestKey(connectionId, requestId), std::move(request));
+        requests_.add(request);
         raiseOpenDuration(openDuration);
     }
     // From here on only the id is used: the start of an exchange may already drop the request.
@@ -172,19 +166,13 @@ std::uint32_t OrvexMain::nextRequestId() {
     return nextId(lastRequestId_);
 }
 
-OrvexMain::RequestPointer OrvexMain::findRequest(std::uint32_t connectionId,
-                                                 std::uint32_t requestId) {
-    const auto position = requests_.find(requestKey(connectionId, requestId));
-    return position == requests_.end() ? nullptr : position->second;
-}
-
 int OrvexMain::sendData(std::string_view bytes, bool last, std::uint32_t connectionId,
                         std::uint32_t requestId) {
     if (!connections_.contains(connectionId)) {
         return failure::kUnknownConnection;
     }
     const RecursiveLock guard(requestsLock_);
-    const auto request = findRequest(connectionId, requestId);
+    const auto request = requests_.find(connectionId, requestId);
     if (!request) {
         return failure::kUnknownRequest;
     }
@@ -197,7 +185,7 @@ int OrvexMain::sendData(std::string_view bytes, bool last, std::uint32_t connect
 
 void OrvexMain::getData(std::uint32_t connectionId, std::uint32_t requestId) {
     const RecursiveLock guard(requestsLock_);
-    const auto request = findRequest(connectionId, requestId);
+    const auto request = requests_.find(connectionId, requestId);
     if (!request) {
         throw failure::kUnknownRequest;
     }
@@ -258,55 +246,55 @@ void OrvexMain::onNetworkAvailable() {
 }
 
 void OrvexMain::onConnectionLost() {
-    std::string failed;
-    sweepRequests([this, &failed](const std::string& key, const RequestPointer& request) {
-        if (request->state() != RequestState::Created) {
-            if (!request->isCancelled() && !request->isWaitingForGetData()) {
-                appendKey(failed, key);
-                request->setCancelled(true);
-            }
-            return Verdict::Keep;
+    std::vector<std::string> failed;
+    const RecursiveLock guard(requestsLock_);
+    sweepTravelling([&failed](const RequestPointer& request) {
+        if (!request->isCancelled() && !request->isWaitingForGetData()) {
+            failed.push_back(requestKey(request->connectionId(), request->requestId()));
+            request->setCancelled(true);
         }
-        if (!request->isPrepared()) {
-            return Verdict::Keep;
-        }
-        appendKey(failed, key);
-        posts_.postRequestFinished(request->connectionId(), request->requestId());
-        return Verdict::Remove;
+        return Verdict::Keep;
     });
+    for (const auto policy : RequestRegistry::kPolicies) {
+        for (const RequestPointer& request : requests_.waiting(true, policy)) {
+            failed.push_back(requestKey(request->connectionId(), request->requestId()));
+            posts_.postRequestFinished(request->connectionId(), request->requestId());
+            requests_.remove(request);
+        }
+    }
     reportFailure(failure::kNoConnection, "Connection error", std::move(failed));
 }
 
 // -- exchanges -----------------------------------------------------------------------------------
 
-/// Asks `judge` about every request, in the order of the keys' text.
-void OrvexMain::sweepRequests(
-    const std::function<Verdict(const std::string&, const RequestPointer&)>& judge) {
+void OrvexMain::sweepTravelling(const RequestRegistry::Judge& judge) {
     const RecursiveLock guard(requestsLock_);
-    for (auto position = requests_.begin(); position != requests_.end();) {
-        const Verdict verdict = judge(position->first, position->second);
-        position = verdict == Verdict::Remove ? requests_.erase(position) : std::next(position);
-    }
+    requests_.sweepTravelling(judge);
 }
 
-void OrvexMain::reportFailure(int code, const char* message, std::string keyList) {
-    if (!keyList.empty()) {
-        posts_.postError(code, message, std::move(keyList));
+/// Names the requests in the order of their keys' text.
+void OrvexMain::reportFailure(int code, const char* message, std::vector<std::string> keys) {
+    if (keys.empty()) {
+        return;
     }
-}
-
-bool OrvexMain::isSendable(const RequestData& request) {
-    if (request.state() != RequestState::Created) {
-        return false;
+    std::sort(keys.begin(), keys.end());
+    std::string list;
+    for (const std::string& key : keys) {
+        appendKey(list, key);
     }
-    return request.isPrepared() ? connectionAllowed(request.connectionPolicy())
-                                : (reportedStatus_ & StatusKindOne) != 0;
+    posts_.postError(code, message, std::move(list));
 }
 
 bool OrvexMain::hasSendableRequest() {
     const RecursiveLock guard(requestsLock_);
-    return std::any_of(requests_.begin(), requests_.end(),
-                       [this](const auto& entry) { return isSendable(*entry.second); });
+    if ((reportedStatus_ & StatusKindOne) != 0 && requests_.hasWaiting(false)) {
+        return true;
+    }
+    return std::any_of(RequestRegistry::kPolicies.begin(), RequestRegistry::kPolicies.end(),
+                       [this](RequestRegistry::Policy policy) {
+                           return requests_.hasWaiting(true, policy) &&
+                                  connectionAllowed(RequestRegistry::valueOf(policy));
+                       });
 }
 
 bool OrvexMain::startExchange() {
@@ -330,39 +318,23 @@ bool OrvexMain::startExchange() {
 /// accepts any connection.
 bool OrvexMain::isExchangeWorthwhile() {
     const RecursiveLock guard(requestsLock_);
-    const bool wanted = std::any_of(requests_.begin(), requests_.end(), [](const auto& entry) {
-        const RequestData& request = *entry.second;
-        return request.state() == RequestState::Created &&
-               (request.isPrepared() || request.connectionPolicy() == AnyConnection);
-    });
+    const bool wanted = requests_.hasWaiting(true) ||
+                        requests_.hasWaiting(false, RequestRegistry::Policy::AnyConnection);
     return wanted || !networkManager_.hasFlaggedConnection();
 }
 
 /// Sweeps the requests: those that may use the connection are queued, prepared ones that may not
 /// are dropped and reported, delivered ones are forgotten. @return true when something was queued.
 bool OrvexMain::queueRequests() {
-    std::vector<RequestPointer> sendable;
-    std::string notAllowed;
-    sweepRequests([&](const std::string& key, const RequestPointer& request) {
-        if (request->state() == RequestState::Delivered) {
-            posts_.postRequestFinished(request->connectionId(), request->requestId());
-            return Verdict::Remove;
-        }
-        if (request->state() != RequestState::Created) {
+    const RecursiveLock guard(requestsLock_);
+    sweepTravelling([this](const RequestPointer& request) {
+        if (request->state() != RequestState::Delivered) {
             return Verdict::Keep;
         }
-        if (connectionAllowed(request->connectionPolicy())) {
-            sendable.push_back(request);
-            return Verdict::Keep;
-        }
-        if (!request->isPrepared()) {
-            return Verdict::Keep;
-        }
-        appendKey(notAllowed, key);
+        posts_.postRequestFinished(request->connectionId(), request->requestId());
         return Verdict::Remove;
     });
-    reportFailure(failure::kNoConnection, "Current network connection not allowed",
-                  std::move(notAllowed));
+    std::vector<RequestPointer> sendable = collectSendable();
     if (workerStarted_ || sendable.empty()) {
         return false; // an exchange that has just ended is still to be swept up
     }
@@ -371,8 +343,37 @@ bool OrvexMain::queueRequests() {
               [](const auto& left, const auto& right) { return left->goesBefore(*right); });
     for (const auto& request : sendable) {
         addPart(request);
+        requests_.setTravelling(request);
     }
     return true;
+}
+
+/// The waiting requests that may use the connection; prepared ones that may not are dropped.
+std::vector<OrvexMain::RequestPointer> OrvexMain::collectSendable() {
+    std::vector<RequestPointer> sendable;
+    std::vector<std::string> notAllowed;
+    for (const bool prepared : {true, false}) {
+        for (const auto policy : RequestRegistry::kPolicies) {
+            if (!requests_.hasWaiting(prepared, policy)) {
+                continue;
+            }
+            const bool allowed = connectionAllowed(RequestRegistry::valueOf(policy));
+            if (!allowed && !prepared) {
+                continue; // attached requests go on waiting, whatever their number
+            }
+            for (RequestPointer& request : requests_.waiting(prepared, policy)) {
+                if (allowed) {
+                    sendable.push_back(std::move(request));
+                    continue;
+                }
+                notAllowed.push_back(requestKey(request->connectionId(), request->requestId()));
+                requests_.remove(request);
+            }
+        }
+    }
+    reportFailure(failure::kNoConnection, "Current network connection not allowed",
+                  std::move(notAllowed));
+    return sendable;
 }
 
 bool OrvexMain::startWorker() {
@@ -380,7 +381,10 @@ bool OrvexMain::startWorker() {
     const std::uint64_t number = beginExchange();
     if (!workerThread_.start("HttpClient", &HttpClient::threadFunc,
                              static_cast<HttpClient*>(this))) {
-        abandonExchange();
+        const RecursiveLock guard(requestsLock_);
+        for (const RequestPointer& request : abandonExchange()) {
+            requests_.setWaiting(request);
+        }
         workerStarted_ = false;
         return false;
     }
@@ -399,7 +403,7 @@ void OrvexMain::onExchangeDone(std::uint64_t number) {
 void OrvexMain::onExchangeFinished() {
     workerThread_.join(); // at its end already; it may not have said so yet
     workerStarted_ = false;
-    sweepRequests([this](const std::string& /*key*/, const RequestPointer& request) {
+    sweepTravelling([this](const RequestPointer& request) {
         if (request->state() != RequestState::Delivered && !request->isCancelled()) {
             return Verdict::Keep;
         }
@@ -417,10 +421,7 @@ void OrvexMain::onExchangeFailed(std::uint32_t code, const std::string& errorTex
                                  const std::string& keyList) {
     workerStarted_ = false;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> dropped;
-    sweepRequests([&dropped](const std::string& /*key*/, const RequestPointer& request) {
-        if (request->state() == RequestState::Created) {
-            return Verdict::Keep;
-        }
+    sweepTravelling([&dropped](const RequestPointer& request) {
         dropped.emplace_back(request->connectionId(), request->requestId());
         return Verdict::Remove;
     });

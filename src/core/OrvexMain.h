@@ -3,7 +3,7 @@
 #include "core/ConnectionParameters.h"
 #include "core/IChunkReceiver.h"
 #include "core/IServiceEvents.h"
-#include "core/RequestData.h"
+#include "core/RequestRegistry.h"
 #include "core/ServicePosts.h"
 #include "http/HttpClient.h"
 #include "http/IExchangeOwner.h"
@@ -14,11 +14,11 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace orvexd {
 
@@ -126,24 +126,19 @@ public:
     void onExchangeFinished();
 
 private:
-    using RequestPointer = std::shared_ptr<RequestData>;
-    /// By key, so that a sweep meets "10:2" before "2:5".
-    using Requests = std::map<std::string, RequestPointer>;
-    /// What becomes of a request in a sweep.
-    enum class Verdict { Keep, Remove };
+    using RequestPointer = RequestRegistry::Pointer;
+    using Verdict = RequestRegistry::Verdict;
 
     std::uint32_t createRequest(std::uint32_t connectionId, std::uint32_t connectionPolicy,
                                 std::uint32_t openDuration, bool prepared);
     std::uint32_t nextRequestId();
-    RequestPointer findRequest(std::uint32_t connectionId, std::uint32_t requestId);
-    void cancelLive(Requests::iterator& position);
-    void
-    sweepRequests(const std::function<Verdict(const std::string&, const RequestPointer&)>& judge);
-    void reportFailure(int code, const char* message, std::string keyList);
+    void cancelLive(const RequestPointer& request);
+    void sweepTravelling(const RequestRegistry::Judge& judge);
+    void reportFailure(int code, const char* message, std::vector<std::string> keys);
     bool isExchangeWorthwhile();
     bool queueRequests();
+    std::vector<RequestPointer> collectSendable();
     bool startWorker();
-    bool isSendable(const RequestData& request);
     void storeStatus(std::uint32_t status);
     void raiseOpenDuration(std::uint32_t duration);
     void collectDeviceIdentifiers();
@@ -159,7 +154,7 @@ private:
     std::uint32_t lastRequestId_ = 0;    // guarded by requestIdLock_
     // main loop's thread
     std::map<std::uint32_t, std::shared_ptr<const ConnectionParameters>> connections_;
-    Requests requests_; // guarded by requestsLock_
+    RequestRegistry requests_; // guarded by requestsLock_
     std::atomic<std::uint32_t> reportedStatus_ = 0;
     RecursiveMutex connectionsLock_; // also for erasure from connections_
     RecursiveMutex requestIdLock_;

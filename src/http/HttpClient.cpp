@@ -134,12 +134,12 @@ std::uint64_t HttpClient::beginExchange() {
     return exchange_.number;
 }
 
-void HttpClient::abandonExchange() {
+std::vector<std::shared_ptr<RequestData>> HttpClient::abandonExchange() {
     for (const auto& request : exchange_.queue) {
         request->setState(RequestState::Created);
     }
-    exchange_.queue.clear();
     setTransferRunning(false);
+    return std::exchange(exchange_.queue, {});
 }
 
 gpointer HttpClient::threadFunc(gpointer client) noexcept {

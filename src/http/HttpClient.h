@@ -96,8 +96,9 @@ protected:
     /// number comes back in IExchangeOwner::onExchangeDone. Main loop's thread.
     std::uint64_t beginExchange();
 
-    /// Takes `beginExchange` back when no worker could be started: its requests wait again.
-    void abandonExchange();
+    /// Takes `beginExchange` back when no worker could be started. @return its requests, which wait
+    /// again.
+    std::vector<std::shared_ptr<RequestData>> abandonExchange();
 
     /// Wakes the worker that waits for client data. Main loop's thread.
     void notifyData() { dataSignal_.notifyData(); }

@@ -23,6 +23,7 @@ FLOOR_OF_FOLDER = {
 # src/core holds the record that three floors share and the gateway core above them.
 FLOOR_OF_CORE_FILE = {
     "OrvexMain": 3,
+    "RequestRegistry": 3,
     "MainLoopPost": 3,
     "ServicePosts": 3,
     "IServiceEvents": 3,

@@ -593,7 +593,7 @@ TEST_F(HttpClientTest, announcesTheEndFiftyMillisecondsLater) {
 
 TEST_F(HttpClientTest, numbersItsExchanges) {
     EXPECT_EQ(client().beginExchange(), 1U);
-    client().abandonExchange();
+    (void)client().abandonExchange();
     EXPECT_EQ(client().beginExchange(), 2U);
     client().runExchange();
     EXPECT_EQ(client().beginExchange(), 3U);
@@ -614,7 +614,7 @@ TEST_F(HttpClientTest, putsAbandonedRequestsBackToTheirBeginning) {
     const auto request = addRequest(1);
     EXPECT_EQ(request->state(), RequestState::Queued);
     client().beginExchange();
-    client().abandonExchange();
+    (void)client().abandonExchange();
     EXPECT_EQ(request->state(), RequestState::Created);
     EXPECT_EQ(request.use_count(), 1);
     EXPECT_FALSE(client().isTransferRunning());

@@ -1,0 +1,137 @@
+#include "core/RequestRegistry.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+namespace orvexd::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Policy = RequestRegistry::Policy;
+using Pointer = RequestRegistry::Pointer;
+using Verdict = RequestRegistry::Verdict;
+
+class RequestRegistryTest : public testing::Test {
+protected:
+    Pointer add(std::uint32_t connection, std::uint32_t id, bool prepared = true,
+                std::uint32_t policy = NotFlagged) {
+        auto request = std::make_shared<RequestData>(connection, id, prepared,
+                                                     std::make_shared<ConnectionParameters>());
+        request->setConnectionPolicy(policy);
+        registry_.add(request);
+        return request;
+    }
+
+    static std::vector<std::uint32_t> ids(const std::vector<Pointer>& requests) {
+        std::vector<std::uint32_t> found;
+        for (const Pointer& request : requests) {
+            found.push_back(request->requestId());
+        }
+        return found;
+    }
+
+    /// Ids in the order of a sweep that removes those of `removed`.
+    std::vector<std::uint32_t> sweep(const std::vector<std::uint32_t>& removed = {}) {
+        std::vector<std::uint32_t> seen;
+        registry_.sweepTravelling([&](const Pointer& request) {
+            seen.push_back(request->requestId());
+            const bool goes =
+                std::find(removed.begin(), removed.end(), request->requestId()) != removed.end();
+            return goes ? Verdict::Remove : Verdict::Keep;
+        });
+        return seen;
+    }
+
+    RequestRegistry registry_;
+};
+
+TEST_F(RequestRegistryTest, findsARequestByItsIds) {
+    const Pointer request = add(3, 17);
+    EXPECT_EQ(registry_.find(3, 17), request);
+    EXPECT_EQ(registry_.find(31, 7), nullptr);
+    registry_.remove(request);
+    EXPECT_EQ(registry_.find(3, 17), nullptr);
+}
+
+TEST_F(RequestRegistryTest, groupsTheWaitingByPreparationAndPolicy) {
+    add(1, 1, true, AnyConnection);
+    add(1, 2, true, NotFlagged);
+    add(1, 3, false, KindOneOnly);
+    add(1, 4, false, 1);
+    add(1, 5, false, 4711);
+    EXPECT_THAT(ids(registry_.waiting(true, Policy::AnyConnection)), ElementsAre(1));
+    EXPECT_THAT(ids(registry_.waiting(true, Policy::NotFlagged)), ElementsAre(2));
+    EXPECT_THAT(ids(registry_.waiting(true, Policy::KindOneOnly)), IsEmpty());
+    EXPECT_THAT(ids(registry_.waiting(false, Policy::KindOneOnly)), ElementsAre(3, 4, 5));
+    EXPECT_TRUE(registry_.hasWaiting(true));
+    EXPECT_FALSE(registry_.hasWaiting(false, Policy::AnyConnection));
+}
+
+TEST_F(RequestRegistryTest, namesAValueOfEachPolicy) {
+    for (const Policy policy : RequestRegistry::kPolicies) {
+        const Pointer request = add(1, 1, true, RequestRegistry::valueOf(policy));
+        EXPECT_EQ(RequestRegistry::policyOf(*request), policy);
+    }
+}
+
+TEST_F(RequestRegistryTest, walksTheTextOfTheKeysNotTheNumbers) {
+    for (const Pointer& request : {add(10, 2), add(2, 5), add(1, 30), add(1, 4)}) {
+        registry_.setTravelling(request);
+    }
+    EXPECT_THAT(sweep(), ElementsAre(2, 30, 4, 5)); // "10:2" "1:30" "1:4" "2:5"
+}
+
+TEST_F(RequestRegistryTest, knowsTheRequestsOfAConnectionOnly) {
+    add(1, 1);
+    add(11, 2);
+    add(1, 3, false);
+    registry_.setTravelling(registry_.find(1, 3));
+    EXPECT_THAT(ids(registry_.ofConnection(1)), ElementsAre(1, 3));
+    EXPECT_THAT(ids(registry_.ofConnection(2)), IsEmpty());
+}
+
+TEST_F(RequestRegistryTest, travellingRequestsDoNotWait) {
+    const Pointer request = add(1, 1);
+    registry_.setTravelling(request);
+    EXPECT_FALSE(registry_.hasWaiting(true));
+    EXPECT_THAT(sweep(), ElementsAre(1));
+    EXPECT_EQ(registry_.find(1, 1), request);
+    registry_.setWaiting(request);
+    EXPECT_TRUE(registry_.hasWaiting(true, Policy::NotFlagged));
+    EXPECT_THAT(sweep(), IsEmpty());
+}
+
+TEST_F(RequestRegistryTest, aSweepRemovesWhatItIsToldTo) {
+    for (const Pointer& request : {add(1, 1), add(1, 2), add(1, 3)}) {
+        registry_.setTravelling(request);
+    }
+    add(1, 4);
+    EXPECT_THAT(sweep({1, 3, 4}), ElementsAre(1, 2, 3));
+    EXPECT_EQ(registry_.find(1, 1), nullptr);
+    EXPECT_NE(registry_.find(1, 4), nullptr);
+    EXPECT_THAT(sweep(), ElementsAre(2));
+}
+
+TEST_F(RequestRegistryTest, aRequestWithTheSameIdsMakesRoom) {
+    registry_.setTravelling(add(1, 1));
+    const Pointer second = add(1, 1, false, AnyConnection);
+    EXPECT_EQ(registry_.find(1, 1), second);
+    EXPECT_THAT(sweep(), IsEmpty());
+    EXPECT_THAT(ids(registry_.waiting(false, Policy::AnyConnection)), ElementsAre(1));
+}
+
+TEST_F(RequestRegistryTest, clearedHoldsNothing) {
+    registry_.setTravelling(add(1, 1));
+    add(1, 2);
+    registry_.clear();
+    EXPECT_EQ(registry_.find(1, 1), nullptr);
+    EXPECT_FALSE(registry_.hasWaiting(true));
+    EXPECT_THAT(sweep(), IsEmpty());
+}
+
+} // namespace
+} // namespace orvexd::test
