@@ -13,10 +13,11 @@ std::vector<std::string_view> cutResponse(const Response& response, std::size_t 
     while (begin < body.size()) {
         std::size_t end = std::min(begin + piece, body.size());
         // The part that begins last in the piece moves on when its header block is not complete.
-        const std::size_t last = body.rfind(kDelimiter, end);
-        if (last != std::string_view::npos && last > begin && end < body.size() &&
-            body.find(kBlankLine, last) + kBlankLine.size() > end) {
-            end = last;
+        const std::size_t reach = end - begin + kDelimiter.size() - 1;
+        const std::size_t last = body.substr(begin, reach).rfind(kDelimiter);
+        if (last != std::string_view::npos && last > 0 && end < body.size() &&
+            body.find(kBlankLine, begin + last) + kBlankLine.size() > end) {
+            end = begin + last;
         }
         pieces.push_back(body.substr(begin, end - begin));
         begin = end;
