@@ -66,6 +66,15 @@ def _maps(pid):
     return pathlib.Path(f"/proc/{pid}/maps").read_text("utf-8")
 
 
+def system_call(pid, task):
+    """The number of the system call that a thread is in, as text; None when it is in none."""
+    try:
+        words = pathlib.Path(f"/proc/{pid}/task/{task}/syscall").read_text("utf-8").split()
+    except (FileNotFoundError, ProcessLookupError):
+        return None  # it has just ended
+    return words[0] if words and words[0] != "running" else None
+
+
 def has_worker(pid):
     """Whether the thread of an exchange exists."""
     return "HttpClient" in threads(pid).values()
