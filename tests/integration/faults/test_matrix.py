@@ -4,7 +4,7 @@ import pytest
 from gi.repository import GLib
 
 from harness import curl, matrix
-from harness.fault import PROTOCOL, TRANSPORT, Answered, Failed, Fault, one_request
+from harness.fault import PROTOCOL, TRANSPORT, Answered, Failed, Fault, Over, one_request
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 
@@ -63,7 +63,7 @@ def test_row_that_sees_something_else_fails(scene, seen):
 
 def test_row_whose_held_call_is_answered_unexpectedly_fails(scene):
     with pytest.raises(AssertionError, match="was answered"):
-        Fault("answered", sees=[]).play(scene)
+        Fault("answered", sees=[Over()]).play(scene)
 
 
 def test_daemon_that_failed_a_row_does_not_serve_the_next_one(scene):

@@ -16,7 +16,7 @@ from typing import Any, Callable, Sequence
 
 import pytest
 
-from . import curl
+from . import curl, observe
 from .client import RESPONSE_COMPLETE
 from .settings import patience
 from .waiting import wait_for
@@ -129,6 +129,16 @@ class Asks(Seen):
     def check(self, scene):
         scene.ask(self.request)
         scene.requests[self.request].client.settle()  # the daemon has it
+
+
+@dataclasses.dataclass
+class Over(Seen):
+    """Nothing is seen: the exchange is over and swept up."""
+
+    seconds: float = 10
+
+    def check(self, scene):
+        observe.wait_until_idle(scene.daemon.pid, self.seconds)
 
 
 @dataclasses.dataclass

@@ -149,13 +149,18 @@ class Scene:
         self._over = True
 
     def expect_clean_exchange(self):
-        """A request is the only one of its exchange, and its answer is right to the byte."""
+        """A request is the only one of its exchange, and its answer is right to the byte.
+
+        The answer is there in one piece while the exchange runs, whose end then removes the request.
+        """
         self.server.clear()
+        self.server.queue({"answer": {"pack": 16000}})
         client = self._watcher
         client.signals.clear()
-        request = Request(client, kind="other", chunk_size=1 << 20)
+        request = Request(client, kind="other")
+        answer = request.ask()
         assert request.wait_until_asked(60).send(PROBE) == 0
-        assert request.fetch() == [PROBE]
+        assert answer.wait(30) == (PROBE, RESPONSE_COMPLETE)
         record = self.server.wait(self.server.last)
         assert [each["oid"] for each in record["slp"]["requests"]] == ["1"], record["slp"]
         assert record["findings"] == [], record["findings"]
