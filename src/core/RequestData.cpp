@@ -154,6 +154,9 @@ bool RequestData::hasOutstandingPartIds() const {
 
 void RequestData::addResponseData(std::string_view bytes, bool partComplete) {
     const RecursiveLock guard(lock_);
+    if (!partComplete && passThrough(bytes)) {
+        return;
+    }
     if (!cancelled_) {
         if (responseBuffers_.empty()) {
             // The whole answer has been delivered; a server that repeats a part adds nothing to it.
@@ -179,6 +182,36 @@ void RequestData::addResponseData(std::string_view bytes, bool partComplete) {
     (void)deliverNext(); // nothing to hand out is as good here
 }
 
+/// Hands the front of `bytes` to a client that waits, without storing it first, and stores what the
+/// chunk has no room for. Only in the middle of a part of which nothing is stored.
+/// @return false when the bytes have to go the usual way.
+bool RequestData::passThrough(std::string_view bytes) {
+    if (cancelled_ || waitingForGetData_ || responseBuffers_.size() != 1) {
+        return false;
+    }
+    ResponseBuffer& buffer = responseBuffers_.front();
+    if (buffer.code != DeliveryCode::PartContinues || !buffer.bytes.empty()) {
+        return false;
+    }
+    const std::size_t size = std::min(chunkLimit(), bytes.size());
+    std::string chunk(bytes.substr(0, size));
+    buffer.bytes.append(bytes.substr(size));
+    state_ = RequestState::Receiving;
+    post(DeliveryCode::PartContinues, std::move(chunk));
+    return true;
+}
+
+std::size_t RequestData::chunkLimit() const noexcept {
+    return std::min<std::size_t>(parameters_->chunkSize, kLargestChunk);
+}
+
+void RequestData::post(DeliveryCode code, std::string chunk) {
+    waitingForGetData_ = true;
+    if (owner_ != nullptr) {
+        owner_->postChunk(connectionId_, requestId_, code, std::move(chunk));
+    }
+}
+
 bool RequestData::deliverNext() {
     const RecursiveLock guard(lock_);
     if (cancelled_) {
@@ -190,20 +223,17 @@ bool RequestData::deliverNext() {
     if (waitingForGetData_ || responseBuffers_.empty()) {
         return false;
     }
-    const std::size_t chunkSize = std::min<std::size_t>(parameters_->chunkSize, kLargestChunk);
+    const std::size_t chunkSize = chunkLimit();
     ResponseBuffer& front = responseBuffers_.front();
     const DeliveryCode code = nextCode(front, chunkSize);
     std::string chunk = front.bytes.take(chunkSize);
-    waitingForGetData_ = true;
     if (code != DeliveryCode::PartContinues) {
         responseBuffers_.pop_front();
     }
     if (state_ == RequestState::AllPartsReceived && responseBuffers_.empty()) {
         state_ = RequestState::Delivered;
     }
-    if (owner_ != nullptr) {
-        owner_->postChunk(connectionId_, requestId_, code, std::move(chunk));
-    }
+    post(code, std::move(chunk));
     return true;
 }
 

@@ -147,7 +147,10 @@ private:
         std::size_t outstanding = 0;
     };
 
+    bool passThrough(std::string_view bytes);
+    std::size_t chunkLimit() const noexcept;
     DeliveryCode nextCode(const ResponseBuffer& front, std::size_t chunkSize) const noexcept;
+    void post(DeliveryCode code, std::string chunk);
 
     const std::uint32_t connectionId_;
     const std::uint32_t requestId_;

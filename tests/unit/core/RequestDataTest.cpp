@@ -1,5 +1,7 @@
 #include "core/RequestData.h"
 
+#include "fakes/FailingMemory.h"
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -1051,6 +1053,34 @@ TEST(RequestDataThreads, FieldsAreReadWhileTheOtherThreadWritesThem) {
     worker.join();
     EXPECT_LE(highest, 7U);
     EXPECT_EQ(request.messageIndex(), 4999U);
+}
+
+TEST_F(RequestDataTest, BytesForAClientThatWaitsAreCopiedOnce) {
+    make(65536);
+    announce(1);
+    const std::string piece(16384, 'x');
+    request_->requestNextChunk();
+    request_->addResponseData(piece, false); // the list of chunks grows
+    (void)receiver_.taken();
+    request_->requestNextChunk();
+    const failing_memory::Count count;
+    request_->addResponseData(piece, false);
+    EXPECT_LE(count.bytes(), piece.size() + 1024);
+    EXPECT_EQ(receiver_.taken(), (Chunks{{kContinues, piece}}));
+}
+
+TEST_F(RequestDataTest, BytesBeyondTheChunkOfAClientThatWaitsAreKept) {
+    make(4);
+    announce(1);
+    request_->requestNextChunk();
+    request_->addResponseData("abcdefghij", false);
+    EXPECT_EQ(receiver_.taken(), (Chunks{{kContinues, "abcd"}}));
+    request_->requestNextChunk();
+    request_->requestNextChunk();
+    request_->addResponseData("kl", true);
+    request_->requestNextChunk();
+    EXPECT_EQ(receiver_.taken(),
+              (Chunks{{kContinues, "efgh"}, {kContinues, "ij"}, {kResponse, "kl"}}));
 }
 
 } // namespace
