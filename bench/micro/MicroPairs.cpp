@@ -69,7 +69,7 @@ void pairParsers(std::size_t parts, std::size_t bytes, int rounds) {
     const std::string message = makeGMimeMessage(response);
     std::vector<Contender> contenders = {
         {"ours", [&] { check(parseOurs(response, pieces)); }},
-        {"memcpy", [&] { (void)copyIntoBlocks(pieces); }},
+        {"memcpy", [&] { (void)copyThroughBlock(pieces); }},
         {"memmem", [&] { check(searchPieces(pieces) > 0); }},
         {"gmime", [&] { check(parseGMime(response, message)); }},
     };

@@ -2,7 +2,39 @@
 
 #include "slp/SlpResponseParser.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace orvexd::bench {
+
+namespace {
+
+/// The client that fetches.
+class Fetcher : public IChunkReceiver {
+public:
+    explicit Fetcher(RequestData& request) : request_(request) { request.setOwner(this); }
+
+    void postChunk(std::uint32_t /*connection*/, std::uint32_t /*request*/, DeliveryCode /*code*/,
+                   std::string bytes) override {
+        chunk_ = std::move(bytes);
+        fetched_ = true;
+    }
+
+    /// Fetches all that is stored; the last call is held until there is more.
+    void fetch() {
+        do {
+            fetched_ = false;
+            request_.requestNextChunk();
+        } while (fetched_);
+    }
+
+private:
+    RequestData& request_;
+    std::string chunk_;
+    bool fetched_ = false;
+};
+
+} // namespace
 
 std::vector<std::string_view> cutResponse(const Response& response, std::size_t piece) {
     constexpr std::string_view kDelimiter = "\r\n--answer_";
@@ -40,13 +72,16 @@ std::vector<std::shared_ptr<RequestData>> makeQueue(std::size_t requests, const 
 
 bool parseOurs(const Response& response, const std::vector<std::string_view>& pieces) {
     const auto queue = makeQueue();
+    Fetcher client(*queue.front());
     SlpResponseParser parser(queue);
     parser.feed(response.head);
     for (const std::string_view piece : pieces) {
         parser.feed(piece);
+        client.fetch();
     }
     parser.finish();
-    return !parser.hasError() && queue.front()->state() == RequestState::AllPartsReceived;
+    client.fetch();
+    return !parser.hasError() && queue.front()->state() == RequestState::Delivered;
 }
 
 } // namespace orvexd::bench

@@ -12,12 +12,13 @@ namespace orvexd::bench {
 /// across two of them, as the protocol asks of a server.
 std::vector<std::string_view> cutResponse(const Response& response, std::size_t piece);
 
-/// A queue of one request that nobody fetches the answer of.
+/// Requests of one connection, as the parser gets them.
 std::vector<std::shared_ptr<RequestData>> makeQueue(std::size_t requests = 1,
                                                     const char* encoding = "binary",
                                                     std::uint32_t chunkSize = 65536);
 
-/// Parses a response into the request's buffers. @return false when something was wrong with it.
+/// Parses a response for a client that keeps pace: whatever the request has stored is fetched when
+/// the next piece comes. @return false when something was wrong with the response.
 bool parseOurs(const Response& response, const std::vector<std::string_view>& pieces);
 
 } // namespace orvexd::bench

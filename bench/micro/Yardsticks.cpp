@@ -1,8 +1,6 @@
 #include "Yardsticks.h"
 
-#include <algorithm>
 #include <cstring>
-#include <memory>
 
 namespace orvexd::bench {
 
@@ -13,22 +11,17 @@ constexpr std::string_view kDelimiter = "--answer_0123456789abcdefghijklmnopqrst
 
 } // namespace
 
-char copyIntoBlocks(const std::vector<std::string_view>& pieces) {
-    std::vector<std::unique_ptr<char[]>> blocks; // NOLINT(*-avoid-c-arrays)
-    std::size_t used = kBlock;
+char copyThroughBlock(const std::vector<std::string_view>& pieces) {
+    std::vector<char> block(kBlock);
+    std::size_t used = 0;
     char last = 0;
-    for (std::string_view piece : pieces) {
-        while (!piece.empty()) {
-            if (used == kBlock) {
-                blocks.push_back(std::make_unique_for_overwrite<char[]>(kBlock)); // NOLINT
-                used = 0;
-            }
-            const std::size_t part = std::min(piece.size(), kBlock - used);
-            std::memcpy(blocks.back().get() + used, piece.data(), part);
-            used += part;
-            last = blocks.back()[used - 1];
-            piece.remove_prefix(part);
+    for (const std::string_view piece : pieces) {
+        if (used + piece.size() > kBlock) {
+            used = 0;
         }
+        std::memcpy(block.data() + used, piece.data(), piece.size());
+        used += piece.size();
+        last = block[used - 1];
     }
     return last;
 }

@@ -5,9 +5,9 @@
 
 namespace orvexd::bench {
 
-/// Copies the pieces into blocks as the daemon's buffers have them: allocated when they are needed,
-/// of 64 KiB, all kept until the end. @return the last byte, so that nothing is left out.
-char copyIntoBlocks(const std::vector<std::string_view>& pieces);
+/// Copies the pieces into one block of 64 KiB over and over, as they pass through the buffer of a
+/// request whose client keeps pace. @return the last byte, so that nothing is left out.
+char copyThroughBlock(const std::vector<std::string_view>& pieces);
 
 /// Searches each piece for the delimiter of the bodies. @return how many there were.
 std::size_t searchPieces(const std::vector<std::string_view>& pieces);

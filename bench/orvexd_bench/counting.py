@@ -144,27 +144,29 @@ def _exchanges(client, late):
 def allocations(run):
     """Row 17, second half: a long answer less a short one leaves the chunks."""
     sizes = (MIB, 9 * MIB)
-    chunks = (sizes[1] - sizes[0]) / (64 * KIB)
-    each = {}
+    counts = {}
     for kind in KINDS:
-        short, long = (_allocations(run.workshop, kind, size) for size in sizes)
-        each[kind] = (long - short) / chunks
-    floors = each["floor_post"] + each["floor_daemon"]
+        (few, short), (more, long) = (_allocations(run.workshop, kind, size) for size in sizes)
+        counts[kind] = long - short, more - few
+    chunks = counts["orvexd"][1]
+    ours = counts["orvexd"][0] / chunks
+    post = counts["floor_post"][0] / chunks
+    calls = counts["floor_daemon"][0] / counts["floor_daemon"][1]
     run.add(
         Row(
             "17b",
-            "heap allocations for each delivered chunk of 64 KiB",
-            f"{each['orvexd']:.1f}",
-            f"{each['floor_post']:.1f} `floor_post` + {each['floor_daemon']:.1f} `floor_daemon`",
-            each["orvexd"] / floors if floors else None,
+            "heap allocations for each delivered chunk of up to 64 KiB",
+            f"{ours:.1f}",
+            f"{post:.1f} `floor_post` + {calls:.1f} `floor_daemon`",
+            ours / (post + calls),
             "counted",
         )
     )
 
 
 def _allocations(workshop, kind, size):
-    """Heap allocations while an answer of `size` bytes is fetched, by a client that keeps pace."""
-    workshop.server.answer(size, 16 * MIB)
+    """Chunks, and heap allocations while an answer of `size` bytes is fetched."""
+    workshop.server.answer(size)
     with workshop.stage() as stage:
         counter = stage.directory / "allocations"
         preload = {
@@ -178,7 +180,7 @@ def _allocations(workshop, kind, size):
             post.post(UPLOAD)
             count = _number(counter) - before
             post.stop()
-            return count
+            return 0, count
         late = kind == "floor_daemon"
         command = stage.floor_command(size) if late else stage.orvexd_command()
         stage.start(command, environment=preload)
@@ -186,9 +188,9 @@ def _allocations(workshop, kind, size):
         client.exchange(UPLOAD, size, late=late)
         settle()
         before = _number(counter)
-        client.exchange(UPLOAD, size, late=late)
+        chunks = client.exchange(UPLOAD, size, late=late)["chunks"]
         settle()
-        return _number(counter) - before
+        return chunks, _number(counter) - before
 
 
 def _number(path):

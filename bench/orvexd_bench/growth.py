@@ -2,9 +2,9 @@
 
 import statistics
 
-from .pairs import Spread, paired, percentile
+from .pairs import Spread, paired
 from .processes import settle
-from .rows import KIB, MIB, Row, at_most, microseconds, size_name
+from .rows import KIB, MIB, at_most, microseconds, size_name
 
 
 def requests(run):
@@ -47,61 +47,55 @@ def sizes(run):
 
 
 def _sizes(run, chunk, direction):
-    """Time of a byte in requests of growing size. A single request of 256 MiB in pieces of 1 KiB takes
-    half a minute: it runs once, and each sixteenth of it is paired with a smaller request."""
+    """Time of a byte in requests of growing size, beyond what an exchange of 1 KiB takes. A request of
+    256 MiB in pieces of 1 KiB takes half a minute: it runs once, and its sixteenths stand for 16 runs."""
     sizes = [MIB, 4 * MIB] if run.quick else [MIB, 16 * MIB, 256 * MIB]
-    slow = chunk == KIB and not run.quick
+    once = sizes[-1:] if chunk == KIB and not run.quick else []
     times = {size: [] for size in sizes}
     with run.workshop.stage() as stage:
         stage.start(stage.orvexd_command())
         client = stage.client()
-        _exchange(run, client, chunk, direction, MIB)
+        _exchange(run, client, chunk, direction, sizes[0])
         for _ in range(run.pairs):
-            for size in sizes[:-1] if slow else sizes:
-                marks = _exchange(run, client, chunk, direction, size)
-                times[size].append(marks[-1] / 1e9 / size)
-        if slow:
-            marks = [0, *_exchange(run, client, chunk, direction, sizes[-1])]
-            pieces = [later - earlier for earlier, later in zip(marks, marks[1:], strict=False)]
-            times[sizes[-1]] = [piece / 1e9 / (sizes[-1] / 16) for piece in pieces]
-    name = f"{direction}, {size_name(chunk)}"
+            fixed = _exchange(run, client, chunk, direction, KIB)["done"]
+            for size in sizes:
+                if size not in once:
+                    done = _exchange(run, client, chunk, direction, size)["done"]
+                    times[size].append((done - fixed) / 1e9 / size)
+        for size in once:
+            found = _exchange(run, client, chunk, direction, size)
+            marks = found["upload_marks" if direction == "up" else "answer_marks"]
+            starts = [found["asked"], *marks]
+            pieces = [end - start for start, end in zip(starts, marks, strict=False)]
+            times[size] = [piece / 1e9 / (size / 16) for piece in pieces[: run.pairs]]
     curve = {size: Spread.of(values) for size, values in times.items()}
-    run.series["sizes"][name] = curve
-    medians = [spread.median for spread in curve.values()]
-    pairs = list(zip(*[values[-run.pairs :] for values in times.values()], strict=True))
+    run.series["sizes"][f"{direction}, {size_name(chunk)}"] = curve
+    dearest = max(curve, key=lambda size: curve[size].median)
+    cheapest = min(curve, key=lambda size: curve[size].median)
+    result = paired(times[dearest], times[cheapest])
     listed = ", ".join(
         f"{size_name(size)}: {spread.median * 1e9:.2f}" for size, spread in curve.items()
     )
     run.add(
         at_most(
             "11",
-            f"time of a byte in one request, {direction}, pieces of {size_name(chunk)}",
-            f"{max(medians) * 1e9:.2f} ns",
-            f"{min(medians) * 1e9:.2f} ns ({listed})",
-            Spread.of([max(pair) / min(pair) for pair in pairs])
-            if len(pairs) < 3
-            else _ratio_of_extremes(times),
+            f"time of a byte in one request, {direction}, pieces of {size_name(chunk)}; dearest size "
+            "beside the cheapest",
+            f"{result.ours.median * 1e9:.2f} ns in {size_name(dearest)}",
+            f"{result.peer.median * 1e9:.2f} ns in {size_name(cheapest)} ({listed})",
+            result.ratio,
             1.2,
         )
     )
 
 
 def _exchange(run, client, chunk, direction, size):
-    """Nanoseconds at each sixteenth of the bytes."""
     settle()
     if direction == "up":
         run.workshop.server.answer(KIB)
-        return client.exchange(size, KIB, piece=chunk, chunk=chunk)["upload_marks"]
+        return client.exchange(size, KIB, piece=chunk, chunk=chunk)
     run.workshop.server.answer(size)
-    return client.exchange(KIB, size, chunk=chunk)["answer_marks"]
-
-
-def _ratio_of_extremes(times):
-    """The dearest size beside the cheapest, pair by pair."""
-    dearest = max(times.values(), key=statistics.median)
-    cheapest = min(times.values(), key=statistics.median)
-    count = min(len(dearest), len(cheapest))
-    return paired(dearest[-count:], cheapest[-count:]).ratio
+    return client.exchange(KIB, size, chunk=chunk)
 
 
 def clients(run):
