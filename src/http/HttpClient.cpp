@@ -8,6 +8,7 @@
 #include "slp/SlpComposer.h"
 #include "support/Deployment.h"
 #include "support/FailureCode.h"
+#include "support/FreeMemory.h"
 #include "support/XmlHandles.h"
 
 #include <array>
@@ -146,6 +147,7 @@ gpointer HttpClient::threadFunc(gpointer client) noexcept {
     auto& self = *static_cast<HttpClient*>(client);
     silenceXmlErrors();
     self.runExchange();
+    returnFreeMemory(); // what this exchange has needed the next one may not need
     return nullptr;
 }
 

@@ -6,14 +6,14 @@ Environment:
 
 import os
 import random
-import re
 import time
 
 import pytest
 
+from harness import observe
 from harness.mixed_exchanges import FAULTS, MixedExchange
-from harness.request import errors
-from harness.settings import BUILD_DIR, TIME_FACTOR, patience
+from harness.request import Request, errors
+from harness.settings import TIME_FACTOR, is_sanitized, patience
 
 EXCHANGES = int(os.environ.get("ORVEXD_EXCHANGES") or 100)
 WARM_UP = EXCHANGES // 4  # exchanges until the allocators have seen most sizes
@@ -27,12 +27,6 @@ def settled(daemon, client, wanted):
     while daemon.resources() != wanted and time.monotonic() < deadline:
         client.status()
     return daemon.resources()
-
-
-def is_sanitized():
-    """Whether the build under test keeps freed memory, as sanitizers do."""
-    cache = (BUILD_DIR / "CMakeCache.txt").read_text("utf-8")
-    return re.search("^ORVEXD_SANITIZE:STRING=.", cache, re.MULTILINE) is not None
 
 
 @pytest.mark.timeout((60 + EXCHANGES) * TIME_FACTOR)
@@ -57,3 +51,28 @@ def test_daemon_holds_no_more_after_many_exchanges(make_client, daemon, platform
     print(f"resident memory: {memory} bytes after {WARM_UP} exchanges, {growth:+} at the end")
     if not is_sanitized():
         assert growth < ALLOWED_GROWTH
+
+
+@pytest.mark.skipif(is_sanitized(), reason="sanitizers keep freed memory")
+def test_memory_of_large_answers_goes_back_with_the_next_exchange(make_client, daemon, platform):
+    platform.write(connections=[(2, True, False)])
+    client = make_client()
+    client.wait_for_status(1)
+
+    def settled_memory():
+        for _ in range(2):
+            client.exchange(b"small", kind="other")
+            observe.wait_until_idle(daemon.pid)
+        return observe.allocated_bytes(daemon.pid)
+
+    size = 600_000
+    before = settled_memory()
+    for _ in range(2):
+        requests = [Request(client, attached, kind="other") for attached in [True] * 8 + [False]]
+        for request in [requests[-1], *requests[:-1]]:
+            request.give(b"x" * size)
+        observe.wait_until_idle(daemon.pid)  # all answers are there, none is fetched
+        assert observe.allocated_bytes(daemon.pid) > before + 9 * size
+        for request in requests:
+            request.fetch()
+    assert settled_memory() < before + 2 * size  # libdbus keeps the buffer of one message
