@@ -8,6 +8,7 @@ Environment:
 
 import os
 import pathlib
+import re
 
 ROOT = pathlib.Path(__file__).resolve().parents[3]
 BUILD_DIR = pathlib.Path(os.environ.get("ORVEXD_BUILD_DIR") or ROOT / "build" / "release")
@@ -22,6 +23,12 @@ BUS_NAME = "com.kelvra.orvexd"
 OBJECT_PATH = "/com/kelvra/orvexd"
 SERVER_HOST = "slp.kelvra.example"
 PASSPHRASE = "ovx-7Kq2"
+
+
+def is_sanitized():
+    """Whether the build under test has a sanitizer, which keeps freed memory and needs much more."""
+    cache = (BUILD_DIR / "CMakeCache.txt").read_text("utf-8")
+    return re.search("^ORVEXD_SANITIZE:STRING=.", cache, re.MULTILINE) is not None
 
 
 def patience(seconds):
