@@ -80,6 +80,13 @@ struct HttpClient::ExchangeDone : MainLoopRecord {
     std::uint64_t number;
 };
 
+/// What the read callback works on.
+struct HttpClient::Upload {
+    RequestBody& body;
+    CURL* handle;
+    bool begun = false;
+};
+
 HttpClient::HttpClient(IExchangeOwner& owner) : owner_(owner) {
     curl_global_init(CURL_GLOBAL_SSL);
     for (const char* key : {"orvexd/wait_timeout/fingerprint", "orvexd/wait_timeout/",
@@ -237,7 +244,8 @@ int HttpClient::performTransfer(const std::vector<std::string>& headerLines, Req
     (void)setupHandle(); // without a handle libcurl itself reports the failure below
     const HandleScope scope(handle_);
     setTransferOptions(headers, errorBuffer.data());
-    setCallbacks(body, parser);
+    Upload upload{body, handle_.get()};
+    setCallbacks(upload, parser);
     const CURLcode result = curl_easy_perform(handle_.get());
     parser.finish();
     long status = 0;
@@ -260,10 +268,10 @@ void HttpClient::setTransferOptions(const HeaderList& headers, char* errorBuffer
     curl_easy_setopt(handle, CURLOPT_TIMEOUT, timeoutSeconds(kTransferTimeout, "60"));
 }
 
-void HttpClient::setCallbacks(RequestBody& body, SlpResponseParser& parser) {
+void HttpClient::setCallbacks(Upload& upload, SlpResponseParser& parser) {
     CURL* handle = handle_.get();
     curl_easy_setopt(handle, CURLOPT_READFUNCTION, &HttpClient::readBody);
-    curl_easy_setopt(handle, CURLOPT_READDATA, &body);
+    curl_easy_setopt(handle, CURLOPT_READDATA, &upload);
     curl_easy_setopt(handle, CURLOPT_PROXY, owner_.proxyForServer().c_str());
     curl_easy_setopt(handle, CURLOPT_NOPROXY, ""); // the platform decides, not the environment
     curl_easy_setopt(handle, CURLOPT_URL, deployment::kServerUrl);
@@ -284,9 +292,15 @@ std::size_t HttpClient::writeResponse(char* data, std::size_t size, std::size_t 
 }
 
 std::size_t HttpClient::readBody(char* buffer, std::size_t size, std::size_t count,
-                                 void* body) noexcept {
+                                 void* upload) noexcept {
+    auto& self = *static_cast<Upload*>(upload);
+    if (!std::exchange(self.begun, true)) {
+        // The connection stands, so the key has been read: libcurl need not keep its copy of the
+        // pass phrase for as long as clients deliver.
+        curl_easy_setopt(self.handle, CURLOPT_KEYPASSWD, nullptr);
+    }
     try {
-        return static_cast<RequestBody*>(body)->readBody({buffer, size * count});
+        return self.body.readBody({buffer, size * count});
     } catch (...) {
         return CURL_READFUNC_ABORT;
     }

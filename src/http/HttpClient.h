@@ -105,6 +105,7 @@ protected:
 
 private:
     struct ExchangeDone;
+    struct Upload;
 
     int transferQueue();
     void endExchange();
@@ -112,12 +113,12 @@ private:
     std::string unfinishedKeys() const;
     void setTransferRunning(bool running);
     void setTransferOptions(const HeaderList& headers, char* errorBuffer);
-    void setCallbacks(RequestBody& body, SlpResponseParser& parser);
+    void setCallbacks(Upload& upload, SlpResponseParser& parser);
 
     static std::size_t writeResponse(char* data, std::size_t size, std::size_t count,
                                      void* parser) noexcept;
     static std::size_t readBody(char* buffer, std::size_t size, std::size_t count,
-                                void* body) noexcept;
+                                void* upload) noexcept;
 
     IExchangeOwner& owner_;
     Lifetime lifetime_;

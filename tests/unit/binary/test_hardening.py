@@ -4,10 +4,12 @@
 usage: test_hardening.py DAEMON CORE_ARCHIVE [unittest arguments]
 """
 
+import json
 import re
 import subprocess
 import sys
 import unittest
+from pathlib import Path
 
 DAEMON = ""
 ARCHIVE = ""
@@ -62,6 +64,19 @@ class Hardening(unittest.TestCase):
     def test_library_calls_are_fortified(self):
         checked = re.findall(r"\b__(\w+)_chk\b", readelf("--dyn-syms", DAEMON))
         self.assertIn("printf", checked)
+
+    # A program shows no trace of it where every frame is smaller than a page, so the compiler's
+    # command is what there is to read; the same goes for how much of the rest was compiled so.
+    def test_every_source_is_compiled_against_stack_clashes_and_overflows(self):
+        commands = json.loads((Path(DAEMON).parents[1] / "compile_commands.json").read_text("utf-8"))
+        ours = [entry for entry in commands if " -o src/CMakeFiles/" in entry["command"]]
+        self.assertGreater(len(ours), 20)
+        for entry in ours:
+            flags = entry["command"].split()
+            for flag in ("-fstack-clash-protection", "-fstack-protector-strong", "-O2"):
+                self.assertIn(flag, flags, entry["file"])
+            levels = [int(flag[-1]) for flag in flags if flag.startswith("-D_FORTIFY_SOURCE=")]
+            self.assertGreaterEqual(levels[-1], 2, entry["file"])
 
     # The C library's start-up objects of this distribution carry no such note, so the linker leaves
     # it out of the program; our own objects all have it.

@@ -271,6 +271,25 @@ TEST_F(HttpClientTest, installsNoTlsHook) {
                 Each(Field(&fake_curl::Option::id, Ne(CURLOPT_SSL_CIPHER_LIST))));
 }
 
+TEST_F(HttpClientTest, takesThePassphraseFromTheHandleWhenTheUploadBegins) {
+    performTransfer([](fake_curl::Transfer& transfer) {
+        EXPECT_EQ(fake_curl::lastOption(CURLOPT_KEYPASSWD), KeyPassphrase().text());
+        transfer.read();
+        EXPECT_EQ(fake_curl::lastOption(CURLOPT_KEYPASSWD), "null");
+        return CURLE_OK;
+    });
+}
+
+TEST_F(HttpClientTest, givesEveryHandleThePassphraseAnew) {
+    for (int i = 0; i < 2; ++i) {
+        performTransfer([](fake_curl::Transfer& transfer) {
+            EXPECT_EQ(fake_curl::lastOption(CURLOPT_KEYPASSWD), KeyPassphrase().text());
+            transfer.read();
+            return CURLE_OK;
+        });
+    }
+}
+
 TEST_F(HttpClientTest, usesNoProxyWhenThePlatformNamesNone) {
     performTransfer(succeed);
     EXPECT_EQ(fake_curl::lastOption(CURLOPT_PROXY), "");
