@@ -48,7 +48,7 @@ bool workerStarted_;
 bool closing_;
 byte startedExchange_;
 byte workerThread_;       /* number of the exchange whose thread is held; 0: none */
-bool requests_[REQUESTS]; /* whether the map holds the request */
+bool requests_[REQUESTS]; /* whether it holds the request */
 bool requestsLock_;
 
 /* RequestData */
@@ -88,7 +88,7 @@ bool shutdownWaits;            /* the main loop stands in shutdown and waits for
 inline lock() { atomic { !requestsLock_ -> requestsLock_ = true } }
 inline unlock() { requestsLock_ = false }
 
-/* A std::map bears one user at a time. */
+/* What holds the requests bears one user at a time. */
 inline enterMap() { atomic { assert(!mapInUse); mapInUse = true } }
 inline leaveMap() { mapInUse = false }
 
