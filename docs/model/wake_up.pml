@@ -74,14 +74,14 @@ inline notifyData() {
 #ifndef MUTATE_NOTIFY_WITHOUT_FLAG
   dataArrived_ = true;
 #endif
+#ifndef MUTATE_NOTIFY_WITHOUT_MUTEX
+  release(dataMutex_);
+#endif
 #ifndef MUTATE_NOTIFY_WITHOUT_BROADCAST
   if /* a broadcast reaches who is asleep, and nobody else */
   :: asleep -> woken = true
   :: else
-  fi;
-#endif
-#ifndef MUTATE_NOTIFY_WITHOUT_MUTEX
-  release(dataMutex_)
+  fi
 #endif
 }
 

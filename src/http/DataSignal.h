@@ -22,8 +22,12 @@ public:
 
     /// Data has been stored for a request: wakes the waiting worker. Main loop's thread.
     void notifyData() {
-        const Lock guard(dataMutex_);
-        dataArrived_ = true;
+        {
+            const Lock guard(dataMutex_);
+            dataArrived_ = true;
+        }
+        // With the mutex free: a worker that wakes up needs it first, and would sleep again until
+        // this thread lets go of it, for every piece of data.
         dataCondition_.broadcast();
     }
 
