@@ -42,7 +42,12 @@ def test_row_that_leaves_a_request_behind_fails(platform, scene):
     platform.write(connections=[(2, True, False)])
     scene.client().wait_for_status(1)
     scene.settle_seconds = 0.2
-    row = Fault("leak", act=lambda scene: held_call(scene) and one_request(scene), sees=[Answered()])
+
+    def leak(scene):
+        held_call(scene)
+        one_request(scene)
+
+    row = Fault("leak", act=leak, sees=[Answered()])
     with pytest.raises(AssertionError, match="waited|oid"):
         row.play(scene)
 

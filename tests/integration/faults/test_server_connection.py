@@ -151,7 +151,7 @@ def offers():
         server={"answer": {"headers": [["Upgrade", "h2"], ["Connection", "Upgrade"]]}},
         sees=[Answered()],
     )
-    yield Fault("offers-nothing-known", server={"alpn": ["spdy/3"]}, sees=[Answered(), Speaks(None)])
+    yield Fault("offers-others-only", server={"alpn": ["spdy/3"]}, sees=[Answered(), Speaks(None)])
 
 
 def refuse(scene):

@@ -152,7 +152,8 @@ FETCHES = {
     ),
     "inclusion": (
         slp_response(
-            f'{RESULT}<i:include xmlns:i="http://www.w3.org/2001/XInclude" href="{{}}" parse="text"/>'
+            RESULT
+            + '<i:include xmlns:i="http://www.w3.org/2001/XInclude" href="{}" parse="text"/>'
         ),
         LOST,
     ),

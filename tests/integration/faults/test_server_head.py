@@ -26,6 +26,7 @@ from harness.response import (
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 
 BODY = start_part("a") + "\r\n", part("a", "data") + CLOSING
+RELATED = "multipart/related"
 ANSWERED = Answered([b"data"])
 # Whatever was wrong with the head, the last finding is that the answer is missing.
 LOST = Failed(PROTOCOL, MISSING)
@@ -35,15 +36,15 @@ def content_types_that_lose_the_answer():
     for name, content_type in {
         "without-a-value": "",
         "of-a-page": "text/html",
-        "without-parameters": "multipart/related",
-        "without-start": f'multipart/related; boundary="{BOUNDARY}"',
-        "without-boundary": f'multipart/related; start="{START}"',
-        "with-an-empty-start": f'multipart/related; start=""; boundary="{BOUNDARY}"',
-        "with-an-empty-boundary": f'multipart/related; start="{START}"; boundary=""',
-        "with-a-blank-before-the-boundary": f"multipart/related; start={START}; boundary = {BOUNDARY}",
-        "with-another-start": f'multipart/related; start="other"; boundary="{BOUNDARY}"',
-        "with-another-boundary": f'multipart/related; start="{START}"; boundary="other"',
-        "with-a-boundary-in-other-letters": f'multipart/related; start="{START}"; boundary="FRONTIER"',
+        "without-parameters": RELATED,
+        "without-start": f'{RELATED}; boundary="{BOUNDARY}"',
+        "without-boundary": f'{RELATED}; start="{START}"',
+        "with-an-empty-start": f'{RELATED}; start=""; boundary="{BOUNDARY}"',
+        "with-an-empty-boundary": f'{RELATED}; start="{START}"; boundary=""',
+        "with-a-blank-before-the-boundary": f"{RELATED}; start={START}; boundary = {BOUNDARY}",
+        "with-another-start": f'{RELATED}; start="other"; boundary="{BOUNDARY}"',
+        "with-another-boundary": f'{RELATED}; start="{START}"; boundary="other"',
+        "with-a-boundary-in-other-letters": f'{RELATED}; start="{START}"; boundary="FRONTIER"',
     }.items():
         yield Fault(
             f"content-type-{name}", server=answer(*BODY, content_type=content_type), sees=[LOST]
@@ -65,10 +66,10 @@ def content_types_that_lose_the_answer():
 def content_types_that_do_no_harm():
     for name, content_type in {
         "of-a-page-with-parameters": f'text/html; start="{START}; boundary={BOUNDARY}"',
-        "with-unbalanced-quotes": f"multipart/related; start=\"{START}; boundary='{BOUNDARY}",
-        "with-equals-signs-in-the-values": 'multipart/related; start="start=-part"; boundary="=frontier"',
+        "with-unbalanced-quotes": f"{RELATED}; start=\"{START}; boundary='{BOUNDARY}",
+        "with-equals-signs-in-values": f'{RELATED}; start="start=-part"; boundary="=frontier"',
         "in-other-letters": f"MULTIPART/RELATED; START={START}; BOUNDARY={BOUNDARY}",
-        "with-longer-names": f"multipart/related; restart={START}; the-boundary-is={BOUNDARY}",
+        "with-longer-names": f"{RELATED}; restart={START}; the-boundary-is={BOUNDARY}",
         "with-100-kilobytes": f"{CONTENT_TYPE}; x={'y' * 90_000}",
     }.items():
         yield Fault(
@@ -90,7 +91,7 @@ def content_types_that_do_no_harm():
 
 def errors_of_the_head():
     """Each finding about the head, hidden by that of the parts that were not understood."""
-    start_missing = f'multipart/related; boundary="{BOUNDARY}"'
+    start_missing = f'{RELATED}; boundary="{BOUNDARY}"'
     nameless = f"{DELIMITER}\r\nX: y\r\n\r\n{document('a')}\r\n"
     yield Fault(
         "error-start-attribute-not-found",

@@ -24,6 +24,7 @@ def silent_servers():
         yield Fault(
             f"says-nothing-{point}",
             server={"on": [{**step, "do": "hang"}]},
+            act=sending(UPLOAD[:300_000]),
             sees=[TimedOut(after=seconds)],
             long=True,
         )

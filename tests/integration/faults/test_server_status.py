@@ -85,7 +85,9 @@ def reasons():
 def statuses_below_400():
     yield Fault("status-204", server=answer("", status=204), sees=[LOST])
     yield Fault(
-        "status-204-with-an-answer", server=answer(*BODY, status=204, framing="chunked"), sees=[LOST]
+        "status-204-with-an-answer",
+        server=answer(*BODY, status=204, framing="chunked"),
+        sees=[LOST],
     )
     moved = [["Location", "https://elsewhere.example/"]]
     yield Fault(
@@ -95,7 +97,7 @@ def statuses_below_400():
     )
     yield Fault(
         "status-301-with-a-page",
-        server={"answer": {"status": 301, "headers": moved, "content_type": "text/html", "body": "x"}},
+        server=answer("moved", status=301, headers=moved, content_type="text/html"),
         sees=[LOST],
     )
 
@@ -104,7 +106,9 @@ def interim_statuses():
     for name, interim in {
         "100": [100],
         "103": [103],
-        "103-with-headers": [{"status": 103, "headers": [["Link", "</x>"], ["Content-Length", "7"]]}],
+        "103-with-headers": [
+            {"status": 103, "headers": [["Link", "</x>"], ["Content-Length", "7"]]}
+        ],
         "100-ten-times": [100] * 10,
     }.items():
         yield Fault(f"status-{name}-first", server=answer(*BODY, interim=interim), sees=[ANSWERED])

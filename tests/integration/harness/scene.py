@@ -211,7 +211,9 @@ class Scene:
             held = self.holdings()
             return all(held[kind] <= wanted[kind] for kind in wanted)
 
-        observe.poll_for(little_enough, self.settle_seconds, lambda: f"{wanted}, not {self.holdings()}")
+        observe.poll_for(
+            little_enough, self.settle_seconds, lambda: f"{wanted}, not {self.holdings()}"
+        )
 
     def _expect_gone(self):
         """The daemon knows the row's requests no more."""
