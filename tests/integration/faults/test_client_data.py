@@ -9,6 +9,7 @@ from harness.client import BusError
 from harness.fault import QUESTION, Answered, Fault, rows, sending
 from harness.moment import DELIVERED, FETCHED_LATE, MOMENTS, QUEUED, WAITING, ExchangeOver, Uploaded
 from harness.raw_client import values
+from harness.response import CLOSING, answer, part, start_part
 from harness.waiting import wait_for
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
@@ -132,7 +133,7 @@ def send_pieces(*pieces):
 
 def send_more_than_the_bus_takes(scene):
     """The bus ends the connection of a client whose message is longer than it allows."""
-    request = asked(scene)
+    request = asked(scene, kind="fingerprint")  # its client has time
     sender = scene.client()
     try:
         sender.sendData(request.connection, request.id, bytes(64 * MIB))
@@ -173,9 +174,9 @@ def send_more_than_the_bus_takes(scene):
     ),
     Fault(
         "64-mib-on-a-bus-that-takes-32",
-        server={},
+        server=answer(start_part("a"), "\r\n" + part("a", "received") + CLOSING),
         act=send_more_than_the_bus_takes,
-        sees=[Answered()],
+        sees=[Answered([b"received"]), Uploaded(len(QUESTION))],
     ),
 )
 def test_client_data(fault, scene):

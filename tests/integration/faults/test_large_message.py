@@ -14,6 +14,7 @@ _, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 
 LARGEST = 64 << 20  # bytes of an array
 ROOM = 80 << 20  # bytes of a message
+RECEIVED = answer(start_part("a"), "\r\n" + part("a", "received") + CLOSING)
 
 
 @pytest.fixture(scope="module")
@@ -26,7 +27,7 @@ def bus(tmp_path_factory):
 
 def send(size):
     def act(scene):
-        request = scene.request(kind="position").wait_until_asked()
+        request = scene.request(kind="fingerprint").wait_until_asked()  # its client has time
         sender = scene.client()
         try:
             assert sender.sendData(request.connection, request.id, bytes(size)) == 0
@@ -40,11 +41,16 @@ def send(size):
 @rows(
     Fault(
         "64-mib",
-        server=answer(start_part("a"), "\r\n" + part("a", "received") + CLOSING),
+        server=RECEIVED,
         act=send(LARGEST),
         sees=[Answered([b"received"]), Uploaded(LARGEST), Server("answered")],
     ),
-    Fault("a-byte-more", server={}, act=send(LARGEST + 1), sees=[Answered()]),
+    Fault(
+        "a-byte-more",
+        server=RECEIVED,
+        act=send(LARGEST + 1),
+        sees=[Answered([b"received"]), Uploaded(len(QUESTION))],
+    ),
 )
 def test_large_message(fault, scene):
     fault.play(scene)

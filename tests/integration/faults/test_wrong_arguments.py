@@ -60,6 +60,8 @@ class Caller:
         self.member = member
         self.client = scene.client()
         self.client.wait_for_status(0)
+        self.client.settle()
+        self.client.signals.clear()
         self.connection = self.client.connect(kind="other")
         self.request = self.client.attach(self.connection)
 
