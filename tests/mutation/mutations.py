@@ -5,6 +5,7 @@ the tokens; this knows as much of C++ as the sources of this tree use, formatted
 """
 
 import dataclasses
+import re
 from collections.abc import Iterator
 
 from tokens import OPENING, Token, closing_of, tokens_of
@@ -28,7 +29,8 @@ class Mutation:
     @property
     def is_shared_constant(self) -> bool:
         """Whether every object that includes the file may hold a copy of the value."""
-        return "constexpr" in self.code or " = " in self.code and self.code.endswith(",")
+        is_enumerator = re.match(r"\w+ = [^;]+$", self.code) is not None
+        return "constexpr" in self.code or is_enumerator
 
 
 # Constants with a name: each becomes the next one of its row.

@@ -52,6 +52,8 @@ class Laboratory:
         self._tsan: Build | None = None
         self.suites_of: dict[str, list[str]] = {}
         self.seconds: dict[str, float] = {}
+        suppressions = workspace.tree / "tests" / "tsan.supp"
+        os.environ["TSAN_OPTIONS"] = f"detect_deadlocks=1:suppressions={suppressions}"
 
     def prepare(self) -> None:
         """Builds everything as it is and sees that its tests pass."""
@@ -116,9 +118,12 @@ class Laboratory:
 
     def _own_tests_first(self, mutation: Mutation) -> str:
         """A header is in nearly every object. To build its own tests is enough when these notice
-        the change of a function; a constant must be the same everywhere."""
+        the change of a function. A constant must be the same everywhere, unless there is nothing
+        but the header that is tested."""
         own = self._own_tests(mutation)
-        if mutation.file.endswith(".cpp") or not own or mutation.is_shared_constant:
+        source = (self.workspace.tree / mutation.file).with_suffix(".cpp")
+        stays_inside = not mutation.is_shared_constant or not source.exists()
+        if mutation.file.endswith(".cpp") or not own or not stays_inside:
             return ""
         objects = [self.plain.object_of(name) for name in own]
         self.plain.make(*objects)
@@ -159,8 +164,12 @@ class Laboratory:
     def _sanitized(self, mutation: Mutation) -> str:
         build = self.tsan()
         with Changed(build, mutation.file, self._mutated(mutation)):
-            build.make("thread_sanitizer_canary", "orvexd_unit_tests")
-            return self._canaries(build) or self._steps(build, mutation)
+            build.make("thread_sanitizer_canary")  # small, and quickly built
+            by = self._canaries(build)
+            if not by:
+                build.make()
+                by = self._steps(build, mutation)
+            return by
 
     @staticmethod
     def _canaries(build: Build) -> str:
@@ -198,13 +207,7 @@ class _Program:
     def __init__(self, command: list[str], limit: float, where: pathlib.Path | None,
                  more: dict[str, str]) -> None:
         self.output = tempfile.TemporaryFile(mode="w+", errors="replace")
-        suppressions = pathlib.Path(__file__).resolve().parents[1] / "tsan.supp"
-        environment = {
-            **os.environ,
-            "G_DEBUG": "fatal-criticals",
-            "TSAN_OPTIONS": f"detect_deadlocks=1:suppressions={suppressions}",
-            **more,
-        }
+        environment = {**os.environ, "G_DEBUG": "fatal-criticals", **more}
         # The sanitizer maps more than any limit allows.
         sanitized = "tsan" in pathlib.PurePath(command[0]).parts
         self.process = subprocess.Popen(

@@ -93,5 +93,15 @@ TEST(MapWrapper, IsReadWhileAnotherThreadWrites) {
     EXPECT_EQ(parameters.get("imei"), "19999");
 }
 
+TEST(MapWrapper, IsReadWhileAnotherThreadClearsIt) {
+    Parameters parameters;
+    parameters.set("imei", "0");
+    std::thread writer([&] { parameters.clear(); });
+    const std::string value = parameters.get("imei", "absent");
+    writer.join();
+    EXPECT_TRUE(value == "0" || value == "absent") << value;
+    EXPECT_EQ(parameters.get("imei", "absent"), "absent");
+}
+
 } // namespace
 } // namespace orvexd

@@ -52,6 +52,15 @@ TEST_F(OrvexMainExchangeTest, carriesManyRequestsPreparedOnesFirst) {
                 ElementsAre("chunk 1:4 2303 [answer 1]", "chunk 1:1 2303 [answer 2]"));
 }
 
+TEST_F(OrvexMainExchangeTest, printsNothingAboutTextsThatAreNotUtf8) {
+    const std::uint32_t connectionId = open(1024, "caf\xE9");
+    answerExchange(1);
+    testing::internal::CaptureStderr();
+    prepare(connectionId);
+    finishExchange();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 TEST_F(OrvexMainExchangeTest, numbersTheRequestsOfEachExchangeFromOne) {
     answerExchange(1);
     prepare(1);
@@ -362,6 +371,24 @@ TEST_F(OrvexMainExchangeTest, sweepsUpAfterAFailureWhenTheNextOneFoundNoWorker) 
     answerExchange(1);
     expectEvent("request data 1:2"); // the failed exchange's own end starts it
     finishExchange();
+}
+
+TEST_F(OrvexMainExchangeTest, looksForSendableRequestsWhileTheWorkerDropsThoseThatFailed) {
+    constexpr int kRequests = 100;
+    for (int i = 0; i < kRequests; ++i) {
+        attach(1);
+    }
+    holdExchange([](fake_curl::Transfer&) { return CURLE_COULDNT_CONNECT; });
+    prepare(1);
+    reachExchange();
+    proceed_.open();
+    EXPECT_TRUE(spinUntil([this] {
+        gateway().onNetworkAvailable();
+        return !gateway().isTransferRunning();
+    }));
+    finishExchange();
+    EXPECT_THAT(service_.only("error"), SizeIs(1));
+    EXPECT_FALSE(exists(1, kRequests));
 }
 
 TEST_F(OrvexMainExchangeTest, startsOnlyOneWorkerAtATime) {

@@ -93,6 +93,19 @@ TEST_F(OrvexMainNetworkTest, connectsAfreshAfterANotificationThatChangesNothing)
     EXPECT_EQ(fake_curl::lastOption(CURLOPT_FRESH_CONNECT), "1");
 }
 
+TEST_F(OrvexMainNetworkTest, connectsAfreshWhenItHearsThatANetworkIsThere) {
+    fake_platform::connect(1);
+    open();
+    answerExchange(1);
+    prepare(1);
+    finishExchange();
+    gateway().onNetworkAvailable();
+    answerExchange(1);
+    prepare(1);
+    finishExchange();
+    EXPECT_EQ(fake_curl::lastOption(CURLOPT_FRESH_CONNECT), "1");
+}
+
 TEST_F(OrvexMainNetworkTest, takesNotificationsOfAForeignThreadToTheMainLoop) {
     gateway();
     fake_platform::connect(1);

@@ -156,6 +156,16 @@ TEST_F(DelayedQuit, IsCalledOffByAHandledRequest) {
     EXPECT_EQ(quitsAfter(numbers("attach", {1, 2, 10})), 0);
 }
 
+TEST_F(DelayedQuit, IsNotCalledOffByMessagesThatMakeNothing) {
+    receive(numbers("attach", {1, 2, 10}));
+    receive(fake_bus::call("quitDelayed"));
+    receive(sendDataCall());
+    receive(numbers("getData", {1, 1}));
+    receive(fake_bus::signal("cancel"));
+    receive(fake_bus::call("quitDelayed"));
+    EXPECT_EQ(quitsAfter(numbers("disconnect", {1})), 1);
+}
+
 TEST_F(DelayedQuit, IsCalledOffByAConnectThatGetsNoAnswer) {
     EXPECT_EQ(quitsAfter(connectCall(), kNewReturn), 0);
 }

@@ -209,15 +209,18 @@ protected:
     int runUntilQuit() {
         const test::ScopedTimer quitter(
             std::chrono::milliseconds(0),
-            [](gpointer loop) -> gboolean {
-                static_cast<MainLoop*>(loop)->quit();
+            [](gpointer fixture) -> gboolean {
+                auto& self = *static_cast<ServingMainLoop*>(fixture);
+                ++self.asked_;
+                self.mainLoop_.quit();
                 return G_SOURCE_CONTINUE;
             },
-            &mainLoop_);
+            this);
         return mainLoop_.run();
     }
 
     fake_bus::FakeBus bus_;
+    int asked_ = 0; ///< how often the loop was asked to quit
 };
 
 TEST_F(ServingMainLoop, InitCreatesTheServiceAndPutsItOnTheBus) {
@@ -247,6 +250,7 @@ TEST_F(ServingMainLoop, InitWithoutTheNameLeavesNoService) {
 TEST_F(ServingMainLoop, RunsUntilItIsAskedToQuit) {
     mainLoop_.init(0, nullptr);
     EXPECT_EQ(runUntilQuit(), 0);
+    EXPECT_EQ(asked_, 1) << "it returned before";
 }
 
 TEST_F(ServingMainLoop, RunsAgainAfterItsEnd) {
