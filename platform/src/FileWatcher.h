@@ -3,10 +3,10 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <list>
 #include <string>
 #include <vector>
 
+#include "DirectoryEvents.h"
 #include "Handles.h"
 #include "WatchPoints.h"
 
@@ -38,30 +38,15 @@ public:
     void lookAgainIn(std::chrono::milliseconds delay);
 
 private:
-    /// One directory under watch, for as long as the object lives.
-    class Watch {
-    public:
-        Watch(const std::filesystem::path& directory, FileWatcher& owner);
-        Watch(const Watch&) = delete;
-        Watch& operator=(const Watch&) = delete;
-        Watch(Watch&&) = delete;
-        Watch& operator=(Watch&&) = delete;
-        ~Watch();
-
-    private:
-        Monitor monitor_; // null when the system refuses another watch
-        gulong handler_ = 0;
-    };
-
     void watchAgain();
-    void onEvent(GFile* file);
+    void onEvent(const std::filesystem::path& changed);
     void tellAt(gint64 time);
     void tell();
 
     std::string path_;
     std::function<void()> onChange_;
     std::vector<WatchPoint> points_;
-    std::list<Watch> watches_;   // one for each of points_
+    DirectoryEvents events_;     // of the directories of points_
     bool directoryGone_ = false; // a watch died with its directory, whatever has its name now
     gint64 latest_ = 0;          // when to tell at the latest, as timer_; 0: no event is waiting
     Source timer_;               // ready time in µs of the monotonic clock; null: nothing to tell

@@ -1,8 +1,10 @@
 #pragma once
 
-#include <gio/gio.h>
+#include <glib.h>
+#include <unistd.h>
 
 #include <memory>
+#include <utility>
 
 namespace trilba {
 
@@ -23,8 +25,29 @@ using KeyFile = std::unique_ptr<GKeyFile, FreeWith<g_key_file_unref>>;
 using Text = std::unique_ptr<char, FreeWith<g_free>>;
 using TextList = std::unique_ptr<char*, FreeWith<g_strfreev>>;
 using Error = std::unique_ptr<GError, FreeWith<g_error_free>>;
-using File = std::unique_ptr<GFile, FreeWith<g_object_unref>>;
-using Monitor = std::unique_ptr<GFileMonitor, FreeWith<g_object_unref>>;
 using Source = std::unique_ptr<GSource, DestroySource>;
+
+/// Closes a file descriptor.
+class Descriptor {
+public:
+    explicit Descriptor(int number = -1) noexcept : number_(number) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(number_, other.number_);
+        return *this;
+    }
+    ~Descriptor() {
+        if (number_ >= 0)
+            close(number_);
+    }
+
+    explicit operator bool() const noexcept { return number_ >= 0; }
+    int get() const noexcept { return number_; }
+
+private:
+    int number_;
+};
 
 } // namespace trilba

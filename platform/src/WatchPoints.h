@@ -15,8 +15,7 @@ struct WatchPoint {
 };
 
 /// The places to watch for `path`: every symbolic link on the way, and the file itself, or the
-/// first thing that is missing on the way to it. All of these directories exist, which matters:
-/// GIO looks for a missing one with a periodic timer.
+/// first thing that is missing on the way to it. All of these directories exist.
 std::vector<WatchPoint> watchPoints(const std::filesystem::path& path);
 
 } // namespace trilba

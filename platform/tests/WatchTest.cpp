@@ -14,7 +14,6 @@ protected:
         manager_->registerObserver(&observer_);
     }
 
-    // Less than the four seconds after which GIO itself looks again for what is missing.
     bool becomes(const std::string& name) {
         return runLoopUntil([&] { return firstName(*manager_) == name; }, std::chrono::seconds(3));
     }
