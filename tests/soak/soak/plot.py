@@ -28,7 +28,7 @@ def _draw_memory(record, path):
     step = max(1, len(record.samples) // _POINTS)
     samples = record.samples[::step]
     minutes = [sample[1] / 60 for sample in samples]
-    figure, axes = _figure(f"Memory of orvexd in {record.samples[-1][0]} exchanges")
+    figure, axes = _figure(f"Memory of orvexd in {record.samples[-1][0]:,} exchanges")
     axes.plot(minutes, [sample[2] / _MIB for sample in samples], label="resident")
     axes.plot(minutes, [sample[3] / _MIB for sample in samples], label="of it private and written")
     after = [sample[1] / 60 for sample in record.samples if sample[0] >= _WARM_UP]
@@ -45,7 +45,7 @@ def _draw_latency(record, path):
     ]
     windows = [window for window in windows if len(window) > _WINDOW // 2]
     minutes = [statistics.mean(entry[1] for entry in window) / 60 for window in windows]
-    figure, axes = _figure(f"Latency of {len(record.latencies)} answered exchanges")
+    figure, axes = _figure(f"Latency of {len(record.latencies):,} answered exchanges")
     for share, label in ((1, "slowest"), (0.95, "95th percentile"), (0.5, "median")):
         values = [_quantile([entry[2] for entry in window], share) * 1000 for window in windows]
         axes.plot(minutes, values, label=label)
