@@ -40,7 +40,8 @@ class Results:
 
 
 class Reasons:
-    """Why no test can, or need, notice a mutation: lines "file | code line | mutation | reason"."""
+    """Why no test can, or need, notice a mutation: lines "file | code | mutation | reason". The code
+    line may be followed by "#2" for the second of equal lines; without, all of them are meant."""
 
     def __init__(self, path: pathlib.Path) -> None:
         self.reasons: dict[tuple[str, ...], str] = {}
@@ -50,4 +51,9 @@ class Reasons:
                 self.reasons[tuple(place)] = reason
 
     def of(self, mutation: Mutation) -> str:
-        return self.reasons.get((mutation.file, mutation.code, mutation.what), "")
+        number = int(mutation.place.rsplit("|", 1)[1]) + 1
+        for code in (mutation.code, f"{mutation.code} #{number}"):
+            reason = self.reasons.get((mutation.file, code, mutation.what))
+            if reason:
+                return reason
+        return ""

@@ -184,10 +184,22 @@ class Laboratory:
         return ""
 
     def _start_up(self) -> str:
-        """main() is not part of the unit tests."""
+        """main() is not part of the unit tests. A test of whole processes may fail because the
+        machine is busy: it has to fail again."""
         self.plain.make("orvexd")
-        tests = "tests/integration/test_startup.py"
-        command = ["/usr/bin/python3", "-m", "pytest", "-x", "-q", tests]
+        passed: list[str] = []
+        while True:
+            left_out = [word for test in passed for word in ("--deselect", test)]
+            by = self._integration("tests/integration/test_startup.py", *left_out)
+            if not by.startswith("test_"):
+                return by
+            test = f"tests/integration/{by}"
+            if self._integration(test):
+                return by
+            passed.append(test)
+
+    def _integration(self, *tests: str) -> str:
+        command = ["/usr/bin/python3", "-m", "pytest", "-x", "-q", *tests]
         environment = {"ORVEXD_BUILD_DIR": str(self.plain.directory)}
         return _run(command, 900, self.workspace.tree, environment)
 
