@@ -1,13 +1,15 @@
 """Command line; scripts/bench builds first and then comes here."""
 
 import argparse
+import subprocess
+import sys
 import tempfile
 import time
 from pathlib import Path
 
 from . import counting, exchanges, growth, latency, micro, process, report
 from .processes import TOP, Workshop
-from .rows import Run
+from .rows import Row, Run
 
 # Rows that come from one measurement stand together.
 MEASUREMENTS = (
@@ -45,7 +47,11 @@ def measure(run, wanted):
             continue
         begin = time.monotonic()
         print(f"== {name} ...", end=" ", flush=True)
-        measurement(run)
+        try:
+            measurement(run)
+        except (RuntimeError, subprocess.CalledProcessError) as error:
+            run.failures += 1
+            run.add(Row(str(numbers[0]), name, f"not measured: {error}"))
         print(f"{time.monotonic() - begin:.0f} s", flush=True)
 
 
@@ -71,7 +77,8 @@ def main():
     print(report.summary(run.rows))
     if not arguments.row and not arguments.quick:
         write_documents(run, arguments.docs, took)
+    return 1 if run.failures else 0
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

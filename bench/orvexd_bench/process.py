@@ -95,7 +95,7 @@ def idle(run):
 def streaming_memory(run):
     """Row 15."""
     size = 32 * MIB if run.quick else 256 * MIB
-    pace = 64 * MIB  # bytes a second: half of what the bus can carry, or less
+    pace = 32 * MIB  # bytes a second: a fraction of what the bus can carry
     for direction in ("up", "down"):
         _streaming_memory(run, direction, size, pace)
 

@@ -52,6 +52,7 @@ class Run:
     quick: bool = False
     rows: list = field(default_factory=list)
     series: dict = field(default_factory=dict)  # data of the plots, by plot
+    failures: int = 0  # measurements that could not be made
 
     @property
     def pairs(self):
