@@ -56,7 +56,8 @@ public:
     virtual int lookUpProxy(const std::string& url, ProxyQuery* query) = 0;
 
     /// Reads the connection list and begins to watch the platform file with sources on the default
-    /// main context. The library starts no thread. A process that has forked creates a manager anew.
+    /// main context. The library starts no thread. A process that has forked creates a manager
+    /// anew.
     /// @param adaptation  may be null.
     /// @return a new manager that the caller owns and deletes; never null. The pointer is plain
     ///         because it is part of the binary interface: put it into a `std::unique_ptr` at once.
