@@ -132,6 +132,8 @@ def main() -> int:
     return 0 if run.close() else 1
 
 
+# What was started with nohup would hand on that hang-ups are ignored, to the daemon, too.
+signal.signal(signal.SIGHUP, signal.SIG_DFL)
 # Ends as an interrupt does: the mutated source is put right, the tests under way are ended.
 signal.signal(signal.SIGTERM, lambda *_: sys.exit("mutate: ended; the next run goes on from here"))
 try:

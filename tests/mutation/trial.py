@@ -50,6 +50,7 @@ class Laboratory:
         self.workspace = workspace
         self.plain = Build(workspace, "plain")
         self._tsan: Build | None = None
+        self._started_up = False
         self.suites_of: dict[str, list[str]] = {}
         self.seconds: dict[str, float] = {}
         suppressions = workspace.tree / "tests" / "tsan.supp"
@@ -100,6 +101,8 @@ class Laboratory:
         if mutation.kind == "lock" or "tsan::" in mutation.what:
             return self._sanitized(mutation)
         text = self._mutated(mutation)
+        if mutation.file == "src/main/main.cpp":
+            self._expect_start_up()
         with Changed(self.plain, mutation.file, text):
             if mutation.file == "src/main/main.cpp":
                 return self._start_up()
@@ -182,6 +185,14 @@ class Laboratory:
             if _run([program, case], 60):
                 return f"canary {case}"
         return ""
+
+    def _expect_start_up(self) -> None:
+        """Sees once that the tests of whole processes pass without a mutation."""
+        if not self._started_up:
+            by = self._start_up()
+            if by:
+                raise SystemExit(f"mutate: the tests fail without a mutation: {by}")
+            self._started_up = True
 
     def _start_up(self) -> str:
         """main() is not part of the unit tests. A test of whole processes may fail because the
