@@ -40,8 +40,8 @@ class Results:
 
 
 class Reasons:
-    """Why no test can, or need, notice a mutation: lines "file | code | mutation | reason". The code
-    line may be followed by "#2" for the second of equal lines; without, all of them are meant."""
+    """Why no test can, or need, notice a mutation: lines "file | code | mutation | reason". "#2"
+    behind the code means the second of equal lines; without it all of them are meant."""
 
     def __init__(self, path: pathlib.Path) -> None:
         self.reasons: dict[tuple[str, ...], str] = {}
