@@ -27,7 +27,10 @@ def _sanitizer_options():
             values.append(f"suppressions={suppressions}")
         return ":".join(values)
 
+    # GLib's slices hand memory from thread to thread inside; tests/tsan.supp counts on malloc.
+    plain_memory = {"G_SLICE": "always-malloc"} if b"libtsan.so" in DAEMON.read_bytes() else {}
     return {
+        **plain_memory,
         "ASAN_OPTIONS": options(
             "asan",
             "detect_leaks=1",
@@ -36,7 +39,9 @@ def _sanitizer_options():
         ),
         "LSAN_OPTIONS": options("lsan", "print_suppressions=0"),
         "UBSAN_OPTIONS": options("ubsan", "halt_on_error=1"),
-        "TSAN_OPTIONS": options("tsan", "detect_deadlocks=1", "second_deadlock_stack=1"),
+        "TSAN_OPTIONS": options(
+            "tsan", "detect_deadlocks=1", "second_deadlock_stack=1", "history_size=7"
+        ),
     }
 
 
