@@ -1,6 +1,6 @@
-// ThreadSanitizer does not see the futex-based locks inside GLib, so what GLib allocates on one thread and
-// uses on another looks like a race. Only its allocating leaves are named; accesses by the code of this
-// repository are all checked.
+// ThreadSanitizer does not see the futex-based locks inside GLib, so what GLib allocates on one
+// thread and uses on another looks like a race. Only its allocating leaves are named; accesses by
+// the code of this repository are all checked.
 
 #if defined(__SANITIZE_THREAD__)
 
