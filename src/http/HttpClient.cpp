@@ -83,7 +83,7 @@ struct HttpClient::ExchangeDone : MainLoopRecord {
 /// What the read callback works on.
 struct HttpClient::Upload {
     RequestBody& body;
-    CURL* handle;
+    CURL* handle = nullptr;
     bool begun = false;
 };
 
