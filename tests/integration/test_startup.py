@@ -463,6 +463,7 @@ def test_daemon_starts_again_after_each_end(new_daemon):
 
 def test_idle_daemon_has_two_threads(new_daemon):
     new_daemon.start()
+    observe.wait_until_idle(new_daemon.pid)
     found = observe.own_threads(new_daemon.pid)
     assert sorted(found.values()) == ["gmain", "orvexd"]
 

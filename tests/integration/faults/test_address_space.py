@@ -29,7 +29,9 @@ KIB, MIB = 1 << 10, 1 << 20
 SIZE = 8 * MIB
 PATTERN = (bytes(range(251)) * (SIZE // 251 + 1))[:SIZE]
 WRITE_ERROR, OUT_OF_MEMORY = 23, 27  # libcurl's
-ENDS = {-signal.SIGABRT, -signal.SIGTRAP}  # an exception that nobody catches; GLib's abort
+# An exception that nobody catches; GLib's abort; GLib and libxml2 again, whose reports of a failed allocation
+# need memory themselves and call each other until the stack ends.
+ENDS = {-signal.SIGABRT, -signal.SIGTRAP, -signal.SIGSEGV}
 GLIB_FAILED = re.compile(r"\s*(\(.*\): )?GLib-ERROR \*\*: .*failed to allocate [0-9]+ bytes\s*")
 NOT_ASKED = 57
 GONE = {

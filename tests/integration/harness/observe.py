@@ -114,10 +114,18 @@ def next_timer(pid):
 
 
 def wait_until_idle(pid, seconds=10):
-    """Waits until no exchange runs and its end has been swept up: no thread, no timer."""
+    """Waits until no exchange runs and its end has been swept up: no thread, no timer.
+
+    GLib's thread for signals may have been started just now: it is waited for until it sleeps.
+    """
 
     def idle():
-        return not has_worker(pid) and sleeping_for(pid) == float("inf")
+        return (
+            not has_worker(pid)
+            and sleeping_for(pid) == float("inf")
+            and "gmain" in threads(pid).values()
+            and all(wake_ups(pid).values())
+        )
 
     poll_for(idle, seconds, lambda: f"idleness; {threads(pid)}, sleeps {sleeping_for(pid)} ms")
 
