@@ -55,10 +55,12 @@ def asked(client):
 
 
 def test_pass_phrase_is_neither_argument_nor_variable(client, daemon):
-    asked(client)
+    connection, request = asked(client)
     for name in ("cmdline", "environ"):
         content = pathlib.Path(f"/proc/{daemon.pid}/{name}").read_bytes()
         assert content and PASSPHRASE.encode() not in content
+    assert client.sendData(connection, request, b"late") == 0
+    client.fetch_part(connection, request)
 
 
 @without_sanitizer
