@@ -9,6 +9,7 @@
 #include <new>
 #include <random>
 #include <string>
+#include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -286,7 +287,20 @@ std::size_t mappedMemory() {
     return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }
 
+/// Whether mappings come and go as the program says; an emulator may keep what its program gives
+/// back.
+bool isUnmappingSeen() {
+    constexpr std::size_t kSize = 8 * ByteQueue::kBacklogBlock;
+    const std::size_t before = mappedMemory();
+    void* mapping = mmap(nullptr, kSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    const bool added = mapping != MAP_FAILED && mappedMemory() >= before + kSize / 2;
+    return munmap(mapping, kSize) == 0 && added && mappedMemory() <= before + kSize / 2;
+}
+
 TEST(ByteQueue, GivesABacklogBackWhileItIsDrained) {
+    if (!isUnmappingSeen()) {
+        GTEST_SKIP() << "unmapped memory still counts here";
+    }
     constexpr std::size_t kBytes = 16 * ByteQueue::kBacklogBlock;
     const std::string bytes(kBytes, 'x');
     std::vector<char> room(kBytes / 2);
