@@ -157,6 +157,16 @@ class CleanRoot:
                     pass  # it ended meanwhile
         return found
 
+    def runs(self, name):
+        """Whether a program of this name runs inside."""
+        for pid in self.processes():
+            try:
+                if pathlib.Path(f"/proc/{pid}/comm").read_text("utf-8").strip() == name:
+                    return True
+            except OSError:
+                pass  # it ended meanwhile
+        return False
+
     def end_processes(self):
         """Nothing survives a test. Each is ended by its number."""
         for pid in self.processes():

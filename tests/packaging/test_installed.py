@@ -7,6 +7,7 @@ import subprocess
 import pytest
 
 from harness.keys import fill_preinst, make_keys
+from harness.observe import poll_for
 from harness.platform_file import Platform
 from harness.process import Process, read_line
 from harness.settings import EXAMPLES
@@ -74,6 +75,8 @@ def test_request_is_answered(installed, system_bus, tmp_path):
         platform.write(proxy=("127.0.0.1", server.port))
         # The file is there when the daemon starts: it need not wait for a change.
         installed.run("orvexctl", "quit")
+        # One that is still about to leave would take the call and leave with it.
+        poll_for(lambda: not installed.runs("orvexd"), 20, "the daemon's end")
 
         question = FINGERPRINT.read_text("utf-8")
         done = installed.run(*REQUEST, "--timeout", "60", input=question)
