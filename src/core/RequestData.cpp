@@ -18,7 +18,8 @@ RequestData::RequestData(std::uint32_t connectionId, std::uint32_t requestId, bo
       requestId_(requestId),
       prepared_(prepared),
       parameters_(std::move(parameters)),
-      connectionPolicy_(kDefaultPolicy) {
+      connectionPolicy_(kDefaultPolicy),
+      pace_(chunkLimit()) {
     responseBuffers_.emplace_back();
 }
 
@@ -153,6 +154,11 @@ bool RequestData::hasOutstandingPartIds() const {
 }
 
 void RequestData::addResponseData(std::string_view bytes, bool partComplete) {
+    storeResponseData(bytes, partComplete);
+    pace_.rest();
+}
+
+void RequestData::storeResponseData(std::string_view bytes, bool partComplete) {
     const RecursiveLock guard(lock_);
     if (!partComplete && passThrough(bytes)) {
         return;
@@ -164,10 +170,12 @@ void RequestData::addResponseData(std::string_view bytes, bool partComplete) {
         }
         ResponseBuffer& last = responseBuffers_.back();
         last.bytes.append(bytes);
+        pace_.stored(bytes.size());
         if (partComplete) {
             last.code = DeliveryCode::PartComplete;
             if (last.bytes.endsWithLineBreak()) {
                 last.bytes.dropBack(2); // the line break belongs to the delimiter that follows
+                pace_.taken(2);
             }
         }
     }
@@ -196,6 +204,7 @@ bool RequestData::passThrough(std::string_view bytes) {
     const std::size_t size = std::min(chunkLimit(), bytes.size());
     std::string chunk(bytes.substr(0, size));
     buffer.bytes.append(bytes.substr(size));
+    pace_.stored(bytes.size() - size);
     state_ = RequestState::Receiving;
     post(DeliveryCode::PartContinues, std::move(chunk));
     return true;
@@ -227,6 +236,7 @@ bool RequestData::deliverNext() {
     ResponseBuffer& front = responseBuffers_.front();
     const DeliveryCode code = nextCode(front, chunkSize);
     std::string chunk = front.bytes.take(chunkSize);
+    pace_.taken(chunk.size());
     if (code != DeliveryCode::PartContinues) {
         responseBuffers_.pop_front();
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/ClientPace.h"
 #include "core/ConnectionParameters.h"
 #include "core/DeliveryCode.h"
 #include "core/IChunkReceiver.h"
@@ -147,6 +148,7 @@ private:
         std::size_t outstanding = 0;
     };
 
+    void storeResponseData(std::string_view bytes, bool partComplete);
     bool passThrough(std::string_view bytes);
     std::size_t chunkLimit() const noexcept;
     DeliveryCode nextCode(const ResponseBuffer& front, std::size_t chunkSize) const noexcept;
@@ -180,6 +182,7 @@ private:
     std::size_t outstandingParts_ = 0; // guarded by lock_; announced parts not seen yet
     std::list<ResponseBuffer> responseBuffers_; // guarded by lock_; one per part, oldest first
     std::size_t completedParts_ = 0;            // guarded by lock_
+    ClientPace pace_;
 };
 
 } // namespace orvexd

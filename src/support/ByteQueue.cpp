@@ -1,10 +1,7 @@
 #include "support/ByteQueue.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
-#include <new>
-#include <sys/mman.h>
 #include <utility>
 
 namespace orvexd {
@@ -28,47 +25,13 @@ ByteQueue& ByteQueue::operator=(ByteQueue&& other) noexcept {
     return *this;
 }
 
-void ByteQueue::FreeBlock::operator()(char* bytes) const noexcept {
-    if (isMapped_) {
-        munmap(bytes, kBacklogBlock);
-    } else {
-        std::default_delete<char[]>()(bytes); // NOLINT(modernize-avoid-c-arrays)
-    }
-}
-
-std::size_t ByteQueue::nextCapacity(std::size_t wanted) const noexcept {
+ByteQueue::Block ByteQueue::makeBlock(std::size_t wanted) const {
     const std::size_t grown = blocks_.empty() ? kSmallestBlock : blocks_.back().capacity * 2;
-    return std::min(std::max(wanted, grown), kLargestBlock);
-}
-
-ByteQueue::Block ByteQueue::makeBlock(std::size_t capacity) {
     Block block;
-    block.capacity = capacity;
+    block.capacity = std::min(std::max(wanted, grown), kLargestBlock);
     // for_overwrite: the bytes are written before they are read, so no zeroing pass
-    block.bytes = BlockBytes(
-        std::make_unique_for_overwrite<char[]>(capacity).release()); // NOLINT(*-avoid-c-arrays)
-    return block;
-}
-
-/// A block on the border of its own size, as the kernel wants it for a huge page.
-ByteQueue::Block ByteQueue::makeBacklogBlock() {
-    constexpr std::size_t kReserved = 2 * kBacklogBlock;
-    void* reserved =
-        mmap(nullptr, kReserved, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (reserved == MAP_FAILED) {
-        throw std::bad_alloc();
-    }
-    char* begin = static_cast<char*>(reserved);
-    const std::size_t before =
-        (kBacklogBlock - reinterpret_cast<std::uintptr_t>(begin) % kBacklogBlock) % kBacklogBlock;
-    if (before > 0) {
-        munmap(begin, before);
-    }
-    munmap(begin + before + kBacklogBlock, kReserved - before - kBacklogBlock);
-    (void)madvise(begin + before, kBacklogBlock, MADV_HUGEPAGE); // a kernel without them: none
-    Block block;
-    block.capacity = kBacklogBlock;
-    block.bytes = BlockBytes(begin + before, FreeBlock(true));
+    block.bytes =
+        std::make_unique_for_overwrite<char[]>(block.capacity); // NOLINT(*-avoid-c-arrays)
     return block;
 }
 
@@ -81,9 +44,7 @@ void ByteQueue::append(std::string_view bytes) {
     std::size_t room = roomAtBack;
     try {
         while (room < bytes.size()) {
-            const std::size_t missing = bytes.size() - room;
-            const bool isBacklog = size_ + room > kBacklogBlock;
-            blocks_.push_back(isBacklog ? makeBacklogBlock() : makeBlock(nextCapacity(missing)));
+            blocks_.push_back(makeBlock(bytes.size() - room));
             room += blocks_.back().capacity;
         }
     } catch (...) {
@@ -135,13 +96,11 @@ std::string ByteQueue::take(std::size_t maxBytes) {
 
 void ByteQueue::dropFrontBlock() noexcept {
     if (size_ == 0) {
-        // One small block stays for the next bytes: a stream that is drained as it fills allocates
+        // One block stays for the next bytes: a stream that is drained as it fills allocates
         // nothing.
         std::swap(blocks_.front(), blocks_[first_]);
-        blocks_.resize(blocks_.front().capacity > kLargestBlock ? 0 : 1);
-        if (!blocks_.empty()) {
-            blocks_.front().begin = blocks_.front().end = 0;
-        }
+        blocks_.resize(1);
+        blocks_.front().begin = blocks_.front().end = 0;
         first_ = 0;
         return;
     }

@@ -13,14 +13,9 @@ namespace orvexd {
 /// the front costs time proportional to the bytes taken. Not thread-safe.
 class ByteQueue {
 public:
-    /// Size of the largest block of a queue that is drained as it fills; longer input is spread
-    /// over several, so that memory is given back while a long queue is drained.
+    /// Size of the largest block; longer input is spread over several, so that memory is given
+    /// back while a long queue is drained.
     static constexpr std::size_t kLargestBlock = std::size_t{64} * 1024;
-
-    /// Size of the blocks that are added once the queue has become longer than this. The kernel can
-    /// back each of them with one huge page, and does not clear and map sixteen small pages for
-    /// every 64 KiB: that took a fifth of the time of a download that is ahead of its client.
-    static constexpr std::size_t kBacklogBlock = std::size_t{2} * 1024 * 1024;
 
     ByteQueue() noexcept = default;
     ~ByteQueue() = default;
@@ -51,29 +46,14 @@ public:
     void clear() noexcept;
 
 private:
-    /// Gives a block back to where it came from.
-    class FreeBlock {
-    public:
-        FreeBlock() noexcept : FreeBlock(false) {}
-        /// @param isMapped the block has pages of its own, kBacklogBlock bytes.
-        explicit FreeBlock(bool isMapped) noexcept : isMapped_(isMapped) {}
-        void operator()(char* bytes) const noexcept;
-
-    private:
-        bool isMapped_;
-    };
-    using BlockBytes = std::unique_ptr<char[], FreeBlock>; // NOLINT(modernize-avoid-c-arrays)
-
     struct Block {
-        BlockBytes bytes;
+        std::unique_ptr<char[]> bytes; // NOLINT(modernize-avoid-c-arrays)
         std::size_t capacity = 0;
         std::size_t begin = 0;
         std::size_t end = 0;
     };
 
-    static Block makeBlock(std::size_t capacity);
-    static Block makeBacklogBlock();
-    std::size_t nextCapacity(std::size_t wanted) const noexcept;
+    Block makeBlock(std::size_t wanted) const;
     void dropFrontBlock() noexcept;
 
     std::vector<Block> blocks_; // blocks before first_ have been taken

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <gtest/gtest.h>
 #include <memory>
@@ -1024,6 +1025,40 @@ TEST(RequestDataThreads, ResponseIsDeliveredWholeWhileItArrives) {
         EXPECT_EQ(client.response(), sent);
         EXPECT_EQ(request.state(), RequestState::Delivered);
     }
+}
+
+TEST_F(RequestDataTest, AnswerIsStoredWholeThoughNobodyFetches) {
+    make(65536);
+    announce(1);
+    const std::string piece(2 * ClientPace::kLeastHighWater, 'x');
+    const auto begin = std::chrono::steady_clock::now();
+    request_->addResponseData(piece, false);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, ClientPace::kLongestRest);
+    request_->addResponseData(piece, true);
+    EXPECT_EQ(request_->state(), RequestState::AllPartsReceived);
+    std::size_t fetched = 0;
+    while (request_->state() != RequestState::Delivered) {
+        for (const Chunk& chunk : getData()) {
+            fetched += chunk.bytes.size();
+        }
+    }
+    EXPECT_EQ(fetched, 2 * piece.size());
+}
+
+TEST_F(RequestDataTest, AnswerForAClientThatKeepsPaceIsNotHeldUp) {
+    make(65536);
+    announce(1);
+    constexpr std::size_t kPieces = 1024;
+    const std::string piece(65536, 'x');
+    request_->addResponseData(piece, false);
+    const auto begin = std::chrono::steady_clock::now();
+    for (std::size_t number = 0; number < kPieces; ++number) {
+        request_->addResponseData(piece, false);
+        ASSERT_EQ(getData().size(), 1U);
+    }
+    // What would be rested if nothing of it counted as fetched.
+    const std::size_t rests = kPieces * piece.size() / ClientPace::kLeastHighWater;
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, rests * ClientPace::kLongestRest);
 }
 
 TEST(RequestDataThreads, FieldsAreReadWhileTheOtherThreadWritesThem) {
