@@ -1,5 +1,7 @@
 """Whole exchanges beside what they are made of: one transfer, and the round trips on the bus."""
 
+from concurrent.futures import ThreadPoolExecutor
+
 from .observe import processor_time
 from .pairs import Spread, paired
 from .processes import settle
@@ -47,6 +49,19 @@ class Trio:
         settle()
         return self._floor_client.exchange(self.upload, self.answer, late=True)["done"] / 1e9
 
+    def both_at_once(self):
+        """Seconds of the calls with the transfer beside them, which take the processors from each
+        other as the threads of a daemon do that streams."""
+        settle()
+        with ThreadPoolExecutor(1) as beside:
+            transfer = beside.submit(self.post.post, self.upload)
+            calls = self._floor_client.exchange(self.upload, self.answer, late=True)["done"] / 1e9
+        return max(calls, *transfer.result())
+
+    def floors_processor_time(self):
+        """Seconds that the two floors have used."""
+        return processor_time(self.post.pid) + processor_time(self.floor_daemon.pid)
+
     def stop(self):
         self.floor.stop()
         self.ours.stop()
@@ -93,49 +108,85 @@ def throughput(run):
     size = 8 * MIB if run.quick else 64 * MIB
     up = _throughput(run, "3", f"upload of {size_name(size)}, 64 KiB each `sendData`", size, 0)
     down = _throughput(run, "4", f"download of {size_name(size)}, 64 KiB chunks", 0, size)
-    for number, name, (ours, floors) in (("5a", "up", up), ("5b", "down", down)):
-        result = paired(ours, floors)
-        run.add(
-            at_most(
-                number,
-                f"processor time of the daemon, {size_name(size)} {name}",
-                milliseconds(result.ours.median),
-                f"{milliseconds(result.peer.median)} both floors",
-                result.ratio,
-                1.25,
-            )
-        )
+    for number, name, times in (("5a", "up", up), ("5b", "down", down)):
+        measure = f"processor time of the daemon, {size_name(size)} {name}"
+        _processor_times(run, number, measure, times)
+
+
+class _Processor:
+    """Processor times of an exchange, of the floors one behind the other, and of both at once."""
+
+    def __init__(self):
+        self.ours, self.floors, self.at_once = [], [], []
 
 
 def _throughput(run, number, name, upload, answer):
-    """Returns the processor times: ours, and the floors' sums."""
+    """Returns the processor times."""
     size = max(upload, answer)
-    exchanges, transfers, calls, ours, floors = [], [], [], [], []
+    exchanges, transfers, calls, at_once = [], [], [], []
+    used = _Processor()
     with Trio(run, upload or KIB, answer or KIB) as trio:
         for _ in range(run.pairs):
             begin = processor_time(trio.daemon.pid)
             exchanges.append(trio.exchange())
-            ours.append(processor_time(trio.daemon.pid) - begin)
-            begin = processor_time(trio.post.pid)
+            used.ours.append(processor_time(trio.daemon.pid) - begin)
+            begin = trio.floors_processor_time()
             transfers.append(trio.transfer())
-            transfer = processor_time(trio.post.pid) - begin
-            begin = processor_time(trio.floor_daemon.pid)
             calls.append(trio.calls())
-            floors.append(transfer + processor_time(trio.floor_daemon.pid) - begin)
+            middle = trio.floors_processor_time()
+            used.floors.append(middle - begin)
+            at_once.append(trio.both_at_once())
+            used.at_once.append(trio.floors_processor_time() - middle)
     slower = [max(pair) for pair in zip(transfers, calls, strict=True)]
     result = paired(slower, exchanges)  # speeds are the other way round
+    ours = speed(result.peer.median, size)
     run.add(
         at_least(
             number,
             name,
-            speed(result.peer.median, size),
+            ours,
             f"{speed(Spread.of(calls).median, size)} `floor_daemon`, "
             f"{speed(Spread.of(transfers).median, size)} `floor_post`",
             result.ratio,
             0.90,
         )
     )
-    return ours, floors
+    together = paired(at_once, exchanges)
+    run.add(
+        Row(
+            f"{number}+",
+            name,
+            ours,
+            f"{speed(together.ours.median, size)} `floor_daemon` with `floor_post` beside it",
+            together.ratio,
+        )
+    )
+    return used
+
+
+def _processor_times(run, number, measure, used):
+    result = paired(used.ours, used.floors)
+    ours = milliseconds(result.ours.median)
+    run.add(
+        at_most(
+            number,
+            measure,
+            ours,
+            f"{milliseconds(result.peer.median)} both floors",
+            result.ratio,
+            1.25,
+        )
+    )
+    together = paired(used.ours, used.at_once)
+    run.add(
+        Row(
+            f"{number}+",
+            measure,
+            ours,
+            f"{milliseconds(together.peer.median)} both floors at once",
+            together.ratio,
+        )
+    )
 
 
 def fixed_parts(run):

@@ -4,7 +4,7 @@ import statistics
 
 from .pairs import Spread, paired
 from .processes import settle
-from .rows import KIB, MIB, at_most, microseconds, size_name
+from .rows import KIB, MIB, Row, at_most, microseconds, size_name
 
 
 def requests(run):
@@ -51,42 +51,103 @@ def _sizes(run, chunk, direction):
     256 MiB in pieces of 1 KiB takes half a minute: it runs once, and its sixteenths stand for 16 runs."""
     sizes = [MIB, 4 * MIB] if run.quick else [MIB, 16 * MIB, 256 * MIB]
     once = sizes[-1:] if chunk == KIB and not run.quick else []
+    often = [size for size in sizes if size not in once]
     times = {size: [] for size in sizes}
-    with run.workshop.stage() as stage:
+    below = {size: [] for size in often}
+    with run.workshop.stage() as stage, run.workshop.stage() as floor:
         stage.start(stage.orvexd_command())
         client = stage.client()
+        floors = _Floors(run, floor, chunk, direction)
         _exchange(run, client, chunk, direction, sizes[0])
         for _ in range(run.pairs):
             fixed = _exchange(run, client, chunk, direction, KIB)["done"]
-            for size in sizes:
-                if size not in once:
-                    done = _exchange(run, client, chunk, direction, size)["done"]
-                    times[size].append((done - fixed) / 1e9 / size)
+            for size in often:
+                done = _exchange(run, client, chunk, direction, size)["done"]
+                times[size].append((done - fixed) / 1e9 / size)
+        for _ in range(max(3, run.pairs // 3)):
+            fixed = floors.time(KIB)
+            for size in often:
+                below[size].append((floors.time(size) - fixed) / size)
         for size in once:
             found = _exchange(run, client, chunk, direction, size)
             marks = found["upload_marks" if direction == "up" else "answer_marks"]
             starts = [found["asked"], *marks]
             pieces = [end - start for start, end in zip(starts, marks, strict=False)]
             times[size] = [piece / 1e9 / (size / 16) for piece in pieces[: run.pairs]]
-    curve = {size: Spread.of(values) for size, values in times.items()}
-    run.series["sizes"][f"{direction}, {size_name(chunk)}"] = curve
-    dearest = max(curve, key=lambda size: curve[size].median)
-    cheapest = min(curve, key=lambda size: curve[size].median)
+    measure = f"time of a byte in one request, {direction}, pieces of {size_name(chunk)}"
+    run.series["sizes"][f"{direction}, {size_name(chunk)}"] = _curve(times)
+    dearest, cheapest, listed = _extremes(times)
     result = paired(times[dearest], times[cheapest])
-    listed = ", ".join(
-        f"{size_name(size)}: {spread.median * 1e9:.2f}" for size, spread in curve.items()
-    )
     run.add(
         at_most(
             "11",
-            f"time of a byte in one request, {direction}, pieces of {size_name(chunk)}; dearest size "
-            "beside the cheapest",
+            f"{measure}; dearest size beside the cheapest",
             f"{result.ours.median * 1e9:.2f} ns in {size_name(dearest)}",
             f"{result.peer.median * 1e9:.2f} ns in {size_name(cheapest)} ({listed})",
             result.ratio,
             1.2,
         )
     )
+    dearest, cheapest, listed = _extremes(below)
+    result = paired(below[dearest], below[cheapest])
+    run.add(
+        Row(
+            "11+",
+            f"{measure}, of `floor_post` and then `floor_daemon`",
+            f"{result.ours.median * 1e9:.2f} ns in {size_name(dearest)}",
+            f"{result.peer.median * 1e9:.2f} ns in {size_name(cheapest)} ({listed})",
+            result.ratio,
+        )
+    )
+
+
+def _curve(times):
+    return {size: Spread.of(values) for size, values in times.items()}
+
+
+def _extremes(times):
+    """The dearest and the cheapest size, and a list of all."""
+    curve = _curve(times)
+    listed = ", ".join(
+        f"{size_name(size)}: {spread.median * 1e9:.2f}" for size, spread in curve.items()
+    )
+    return (
+        max(curve, key=lambda size: curve[size].median),
+        min(curve, key=lambda size: curve[size].median),
+        listed,
+    )
+
+
+class _Floors:
+    """One transfer and, behind it, the calls of an exchange of any size."""
+
+    def __init__(self, run, stage, chunk, direction):
+        self._server, self._stage = run.workshop.server, stage
+        self._chunk, self._up = chunk, direction == "up"
+        self._post = stage.floor_post()
+        self._daemon = self._client = None
+        self._answer = None
+
+    def time(self, size):
+        """Seconds."""
+        upload, answer = (size, KIB) if self._up else (KIB, size)
+        self._answer_with(answer)
+        settle()
+        transfer = self._post.post(upload)[0]
+        settle()
+        calls = self._client.exchange(
+            upload, answer, piece=self._chunk, chunk=self._chunk, late=True
+        )
+        return transfer + calls["done"] / 1e9
+
+    def _answer_with(self, answer):
+        self._server.answer(answer)
+        if answer != self._answer:
+            if self._daemon:
+                self._stage.end(self._client, self._daemon)
+            self._daemon = self._stage.start(self._stage.floor_command(answer))
+            self._client = self._stage.client()
+            self._answer = answer
 
 
 def _exchange(run, client, chunk, direction, size):

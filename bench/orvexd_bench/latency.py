@@ -10,7 +10,7 @@ INTERVAL = 1000  # microseconds from one call to the next
 
 
 def other_clients(run):
-    """Row 16, and beside it the same with a daemon that answers from memory."""
+    """Row 16, and beside it the same with both floors."""
     size = 32 * MIB if run.quick else 256 * MIB
     run.series["latency"] = {}
     for direction in ("up", "down"):
@@ -26,13 +26,15 @@ def _during(run, size, direction):
         ours.start(ours.orvexd_command())
         floor.start(floor.floor_command(answer))
         client, other = ours.client(), ours.client()
-        floor_client, floor_other = floor.client(), floor.client()
+        floor_client, floor_other, post = floor.client(), floor.client(), floor.floor_post()
         length = client.exchange(upload, answer)["done"] / 1e9
         for _ in range(run.pairs):
             settle()
             calm = _probe(other, 0.3)
             rough = _probe_during(client, other, upload, answer, length, late=False)
-            below = _probe_during(floor_client, floor_other, upload, answer, length, late=True)
+            below = _probe_during(
+                floor_client, floor_other, upload, answer, length, late=True, post=post
+            )
             idle.append(percentile(calm, 99))
             busy.append(percentile(rough, 99))
             floor_busy.append(percentile(below, 99))
@@ -58,7 +60,7 @@ def _during(run, size, direction):
             "16+",
             measure,
             microseconds(result.ours.median),
-            f"{microseconds(Spread.of(floor_busy).median)} `floor_daemon` under the same calls",
+            f"{microseconds(Spread.of(floor_busy).median)} both floors under the same calls",
             result.ratio,
         )
     )
@@ -69,11 +71,15 @@ def _probe(client, seconds):
     return [time_ / 1e9 for time_ in client.command("probe", int(seconds * 1000), INTERVAL)]
 
 
-def _probe_during(client, other, upload, answer, length, late):
+def _probe_during(client, other, upload, answer, length, late, post=None):
     """Probes within the first four fifths of a transfer, without its first hundredth second."""
     client.tell("exchange", upload, 65536, 0, 65536, answer, int(late))
+    if post:
+        post.tell(upload, 1, 0)
     time.sleep(0.01)
     times = _probe(other, 0.8 * length)
     client.line()
+    if post:
+        post.line()
     settle()
     return times

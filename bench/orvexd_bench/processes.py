@@ -219,6 +219,11 @@ class Stage:
         self._children.append(client)
         return client
 
+    def end(self, *children):
+        for child in children:
+            self._children.remove(child)
+            child.stop()
+
     def floor_post(self):
         post = FloorPost(self)
         self._children.append(post)
