@@ -225,3 +225,15 @@ def pytest_report_header():
     """Tells which programs are tested."""
     missing = [name for name in ("dbus-daemon", "openssl", "setpriv") if not shutil.which(name)]
     return [f"daemon: {DAEMON}"] + [f"missing: {name}" for name in missing]
+
+
+@pytest.fixture(name="platform_for_server")
+def make_platform_for_server(tmp_path, request):
+    """Connected if the test has a server; nothing is connected where it has none."""
+    platform = Platform(tmp_path / "platform.conf")
+    platform.connections = []
+    if "server" in request.fixturenames:
+        platform.connections = [(1, True, False)]
+        platform.proxy = ("127.0.0.1", request.getfixturevalue("server").port)
+    platform.write()
+    return platform

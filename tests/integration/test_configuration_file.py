@@ -6,7 +6,7 @@ import signal
 import pytest
 from gi.repository import GLib
 
-from harness import observe
+from harness import observe, wire
 from harness.raw_client import is_error, values
 from harness.platform_file import Platform
 from harness.settings import BUS_NAME, ROOT
@@ -210,15 +210,7 @@ def test_values_of_the_file_do_not_change_the_request(make_daemon, schema, clien
 
     slp = server.wait(1)["slp"]
     assert slp["namespace"] == "http://slp.kelvra.example/slp/2.0"
-    assert slp["terminal"] == {
-        "type": "terminal",
-        "platform": "linux-test",
-        "swId": "oem.ubuntu",
-        "swVersion": "3.0.1415",
-        "imsi": "262011234567890",
-        "imei": "490154203237518",
-        "fwId": "fw-1.0",
-    }
+    assert slp["terminal"] == wire.TERMINAL
 
 
 def test_time_outs_of_the_file_take_no_effect(make_daemon, schema, client_of, server):

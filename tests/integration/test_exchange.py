@@ -3,6 +3,7 @@
 import hashlib
 import xml.etree.ElementTree as ElementTree
 
+from harness import wire
 from harness.client import PART_COMPLETE, RESPONSE_COMPLETE, Client
 from harness.keys import fill_preinst, make_keys
 from harness.request import Request
@@ -40,15 +41,7 @@ def test_request_document_describes_the_terminal(client, server):
 
     slp = server.wait(1)["slp"]
     assert slp["namespace"] == "http://slp.kelvra.example/slp/2.0"
-    assert slp["terminal"] == {
-        "type": "terminal",
-        "platform": "linux-test",
-        "swId": "oem.ubuntu",
-        "swVersion": "3.0.1415",
-        "imsi": "262011234567890",
-        "imei": "490154203237518",
-        "fwId": "fw-1.0",
-    }
+    assert slp["terminal"] == wire.TERMINAL
     assert slp["requests"] == [
         {
             "element": "fingerprintRequest",

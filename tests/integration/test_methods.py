@@ -5,7 +5,6 @@ from gi.repository import GLib
 
 from harness import observe
 from harness.client import BusError
-from harness.platform_file import Platform
 from harness.raw_client import is_error, values
 
 ERROR = "com.kelvra.orvexd.Error"
@@ -97,15 +96,9 @@ def signature(body):
 
 
 @pytest.fixture(name="platform")
-def platform_without_server(tmp_path, request):
+def platform_without_server(platform_for_server):
     """Without a server nothing is connected either: no request of these tests leaves the daemon."""
-    platform = Platform(tmp_path / "platform.conf")
-    platform.connections = []
-    if "server" in request.fixturenames:
-        platform.connections = [(1, True, False)]
-        platform.proxy = ("127.0.0.1", request.getfixturevalue("server").port)
-    platform.write()
-    return platform
+    return platform_for_server
 
 
 def assert_error(message, code):

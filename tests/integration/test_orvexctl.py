@@ -12,6 +12,7 @@ import time
 import pytest
 from gi.repository import Gio, GLib
 
+from harness.bus_connection import connect
 from harness.client import BusError
 from harness.settings import BUILD_DIR, BUS_NAME, EXAMPLES, OBJECT_PATH, ROOT, patience
 from harness.waiting import wait_for
@@ -179,12 +180,7 @@ class StandIn:
     """Owns the daemon's name and answers every call in one way: for codes the daemon rarely sends."""
 
     def __init__(self, address):
-        flags = (
-            Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
-            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
-        )
-        self.bus = Gio.DBusConnection.new_for_address_sync(address, flags, None, None)
-        self.bus.set_exit_on_close(False)
+        self.bus = connect(address)
         description = Gio.DBusNodeInfo.new_for_xml(INTERFACE.read_text("utf-8"))
         self.answers = {}
         self.called = []

@@ -7,7 +7,6 @@ import pytest
 from gi.repository import GLib
 
 from harness import observe
-from harness.platform_file import Platform
 from harness.raw_client import is_error, values
 from harness.settings import BUS_NAME, patience
 
@@ -20,15 +19,9 @@ DELAY = 60_000  # ms
 
 
 @pytest.fixture(name="platform")
-def platform_without_server(tmp_path, request):
+def platform_without_server(platform_for_server):
     """Without a server there is no connection either, and prepared requests fail at once."""
-    platform = Platform(tmp_path / "platform.conf")
-    platform.connections = []
-    if "server" in request.fixturenames:
-        platform.connections = [(1, True, False)]
-        platform.proxy = ("127.0.0.1", request.getfixturevalue("server").port)
-    platform.write()
-    return platform
+    return platform_for_server
 
 
 @pytest.fixture(name="ending")

@@ -291,37 +291,38 @@ def test_part_that_was_not_sent_is_missed(ask, client):
     expect_no_error(client)
 
 
-def test_request_without_answer_fails_the_others_too(make_client, platform, server):
+@pytest.fixture(name="two")
+def two_requests_of_which_one_is_answered(make_client, platform, server):
+    """The lucky one and the unlucky one, each of a client of its own."""
     platform.write(connections=[(2, True, False)])
     first, second = make_client(), make_client()
     first.wait_for_status(1)
     server.queue(answer(start_part(("1", "a")) + "\r\n", part("a", "data") + CLOSING))
     unlucky = Request(second, attached=True, kind="other")
-    lucky = Request(first, kind="other")
+    return Request(first, kind="other"), unlucky
+
+
+def test_request_without_answer_fails_the_others_too(two):
+    lucky, unlucky = two
     for request in (lucky, unlucky):
         request.give(b"question")
 
     # The keys stand in the order of the transfer.
     arguments = (*MISSING, f"{lucky.key} {unlucky.key}")
-    assert first.wait_for_signal("errorSignal") == arguments
-    assert second.wait_for_signal("errorSignal") == arguments
-    expect_no_error(first)
+    assert lucky.client.wait_for_signal("errorSignal") == arguments
+    assert unlucky.client.wait_for_signal("errorSignal") == arguments
+    expect_no_error(lucky.client)
 
 
-def test_delivered_request_is_not_named_when_another_fails(make_client, platform, server):
-    platform.write(connections=[(2, True, False)])
-    first, second = make_client(), make_client()
-    first.wait_for_status(1)
-    server.queue(answer(start_part(("1", "a")) + "\r\n", part("a", "data") + CLOSING))
-    unlucky = Request(second, attached=True, kind="other")
-    lucky = Request(first, kind="other")
+def test_delivered_request_is_not_named_when_another_fails(two):
+    lucky, unlucky = two
     pending = lucky.ask()
     for request in (lucky, unlucky):
         request.give(b"question")
 
     assert pending.wait() == (b"data", RESPONSE_COMPLETE)
-    assert first.wait_for_signal("errorSignal") == (*MISSING, unlucky.key)
-    expect_no_error(first)
+    assert lucky.client.wait_for_signal("errorSignal") == (*MISSING, unlucky.key)
+    expect_no_error(lucky.client)
 
 
 def test_repeated_part_is_added_while_the_first_is_not_delivered(client, server):

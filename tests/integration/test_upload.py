@@ -444,13 +444,19 @@ def test_answer_that_comes_early_is_delivered_while_the_upload_goes_on(client, s
     assert request.ask_error() == 41, "the end of the exchange has swept it"
 
 
-def test_request_behind_an_early_answer_is_still_asked_for_its_data(client, platform, server):
+@pytest.fixture(name="early")
+def two_requests_that_are_answered_early(client, platform, server):
+    """The first is being asked for its data."""
     platform.write(connections=[(2, True, False)])
     client.wait_for_status(1)
     parts = [{"id": "answer-1", "body": "one"}, {"id": "answer-2", "body": "two"}]
     server.queue({**EARLY, "answer": {"multipart": {"parts": parts}, "pack": 16000}})
     later = Request(client, attached=True, kind="other")
-    first = Request(client, kind="other").wait_until_asked()
+    return Request(client, kind="other").wait_until_asked(), later
+
+
+def test_request_behind_an_early_answer_is_still_asked_for_its_data(early, client, server):
+    first, later = early
     answers = first.ask(), later.ask()
     assert keep_sending(first, answers[0]) == (b"one", RESPONSE_COMPLETE)
     assert keep_sending(first, answers[1]) == (b"two", RESPONSE_COMPLETE)
@@ -462,13 +468,8 @@ def test_request_behind_an_early_answer_is_still_asked_for_its_data(client, plat
     assert [each.ask_error() for each in (first, later)] == [41, 41]
 
 
-def test_early_answer_that_is_fetched_late_has_not_lost_its_code(client, platform, server):
-    platform.write(connections=[(2, True, False)])
-    client.wait_for_status(1)
-    parts = [{"id": "answer-1", "body": "one"}, {"id": "answer-2", "body": "two"}]
-    server.queue({**EARLY, "answer": {"multipart": {"parts": parts}, "pack": 16000}})
-    later = Request(client, attached=True, kind="other")
-    first = Request(client, kind="other").wait_until_asked()
+def test_early_answer_that_is_fetched_late_has_not_lost_its_code(early, client, server):
+    first, later = early
     # The second part has come, so the first one has as well.
     assert keep_sending(first, later.ask()) == (b"two", RESPONSE_COMPLETE)
     assert first.send(b"end") == 0

@@ -5,6 +5,7 @@ import re
 
 from gi.repository import Gio, GLib
 
+from .bus_connection import connect
 from .settings import BUS_NAME, OBJECT_PATH, patience
 from .waiting import dispatch_pending, wait_for
 
@@ -53,12 +54,7 @@ class Client:
     """One bus connection. Every signal of the daemon's interface is collected in `signals`."""
 
     def __init__(self, address):
-        flags = (
-            Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
-            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
-        )
-        self.bus = Gio.DBusConnection.new_for_address_sync(address, flags, None, None)
-        self.bus.set_exit_on_close(False)
+        self.bus = connect(address)
         self.signals = []
         self._subscription = self.bus.signal_subscribe(
             BUS_NAME,

@@ -5,6 +5,7 @@ import os
 from gi.repository import Gio, GLib
 
 from . import waiting
+from .bus_connection import connect
 from .process import Process
 from .settings import BUS_NAME, DAEMON, OBJECT_PATH, ROOT
 
@@ -180,11 +181,7 @@ class NameWatch:
     """Who owns the daemon's name, on a bus connection of its own."""
 
     def __init__(self, address):
-        flags = (
-            Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
-            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
-        )
-        self._connection = Gio.DBusConnection.new_for_address_sync(address, flags, None, None)
+        self._connection = connect(address)
         self.owner = None
         self._id = Gio.bus_watch_name_on_connection(
             self._connection,

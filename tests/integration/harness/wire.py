@@ -6,10 +6,16 @@ LIMIT = 64500  # bytes of a message taken at a time: libcurl's buffer less a res
 CAPACITY = 65524  # libcurl's buffer
 BOUNDARY_SIZE = 70
 NAMESPACE = "http://slp.kelvra.example/slp/2.0"
-IDENTITY = (
-    'type="terminal" platform="linux-test" swId="oem.ubuntu" swVersion="3.0.1415"'
-    ' imsi="262011234567890" imei="490154203237518" fwId="fw-1.0"'
-)
+TERMINAL = {
+    "type": "terminal",
+    "platform": "linux-test",
+    "swId": "oem.ubuntu",
+    "swVersion": "3.0.1415",
+    "imsi": "262011234567890",
+    "imei": "490154203237518",
+    "fwId": "fw-1.0",
+}
+IDENTITY = " ".join(f'{name}="{value}"' for name, value in TERMINAL.items())
 
 
 def normalized(piece):
