@@ -3,6 +3,7 @@
 #include "config/ConfHandler.h"
 #include "dbus/BusLink.h"
 #include "dbus/BusNames.h"
+#include "support/ThreadSanitizer.h"
 
 #include <array>
 #include <cerrno>
@@ -72,7 +73,10 @@ bool DbusService::setUpBus() {
 bool DbusService::connectToBus() {
     if (BusLink::connection() == nullptr) {
         BusError error;
-        BusLink::open(BusConnection(dbus_bus_get(DBUS_BUS_SYSTEM, error.get())));
+        {
+            const tsan::LibraryFrame frame(dbus_bus_get);
+            BusLink::open(BusConnection(dbus_bus_get(DBUS_BUS_SYSTEM, error.get())));
+        }
         if (error.isSet()) {
             diagnostic_ = "error: dbus_bus_get error ( Name: " + describe(error);
         }

@@ -13,6 +13,10 @@
 
 #ifdef ORVEXD_THREAD_SANITIZER
 #include <sanitizer/tsan_interface.h>
+
+// What the compiler calls at the begin and the end of each function.
+extern "C" void __tsan_func_entry(void* caller);
+extern "C" void __tsan_func_exit();
 #endif
 
 namespace orvexd::tsan {
@@ -45,6 +49,23 @@ inline void acquire(void* record) noexcept {
     __tsan_acquire(record);
 }
 
+/// While it lives, the sanitizer's stacks show `function`. What runs within a library has no frames
+/// otherwise, so that a suppression could only name the function of ours that calls it, with all
+/// else that this one does.
+class LibraryFrame {
+public:
+    template <typename Function>
+    [[gnu::no_sanitize_thread]] explicit LibraryFrame(Function* function) noexcept {
+        // Return addresses make up the stack: the sanitizer looks at what stands before them.
+        __tsan_func_entry(reinterpret_cast<char*>(function) + 1);
+    }
+    [[gnu::no_sanitize_thread]] ~LibraryFrame() { __tsan_func_exit(); }
+    LibraryFrame(const LibraryFrame&) = delete;
+    LibraryFrame& operator=(const LibraryFrame&) = delete;
+    LibraryFrame(LibraryFrame&&) = delete;
+    LibraryFrame& operator=(LibraryFrame&&) = delete;
+};
+
 #else
 
 inline void mutexCreated(void*) noexcept {}
@@ -55,6 +76,10 @@ inline void beforeUnlock(void*) noexcept {}
 inline void afterUnlock(void*) noexcept {}
 inline void release(void*) noexcept {}
 inline void acquire(void*) noexcept {}
+class [[maybe_unused]] LibraryFrame {
+public:
+    template <typename Function> explicit LibraryFrame(Function* /*function*/) noexcept {}
+};
 
 #endif
 

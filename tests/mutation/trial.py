@@ -18,8 +18,9 @@ from workspace import Build, BuildFailed, Changed, Workspace
 _SUITE = re.compile(r"^TEST(?:_F|_P)?\(\s*(\w+)", re.MULTILINE)
 # Annotations and locks that only the thread sanitizer can miss.
 _SANITIZED_FILES = ("src/support/ThreadSanitizer.h", "src/support/Locks.h")
-_CANARIES = ["unlocked", "one-lock-missing", "one-recursive-lock-missing"]
-_QUIET_CANARIES = ["locked", "recursively-locked", "condition", "posted"]
+_CANARIES = ["unlocked", "one-lock-missing", "one-recursive-lock-missing", "locks-in-both-orders"]
+_QUIET_CANARIES = ["locked", "recursively-locked", "condition", "posted",
+                   "locks-in-both-orders-by-a-suppressed-function"]
 _SANITIZER_STATUS = 66
 _MEMORY = 3 * 1024**3
 # Many tests wait for timers, so that a processor has time for some more of them.

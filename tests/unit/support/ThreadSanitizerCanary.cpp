@@ -1,12 +1,15 @@
 // Shows that the thread sanitizer, with the suppressions that the tests run under, still reports a
-// race on a GLib thread, and that locks and posts as the daemon uses them are no races to it. The
-// first argument selects the case; the sanitizer makes the exit status 66 when it has reported.
+// race on a GLib thread and an inversion of locks, and that locks and posts as the daemon uses them
+// are no races to it. The first argument selects the case; the sanitizer makes the exit status 66
+// when it has reported.
 
 #include "support/Locks.h"
 #include "support/MainLoopRecord.h"
+#include "support/ThreadSanitizer.h"
 #include "support/WorkerThread.h"
 
 #include <chrono>
+#include <dbus/dbus.h>
 #include <glib.h>
 #include <iostream>
 #include <memory>
@@ -18,6 +21,7 @@ using namespace orvexd;
 
 struct Shared {
     Mutex mutex;
+    Mutex otherMutex;
     Condition condition;
     RecursiveMutex recursiveMutex;
     bool ready = false;
@@ -98,6 +102,16 @@ void iterateUntilReady(Shared& shared) {
     }
 }
 
+void lockInOneOrder(Shared& shared) {
+    const Lock first(shared.mutex);
+    const Lock second(shared.otherMutex);
+}
+
+void lockInTheOtherOrder(Shared& shared) {
+    const Lock first(shared.otherMutex);
+    const Lock second(shared.mutex);
+}
+
 bool run(std::string_view name) {
     Shared shared;
     if (name == "unlocked") {
@@ -108,6 +122,20 @@ bool run(std::string_view name) {
     }
     if (name == "one-recursive-lock-missing") {
         return runBeside(shared, countRecursivelyLocked, [](Shared& here) { ++here.field; });
+    }
+    if (name == "locks-in-both-orders") {
+        const tsan::LibraryFrame frame(dbus_connection_close); // no suppression names it
+        lockInOneOrder(shared);
+        lockInTheOtherOrder(shared);
+        return true;
+    }
+    if (name == "locks-in-both-orders-by-a-suppressed-function") {
+        {
+            const tsan::LibraryFrame frame(dbus_bus_get);
+            lockInOneOrder(shared);
+        }
+        lockInTheOtherOrder(shared);
+        return true;
     }
     if (name == "locked") {
         return runBeside(shared, countLocked, [](Shared& here) { (void)countLocked(&here); });
