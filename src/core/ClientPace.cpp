@@ -15,9 +15,9 @@ void ClientPace::taken(std::size_t bytes) noexcept {
     }
 }
 
-void ClientPace::rest() noexcept {
+ClientPace::Rest ClientPace::rest() noexcept {
     if (waiting_ < highWater() || storedSinceRest_ < highWater() - lowWater()) {
-        return;
+        return Rest::NotNeeded;
     }
     storedSinceRest_ = 0;
     const gint64 deadline = g_get_monotonic_time() + longestRest_.count();
@@ -28,6 +28,7 @@ void ClientPace::rest() noexcept {
         inTime = drained_.waitUntil(mutex_, deadline);
     }
     resting_ = false;
+    return inTime ? Rest::ClientFetched : Rest::TimeIsUp;
 }
 
 } // namespace orvexd

@@ -22,6 +22,9 @@ namespace orvexd {
 /// time-out as they were.
 class ClientPace {
 public:
+    /// Whether there was a rest, and what ended it.
+    enum class Rest { NotNeeded, ClientFetched, TimeIsUp };
+
     /// High water for chunks of up to half of it, bytes.
     static constexpr std::size_t kLeastHighWater = std::size_t{1024} * 1024;
 
@@ -43,7 +46,11 @@ public:
     void taken(std::size_t bytes) noexcept;
 
     /// Rests if the client is far behind. Worker, without the request's lock.
-    void rest() noexcept;
+    Rest rest() noexcept;
+
+    /// Bytes that are stored and not yet fetched.
+    std::size_t waiting() const noexcept { return waiting_; }
+    bool isResting() const noexcept { return resting_; }
 
 private:
     const std::size_t highWater_;

@@ -155,7 +155,7 @@ bool RequestData::hasOutstandingPartIds() const {
 
 void RequestData::addResponseData(std::string_view bytes, bool partComplete) {
     storeResponseData(bytes, partComplete);
-    pace_.rest();
+    (void)pace_.rest(); // what ended it makes no difference
 }
 
 void RequestData::storeResponseData(std::string_view bytes, bool partComplete) {

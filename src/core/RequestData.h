@@ -118,8 +118,12 @@ public:
     // -- response data ------------------------------------------------------------------------
 
     /// Stores a piece of the current response part and hands out a chunk if the client waits.
+    /// Rests afterwards, without the lock, when the client is far behind.
     /// @param partComplete the piece ends the part; one CR LF at the part's end is not data.
     void addResponseData(std::string_view bytes, bool partComplete);
+
+    /// How far the answer is ahead of the client.
+    const ClientPace& pace() const noexcept { return pace_; }
 
     /// Hands one chunk to the owner if the client waits for one; the only way out for response
     /// bytes. @return false when nothing can be handed out.

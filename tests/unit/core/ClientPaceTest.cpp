@@ -2,31 +2,83 @@
 
 #include "fakes/Gate.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
+#include <ostream>
 #include <thread>
 
-namespace orvexd::test {
+namespace orvexd {
+
+static std::ostream& operator<<(std::ostream& out, ClientPace::Rest rest) {
+    return out << static_cast<int>(rest);
+}
+
+namespace test {
 namespace {
 
-constexpr std::size_t kChunk = 65536;
-constexpr std::chrono::milliseconds kShort(300);
+using Rest = ClientPace::Rest;
 
-/// How long the worker rests.
-std::chrono::microseconds restOf(ClientPace& pace) {
-    const gint64 begin = g_get_monotonic_time();
-    pace.rest();
-    return std::chrono::microseconds(g_get_monotonic_time() - begin);
-}
+constexpr std::size_t kChunk = 65536;
+constexpr std::chrono::milliseconds kShort(20);
+
+/// A client's thread beside the test's own, which is the worker.
+class Client {
+public:
+    explicit Client(ClientPace& pace) : pace_(pace) {}
+
+    /// Fetches as much in each of so many rests, unless the worker has ended before.
+    void fetchWhileTheWorkerRests(std::size_t bytes, int rests = 1) {
+        thread_ = std::thread([this, bytes, rests] {
+            for (int i = 0; i < rests && awaitRest(); ++i) {
+                pace_.taken(bytes);
+            }
+        });
+    }
+
+    void end() {
+        workerHasEnded_ = true;
+        thread_.join();
+    }
+
+private:
+    bool awaitRest() {
+        // In this order: what is stored next is stored after the end of the rest before.
+        while (pace_.waiting() < pace_.highWater() || !pace_.isResting()) {
+            if (workerHasEnded_) {
+                return false;
+            }
+            std::this_thread::yield();
+        }
+        return true;
+    }
+
+    ClientPace& pace_;
+    std::atomic<bool> workerHasEnded_ = false;
+    std::thread thread_;
+};
 
 TEST(ClientPace, LetsTwoChunksBeStoredAndAMebibyteAtLeast) {
     EXPECT_EQ(ClientPace(1).highWater(), std::size_t{1024} * 1024);
     EXPECT_EQ(ClientPace(std::size_t{4} * 1024 * 1024).highWater(), std::size_t{8} * 1024 * 1024);
 }
 
+TEST(ClientPace, LowWaterIsHalfTheHighWater) {
+    EXPECT_EQ(ClientPace(1).lowWater(), std::size_t{512} * 1024);
+}
+
+TEST(ClientPace, CountsWhatIsStoredAndNotTaken) {
+    ClientPace pace(kChunk);
+    EXPECT_EQ(pace.waiting(), 0U);
+    pace.stored(100);
+    pace.stored(10);
+    pace.taken(3);
+    EXPECT_EQ(pace.waiting(), 107U);
+}
+
 TEST(ClientPace, DoesNotRestBelowTheHighWater) {
     ClientPace pace(kChunk, kPatience);
     pace.stored(pace.highWater() - 1);
-    EXPECT_LT(restOf(pace), kPatience);
+    EXPECT_EQ(pace.rest(), Rest::NotNeeded);
 }
 
 TEST(ClientPace, DoesNotRestForWhatHasBeenFetched) {
@@ -34,43 +86,74 @@ TEST(ClientPace, DoesNotRestForWhatHasBeenFetched) {
     for (int i = 0; i < 100; ++i) {
         pace.stored(kChunk);
         pace.taken(kChunk);
-        EXPECT_LT(restOf(pace), kPatience);
+        EXPECT_EQ(pace.rest(), Rest::NotNeeded);
     }
 }
 
 TEST(ClientPace, RestsAtTheHighWaterButNotForLong) {
     ClientPace pace(kChunk, kShort);
     pace.stored(pace.highWater());
-    EXPECT_GE(restOf(pace), kShort);
+    const gint64 begin = g_get_monotonic_time();
+    EXPECT_EQ(pace.rest(), Rest::TimeIsUp);
+    EXPECT_GE(std::chrono::microseconds(g_get_monotonic_time() - begin), kShort);
+    EXPECT_FALSE(pace.isResting());
+}
+
+TEST(ClientPace, RestsForTenMillisecondsUnlessTold) {
+    ClientPace pace(kChunk);
+    pace.stored(pace.highWater());
+    const gint64 begin = g_get_monotonic_time();
+    EXPECT_EQ(pace.rest(), Rest::TimeIsUp);
+    EXPECT_GE(g_get_monotonic_time() - begin, 10'000);
 }
 
 TEST(ClientPace, RestsAgainOnlyHalfTheHighWaterLater) {
     ClientPace pace(kChunk, kShort);
     pace.stored(pace.highWater());
-    pace.rest();
-    EXPECT_LT(restOf(pace), kShort);
+    EXPECT_EQ(pace.rest(), Rest::TimeIsUp);
+    EXPECT_EQ(pace.rest(), Rest::NotNeeded);
     pace.stored(pace.lowWater() - 1);
-    EXPECT_LT(restOf(pace), kShort);
+    EXPECT_EQ(pace.rest(), Rest::NotNeeded);
     pace.stored(1);
-    EXPECT_GE(restOf(pace), kShort);
+    EXPECT_EQ(pace.rest(), Rest::TimeIsUp);
 }
 
 TEST(ClientPace, GoesOnOnceTheClientHasFetchedDownToTheLowWater) {
     ClientPace pace(kChunk, kPatience);
     pace.stored(pace.highWater());
-    std::thread client([&pace] { pace.taken(pace.highWater() - pace.lowWater()); });
-    EXPECT_LT(restOf(pace), kPatience);
-    client.join();
+    Client client(pace);
+    client.fetchWhileTheWorkerRests(pace.highWater() - pace.lowWater());
+    EXPECT_EQ(pace.rest(), Rest::ClientFetched);
+    EXPECT_FALSE(pace.isResting());
+    client.end();
 }
 
 TEST(ClientPace, RestsOnWhileTheClientHasFetchedLess) {
     ClientPace pace(kChunk, kShort);
     pace.stored(pace.highWater());
-    std::thread client([&pace] { pace.taken(pace.highWater() - pace.lowWater() - 1); });
-    const auto rest = restOf(pace);
-    client.join();
-    EXPECT_GE(rest, kShort);
+    Client client(pace);
+    client.fetchWhileTheWorkerRests(pace.highWater() - pace.lowWater() - 1);
+    EXPECT_EQ(pace.rest(), Rest::TimeIsUp);
+    client.end();
+}
+
+// Without the mutex, a client that fetches between the worker's look and its wait wakes nobody up.
+TEST(ClientPace, EveryRestEndsWhenTheClientFetches) {
+    constexpr int kRests = 5000;
+    ClientPace pace(kChunk, kPatience);
+    const std::size_t span = pace.highWater() - pace.lowWater();
+    pace.stored(pace.lowWater());
+    Client client(pace);
+    client.fetchWhileTheWorkerRests(span, kRests);
+    Rest last = Rest::ClientFetched;
+    for (int i = 0; i < kRests && last == Rest::ClientFetched; ++i) {
+        pace.stored(span);
+        last = pace.rest();
+    }
+    EXPECT_EQ(last, Rest::ClientFetched);
+    client.end();
 }
 
 } // namespace
-} // namespace orvexd::test
+} // namespace test
+} // namespace orvexd
