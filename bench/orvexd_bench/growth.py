@@ -47,74 +47,68 @@ def sizes(run):
 
 
 def _sizes(run, chunk, direction):
-    """Time of a byte in requests of growing size, beyond what an exchange of 1 KiB takes. A request of
-    256 MiB in pieces of 1 KiB takes half a minute: it runs once, and its sixteenths stand for 16 runs."""
+    """Time of a byte in requests of growing size, beyond what an exchange of 1 KiB takes."""
     sizes = [MIB, 4 * MIB] if run.quick else [MIB, 16 * MIB, 256 * MIB]
     once = sizes[-1:] if chunk == KIB and not run.quick else []
     often = [size for size in sizes if size not in once]
-    times = {size: [] for size in sizes}
-    below = {size: [] for size in often}
     with run.workshop.stage() as stage, run.workshop.stage() as floor:
         stage.start(stage.orvexd_command())
         client = stage.client()
-        floors = _Floors(run, floor, chunk, direction)
         _exchange(run, client, chunk, direction, sizes[0])
-        for _ in range(run.pairs):
-            fixed = _exchange(run, client, chunk, direction, KIB)["done"]
-            for size in often:
-                done = _exchange(run, client, chunk, direction, size)["done"]
-                times[size].append((done - fixed) / 1e9 / size)
-        for _ in range(max(3, run.pairs // 3)):
-            fixed = floors.time(KIB)
-            for size in often:
-                below[size].append((floors.time(size) - fixed) / size)
+        times = _times_of_a_byte(
+            lambda size: _exchange(run, client, chunk, direction, size)["done"] / 1e9,
+            often,
+            run.pairs,
+        )
         for size in once:
             found = _exchange(run, client, chunk, direction, size)
-            marks = found["upload_marks" if direction == "up" else "answer_marks"]
-            starts = [found["asked"], *marks]
-            pieces = [end - start for start, end in zip(starts, marks, strict=False)]
-            times[size] = [piece / 1e9 / (size / 16) for piece in pieces[: run.pairs]]
+            times[size] = _sixteenths(found, direction, size)[: run.pairs]
+        floors = _Floors(run, floor, chunk, direction)
+        below = _times_of_a_byte(floors.time, often, max(3, run.pairs // 3))
     measure = f"time of a byte in one request, {direction}, pieces of {size_name(chunk)}"
     run.series["sizes"][f"{direction}, {size_name(chunk)}"] = _curve(times)
-    dearest, cheapest, listed = _extremes(times)
-    result = paired(times[dearest], times[cheapest])
-    run.add(
-        at_most(
-            "11",
-            f"{measure}; dearest size beside the cheapest",
-            f"{result.ours.median * 1e9:.2f} ns in {size_name(dearest)}",
-            f"{result.peer.median * 1e9:.2f} ns in {size_name(cheapest)} ({listed})",
-            result.ratio,
-            1.2,
-        )
-    )
-    dearest, cheapest, listed = _extremes(below)
-    result = paired(below[dearest], below[cheapest])
-    run.add(
-        Row(
-            "11+",
-            f"{measure}, of `floor_post` and then `floor_daemon`",
-            f"{result.ours.median * 1e9:.2f} ns in {size_name(dearest)}",
-            f"{result.peer.median * 1e9:.2f} ns in {size_name(cheapest)} ({listed})",
-            result.ratio,
-        )
-    )
+    whole = f"{measure}; dearest size beside the cheapest"
+    run.add(at_most("11", whole, *_dearest_beside_cheapest(times), 1.2))
+    floors_alone = f"{measure}, of `floor_post` and then `floor_daemon`"
+    run.add(Row("11+", floors_alone, *_dearest_beside_cheapest(below)))
+
+
+def _times_of_a_byte(exchange, sizes, rounds):
+    """Seconds, by size, each `rounds` times."""
+    times = {size: [] for size in sizes}
+    for _ in range(rounds):
+        fixed = exchange(KIB)
+        for size in sizes:
+            times[size].append((exchange(size) - fixed) / size)
+    return times
+
+
+def _sixteenths(found, direction, size):
+    """A request of 256 MiB in pieces of 1 KiB takes half a minute: it runs once, and its sixteenths
+    stand for 16 runs."""
+    marks = found["upload_marks" if direction == "up" else "answer_marks"]
+    starts = [found["asked"], *marks]
+    pieces = [end - start for start, end in zip(starts, marks, strict=False)]
+    return [piece / 1e9 / (size / 16) for piece in pieces]
 
 
 def _curve(times):
     return {size: Spread.of(values) for size, values in times.items()}
 
 
-def _extremes(times):
-    """The dearest and the cheapest size, and a list of all."""
+def _dearest_beside_cheapest(times):
+    """The columns of a row: the dearest size, the cheapest one and a list of all, the ratio."""
     curve = _curve(times)
     listed = ", ".join(
         f"{size_name(size)}: {spread.median * 1e9:.2f}" for size, spread in curve.items()
     )
+    dearest = max(curve, key=lambda size: curve[size].median)
+    cheapest = min(curve, key=lambda size: curve[size].median)
+    result = paired(times[dearest], times[cheapest])
     return (
-        max(curve, key=lambda size: curve[size].median),
-        min(curve, key=lambda size: curve[size].median),
-        listed,
+        f"{result.ours.median * 1e9:.2f} ns in {size_name(dearest)}",
+        f"{result.peer.median * 1e9:.2f} ns in {size_name(cheapest)} ({listed})",
+        result.ratio,
     )
 
 
