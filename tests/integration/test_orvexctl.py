@@ -6,6 +6,7 @@ import pty
 import re
 import signal
 import subprocess
+import termios
 import threading
 import time
 
@@ -740,9 +741,11 @@ def test_wrong_command_line_is_refused_before_anything_is_called(words, start):
     assert run.stderr.startswith("orvexctl: ")
 
 
-def on_a_terminal(start, *words):
-    """Runs orvexctl with standard error on a terminal; returns what appeared there."""
+def on_a_terminal(start, *words, columns=0):
+    """Runs orvexctl with standard error on a terminal; returns what appeared there. A width of 0 is
+    that of a terminal that does not tell."""
     master, slave = pty.openpty()
+    termios.tcsetwinsize(slave, (24, columns))
     run = start(*words, stderr=slave)
     os.close(slave)
     assert run.wait() == 0
@@ -761,6 +764,25 @@ def test_progress_is_shown_on_a_terminal(start, daemon, tmp_path):
     source.write_bytes(bytes(5 * 1024))
     shown = on_a_terminal(start, "request", *ECHO, "--input", source, "--output", os.devnull)
     assert "request 1:1  done  up 5.0 KiB of 5.0 KiB  down 5.0 KiB  0:0" in shown.replace("\xa0", " ")
+
+
+@pytest.mark.parametrize(
+    "columns, last",
+    [
+        (59, "done  up 5.0 KiB of 5.0 KiB  down 5.0 KiB  0:0"),
+        (46, "done  up 5.0 KiB  down 5.0 KiB  0:0"),
+        (21, "done  up 5.0 KiB  do"),
+        (1, ""),
+    ],
+)
+def test_progress_stays_on_one_line_of_a_narrow_terminal(columns, last, start, daemon, tmp_path):
+    source = tmp_path / "source"
+    source.write_bytes(bytes(5 * 1024))
+    words = ["request", *ECHO, "--input", source, "--output", os.devnull]
+    shown = on_a_terminal(start, *words, columns=columns).replace("\xa0", " ")
+    lines = [line.removesuffix("\x1b[K") for line in shown.rstrip("\r\n").split("\r")]
+    assert max(map(len, lines)) < columns
+    assert lines[-1].startswith(last)
 
 
 def test_quiet_shows_no_progress(start, daemon):

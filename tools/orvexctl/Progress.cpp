@@ -2,7 +2,12 @@
 
 #include "GioHandles.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
+#include <initializer_list>
 
 namespace orvexd::ctl {
 namespace {
@@ -11,6 +16,25 @@ constexpr std::chrono::milliseconds kRedrawPeriod{200};
 
 std::string sizeText(std::uint64_t bytes) {
     return TextRef{g_format_size_full(bytes, G_FORMAT_SIZE_IEC_UNITS)}.get();
+}
+
+/// Characters that a line of the terminal on standard error holds.
+long columns() {
+    constexpr long kUsual = 80;
+    winsize size{};
+    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return known ? size.ws_col : kUsual;
+}
+
+/// @return the first candidate that fits, else the beginning of the last one.
+std::string fitting(std::initializer_list<std::string> candidates, long width) {
+    for (const std::string& candidate : candidates) {
+        if (g_utf8_strlen(candidate.c_str(), -1) <= width)
+            return candidate;
+    }
+    const TextRef start{g_utf8_substring(std::data(candidates)[candidates.size() - 1].c_str(), 0,
+                                         std::max(width, 0L))};
+    return start.get();
 }
 
 } // namespace
@@ -41,13 +65,18 @@ void Progress::draw() {
     const auto minutes = static_cast<int>(duration_cast<std::chrono::minutes>(elapsed).count());
     const auto seconds =
         static_cast<int>(duration_cast<std::chrono::seconds>(elapsed).count() % 60);
-    std::string line = key_.empty() ? "" : "request " + key_ + "  ";
-    line.append(state_).append("  up ").append(sizeText(sent_));
-    if (total_)
-        line.append(" of ").append(sizeText(*total_));
-    line.append("  down ").append(sizeText(received_));
+    const TextRef clock{g_strdup_printf("  %d:%02d", minutes, seconds)};
+    const std::string name = key_.empty() ? "" : "request " + key_ + "  ";
+    const std::string up = "  up " + sizeText(sent_);
+    const std::string total = total_ ? " of " + sizeText(*total_) : "";
+    const std::string rest = "  down " + sizeText(received_) + clock.get();
+    // A line that wraps is not redrawn in place, and the last column belongs to the cursor: on a
+    // narrow terminal, what is the same all the time goes first.
+    const std::string line =
+        fitting({name + state_ + up + total + rest, state_ + up + total + rest, state_ + up + rest},
+                columns() - 1);
     // ESC [ K clears what is left of a longer line before.
-    std::fprintf(stderr, "\r%s  %d:%02d\033[K", line.c_str(), minutes, seconds);
+    std::fprintf(stderr, "\r%s\033[K", line.c_str());
     std::fflush(stderr);
 }
 
