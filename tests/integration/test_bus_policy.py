@@ -253,14 +253,12 @@ def test_signals_are_for_root_and_members(kind, make_agent):
     assert listener.do("received") == ([] if kind == "stranger" else expected)
 
 
-@each_kind
-@pytest.mark.parametrize("words", [["status"], ["cancel", "1", "1"], ["quit"]], ids=" ".join)
-def test_orvexctl_explains_a_refusal(kind, words, daemon, bus, directory):
-    daemon.expect_end()
+def run_orvexctl(kind, words, bus, directory):
+    """Runs it to its end under the user id of a kind of client."""
     # The tree may lie where only its owner can enter.
     program = directory / "orvexctl"
     shutil.copy(ORVEXCTL, program)
-    done = subprocess.run(
+    return subprocess.run(
         [*PREFIXES[kind], program, *words],
         env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": bus.address},
         cwd="/",
@@ -269,8 +267,22 @@ def test_orvexctl_explains_a_refusal(kind, words, daemon, bus, directory):
         timeout=patience(30),
         check=False,
     )
+
+
+@each_kind
+@pytest.mark.parametrize("words", [["status"], ["cancel", "1", "1"], ["quit"]], ids=" ".join)
+def test_orvexctl_explains_a_refusal(kind, words, daemon, bus, directory):
+    daemon.expect_end()
+    done = run_orvexctl(kind, words, bus, directory)
     if kind == "root" or (kind == "member" and words != ["quit"]):
         assert done.returncode == 0, done.stderr
     else:
         assert done.returncode == 4, done.stderr
         assert "positioning" in done.stderr
+
+
+@pytest.mark.skipif("stranger" not in PREFIXES, reason="no other user ids here")
+def test_orvexctl_does_not_monitor_what_the_bus_keeps_back(daemon, bus, directory):
+    done = run_orvexctl("stranger", ["monitor"], bus, directory)
+    assert done.returncode == 4, done.stderr
+    assert "positioning" in done.stderr

@@ -146,8 +146,8 @@ std::string_view adviceOn(ExitStatus status) {
                "DBUS_SYSTEM_BUS_ADDRESS when a private bus is meant.";
     case ExitStatus::NoPermission:
         return "The bus does not let this user talk to the daemon. Call orvexctl as root or as a "
-               "member "
-               "of group positioning; ending the daemon is for root only.";
+               "member of group positioning, which counts from the next login on; ending the "
+               "daemon is for root only.";
     case ExitStatus::TimedOut:
         return "The daemon did not answer in time. It may be waiting for another client; try "
                "again, or "

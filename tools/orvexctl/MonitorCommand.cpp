@@ -28,10 +28,14 @@ public:
           // Without a sender in the rule, so that the clients' cancel is seen as well.
           subscription_{g_dbus_connection_signal_subscribe(
               bus, nullptr, kInterface, nullptr, nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-              received, this, nullptr)} {
+              received, this, nullptr)},
+          watch_{g_bus_watch_name_on_connection(bus, kBusName, G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                                appeared, nullptr, this, nullptr)} {
         g_signal_connect(bus_, "closed", G_CALLBACK(busClosed), this);
     }
     ~SignalPrinter() {
+        g_cancellable_cancel(gone_.get());
+        g_bus_unwatch_name(watch_);
         g_dbus_connection_signal_unsubscribe(bus_, subscription_);
         g_signal_handlers_disconnect_by_data(bus_, this);
     }
@@ -54,6 +58,25 @@ private:
                          gpointer self) noexcept {
         static_cast<SignalPrinter*>(self)->print(
             {timeStamp(), sender, name, VariantRef{g_variant_ref(arguments)}});
+    }
+
+    /// A bus that does not admit this user keeps the signals back without a word; a call tells.
+    static void appeared(GDBusConnection* bus, const char* /*name*/, const char* owner,
+                         gpointer self) noexcept {
+        g_dbus_connection_call(bus, owner, kObjectPath, "org.freedesktop.DBus.Peer", "Ping",
+                               nullptr, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, G_MAXINT,
+                               static_cast<SignalPrinter*>(self)->gone_.get(), answered, self);
+    }
+
+    static void answered(GObject* bus, GAsyncResult* result, gpointer self) noexcept {
+        ErrorSlot error;
+        const VariantRef reply{
+            g_dbus_connection_call_finish(G_DBUS_CONNECTION(bus), result, error.out())};
+        // Everything else is no reason to stop: the daemon may have left meanwhile. A cancelled
+        // call means that the printer is gone.
+        if (!error || !g_error_matches(&*error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED))
+            return;
+        static_cast<SignalPrinter*>(self)->stop(Failure::fromBus(*error));
     }
 
     static void busClosed(GDBusConnection* /*bus*/, gboolean /*vanished*/, GError* /*error*/,
@@ -79,6 +102,8 @@ private:
     bool json_;
     MainLoopRef loop_;
     guint subscription_;
+    ObjectRef<GCancellable> gone_{g_cancellable_new()};
+    guint watch_;
     std::optional<Failure> failure_;
 };
 
