@@ -1,6 +1,7 @@
 """What is in the packages, without installing them."""
 
 import os
+import re
 import subprocess
 
 import pytest
@@ -49,6 +50,18 @@ int main() {
 @pytest.fixture(scope="module")
 def triplet():
     return output_of("dpkg-architecture", "-qDEB_HOST_MULTIARCH").strip()
+
+
+def test_setup_installs_what_building_the_packages_takes():
+    control = (ROOT / "packaging/debian/control").read_text("utf-8")
+    fields = re.search(r"^Build-Depends:\n((?: .*\n)+)", control, re.MULTILINE)[1]
+    needed = {re.split(r"[ ,]", line.strip())[0] for line in fields.splitlines()}
+    # Every build takes this one without naming it; a package of debhelper's stands for its level.
+    needed = (needed | {"build-essential"}) - {"debhelper-compat"} | {"debhelper"}
+    setup = (ROOT / "scripts/setup").read_text("utf-8")
+    always = re.search(r"^packages=\((.*?)^\)", setup, re.MULTILINE | re.DOTALL)[1]
+    further = re.search(r"--packages\) packages\+=\((.*?)\)", setup)[1]
+    assert needed <= set(f"{always} {further}".split())
 
 
 def test_packages_are_of_one_version_and_this_architecture(packages):
