@@ -151,6 +151,7 @@ def test_signal_during_an_answer_lets_it_end(number, ending, client, server):
     assert ending.process.status is None
     server.give("go")
     assert ending.wait() == 0
+    assert server.wait(1)["outcome"] == "answered"
     ending.expect_silence()
     assert not held.answer
 

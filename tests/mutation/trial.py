@@ -23,6 +23,8 @@ _QUIET_CANARIES = ["locked", "recursively-locked", "condition", "posted",
                    "locks-in-both-orders-by-a-suppressed-function"]
 _SANITIZER_STATUS = 66
 _MEMORY = 3 * 1024**3
+# Whole processes: what main() does, first and last.
+_PROCESS_TESTS = ["tests/integration/test_startup.py", "tests/integration/test_quit.py"]
 # Many tests wait for timers, so that a processor has time for some more of them.
 _SHARDS = 4
 
@@ -51,7 +53,7 @@ class Laboratory:
         self.workspace = workspace
         self.plain = Build(workspace, "plain")
         self._tsan: Build | None = None
-        self._started_up = False
+        self._processes_pass = False
         self.suites_of: dict[str, list[str]] = {}
         self.seconds: dict[str, float] = {}
         suppressions = workspace.tree / "tests" / "tsan.supp"
@@ -103,10 +105,10 @@ class Laboratory:
             return self._sanitized(mutation)
         text = self._mutated(mutation)
         if mutation.file == "src/main/main.cpp":
-            self._expect_start_up()
+            self._expect_process_tests()
         with Changed(self.plain, mutation.file, text):
             if mutation.file == "src/main/main.cpp":
-                return self._start_up()
+                return self._process_tests()
             by = self._own_tests_first(mutation)
             if by:
                 return by
@@ -187,22 +189,22 @@ class Laboratory:
                 return f"canary {case}"
         return ""
 
-    def _expect_start_up(self) -> None:
+    def _expect_process_tests(self) -> None:
         """Sees once that the tests of whole processes pass without a mutation."""
-        if not self._started_up:
-            by = self._start_up()
+        if not self._processes_pass:
+            by = self._process_tests()
             if by:
                 raise SystemExit(f"mutate: the tests fail without a mutation: {by}")
-            self._started_up = True
+            self._processes_pass = True
 
-    def _start_up(self) -> str:
+    def _process_tests(self) -> str:
         """main() is not part of the unit tests. A test of whole processes may fail because the
         machine is busy: it has to fail again."""
         self.plain.make("orvexd")
         passed: list[str] = []
         while True:
             left_out = [word for test in passed for word in ("--deselect", test)]
-            by = self._integration("tests/integration/test_startup.py", *left_out)
+            by = self._integration(*_PROCESS_TESTS, *left_out)
             if not by.startswith("test_"):
                 return by
             test = f"tests/integration/{by}"
