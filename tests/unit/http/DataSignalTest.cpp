@@ -2,6 +2,7 @@
 
 #include "fakes/Gate.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
 #include <optional>
 #include <thread>
@@ -67,12 +68,37 @@ TEST_F(DataSignalTest, wakesTheWaitingReader) {
     sender.join();
 }
 
+TEST_F(DataSignalTest, everyNotificationEndsAWait) {
+    constexpr int kWaits = 2000;
+    std::atomic<int> begun = 0;
+    std::atomic<bool> failed = false;
+    std::thread sender([&] {
+        for (int number = 1; number <= kWaits; ++number) {
+            while (begun < number && !failed) {
+                std::this_thread::yield();
+            }
+            signal_.notifyData();
+        }
+    });
+    std::optional<DataSignal::Reader> reader(std::in_place, signal_);
+    for (int number = 1; number <= kWaits && !failed; ++number) {
+        begun = number; // the mutex is held from here to the wait
+        failed = !reader->waitForData(in(kPatience));
+    }
+    EXPECT_FALSE(failed);
+    reader.reset();
+    sender.join();
+}
+
 TEST_F(DataSignalTest, doesNotWakeTheReaderForACancellation) {
     std::optional<DataSignal::Reader> reader(std::in_place, signal_);
-    const gint64 deadline = in(std::chrono::milliseconds(100));
     std::thread canceller([this] { signal_.requestCancel(); });
-    EXPECT_FALSE(reader->waitForData(deadline));
-    EXPECT_GE(g_get_monotonic_time(), deadline);
+    const gint64 end = in(kPatience);
+    do { // a busy machine may be late with the other thread
+        const gint64 deadline = in(std::chrono::milliseconds(50));
+        EXPECT_FALSE(reader->waitForData(deadline));
+        EXPECT_GE(g_get_monotonic_time(), deadline);
+    } while (!reader->isCancelRequested() && g_get_monotonic_time() < end);
     EXPECT_TRUE(reader->isCancelRequested());
     reader.reset();
     canceller.join();
