@@ -28,6 +28,7 @@ FLOOR_OF_CORE_FILE = {
     "ServicePosts": 3,
     "IServiceEvents": 3,
     "RequestData": 1,
+    "ClientPace": 1,
     "ConnectionParameters": 1,
     "DeliveryCode": 1,
     "RequestState": 1,
