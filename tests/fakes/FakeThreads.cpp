@@ -2,11 +2,13 @@
 
 #include "fakes/Gate.h"
 
+#include <functional>
 #include <glib.h>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -25,6 +27,11 @@ struct World {
 World& world() {
     static World instance;
     return instance;
+}
+
+std::function<void()>& actionBeforeWait() {
+    thread_local std::function<void()> action;
+    return action;
 }
 
 /// What a held thread runs.
@@ -46,9 +53,13 @@ gpointer runHeld(gpointer data) {
 GThread* realTryNew(const gchar* name, GThreadFunc entry, gpointer argument,
                     GError** error) __asm__("__real_g_thread_try_new");
 gpointer realJoin(GThread* thread) __asm__("__real_g_thread_join");
+gboolean realWaitUntil(GCond* condition, GMutex* mutex,
+                       gint64 deadline) __asm__("__real_g_cond_wait_until");
 GThread* wrappedTryNew(const gchar* name, GThreadFunc entry, gpointer argument,
                        GError** error) __asm__("__wrap_g_thread_try_new");
 gpointer wrappedJoin(GThread* thread) __asm__("__wrap_g_thread_join");
+gboolean wrappedWaitUntil(GCond* condition, GMutex* mutex,
+                          gint64 deadline) __asm__("__wrap_g_cond_wait_until");
 
 GThread* wrappedTryNew(const gchar* name, GThreadFunc entry, gpointer argument, GError** error) {
     World& w = world();
@@ -85,6 +96,13 @@ gpointer wrappedJoin(GThread* thread) {
     return realJoin(thread);
 }
 
+gboolean wrappedWaitUntil(GCond* condition, GMutex* mutex, gint64 deadline) {
+    if (const auto action = std::exchange(actionBeforeWait(), nullptr)) {
+        action();
+    }
+    return realWaitUntil(condition, mutex, deadline);
+}
+
 namespace fake_threads {
 
 void reset() {
@@ -104,6 +122,10 @@ void failStart(bool fail) {
 void holdUntilJoined(bool hold) {
     const std::lock_guard guard(world().mutex);
     world().hold = hold;
+}
+
+void beforeNextWait(std::function<void()> action) {
+    actionBeforeWait() = std::move(action);
 }
 
 int started() {

@@ -1,9 +1,10 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 /// Stand-in for GLib's thread calls, put in front of them when a unit test is linked. Threads are
-/// real; the test decides whether and when they come to life.
+/// real; the test decides whether and when they come to life, and what happens right before a wait.
 namespace fake_threads {
 
 /// Back to plain threads; forgets the counts.
@@ -14,6 +15,9 @@ void failStart(bool fail);
 
 /// Threads created from now on take their first step only when somebody joins them.
 void holdUntilJoined(bool hold);
+
+/// Done once, right before the calling thread waits for a condition next; the mutex is still held.
+void beforeNextWait(std::function<void()> action);
 
 /// How many threads were created and joined, and the name of the newest one.
 int started();

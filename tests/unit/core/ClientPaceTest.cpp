@@ -1,11 +1,15 @@
 #include "core/ClientPace.h"
 
+#include "fakes/FakeThreads.h"
 #include "fakes/Gate.h"
 
 #include <atomic>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <ostream>
+#include <string>
 #include <thread>
+#include <unistd.h>
 
 namespace orvexd {
 
@@ -57,6 +61,18 @@ private:
     std::thread thread_;
 };
 
+/// Waits until another thread of the process can do nothing more by itself.
+void awaitSleepOrEnd(pid_t thread) {
+    const std::string path = "/proc/self/task/" + std::to_string(thread) + "/stat";
+    bool runs = true;
+    while (runs) {
+        std::string text;
+        std::getline(std::ifstream(path), text);
+        runs = text.find(") R ") != std::string::npos;
+        std::this_thread::yield();
+    }
+}
+
 TEST(ClientPace, LetsTwoChunksBeStoredAndAMebibyteAtLeast) {
     EXPECT_EQ(ClientPace(1).highWater(), std::size_t{1024} * 1024);
     EXPECT_EQ(ClientPace(std::size_t{4} * 1024 * 1024).highWater(), std::size_t{8} * 1024 * 1024);
@@ -100,6 +116,7 @@ TEST(ClientPace, RestsAtTheHighWaterButNotForLong) {
 }
 
 TEST(ClientPace, RestsForTenMillisecondsUnlessTold) {
+    EXPECT_EQ(ClientPace::kLongestRest, std::chrono::milliseconds(10));
     ClientPace pace(kChunk);
     pace.stored(pace.highWater());
     const gint64 begin = g_get_monotonic_time();
@@ -137,9 +154,28 @@ TEST(ClientPace, RestsOnWhileTheClientHasFetchedLess) {
     client.end();
 }
 
-// Without the mutex, a client that fetches between the worker's look and its wait wakes nobody up.
+TEST(ClientPace, FetchBetweenTheWorkersLookAndItsWaitIsNotMissed) {
+    ClientPace pace(kChunk, kPatience);
+    pace.stored(pace.highWater());
+    std::atomic<pid_t> id = 0;
+    std::thread client;
+    fake_threads::beforeNextWait([&] {
+        client = std::thread([&] {
+            id = gettid();
+            pace.taken(pace.highWater() - pace.lowWater());
+        });
+        while (pace.waiting() > pace.lowWater()) {
+            std::this_thread::yield();
+        }
+        awaitSleepOrEnd(id);
+    });
+    EXPECT_EQ(pace.rest(), Rest::ClientFetched);
+    ASSERT_TRUE(client.joinable());
+    client.join();
+}
+
 TEST(ClientPace, EveryRestEndsWhenTheClientFetches) {
-    constexpr int kRests = 5000;
+    constexpr int kRests = 1000;
     ClientPace pace(kChunk, kPatience);
     const std::size_t span = pace.highWater() - pace.lowWater();
     pace.stored(pace.lowWater());
