@@ -2,6 +2,7 @@
 
 import os
 import re
+import subprocess
 
 import pytest
 from gi.repository import Gio, GLib
@@ -12,6 +13,7 @@ from harness.daemon import DEVICE
 from harness.private_bus import PERMISSIVE_POLICY
 from harness.settings import BUILD_DIR, BUS_NAME, DAEMON, OBJECT_PATH, patience
 
+ORVEXCTL = BUILD_DIR / "bin" / "orvexctl"
 SHIPPED = BUILD_DIR / "data" / "com.kelvra.orvexd.service"
 
 
@@ -80,3 +82,47 @@ def test_call_without_activation_does_not(bus):
     with pytest.raises(Exception, match="ServiceUnknown|NameHasNoOwner"):
         client.status()
     client.close()
+
+
+def status_on(bus):
+    """Runs "orvexctl status" to its end."""
+    environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": bus.address}
+    return subprocess.run(
+        [ORVEXCTL, "status"],
+        env=environment,
+        capture_output=True,
+        text=True,
+        timeout=patience(60),
+        check=False,
+    )
+
+
+def test_orvexctl_explains_a_daemon_that_refuses_to_start(bus, environment_file):
+    with open(environment_file, "a", encoding="utf-8") as file:
+        file.write("KELVRA_IMEI_FRAGMENT=''\n")
+    done = status_on(bus)
+    assert done.returncode == 3, done.stderr
+    assert "could not start the daemon" in done.stderr and "KELVRA_" in done.stderr
+
+
+def test_orvexctl_explains_a_daemon_that_does_not_come_up(tmp_path, make_bus):
+    services = tmp_path / "services"
+    services.mkdir()
+    # It lives for as long as its caller keeps the pipe, and never takes the name.
+    read_end, write_end = os.pipe()
+    (services / SHIPPED.name).write_text(
+        f"[D-BUS Service]\nName={BUS_NAME}\nUser=root\n"
+        f'Exec=/bin/sh -c "read line </proc/{os.getpid()}/fd/{read_end}"\n',
+        "utf-8",
+    )
+    bus = make_bus(
+        policy=f"{PERMISSIVE_POLICY}  <servicedir>{services}</servicedir>\n",
+        limits={"service_start_timeout": 200},
+    )
+    try:
+        done = status_on(bus)
+    finally:
+        os.close(write_end)
+        os.close(read_end)
+    assert done.returncode == 3, done.stderr
+    assert "could not start the daemon" in done.stderr

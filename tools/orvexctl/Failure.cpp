@@ -63,6 +63,10 @@ constexpr std::array kCodeTexts{
         "settings, then try again."},
 };
 
+constexpr std::string_view kFailedStart =
+    "The bus could not start the daemon. Check 'systemctl status orvexd', and that all five "
+    "KELVRA_ variables in /etc/default/orvexd have a value; see orvexd(8).";
+
 std::string describe(std::string_view text, std::string_view detail) {
     std::string sentence{text};
     if (!detail.empty())
@@ -96,7 +100,32 @@ std::optional<std::uint32_t> codeOf(const GError& error) {
     return codeOf(message);
 }
 
+/// Whether the bus tried to start the daemon in vain. The service manager's reasons come by its
+/// names.
+bool isFailedStart(const GError& error) {
+    const TextRef name{g_dbus_error_get_remote_error(&error)};
+    if (name != nullptr && std::string_view{name.get()}.starts_with("org.freedesktop.systemd1."))
+        return true;
+    if (error.domain != G_DBUS_ERROR)
+        return false;
+    switch (error.code) {
+    case G_DBUS_ERROR_TIMED_OUT: // the bus says so only when a service does not come up
+    case G_DBUS_ERROR_SPAWN_EXEC_FAILED:
+    case G_DBUS_ERROR_SPAWN_FORK_FAILED:
+    case G_DBUS_ERROR_SPAWN_CHILD_EXITED:
+    case G_DBUS_ERROR_SPAWN_CHILD_SIGNALED:
+    case G_DBUS_ERROR_SPAWN_FAILED:
+    case G_DBUS_ERROR_SPAWN_SERVICE_INVALID:
+    case G_DBUS_ERROR_SPAWN_SERVICE_NOT_FOUND:
+        return true;
+    default:
+        return false;
+    }
+}
+
 ExitStatus statusOf(const GError& error) {
+    if (isFailedStart(error))
+        return ExitStatus::NoDaemon;
     if (error.domain == G_IO_ERROR) {
         switch (error.code) {
         case G_IO_ERROR_TIMED_OUT:
@@ -117,20 +146,12 @@ ExitStatus statusOf(const GError& error) {
         case G_DBUS_ERROR_NAME_HAS_NO_OWNER:
         case G_DBUS_ERROR_NO_REPLY: // the bus says so when the callee leaves it
         case G_DBUS_ERROR_DISCONNECTED:
-        case G_DBUS_ERROR_SPAWN_EXEC_FAILED:
-        case G_DBUS_ERROR_SPAWN_FORK_FAILED:
-        case G_DBUS_ERROR_SPAWN_CHILD_EXITED:
-        case G_DBUS_ERROR_SPAWN_CHILD_SIGNALED:
-        case G_DBUS_ERROR_SPAWN_FAILED:
-        case G_DBUS_ERROR_SPAWN_SERVICE_INVALID:
-        case G_DBUS_ERROR_SPAWN_SERVICE_NOT_FOUND:
             return ExitStatus::NoDaemon;
         case G_DBUS_ERROR_ACCESS_DENIED:
         case G_DBUS_ERROR_AUTH_FAILED:
         case G_DBUS_ERROR_SPAWN_PERMISSIONS_INVALID:
             return ExitStatus::NoPermission;
         case G_DBUS_ERROR_TIMEOUT:
-        case G_DBUS_ERROR_TIMED_OUT:
             return ExitStatus::TimedOut;
         default:
             return ExitStatus::Bus;
@@ -180,7 +201,7 @@ Failure Failure::fromBus(const GError& error) {
     if (const auto code = codeOf(error))
         return fromCode(*code);
     const ExitStatus status = statusOf(error);
-    std::string text{adviceOn(status)};
+    std::string text{isFailedStart(error) ? kFailedStart : adviceOn(status)};
     text.append(" (").append(printable(error.message)).append(")");
     return {status, std::move(text)};
 }
