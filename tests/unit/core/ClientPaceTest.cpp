@@ -85,6 +85,7 @@ TEST(ClientPace, LowWaterIsHalfTheHighWater) {
 TEST(ClientPace, CountsWhatIsStoredAndNotTaken) {
     ClientPace pace(kChunk);
     EXPECT_EQ(pace.waiting(), 0U);
+    EXPECT_FALSE(pace.isResting());
     pace.stored(100);
     pace.stored(10);
     pace.taken(3);
