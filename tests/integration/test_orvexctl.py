@@ -675,6 +675,15 @@ def test_monitor_prints_lines_for_people(start, stand_in):
     assert monitor.lines()[0].endswith('errorSignal  code 2001, "a\\x0ab", requests "3:17"')
 
 
+def test_further_interrupts_change_nothing(start, client):
+    for _ in range(5):
+        monitor = start("monitor")
+        subscribed(monitor, client)
+        while monitor.child.poll() is None:
+            monitor.interrupt()
+        assert monitor.wait() == 0
+
+
 def test_cancel_removes_a_request_that_waits(start, platform, client):
     platform.write(connections=[(2, True, False)])
     client.wait_for_status(1)

@@ -5,8 +5,18 @@
 
 namespace orvexd::ctl {
 
+namespace {
+
+gboolean ignore(gpointer /*unused*/) noexcept {
+    return G_SOURCE_CONTINUE;
+}
+
+} // namespace
+
 template <int Signal> gboolean StopSignals::deliver(gpointer self) noexcept {
-    static_cast<StopSignals*>(self)->handler_(Signal);
+    auto* signals = static_cast<StopSignals*>(self);
+    signals->delivered_ = true;
+    signals->handler_(Signal);
     return G_SOURCE_CONTINUE;
 }
 
@@ -17,6 +27,12 @@ StopSignals::StopSignals(std::function<void(int signal)> handler)
                g_unix_signal_add(SIGHUP, deliver<SIGHUP>, this)} {}
 
 StopSignals::~StopSignals() {
+    if (delivered_) {
+        // timeout(1) sends its signal twice, to the process and to its group. GLib would give the
+        // default action back with the last source of a signal.
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+            g_unix_signal_add(signal, ignore, nullptr);
+    }
     for (const guint source : sources_)
         g_source_remove(source);
 }

@@ -6,7 +6,8 @@
 
 namespace orvexd::ctl {
 
-/// Receives SIGINT, SIGTERM and SIGHUP on the main loop for as long as it lives.
+/// Receives SIGINT, SIGTERM and SIGHUP on the main loop for as long as it lives. When one has come,
+/// no further one ends the process behind that: it is about to end by itself, with its own status.
 class StopSignals {
 public:
     /// @param handler gets the signal number, once for each delivery.
@@ -21,6 +22,7 @@ private:
     template <int Signal> static gboolean deliver(gpointer self) noexcept;
 
     std::function<void(int signal)> handler_;
+    bool delivered_ = false;
     std::array<guint, 3> sources_;
 };
 
