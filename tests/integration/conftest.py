@@ -29,6 +29,7 @@ def pytest_collection_modifyitems(config, items):
         long_ones = [item for item in items if item.get_closest_marker("long")]
         config.hook.pytest_deselected(items=long_ones)
         items[:] = [item for item in items if item not in long_ones]
+    items.sort(key=lambda item: item.get_closest_marker("waits") is None)
     for item in items:
         if item.get_closest_marker("timeout") is None:
             item.add_marker(pytest.mark.timeout(300 * TIME_FACTOR))

@@ -6,11 +6,15 @@ Nobody wakes it: the end comes when the five seconds of the wait have passed. Ro
 import functools
 import time
 
+import pytest
+
 from harness import matrix, observe
 from harness.ending import QUIT, SIGTERM, HeldCallEnds
 from harness.fault import Fault, Seen, rows
 from harness.moment import ASKED, BEGUN
 from harness.settings import patience
+
+pytestmark = pytest.mark.waits
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 

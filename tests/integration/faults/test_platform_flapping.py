@@ -2,6 +2,7 @@
 
 import os
 
+import pytest
 from gi.repository import GLib
 
 from harness import matrix
@@ -9,6 +10,8 @@ from harness.changes import KIND_ONE, KIND_TWO, NONE, NothingElse, announced, re
 from harness.fault import TRANSPORT, Answered, Fault, Seen, rows
 from harness.states import DATA, GO, InState, as_if_nothing_were, sent
 from harness.waiting import wait_for
+
+pytestmark = pytest.mark.waits
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 

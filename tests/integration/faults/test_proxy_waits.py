@@ -4,8 +4,12 @@ import contextlib
 import select
 import socket
 
+import pytest
+
 from harness import matrix
 from harness.fault import Fault, TimedOut, one_request, rows
+
+pytestmark = pytest.mark.waits
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 

@@ -1,9 +1,13 @@
 """Servers whose answer never ends: the transfer's time-out of 60 seconds ends it."""
 
+import pytest
+
 from harness import matrix
 from harness.client import PART_CONTINUES
 from harness.fault import Chunk, Fault, TimedOut, rows
 from harness.response import answer, part, start_part
+
+pytestmark = pytest.mark.waits
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 

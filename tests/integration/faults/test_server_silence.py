@@ -1,9 +1,13 @@
 """Servers that accept the connection and then say nothing: the time-outs end the transfer."""
 
+import pytest
+
 from harness import matrix
 from harness.client import PART_CONTINUES
 from harness.fault import Chunk, Fault, TimedOut, rows, sending
 from harness.response import answer, part, start_part
+
+pytestmark = pytest.mark.waits
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 

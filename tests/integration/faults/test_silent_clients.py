@@ -7,10 +7,14 @@ import dataclasses
 import functools
 import time
 
+import pytest
+
 from harness import matrix
 from harness.fault import QUESTION, Answered, Fault, Seen, rows
 from harness.moment import ASKED, BEGUN, HALF, ExchangeOver, Uploaded
 from harness.settings import patience
+
+pytestmark = pytest.mark.waits
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 
