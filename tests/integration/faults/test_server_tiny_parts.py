@@ -8,7 +8,7 @@ import time
 from gi.repository import Gio, GLib
 
 from harness import matrix
-from harness.client import PART_COMPLETE, RESPONSE_COMPLETE
+from harness.client import PART_CONTINUES, RESPONSE_COMPLETE
 from harness.fault import Answered, Fault, Seen, rows
 from harness.settings import patience
 
@@ -32,6 +32,7 @@ class Fetcher:
             self._calls.append(bytearray(message.to_blob(Gio.DBusCapabilityFlags.NONE)))
         self._serial = 1 << 20  # far from those that the client gives
         self._waiting = {}
+        self._begun = [b"" for _ in requests]  # of the part that is being fetched
         self.parts = [[] for _ in requests]
 
     def fetch(self, seconds):
@@ -54,12 +55,14 @@ class Fetcher:
         self._raw.send_blobs(*blobs)
 
     def _take(self, message):
-        """Keeps a part; the number of the request that has more."""
+        """Keeps a chunk; the number of the request that has more."""
         number = self._waiting.pop(message.get_reply_serial())
         data, code = message.get_body().unpack()
-        self.parts[number].append(bytes(data))
-        assert code in (PART_COMPLETE, RESPONSE_COMPLETE), code
-        return number if code == PART_COMPLETE else None
+        self._begun[number] += bytes(data)
+        if code != PART_CONTINUES:  # as it is when the delimiter comes with the next piece
+            self.parts[number].append(self._begun[number])
+            self._begun[number] = b""
+        return number if code != RESPONSE_COMPLETE else None
 
 
 @dataclasses.dataclass
