@@ -148,6 +148,7 @@ bool run(std::string_view name) {
         return runBeside(shared, signalReady, awaitReady);
     }
     if (name == "posted") {
+        g_main_context_default(); // as in the daemon: there before any worker is
         return runBeside(shared, postValue, iterateUntilReady);
     }
     return false;
