@@ -43,8 +43,9 @@ def ask(client, server):
 
 
 def next_chunk(request, event, server):
-    """Asks for the next chunk, and only then lets the server go on."""
+    """Asks for the next chunk, and lets the server go on when the daemon has heard of that."""
     pending = request.ask()
+    request.client.settle()
     server.give(event)
     return pending
 
