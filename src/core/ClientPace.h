@@ -28,6 +28,7 @@ public:
     /// High water for chunks of up to half of it, bytes.
     static constexpr std::size_t kLeastHighWater = std::size_t{1024} * 1024;
 
+    /// What a rest lasts at the most.
     static constexpr std::chrono::microseconds kLongestRest{10'000};
 
     /// @param chunk bytes that the client fetches at once; two of them may always be stored.
