@@ -10,6 +10,10 @@ namespace {
 /// Policy of a request until one is set: any connection that is not flagged.
 constexpr std::uint32_t kDefaultPolicy = 2;
 
+/// Chunks between these sizes are stored as they will be handed out.
+constexpr std::size_t kLeastBlock = std::size_t{4} * 1024;
+constexpr std::size_t kLargestBlock = std::size_t{256} * 1024;
+
 } // namespace
 
 RequestData::RequestData(std::uint32_t connectionId, std::uint32_t requestId, bool prepared,
@@ -20,7 +24,7 @@ RequestData::RequestData(std::uint32_t connectionId, std::uint32_t requestId, bo
       parameters_(std::move(parameters)),
       connectionPolicy_(kDefaultPolicy),
       pace_(chunkLimit()) {
-    responseBuffers_.emplace_back();
+    responseBuffers_.emplace_back(blockSize());
 }
 
 void RequestData::setConnectionPolicy(std::uint32_t policy) noexcept {
@@ -185,7 +189,7 @@ void RequestData::storeResponseData(std::string_view bytes, bool partComplete) {
         state_ = RequestState::AllPartsReceived;
     } else {
         state_ = RequestState::PartReceived;
-        responseBuffers_.emplace_back();
+        responseBuffers_.emplace_back(blockSize());
     }
     (void)deliverNext(); // nothing to hand out is as good here
 }
@@ -212,6 +216,14 @@ bool RequestData::passThrough(std::string_view bytes) {
 
 std::size_t RequestData::chunkLimit() const noexcept {
     return std::min<std::size_t>(parameters_->chunkSize, kLargestChunk);
+}
+
+/// An answer is stored in blocks of a chunk's size, which need no copy to become chunks. Small and
+/// large chunks are made from blocks of the usual size.
+std::size_t RequestData::blockSize() const noexcept {
+    const std::size_t chunk = chunkLimit();
+    const bool isUsable = kLeastBlock <= chunk && chunk <= kLargestBlock;
+    return isUsable ? chunk : ByteQueue::kLargestBlock;
 }
 
 void RequestData::post(DeliveryCode code, std::string chunk) {

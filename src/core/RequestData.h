@@ -143,6 +143,8 @@ public:
 
 private:
     struct ResponseBuffer {
+        explicit ResponseBuffer(std::size_t block) noexcept : bytes(block) {}
+
         ByteQueue bytes;
         DeliveryCode code = DeliveryCode::PartContinues;
     };
@@ -155,6 +157,7 @@ private:
     void storeResponseData(std::string_view bytes, bool partComplete);
     bool passThrough(std::string_view bytes);
     std::size_t chunkLimit() const noexcept;
+    std::size_t blockSize() const noexcept;
     DeliveryCode nextCode(const ResponseBuffer& front, std::size_t chunkSize) const noexcept;
     void post(DeliveryCode code, std::string chunk);
 

@@ -8,103 +8,132 @@ namespace orvexd {
 
 namespace {
 
-/// A first block holds a short answer without waste; later ones double up to the largest.
+/// A first block holds a short answer without waste, and doubles up to the largest.
 constexpr std::size_t kSmallestBlock = 256;
 
 } // namespace
 
 ByteQueue::ByteQueue(ByteQueue&& other) noexcept
-    : blocks_(std::exchange(other.blocks_, {})),
+    : largestBlock_(other.largestBlock_),
+      blocks_(std::exchange(other.blocks_, {})),
       first_(std::exchange(other.first_, 0)),
       size_(std::exchange(other.size_, 0)) {}
 
 ByteQueue& ByteQueue::operator=(ByteQueue&& other) noexcept {
+    largestBlock_ = other.largestBlock_;
     blocks_ = std::exchange(other.blocks_, {});
     first_ = std::exchange(other.first_, 0);
     size_ = std::exchange(other.size_, 0);
     return *this;
 }
 
-ByteQueue::Block ByteQueue::makeBlock(std::size_t wanted) const {
-    const std::size_t grown = blocks_.empty() ? kSmallestBlock : blocks_.back().capacity * 2;
-    Block block;
-    block.capacity = std::min(std::max(wanted, grown), kLargestBlock);
-    // for_overwrite: the bytes are written before they are read, so no zeroing pass
-    block.bytes =
-        std::make_unique_for_overwrite<char[]>(block.capacity); // NOLINT(*-avoid-c-arrays)
-    return block;
+std::size_t ByteQueue::roomIn(const Block& block) const noexcept {
+    // An allocation may be larger than what was asked for.
+    return std::min(block.bytes.capacity(), largestBlock_) - block.bytes.size();
 }
 
-void ByteQueue::append(std::string_view bytes) {
-    // All new blocks are made before anything is stored, so that running out of memory changes
-    // nothing.
-    const std::size_t roomAtBack =
-        blocks_.empty() ? 0 : blocks_.back().capacity - blocks_.back().end;
+/// What a block that has room for `capacity` bytes should have room for when `wanted` come in.
+std::size_t ByteQueue::grown(std::size_t capacity, std::size_t wanted) const noexcept {
+    const std::size_t size = std::max({kSmallestBlock, 2 * capacity, wanted});
+    return size > largestBlock_ / 2 ? largestBlock_ : size;
+}
+
+/// Lets the last block grow as far as it goes, and adds as many as `wanted` bytes need beyond it.
+/// Nothing is stored, so that running out of memory changes nothing.
+void ByteQueue::growBack(std::size_t wanted) {
+    if (blocks_.empty()) {
+        blocks_.emplace_back();
+    }
+    Block& back = blocks_.back();
+    std::size_t room = roomIn(back);
+    if (room < wanted && back.bytes.capacity() < largestBlock_) {
+        back.bytes.reserve(grown(back.bytes.capacity(), back.bytes.size() + wanted));
+        room = roomIn(back);
+    }
     const std::size_t before = blocks_.size();
-    std::size_t room = roomAtBack;
     try {
-        while (room < bytes.size()) {
-            blocks_.push_back(makeBlock(bytes.size() - room));
-            room += blocks_.back().capacity;
+        while (room < wanted) {
+            Block& added = blocks_.emplace_back();
+            added.bytes.reserve(largestBlock_);
+            room += largestBlock_;
         }
     } catch (...) {
         blocks_.resize(before);
         throw;
     }
-    std::size_t at = before > 0 ? before - 1 : 0;
-    while (!bytes.empty()) {
-        Block& block = blocks_[at++];
-        const std::size_t part = std::min(bytes.size(), block.capacity - block.end);
-        std::memcpy(block.bytes.get() + block.end, bytes.data(), part);
-        block.end += part;
+}
+
+void ByteQueue::append(std::string_view bytes) {
+    const std::size_t last = blocks_.empty() ? 0 : blocks_.size() - 1;
+    growBack(bytes.size());
+    for (std::size_t at = last; !bytes.empty(); ++at) {
+        Block& block = blocks_[at];
+        const std::size_t part = std::min(bytes.size(), roomIn(block));
+        block.bytes.append(bytes.data(), part);
         size_ += part;
         bytes.remove_prefix(part);
+    }
+}
+
+void ByteQueue::takeFromFront(std::size_t count) noexcept {
+    Block& block = blocks_[first_];
+    block.begin += count;
+    size_ -= count;
+    if (block.size() == 0) {
+        dropFrontBlock();
     }
 }
 
 std::size_t ByteQueue::takeInto(std::span<char> room) noexcept {
     std::size_t taken = 0;
     while (taken < room.size() && size_ > 0) {
-        Block& block = blocks_[first_];
-        const std::size_t part = std::min(room.size() - taken, block.end - block.begin);
-        std::memcpy(room.data() + taken, block.bytes.get() + block.begin, part);
-        block.begin += part;
+        const Block& block = blocks_[first_];
+        const std::size_t part = std::min(room.size() - taken, block.size());
+        std::memcpy(room.data() + taken, block.data(), part);
         taken += part;
-        size_ -= part;
-        if (block.begin == block.end) {
-            dropFrontBlock();
-        }
+        takeFromFront(part);
     }
     return taken;
 }
 
+/// Whether the block is what is taken. One that is mostly empty would hold its memory for as long
+/// as the string is kept.
+bool ByteQueue::canHandOut(const Block& block, std::size_t count) noexcept {
+    return block.begin == 0 && block.bytes.size() == count && block.bytes.capacity() <= 2 * count;
+}
+
 std::string ByteQueue::take(std::size_t maxBytes) {
+    const std::size_t count = std::min(maxBytes, size_);
     std::string bytes;
-    bytes.reserve(std::min(maxBytes, size_));
-    while (bytes.size() < maxBytes && size_ > 0) {
-        Block& block = blocks_[first_];
-        const std::size_t part = std::min(maxBytes - bytes.size(), block.end - block.begin);
-        bytes.append(block.bytes.get() + block.begin, part);
-        block.begin += part;
-        size_ -= part;
-        if (block.begin == block.end) {
-            dropFrontBlock();
-        }
+    if (count > 0 && canHandOut(blocks_[first_], count)) {
+        bytes.swap(blocks_[first_].bytes);
+        size_ -= count;
+        dropFrontBlock();
+        return bytes;
+    }
+    bytes.reserve(count);
+    while (bytes.size() < count) {
+        const Block& block = blocks_[first_];
+        const std::size_t part = std::min(count - bytes.size(), block.size());
+        bytes.append(block.data(), part);
+        takeFromFront(part);
     }
     return bytes;
 }
 
+/// The front block holds nothing any more.
 void ByteQueue::dropFrontBlock() noexcept {
     if (size_ == 0) {
         // One block stays for the next bytes: a stream that is drained as it fills allocates
         // nothing.
         std::swap(blocks_.front(), blocks_[first_]);
         blocks_.resize(1);
-        blocks_.front().begin = blocks_.front().end = 0;
+        blocks_.front().bytes.clear();
+        blocks_.front().begin = 0;
         first_ = 0;
         return;
     }
-    blocks_[first_++] = Block{};
+    std::string().swap(blocks_[first_++].bytes); // an assignment would keep the memory
     if (first_ > blocks_.size() / 2) {
         blocks_.erase(blocks_.begin(), blocks_.begin() + static_cast<std::ptrdiff_t>(first_));
         first_ = 0;
@@ -120,7 +149,8 @@ bool ByteQueue::endsWithLineBreak() const noexcept {
     std::size_t matched = 0;
     for (std::size_t at = blocks_.size(); at-- > first_ && matched < kLineBreak.size();) {
         const Block& block = blocks_[at];
-        for (std::size_t i = block.end; i-- > block.begin && matched < kLineBreak.size();) {
+        for (std::size_t i = block.bytes.size();
+             i-- > block.begin && matched < kLineBreak.size();) {
             if (block.bytes[i] != kLineBreak[kLineBreak.size() - 1 - matched]) {
                 return false;
             }
@@ -133,11 +163,11 @@ bool ByteQueue::endsWithLineBreak() const noexcept {
 void ByteQueue::dropBack(std::size_t count) noexcept {
     while (count > 0 && size_ > 0) {
         Block& block = blocks_.back();
-        const std::size_t part = std::min(count, block.end - block.begin);
-        block.end -= part;
+        const std::size_t part = std::min(count, block.size());
+        block.bytes.resize(block.bytes.size() - part);
         size_ -= part;
         count -= part;
-        if (block.begin == block.end && blocks_.size() - first_ > 1) {
+        if (block.size() == 0 && blocks_.size() - first_ > 1) {
             blocks_.pop_back();
         }
     }

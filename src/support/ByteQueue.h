@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -9,15 +8,17 @@
 
 namespace orvexd {
 
-/// Bytes in order of arrival, kept in blocks: appending never moves what is stored, and taking from
-/// the front costs time proportional to the bytes taken. Not thread-safe.
+/// Bytes in order of arrival, kept in blocks: appending and taking cost time proportional to the
+/// bytes, and memory is given back while a long queue is drained. Not thread-safe.
 class ByteQueue {
 public:
-    /// Size of the largest block; longer input is spread over several, so that memory is given
-    /// back while a long queue is drained.
+    /// Size of the largest block unless told; longer input is spread over several.
     static constexpr std::size_t kLargestBlock = std::size_t{64} * 1024;
 
-    ByteQueue() noexcept = default;
+    /// @param largestBlock bytes, not 0. A queue that is taken from in strings of this size hands
+    ///   its blocks out as they are, without a copy.
+    explicit ByteQueue(std::size_t largestBlock = kLargestBlock) noexcept
+        : largestBlock_(largestBlock) {}
     ~ByteQueue() = default;
     ByteQueue(const ByteQueue&) = delete;
     ByteQueue& operator=(const ByteQueue&) = delete;
@@ -47,15 +48,21 @@ public:
 
 private:
     struct Block {
-        std::unique_ptr<char[]> bytes; // NOLINT(modernize-avoid-c-arrays)
-        std::size_t capacity = 0;
-        std::size_t begin = 0;
-        std::size_t end = 0;
+        std::string bytes;
+        std::size_t begin = 0; // bytes before it have been taken
+
+        std::size_t size() const noexcept { return bytes.size() - begin; }
+        const char* data() const noexcept { return bytes.data() + begin; }
     };
 
-    Block makeBlock(std::size_t wanted) const;
+    std::size_t roomIn(const Block& block) const noexcept;
+    std::size_t grown(std::size_t capacity, std::size_t wanted) const noexcept;
+    void growBack(std::size_t wanted);
+    static bool canHandOut(const Block& block, std::size_t count) noexcept;
+    void takeFromFront(std::size_t count) noexcept;
     void dropFrontBlock() noexcept;
 
+    std::size_t largestBlock_;
     std::vector<Block> blocks_; // blocks before first_ have been taken
     std::size_t first_ = 0;
     std::size_t size_ = 0;

@@ -34,6 +34,11 @@ std::function<void()>& actionBeforeWait() {
     return action;
 }
 
+int& yieldCount() {
+    thread_local int count = 0;
+    return count;
+}
+
 /// What a held thread runs.
 struct HeldEntry {
     GThreadFunc entry;
@@ -55,11 +60,13 @@ GThread* realTryNew(const gchar* name, GThreadFunc entry, gpointer argument,
 gpointer realJoin(GThread* thread) __asm__("__real_g_thread_join");
 gboolean realWaitUntil(GCond* condition, GMutex* mutex,
                        gint64 deadline) __asm__("__real_g_cond_wait_until");
+void realYield() __asm__("__real_g_thread_yield");
 GThread* wrappedTryNew(const gchar* name, GThreadFunc entry, gpointer argument,
                        GError** error) __asm__("__wrap_g_thread_try_new");
 gpointer wrappedJoin(GThread* thread) __asm__("__wrap_g_thread_join");
 gboolean wrappedWaitUntil(GCond* condition, GMutex* mutex,
                           gint64 deadline) __asm__("__wrap_g_cond_wait_until");
+void wrappedYield() __asm__("__wrap_g_thread_yield");
 
 GThread* wrappedTryNew(const gchar* name, GThreadFunc entry, gpointer argument, GError** error) {
     World& w = world();
@@ -103,6 +110,11 @@ gboolean wrappedWaitUntil(GCond* condition, GMutex* mutex, gint64 deadline) {
     return realWaitUntil(condition, mutex, deadline);
 }
 
+void wrappedYield() {
+    ++yieldCount();
+    realYield();
+}
+
 namespace fake_threads {
 
 void reset() {
@@ -126,6 +138,10 @@ void holdUntilJoined(bool hold) {
 
 void beforeNextWait(std::function<void()> action) {
     actionBeforeWait() = std::move(action);
+}
+
+int yieldsOfThisThread() {
+    return yieldCount();
 }
 
 int started() {

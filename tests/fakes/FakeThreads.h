@@ -19,6 +19,9 @@ void holdUntilJoined(bool hold);
 /// Done once, right before the calling thread waits for a condition next; the mutex is still held.
 void beforeNextWait(std::function<void()> action);
 
+/// How often the calling thread has yielded the processor, since the test program began.
+int yieldsOfThisThread();
+
 /// How many threads were created and joined, and the name of the newest one.
 int started();
 int joined();

@@ -92,19 +92,41 @@ TEST(ClientPace, CountsWhatIsStoredAndNotTaken) {
     EXPECT_EQ(pace.waiting(), 107U);
 }
 
-TEST(ClientPace, DoesNotRestBelowTheHighWater) {
+TEST(ClientPace, GoesOnWhileThereIsNotAWholeChunkToFetch) {
     ClientPace pace(kChunk, kPatience);
-    pace.stored(pace.highWater() - 1);
+    const int before = fake_threads::yieldsOfThisThread();
+    pace.stored(kChunk - 1);
     EXPECT_EQ(pace.rest(), Rest::NotNeeded);
-}
-
-TEST(ClientPace, DoesNotRestForWhatHasBeenFetched) {
-    ClientPace pace(kChunk, kPatience);
     for (int i = 0; i < 100; ++i) {
         pace.stored(kChunk);
         pace.taken(kChunk);
         EXPECT_EQ(pace.rest(), Rest::NotNeeded);
     }
+    EXPECT_EQ(fake_threads::yieldsOfThisThread(), before);
+}
+
+TEST(ClientPace, LetsOtherThreadsGoFirstOnceThereIsAChunkToFetch) {
+    ClientPace pace(kChunk, kPatience);
+    const int before = fake_threads::yieldsOfThisThread();
+    pace.stored(kChunk);
+    EXPECT_EQ(pace.rest(), Rest::Yielded);
+    EXPECT_EQ(fake_threads::yieldsOfThisThread(), before + 1);
+}
+
+TEST(ClientPace, DoesNotRestBelowTheHighWater) {
+    ClientPace pace(kChunk, kPatience);
+    pace.stored(pace.highWater() - 1);
+    EXPECT_EQ(pace.rest(), Rest::Yielded);
+}
+
+TEST(ClientPace, DoesNotYieldAboveTheHighWaterSoThatAnAnswerThatNobodyFetchesComesIn) {
+    ClientPace pace(kChunk, kShort);
+    pace.stored(pace.highWater());
+    EXPECT_EQ(pace.rest(), Rest::TimeIsUp);
+    const int before = fake_threads::yieldsOfThisThread();
+    pace.stored(1);
+    EXPECT_EQ(pace.rest(), Rest::NotNeeded);
+    EXPECT_EQ(fake_threads::yieldsOfThisThread(), before);
 }
 
 TEST(ClientPace, RestsAtTheHighWaterButNotForLong) {

@@ -1160,6 +1160,24 @@ TEST_F(RequestDataTest, BytesForAClientThatWaitsAreCopiedOnce) {
     EXPECT_EQ(receiver_.taken(), (Chunks{{kContinues, piece}}));
 }
 
+TEST_F(RequestDataTest, StoredChunksAreHandedOutWithoutAnotherCopy) {
+    for (const std::uint32_t chunk : {4096U, 65536U, 262144U}) {
+        make(chunk);
+        announce(1);
+        const std::string answer(std::size_t{4} * chunk, 'x');
+        for (std::size_t at = 0; at < answer.size(); at += 5000) {
+            request_->addResponseData(std::string_view(answer).substr(at, 5000), false);
+        }
+        const failing_memory::Count count;
+        for (int number = 0; number < 4; ++number) {
+            request_->requestNextChunk();
+            ASSERT_EQ(receiver_.taken(), (Chunks{{kContinues, std::string(chunk, 'x')}}));
+        }
+        // What the test makes itself: the expected chunks and the list.
+        EXPECT_LE(count.bytes(), 3 * answer.size() + 1024) << chunk;
+    }
+}
+
 TEST_F(RequestDataTest, BytesBeyondTheChunkOfAClientThatWaitsAreKept) {
     make(4);
     announce(1);

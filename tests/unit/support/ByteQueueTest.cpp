@@ -8,6 +8,7 @@
 #include <new>
 #include <random>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -106,9 +107,10 @@ TEST(ByteQueue, TakeOfEverySizeAroundTheBlockBordersKeepsTheRest) {
 TEST(ByteQueue, RandomOperationsAgreeWithAString) {
     std::mt19937 random(20141010); // NOLINT(cert-msc51-cpp): the same run every time
     const auto below = [&](std::size_t limit) { return random() % limit; };
-    for (int run = 0; run < 60; ++run) {
+    for (int run = 0; run < 120; ++run) {
         const std::size_t scale = run % 3 == 0 ? 8 : run % 3 == 1 ? 700 : 3 * kLargest;
-        ByteQueue queue;
+        const std::size_t largestBlock = run % 2 == 0 ? kLargest : 1 + below(2 * scale);
+        ByteQueue queue(largestBlock);
         std::string reference;
         const int steps = scale < kLargest ? 300 : 60;
         for (int step = 0; step < steps; ++step) {
@@ -128,8 +130,9 @@ TEST(ByteQueue, RandomOperationsAgreeWithAString) {
                 break;
             }
             case 3: {
-                ASSERT_EQ(queue.take(amount), reference.substr(0, amount));
-                reference.erase(0, amount);
+                const std::size_t taken = below(2) == 0 ? amount : largestBlock;
+                ASSERT_EQ(queue.take(taken), reference.substr(0, taken));
+                reference.erase(0, taken);
                 break;
             }
             case 4: {
@@ -310,7 +313,81 @@ TEST(ByteQueue, ShortQueueHoldsLittleMemory) {
     EXPECT_LE(count.held(), 512);
 }
 
+TEST(ByteQueue, HandsOutItsBlocksWithoutACopy) {
+    constexpr std::size_t kBlock = 20000;
+    ByteQueue queue(kBlock);
+    const std::string bytes = pattern(5 * kBlock);
+    for (std::size_t at = 0; at < bytes.size(); at += 7000) {
+        queue.append(std::string_view(bytes).substr(at, 7000));
+    }
+    const failing_memory::Count count;
+    for (std::size_t at = 0; at < bytes.size(); at += kBlock) {
+        ASSERT_EQ(queue.take(kBlock), std::string_view(bytes).substr(at, kBlock));
+    }
+    EXPECT_EQ(count.allocations(), 0U);
+    EXPECT_TRUE(queue.empty());
+}
+
+TEST(ByteQueue, HandsOutWhatThereIsOfABlock) {
+    ByteQueue queue(20000);
+    queue.append(pattern(12000));
+    const failing_memory::Count count;
+    const std::string taken = queue.take(20000);
+    EXPECT_EQ(count.allocations(), 0U);
+    EXPECT_EQ(taken, pattern(12000));
+    queue.append("after");
+    EXPECT_EQ(takeAll(queue), "after");
+}
+
+TEST(ByteQueue, ShortStringDoesNotHoldTheMemoryOfABlock) {
+    ByteQueue queue(kLargest);
+    queue.append(pattern(kLargest));
+    queue.append("short");
+    (void)queue.take(kLargest);
+    const failing_memory::Count count;
+    const std::string taken = queue.take(kLargest);
+    EXPECT_EQ(taken, "short");
+    EXPECT_LE(taken.capacity(), 100U);
+    EXPECT_LE(count.bytes(), 100U);
+}
+
+TEST(ByteQueue, BlockGrowsUpToTheLargestByDoubling) {
+    ByteQueue queue(kLargest);
+    const failing_memory::Count count;
+    for (std::size_t i = 0; i < kLargest; ++i) {
+        queue.append("x");
+    }
+    EXPECT_LE(count.allocations(), 10U); // 256 bytes to 64 KiB, and the list
+    EXPECT_LE(count.held(), static_cast<std::ptrdiff_t>(kLargest + 200));
+    EXPECT_EQ(queue.take(kLargest), std::string(kLargest, 'x'));
+}
+
+TEST(ByteQueue, BlockTakesUnevenSizesWithoutOutgrowingTheLargest) {
+    for (const std::size_t first : {1000U, 20000U, 33000U, 60000U}) {
+        ByteQueue queue(kLargest);
+        const failing_memory::Count count;
+        queue.append(pattern(first));
+        while (queue.size() < kLargest) {
+            queue.append("x");
+        }
+        EXPECT_LE(count.held(), static_cast<std::ptrdiff_t>(kLargest + 200)) << first;
+    }
+}
+
 // -- running out of memory -----------------------------------------------------------------------
+
+TEST(ByteQueue, GrowthThatRunsOutOfMemoryChangesNothing) {
+    ByteQueue queue;
+    queue.append(pattern(200));
+    (void)queue.take(10);
+    {
+        const failing_memory::FailOnce limit(0);
+        EXPECT_THROW(queue.append(pattern(300)), std::bad_alloc);
+    }
+    EXPECT_EQ(queue.size(), 190U);
+    queue.append("tail");
+    EXPECT_EQ(takeAll(queue), pattern(200).substr(10) + "tail");
+}
 
 TEST(ByteQueue, AppendThatRunsOutOfMemoryChangesNothing) {
     const std::string before = pattern(kLargest + 100);
@@ -340,9 +417,10 @@ TEST(ByteQueue, AppendThatRunsOutOfMemoryChangesNothing) {
 
 TEST(ByteQueue, FirstAppendThatRunsOutOfMemoryLeavesItEmpty) {
     for (int allowed = 0; allowed < 2; ++allowed) {
+        const std::string bytes = pattern(100);
         ByteQueue queue;
         const failing_memory::FailOnce limit(allowed);
-        EXPECT_THROW(queue.append("bytes"), std::bad_alloc);
+        EXPECT_THROW(queue.append(bytes), std::bad_alloc);
         EXPECT_TRUE(queue.empty());
         EXPECT_FALSE(queue.endsWithLineBreak());
     }
