@@ -144,20 +144,14 @@ bool ByteQueue::endsWithLineBreak() const noexcept {
     if (size_ < 2) {
         return false;
     }
-    // Scans back over blocks that hold nothing yet.
-    constexpr std::string_view kLineBreak = "\r\n";
-    std::size_t matched = 0;
-    for (std::size_t at = blocks_.size(); at-- > first_ && matched < kLineBreak.size();) {
-        const Block& block = blocks_[at];
-        for (std::size_t i = block.bytes.size();
-             i-- > block.begin && matched < kLineBreak.size();) {
-            if (block.bytes[i] != kLineBreak[kLineBreak.size() - 1 - matched]) {
-                return false;
-            }
-            ++matched;
-        }
+    // No block behind first_ is empty as long as there are bytes.
+    const Block& back = blocks_.back();
+    if (back.bytes.back() != '\n') {
+        return false;
     }
-    return matched == kLineBreak.size();
+    const bool isInBack = back.size() > 1;
+    const char before = isInBack ? back.data()[back.size() - 2] : blocks_.end()[-2].bytes.back();
+    return before == '\r';
 }
 
 void ByteQueue::dropBack(std::size_t count) noexcept {
