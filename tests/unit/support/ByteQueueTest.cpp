@@ -311,6 +311,10 @@ TEST(ByteQueue, ShortQueueHoldsLittleMemory) {
     ByteQueue queue;
     queue.append("short");
     EXPECT_LE(count.held(), 512);
+    queue.append(pattern(300));
+    EXPECT_LE(count.held(), 768);
+    queue.append(pattern(1200));
+    EXPECT_LE(count.held(), 2048);
 }
 
 TEST(ByteQueue, HandsOutItsBlocksWithoutACopy) {
@@ -340,15 +344,34 @@ TEST(ByteQueue, HandsOutWhatThereIsOfABlock) {
 }
 
 TEST(ByteQueue, ShortStringDoesNotHoldTheMemoryOfABlock) {
-    ByteQueue queue(kLargest);
-    queue.append(pattern(kLargest));
-    queue.append("short");
-    (void)queue.take(kLargest);
+    for (const std::size_t size : {std::size_t{100}, kLargest / 2 - 1}) {
+        ByteQueue queue(kLargest);
+        queue.append(pattern(kLargest));
+        queue.append(pattern(size));
+        (void)queue.take(kLargest);
+        const std::string taken = queue.take(kLargest);
+        EXPECT_EQ(taken, pattern(size));
+        EXPECT_LE(taken.capacity(), size) << size;
+    }
+}
+
+TEST(ByteQueue, StringOfSeveralBlocksIsAllocatedOnce) {
+    ByteQueue queue;
+    queue.append(pattern(5 * kLargest));
     const failing_memory::Count count;
-    const std::string taken = queue.take(kLargest);
-    EXPECT_EQ(taken, "short");
-    EXPECT_LE(taken.capacity(), 100U);
-    EXPECT_LE(count.bytes(), 100U);
+    const std::string taken = queue.take(5 * kLargest);
+    EXPECT_EQ(count.allocations(), 1U);
+    EXPECT_EQ(taken, pattern(5 * kLargest));
+}
+
+TEST(ByteQueue, KeepsOneBlockForTheNextBytes) {
+    ByteQueue queue;
+    std::string bytes = pattern(2 * kLargest);
+    queue.append(bytes);
+    ASSERT_EQ(queue.takeInto(bytes), bytes.size());
+    const failing_memory::Count count;
+    queue.append(std::string_view(bytes).substr(0, kLargest));
+    EXPECT_EQ(count.allocations(), 0U);
 }
 
 TEST(ByteQueue, BlockGrowsUpToTheLargestByDoubling) {
