@@ -2,6 +2,7 @@
 // the daemon's server with the daemon's options. No bus, no XML, no MIME parsing, no second thread;
 // the body stands in memory before the clock starts.
 
+#include "core/ClientPace.h"
 #include "http/HandleOptions.h"
 #include "http/HttpClient.h"
 #include "slp/SlpComposer.h"
@@ -10,9 +11,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <ratio>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -28,11 +31,38 @@ using Clock = std::chrono::steady_clock;
 constexpr std::string_view kBoundary =
     "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ01234567";
 
+/// Keeps a transfer at a speed: rests whenever it is ahead, as often as the daemon does.
+class Speed {
+public:
+    /// @param bytesPerSecond 0 for as fast as it goes.
+    explicit Speed(std::uint64_t bytesPerSecond)
+        : bytesPerSecond_(bytesPerSecond), begin_(Clock::now()) {}
+
+    void passed(std::size_t bytes) {
+        bytes_ += bytes;
+        sinceRest_ += bytes;
+        if (bytesPerSecond_ == 0 || sinceRest_ < kBetweenRests) {
+            return;
+        }
+        sinceRest_ = 0;
+        std::this_thread::sleep_until(
+            begin_ + std::chrono::nanoseconds(bytes_ * std::nano::den / bytesPerSecond_));
+    }
+
+private:
+    static constexpr std::size_t kBetweenRests = ClientPace::kLeastHighWater / 2;
+
+    std::uint64_t bytesPerSecond_;
+    std::uint64_t bytes_ = 0;
+    std::size_t sinceRest_ = 0;
+    Clock::time_point begin_;
+};
+
 /// The bytes of the daemon's message for one binary request of `payload` bytes. The payload is one
 /// block over and over, so that it stays in the processor's cache as a client's data does.
 class Body {
 public:
-    explicit Body(std::size_t payload) : left_(payload), block_(kBlock, 'u') {
+    Body(std::size_t payload, Speed& speed) : left_(payload), block_(kBlock, 'u'), speed_(speed) {
         const auto parameters = std::make_shared<const ConnectionParameters>(ConnectionParameters{
             "fingerprintRequest", "fingerprint", "1.0", "binary", "application/octet-stream", 0});
         const std::vector<std::shared_ptr<RequestData>> queue = {
@@ -59,6 +89,7 @@ public:
         if (left_ == 0) {
             take(tail_, tailTaken_, to, room);
         }
+        speed_.passed(start - room);
         return start - room;
     }
 
@@ -79,13 +110,15 @@ private:
     std::size_t tailTaken_ = 0;
     std::size_t left_;
     std::string block_;
+    Speed& speed_;
 };
 
 std::size_t readBody(char* to, std::size_t size, std::size_t count, void* body) {
     return static_cast<Body*>(body)->read(to, size * count);
 }
 
-std::size_t dropResponse(char* /*data*/, std::size_t size, std::size_t count, void* /*unused*/) {
+std::size_t dropResponse(char* /*data*/, std::size_t size, std::size_t count, void* speed) {
+    static_cast<Speed*>(speed)->passed(size * count);
     return size * count;
 }
 
@@ -95,8 +128,11 @@ struct Times {
 };
 
 /// One transfer on a connection of its own.
-Times post(const std::string& files, const std::string& proxy, std::size_t payload) {
-    Body body(payload);
+Times post(const std::string& files, const std::string& proxy, std::size_t payload,
+           std::uint64_t bytesPerSecond) {
+    Speed up(bytesPerSecond);
+    Speed down(bytesPerSecond);
+    Body body(payload, up);
     HeaderList headers;
     headers.append("Content-Type: multipart/related; type=\"text/xml\"; boundary=\"" +
                    std::string(kBoundary) + "\"; start=\"slpHeaderPart\"");
@@ -118,6 +154,7 @@ Times post(const std::string& files, const std::string& proxy, std::size_t paylo
     curl_easy_setopt(handle, CURLOPT_NOPROXY, "");
     curl_easy_setopt(handle, CURLOPT_URL, deployment::kServerUrl);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, dropResponse);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &down);
     curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, &HttpClient::socketOptionCallback);
     const CURLcode result = curl_easy_perform(handle);
     curl_off_t connected = 0;
@@ -137,10 +174,10 @@ constexpr const char* kUsage =
     "usage: floor_post DIRECTORY HOST:PORT\n"
     "\n"
     "Posts to the server through the proxy HOST:PORT with the PEM files of DIRECTORY. Reads from\n"
-    "standard input lines of three numbers: bytes of a request's data, how many transfers, pause\n"
-    "between them in milliseconds. Answers each with a line: for every transfer nanoseconds of the "
-    "whole\n"
-    "and, behind a slash, of the TLS handshake.\n";
+    "standard input lines of four numbers: bytes of a request's data, how many transfers, pause\n"
+    "between them in milliseconds, bytes a second that it keeps to, 0 for as fast as it goes.\n"
+    "Answers each with a line: for every transfer nanoseconds of the whole and, behind a slash, of\n"
+    "the TLS handshake.\n";
 
 } // namespace
 } // namespace orvexd::bench
@@ -156,10 +193,11 @@ int main(int argc, char** argv) {
         std::size_t payload = 0;
         int count = 0;
         int pause = 0;
-        while (std::cin >> payload >> count >> pause) {
+        std::uint64_t bytesPerSecond = 0;
+        while (std::cin >> payload >> count >> pause >> bytesPerSecond) {
             for (int i = 0; i < count; ++i) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(pause));
-                const Times times = post(argv[1], argv[2], payload);
+                const Times times = post(argv[1], argv[2], payload, bytesPerSecond);
                 std::cout << times.whole.count() << '/' << times.handshake.count() << ' ';
             }
             std::cout << std::endl;

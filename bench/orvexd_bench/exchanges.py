@@ -49,12 +49,14 @@ class Trio:
         settle()
         return self._floor_client.exchange(self.upload, self.answer, late=True)["done"] / 1e9
 
-    def both_at_once(self):
+    def both_at_once(self, calls_alone):
         """Seconds of the calls with the transfer beside them, which take the processors from each
-        other as the threads of a daemon do that streams."""
+        other as the threads of a daemon do that streams. The transfer keeps to the speed of the
+        calls when they are alone, seconds, as one does that waits for a client."""
         settle()
+        per_second = int(max(self.upload, self.answer) / calls_alone)
         with ThreadPoolExecutor(1) as beside:
-            transfer = beside.submit(self.post.post, self.upload)
+            transfer = beside.submit(self.post.post, self.upload, per_second=per_second)
             calls = self._floor_client.exchange(self.upload, self.answer, late=True)["done"] / 1e9
         return max(calls, *transfer.result())
 
@@ -135,7 +137,7 @@ def _throughput(run, number, name, upload, answer):
             calls.append(trio.calls())
             middle = trio.floors_processor_time()
             used.floors.append(middle - begin)
-            at_once.append(trio.both_at_once())
+            at_once.append(trio.both_at_once(calls[-1]))
             used.at_once.append(trio.floors_processor_time() - middle)
     slower = [max(pair) for pair in zip(transfers, calls, strict=True)]
     result = paired(slower, exchanges)  # speeds are the other way round

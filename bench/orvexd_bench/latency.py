@@ -72,10 +72,11 @@ def _probe(client, seconds):
 
 
 def _probe_during(client, other, upload, answer, length, late, post=None):
-    """Probes within the first four fifths of a transfer, without its first hundredth second."""
+    """Probes within the first four fifths of a transfer, without its first hundredth second. A
+    transfer beside the calls is spread over the length of theirs, seconds."""
     client.tell("exchange", upload, 65536, 0, 65536, answer, int(late))
     if post:
-        post.tell(upload, 1, 0)
+        post.tell(upload, 1, 0, int(max(upload, answer) / length))
     time.sleep(0.01)
     times = _probe(other, 0.8 * length)
     client.line()

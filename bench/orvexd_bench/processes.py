@@ -145,13 +145,13 @@ class FloorPost(Child):
             wrapper,
         )
 
-    def post(self, payload, count=1, pause=0):
-        """Seconds of each transfer."""
-        return [whole for whole, _ in self.times(payload, count, pause)]
+    def post(self, payload, count=1, pause=0, per_second=0):
+        """Seconds of each transfer, which keeps to so many bytes a second unless 0."""
+        return [whole for whole, _ in self.times(payload, count, pause, per_second)]
 
-    def times(self, payload, count=1, pause=0):
+    def times(self, payload, count=1, pause=0, per_second=0):
         """Seconds of each transfer, and of its TLS handshake."""
-        pairs = [pair.split("/") for pair in self.ask(payload, count, pause).split()]
+        pairs = [pair.split("/") for pair in self.ask(payload, count, pause, per_second).split()]
         return [(int(whole) / 1e9, int(handshake) / 1e9) for whole, handshake in pairs]
 
 
