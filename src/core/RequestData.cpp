@@ -159,7 +159,9 @@ bool RequestData::hasOutstandingPartIds() const {
 
 void RequestData::addResponseData(std::string_view bytes, bool partComplete) {
     storeResponseData(bytes, partComplete);
-    (void)pace_.rest(); // what ended it makes no difference
+    if (!cancelled_) {
+        (void)pace_.rest(); // what ended it makes no difference
+    }
 }
 
 void RequestData::storeResponseData(std::string_view bytes, bool partComplete) {

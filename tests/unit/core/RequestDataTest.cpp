@@ -1,6 +1,7 @@
 #include "core/RequestData.h"
 
 #include "fakes/FailingMemory.h"
+#include "fakes/FakeThreads.h"
 #include "fakes/Gate.h"
 
 #include <algorithm>
@@ -1081,6 +1082,18 @@ TEST_F(RequestDataTest, CancelledRequestRestsForNobody) {
     request_->setCancelled(true);
     request_->addResponseData(std::string(2 * ClientPace::kLeastHighWater, 'x'), false);
     EXPECT_EQ(request_->pace().waiting(), 0U);
+}
+
+TEST_F(RequestDataTest, CancelledRequestYieldsForNobody) {
+    make(4096);
+    announce(1);
+    const std::string chunk(4096, 'x');
+    const int before = fake_threads::yieldsOfThisThread();
+    request_->addResponseData(chunk, false);
+    EXPECT_EQ(fake_threads::yieldsOfThisThread(), before + 1);
+    request_->setCancelled(true);
+    request_->addResponseData(chunk, false);
+    EXPECT_EQ(fake_threads::yieldsOfThisThread(), before + 1);
 }
 
 TEST_F(RequestDataTest, PaceIsThatOfTheChunksHandedOut) {
