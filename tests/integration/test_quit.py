@@ -111,7 +111,7 @@ def test_quit_during_an_answer_waits_for_its_end(ending, client, server):
     server.wait(1, "upload-end")
     quitting = client.call_later("quit")
     client.bus.flush_sync(None)
-    observe.poll_for(lambda: observe.sleeping_for(ending.pid) is None)
+    observe.wait_until_joining(ending.pid)
     assert not quitting.done
     server.give("go")
     quitting.wait()

@@ -87,7 +87,8 @@ class Daemon:
 
     def guard(self):
         """From now on every wait fails at once when it has ended."""
-        waiting.guards.append(self._guard)
+        if self._guard not in waiting.guards:
+            waiting.guards.append(self._guard)
 
     def launch(self):
         """Starts it and waits for nothing, for starts that are meant to fail."""

@@ -23,8 +23,7 @@ class Ending(Seen):
 
     def expect_blocked(self, scene):
         """The end waits for the exchange."""
-        pid = scene.daemon.pid
-        observe.poll_for(lambda: observe.sleeping_for(pid) is None, 10, "the wait for the worker")
+        observe.wait_until_joining(scene.daemon.pid)
         assert scene.daemon.process.status is None
 
     def check(self, scene):

@@ -10,7 +10,10 @@ from gi.repository import GLib
 
 from .waiting import wait_for
 
-_POLL = {"x86_64": 7}.get(os.uname().machine)
+# Numbers of system calls, for x86-64 only; see _system_call.
+_POLL = 7
+_FUTEX = 202
+_FUTEX_PRIVATE_FLAG = 128  # linux/futex.h
 _FOREVER = 0xFFFFFFFF
 
 
@@ -99,12 +102,33 @@ def sleeping_for(pid):
 
     It is the argument of the poll call that it is in, so it does not get smaller meanwhile.
     """
-    assert _POLL is not None, "the number of poll is known for x86-64 only"
-    words = pathlib.Path(f"/proc/{pid}/syscall").read_text("utf-8").split()
-    if words[0] != str(_POLL):
+    number, arguments = _system_call(pid)
+    if number != _POLL:
         return None
-    timeout = int(words[3], 16) & _FOREVER
+    timeout = arguments[2] & _FOREVER
     return float("inf") if timeout == _FOREVER else timeout
+
+
+def wait_until_joining(pid):
+    """Waits until the main thread waits for the end of another one.
+
+    The kernel tells that end to a futex that is not private; all locks are.
+    """
+
+    def joins():
+        number, arguments = _system_call(pid)
+        return number == _FUTEX and not arguments[1] & _FUTEX_PRIVATE_FLAG
+
+    poll_for(joins, 10, "the wait for the worker's end")
+
+
+def _system_call(pid):
+    """The system call that the main thread sleeps in and its arguments; None, () when it runs."""
+    assert os.uname().machine == "x86_64", "numbers of system calls are known for x86-64 only"
+    words = pathlib.Path(f"/proc/{pid}/syscall").read_text("utf-8").split()
+    if words[0] == "running":
+        return None, ()
+    return int(words[0]), [int(word, 16) for word in words[1:]]
 
 
 def next_timer(pid):
