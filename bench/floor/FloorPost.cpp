@@ -176,9 +176,8 @@ constexpr const char* kUsage =
     "Posts to the server through the proxy HOST:PORT with the PEM files of DIRECTORY. Reads from\n"
     "standard input lines of four numbers: bytes of a request's data, how many transfers, pause\n"
     "between them in milliseconds, bytes a second that it keeps to, 0 for as fast as it goes.\n"
-    "Answers each with a line: for every transfer nanoseconds of the whole and, behind a slash, "
-    "of\n"
-    "the TLS handshake.\n";
+    "Answers each with a line: for every transfer nanoseconds of the whole and, behind a slash,\n"
+    "of the TLS handshake.\n";
 
 } // namespace
 } // namespace orvexd::bench

@@ -11,8 +11,8 @@ namespace {
 constexpr std::uint32_t kDefaultPolicy = 2;
 
 /// Chunks between these sizes are stored as they will be handed out.
-constexpr std::size_t kLeastBlock = std::size_t{4} * 1024;
-constexpr std::size_t kLargestBlock = std::size_t{256} * 1024;
+constexpr std::size_t kLeastStoredChunk = std::size_t{4} * 1024;
+constexpr std::size_t kLargestStoredChunk = std::size_t{256} * 1024;
 
 } // namespace
 
@@ -224,8 +224,8 @@ std::size_t RequestData::chunkLimit() const noexcept {
 /// large chunks are made from blocks of the usual size.
 std::size_t RequestData::blockSize() const noexcept {
     const std::size_t chunk = chunkLimit();
-    const bool isUsable = kLeastBlock <= chunk && chunk <= kLargestBlock;
-    return isUsable ? chunk : ByteQueue::kLargestBlock;
+    const bool isStored = kLeastStoredChunk <= chunk && chunk <= kLargestStoredChunk;
+    return isStored ? chunk : ByteQueue::kLargestBlock;
 }
 
 void RequestData::post(DeliveryCode code, std::string chunk) {
