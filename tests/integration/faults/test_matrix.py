@@ -3,7 +3,7 @@
 import pytest
 from gi.repository import GLib
 
-from harness import curl, matrix
+from harness import curl, matrix, waiting
 from harness.fault import PROTOCOL, TRANSPORT, Answered, Failed, Fault, Over, one_request
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
@@ -77,6 +77,13 @@ def test_daemon_that_failed_a_row_does_not_serve_the_next_one(scene):
     scene.close()
     assert scene.daemon.pid != pid
     scene.daemon.guard()
+
+
+def test_end_that_is_wanted_fails_no_wait(scene):
+    scene.daemon.guard()
+    scene.daemon.guard()
+    scene.daemon.expect_end()
+    assert not waiting.guards
 
 
 def test_script_of_a_failed_row_does_not_wait_on(scene):
