@@ -2,9 +2,8 @@
 // the daemon's server with the daemon's options. No bus, no XML, no MIME parsing, no second thread;
 // the body stands in memory before the clock starts.
 
-#include "core/ClientPace.h"
-#include "http/HandleOptions.h"
 #include "http/HttpClient.h"
+#include "request/Answer.h"
 #include "slp/SlpComposer.h"
 #include "support/CurlHandles.h"
 #include "support/Deployment.h"
@@ -50,7 +49,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t kBetweenRests = ClientPace::kLeastHighWater / 2;
+    static constexpr std::size_t kBetweenRests = BackPressure::kLeastHighWater / 2;
 
     std::uint64_t bytesPerSecond_;
     std::uint64_t bytes_ = 0;
@@ -142,7 +141,7 @@ Times post(const std::string& files, const std::string& proxy, std::size_t paylo
     const auto begin = Clock::now();
     EasyHandle owned(curl_easy_init());
     CURL* handle = owned.get();
-    setHandleOptions(handle, files);
+    HttpClient::setHandleOptions(handle, files);
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
     curl_easy_setopt(handle, CURLOPT_HEADER, 1L);
     curl_easy_setopt(handle, CURLOPT_POST, 1L);

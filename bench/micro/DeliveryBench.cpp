@@ -1,4 +1,4 @@
-#include "core/RequestData.h"
+#include "request/RequestData.h"
 
 #include "OurParse.h"
 
@@ -22,10 +22,9 @@ private:
 /// Pieces of 16 KiB arrive, the client fetches a chunk whenever there is a whole one.
 void deliverChunks(benchmark::State& state) {
     const auto chunk = static_cast<std::uint32_t>(state.range(0));
-    const auto queue = makeQueue(1, "binary", chunk);
-    RequestData& request = *queue.front();
     Receiver receiver;
-    request.setOwner(&receiver);
+    const auto queue = makeQueue(1, "binary", chunk, &receiver);
+    RequestData& request = *queue.front();
     request.addExpectedPartId("a");
     const std::string piece(16384, 'p');
     std::size_t stored = 0;

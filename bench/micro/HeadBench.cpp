@@ -1,5 +1,4 @@
 #include "http/Boundary.h"
-#include "slp/PartHeader.h"
 #include "slp/ResponseHead.h"
 #include "slp/TextSearch.h"
 

@@ -12,8 +12,6 @@ namespace {
 /// The client that fetches.
 class Fetcher : public IChunkReceiver {
 public:
-    explicit Fetcher(RequestData& request) : request_(request) { request.setOwner(this); }
-
     void postChunk(std::uint32_t /*connection*/, std::uint32_t /*request*/, DeliveryCode /*code*/,
                    std::string bytes) override {
         chunk_ = std::move(bytes);
@@ -21,15 +19,14 @@ public:
     }
 
     /// Fetches all that is stored; the last call is held until there is more.
-    void fetch() {
+    void fetch(RequestData& request) {
         do {
             fetched_ = false;
-            request_.requestNextChunk();
+            request.requestNextChunk();
         } while (fetched_);
     }
 
 private:
-    RequestData& request_;
     std::string chunk_;
     bool fetched_ = false;
 };
@@ -58,29 +55,31 @@ std::vector<std::string_view> cutResponse(const Response& response, std::size_t 
 }
 
 std::vector<std::shared_ptr<RequestData>> makeQueue(std::size_t requests, const char* encoding,
-                                                    std::uint32_t chunkSize) {
+                                                    std::uint32_t chunkSize,
+                                                    IChunkReceiver* receiver) {
     const auto parameters = std::make_shared<const ConnectionParameters>(
         ConnectionParameters{"fingerprintRequest", "fingerprint", "1.0", encoding,
                              "application/octet-stream", chunkSize});
     std::vector<std::shared_ptr<RequestData>> queue;
     for (std::uint32_t i = 1; i <= requests; ++i) {
-        queue.push_back(std::make_shared<RequestData>(1, i, true, parameters));
+        queue.push_back(
+            std::make_shared<RequestData>(1, i, true, parameters, NotFlagged, receiver));
         queue.back()->setMessageIndex(i);
     }
     return queue;
 }
 
 bool parseOurs(const Response& response, const std::vector<std::string_view>& pieces) {
-    const auto queue = makeQueue();
-    Fetcher client(*queue.front());
+    Fetcher client;
+    const auto queue = makeQueue(1, "binary", 65536, &client);
     SlpResponseParser parser(queue);
     parser.feed(response.head);
     for (const std::string_view piece : pieces) {
         parser.feed(piece);
-        client.fetch();
+        client.fetch(*queue.front());
     }
     parser.finish();
-    client.fetch();
+    client.fetch(*queue.front());
     return !parser.hasError() && queue.front()->state() == RequestState::Delivered;
 }
 

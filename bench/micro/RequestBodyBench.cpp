@@ -14,9 +14,9 @@ public:
     std::string proxyForServer() override { return {}; }
     void postRequestData(std::uint32_t /*connection*/, std::uint32_t /*request*/) override {}
     void announceConnectionStatus() override {}
-    void onExchangeFailed(std::uint32_t /*code*/, const std::string& /*text*/,
+    void onExchangeFailed(int /*code*/, const std::string& /*text*/,
                           const std::string& /*keys*/) override {}
-    void onExchangeDone(std::uint64_t /*number*/) override {}
+    void onExchangeFinished() override {}
 };
 
 /// One sendData of 64 KiB and the read callbacks that take it.

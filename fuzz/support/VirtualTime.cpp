@@ -1,5 +1,6 @@
 #include "support/VirtualTime.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <glib.h>
 #include <limits>
@@ -26,6 +27,12 @@ struct World {
     std::uint64_t number = 0;
 };
 
+void release(const Timer& timer) {
+    if (timer.destroy != nullptr) {
+        timer.destroy(timer.data);
+    }
+}
+
 World& world() {
     static World instance;
     return instance;
@@ -46,7 +53,7 @@ bool runOne() {
         w.timers.erase(first);
     }
     (void)timer.run(timer.data); // one-shot all of them
-    timer.destroy(timer.data);
+    release(timer);
     return true;
 }
 
@@ -67,13 +74,13 @@ void clear() {
         timers.swap(world().timers);
     }
     for (const auto& [due, timer] : timers) {
-        timer.destroy(timer.data);
+        release(timer);
     }
 }
 
 } // namespace orvexd::fuzz::virtual_time
 
-// GLib's call by the name that the linker gives it
+// GLib's calls by the names that the linker gives them
 guint wrappedTimeoutAdd(gint priority, guint interval, GSourceFunc run, gpointer data,
                         GDestroyNotify destroy) __asm__("__wrap_g_timeout_add_full");
 
@@ -84,4 +91,25 @@ guint wrappedTimeoutAdd(gint /*priority*/, guint interval, GSourceFunc run, gpoi
     const std::lock_guard guard(w.mutex);
     w.timers[{w.now + interval, ++w.number}] = {run, data, destroy};
     return static_cast<guint>(w.number);
+}
+
+gboolean wrappedSourceRemove(guint number) __asm__("__wrap_g_source_remove");
+
+gboolean wrappedSourceRemove(guint number) {
+    using namespace orvexd::fuzz::virtual_time;
+    Timer removed{};
+    {
+        World& w = world();
+        const std::lock_guard guard(w.mutex);
+        const auto position =
+            std::find_if(w.timers.begin(), w.timers.end(),
+                         [&](const auto& timer) { return timer.first.second == number; });
+        if (position == w.timers.end()) {
+            return FALSE;
+        }
+        removed = position->second;
+        w.timers.erase(position);
+    }
+    release(removed);
+    return TRUE;
 }

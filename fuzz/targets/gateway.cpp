@@ -14,10 +14,10 @@
 
 #include "config/ConfHandler.h"
 #include "core/OrvexMain.h"
-#include "core/RequestKey.h"
 #include "fakes/FakeCurl.h"
 #include "fakes/FakePlatform.h"
 #include "fakes/FakeThreads.h"
+#include "request/RequestData.h"
 #include "support/Check.h"
 #include "support/Input.h"
 #include "support/Target.h"
@@ -214,6 +214,7 @@ private:
     void beginAnswer(Flaw flaw);
     void write(std::size_t atoms);
     void finishTransfer(CURLcode code);
+    void failExchange(Exchange ended);
     bool answerBegunInFull() const;
     void finishExchange();
 
@@ -229,7 +230,8 @@ private:
     std::vector<std::uint32_t> chunkSizes_; ///< by connection id - 1
     std::map<std::uint32_t, std::unique_ptr<Request>> requests_;
     std::optional<Exchange> exchange_; ///< the running one
-    std::vector<Exchange> failed_;     ///< ended in failure, their errors are still to come
+    bool finishing_ = false;       ///< the running one has its result, but the core does not know
+    std::vector<Exchange> failed_; ///< ended in failure, their errors are still to come
     std::size_t sent_ = 0;
     std::size_t exchanges_ = 0;
 };
@@ -334,7 +336,7 @@ void Gateway::settle() {
 
 /// After anything that may have started an exchange.
 void Gateway::noticeStart() {
-    if (exchange_ || !core_->isTransferRunning()) {
+    if (exchange_ || finishing_ || !core_->isTransferRunning()) {
         return;
     }
     exchange_.emplace();
@@ -590,18 +592,27 @@ void Gateway::finishTransfer(CURLcode code) {
     }
     const bool succeeds = code == CURLE_OK && answerBegunInFull();
     Exchange ended = std::move(*exchange_);
-    turnstile_.run([code](fake_curl::Transfer&) { return code; });
-    while (core_->isTransferRunning()) { // the worker's last words
-        std::this_thread::yield();
-    }
+    finishing_ = true;
     exchange_.reset();
+    settle();
+    turnstile_.run([code](fake_curl::Transfer&) { return code; });
     if (succeeds) {
         for (Request* request : ended.members) {
             request->place = Place::Answered;
             request->bodyCut = !ended.bodyEnded;
         }
-        return;
+    } else {
+        failExchange(std::move(ended));
     }
+    while (core_->isTransferRunning()) { // until the outcome has reached the main loop
+        if (!virtual_time::runOne()) {
+            std::this_thread::yield();
+        }
+    }
+    finishing_ = false;
+}
+
+void Gateway::failExchange(Exchange ended) {
     for (const auto& [id, request] : requests_) {
         request->silent = request->silent || request->place == Place::Answered;
         if (request->place != Place::Waiting) {

@@ -5,7 +5,6 @@
 // Properties: nothing outside the text is read; the values are those of a reading that goes from
 // character to character.
 
-#include "slp/PartHeader.h"
 #include "slp/ResponseHead.h"
 #include "support/Check.h"
 #include "support/ExactCopy.h"

@@ -6,7 +6,7 @@
 // Properties: never more than the buffer is written; the bytes are those of the stream, each slice
 // on its own with CR LF for bare line feeds unless its part is binary.
 
-#include "config/Parameters.h"
+#include "config/MapWrapper.h"
 #include "http/DataSignal.h"
 #include "http/ExchangeParts.h"
 #include "http/LineEnds.h"

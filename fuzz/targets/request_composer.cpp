@@ -5,8 +5,8 @@
 // Properties: the requests are numbered in order; a document that any XML reader accepts gives the
 // values back; nothing is left on the heap.
 
-#include "config/Parameters.h"
-#include "core/RequestData.h"
+#include "config/MapWrapper.h"
+#include "request/RequestData.h"
 #include "slp/SlpComposer.h"
 #include "slp/SlpDocument.h"
 #include "slp/TextSearch.h"

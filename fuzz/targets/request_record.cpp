@@ -5,7 +5,8 @@
 // Property: after every step the record agrees with a plain one: bytes out are bytes in, codes and
 // states follow the table.
 
-#include "core/RequestData.h"
+#include "models/RequestModel.h"
+#include "request/RequestData.h"
 #include "support/Check.h"
 #include "support/ExactCopy.h"
 #include "support/Input.h"
@@ -13,7 +14,6 @@
 
 #include <algorithm>
 #include <array>
-#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -22,12 +22,8 @@
 namespace orvexd::fuzz {
 namespace {
 
-struct Delivery {
-    std::uint32_t code;
-    std::string bytes;
-
-    bool operator==(const Delivery& other) const = default;
-};
+using test::Chunk;
+using test::RequestModel;
 
 const ConnectionParameters& parametersOf(std::uint32_t chunkSize) {
     static ConnectionParameters parameters{"Element", "type", "1.0", "8bit", "text/plain", 0};
@@ -35,177 +31,40 @@ const ConnectionParameters& parametersOf(std::uint32_t chunkSize) {
     return parameters;
 }
 
-/// The record written down plainly: every container is searched, erased from and copied as a whole.
-/// The numbers of states and codes are those on the bus and in the tables.
-class PlainRecord {
-public:
-    explicit PlainRecord(std::size_t chunkSize) : chunkSize_(chunkSize) {}
-
-    void writePartHeader(const std::string& boundary) {
-        partHeader_ += "\r\n--" + boundary +
-                       "\r\nContent-Type: text/plain\r\nContent-Transfer-Encoding: 8bit\r\n"
-                       "Content-Id: " +
-                       contentId + "\r\n";
-    }
-
-    void appendRequestData(std::string_view bytes, bool last) {
-        if (!partHeaderEmitted_) {
-            outgoing_ += partHeader_ + "\r\n";
-            partHeaderEmitted_ = true;
-        }
-        outgoing_ += bytes;
-        lastDataGiven_ = last;
-    }
-
-    bool takeRequestData(std::string& out, std::size_t most) {
-        dataTransferStarted = true;
-        const bool all = outgoing_.size() <= most;
-        out = outgoing_.substr(0, most);
-        outgoing_.erase(0, out.size());
-        if (all && lastDataGiven_) {
-            acceptingData = false; // in the same step, so that no data is accepted and lost
-        }
-        return all && lastDataGiven_;
-    }
-
-    void setExpectedPartIds(const std::vector<std::string>& ids) { expected_ = outstanding_ = ids; }
-
-    void addExpectedPartId(const std::string& id) {
-        expected_.push_back(id);
-        outstanding_.push_back(id);
-    }
-
-    bool acceptPartId(const std::string& id) {
-        if (std::find(expected_.begin(), expected_.end(), id) == expected_.end()) {
-            return false;
-        }
-        const auto found = std::find(outstanding_.begin(), outstanding_.end(), id);
-        if (found != outstanding_.end()) {
-            outstanding_.erase(found);
-        }
-        return true;
-    }
-
-    bool hasExpectedPartIds() const { return !expected_.empty(); }
-    bool hasOutstandingPartIds() const { return !outstanding_.empty(); }
-
-    void addResponseData(std::string_view bytes, bool partComplete) {
-        if (!cancelled) {
-            if (buffers_.empty()) {
-                return; // all has been delivered: there is nothing left to add to
-            }
-            buffers_.back() += bytes;
-            if (partComplete) {
-                codes_.back() = 2302;
-                if (buffers_.back().ends_with("\r\n")) {
-                    buffers_.back().erase(buffers_.back().size() - 2);
-                }
-            }
-        }
-        if (!partComplete) {
-            state = 4;
-        } else if (++completed_ == expected_.size()) {
-            state = 6;
-        } else {
-            state = 5;
-            buffers_.emplace_back();
-            codes_.push_back(2301);
-        }
-        (void)deliverNext();
-    }
-
-    bool deliverNext() {
-        if (cancelled) {
-            state = state == 6 ? 7 : state;
-            return true;
-        }
-        if (waitingForGetData || buffers_.empty()) {
-            return false;
-        }
-        std::string& buffer = buffers_.front();
-        std::uint32_t code = codes_.front();
-        if (buffer.size() > chunkSize_ || code == 2301) {
-            code = 2301;
-        } else if (state == 6 && buffers_.size() == 1) {
-            code = 2303;
-        }
-        const std::string chunk = buffer.substr(0, chunkSize_);
-        deliveries.push_back({code, chunk});
-        waitingForGetData = true;
-        buffer.erase(0, chunk.size());
-        if (code != 2301) {
-            buffers_.pop_front();
-            codes_.pop_front();
-        }
-        if (state == 6 && buffers_.empty()) {
-            state = 7;
-        }
-        return true;
-    }
-
-    void requestNextChunk() {
-        waitingForGetData = false;
-        if (buffers_.empty() || (buffers_.front().empty() && codes_.front() == 2301)) {
-            return;
-        }
-        (void)deliverNext();
-    }
-
-    std::uint32_t state = 0;
-    bool cancelled = false;
-    bool waitingForGetData = true;
-    bool acceptingData = false;
-    bool dataTransferStarted = false;
-    std::string contentId;
-    std::vector<Delivery> deliveries;
-
-private:
-    std::size_t chunkSize_;
-    std::string partHeader_;
-    bool partHeaderEmitted_ = false;
-    std::string outgoing_;
-    bool lastDataGiven_ = false;
-    std::vector<std::string> expected_;
-    std::vector<std::string> outstanding_;
-    std::deque<std::string> buffers_ = {""};
-    std::deque<std::uint32_t> codes_ = {2301};
-    std::size_t completed_ = 0;
-};
-
 class Recorder : public IChunkReceiver {
 public:
     void postChunk(std::uint32_t connectionId, std::uint32_t requestId, DeliveryCode code,
                    std::string bytes) override {
         check(connectionId == 3 && requestId == 17, "a chunk names its request");
-        deliveries.push_back({static_cast<std::uint32_t>(code), std::move(bytes)});
+        chunks.push_back({code, std::move(bytes)});
     }
 
-    std::vector<Delivery> deliveries;
+    std::vector<Chunk> chunks;
 };
 
 class Pair {
 public:
     explicit Pair(std::uint32_t chunkSize)
-        : plain_(chunkSize),
-          record_(3, 17, true,
-                  std::make_shared<const ConnectionParameters>(parametersOf(chunkSize))) {
-        record_.setOwner(&recorder_);
+        : record_(3, 17, true,
+                  std::make_shared<const ConnectionParameters>(parametersOf(chunkSize)), NotFlagged,
+                  &recorder_) {
+        model_.chunkSize = chunkSize;
     }
 
     void step(Input& input);
 
     void compare() {
-        check(static_cast<std::uint32_t>(record_.state()) == plain_.state, "the state");
-        check(record_.isCancelled() == plain_.cancelled, "the cancelled flag");
-        check(record_.isWaitingForGetData() == plain_.waitingForGetData, "the waiting flag");
-        check(record_.isAcceptingData() == plain_.acceptingData, "the accepting flag");
-        check(record_.dataTransferStarted() == plain_.dataTransferStarted, "the started flag");
-        check(record_.hasExpectedPartIds() == plain_.hasExpectedPartIds(), "the announced parts");
-        check(record_.hasOutstandingPartIds() == plain_.hasOutstandingPartIds(),
+        check(static_cast<int>(record_.state()) == model_.state, "the state");
+        check(record_.isCancelled() == model_.cancelled, "the cancelled flag");
+        check(record_.isWaitingForGetData() == model_.waitingForGetData, "the waiting flag");
+        check(record_.isAcceptingData() == model_.accepting, "the accepting flag");
+        check(record_.dataTransferStarted() == model_.started, "the started flag");
+        check(record_.hasExpectedPartIds() == !model_.expected.empty(), "the announced parts");
+        check(record_.hasOutstandingPartIds() == !model_.outstanding.empty(),
               "the outstanding parts");
-        check(recorder_.deliveries.size() == plain_.deliveries.size(), "the number of deliveries");
-        for (; compared_ < plain_.deliveries.size(); ++compared_) {
-            check(recorder_.deliveries[compared_] == plain_.deliveries[compared_], "a delivery");
+        check(recorder_.chunks.size() == model_.chunks.size(), "the number of deliveries");
+        for (; compared_ < model_.chunks.size(); ++compared_) {
+            check(recorder_.chunks[compared_] == model_.chunks[compared_], "a delivery");
         }
     }
 
@@ -221,15 +80,15 @@ public:
 private:
     void take(std::size_t most) {
         const ExactRoom room(most);
-        const RequestData::Taken taken = record_.takeRequestData(room.span());
-        std::string expected;
-        check(taken.finished == plain_.takeRequestData(expected, most), "the end of the part");
+        const OutgoingPart::Piece taken = record_.takeRequestData(room.span());
+        const auto [expected, finished] = model_.take(most);
+        check(taken.finished == finished, "the end of the part");
         check(room.view().substr(0, taken.bytes) == expected, "bytes out are bytes in");
     }
 
     void ask() {
         record_.requestNextChunk();
-        plain_.requestNextChunk();
+        model_.next();
         compare();
     }
 
@@ -237,17 +96,18 @@ private:
         const ExactCopy copy(bytes);
         if (onlyIfAccepting) {
             const bool taken = record_.appendIfAccepting(copy.view(), last);
-            check(taken == plain_.acceptingData, "data is taken while it is asked for");
+            check(taken == model_.accepting, "data is taken while it is asked for");
             if (!taken) {
                 return;
             }
         } else {
             record_.appendRequestData(copy.view(), last);
         }
-        plain_.appendRequestData(bytes, last);
+        model_.append(bytes, last);
     }
 
-    PlainRecord plain_;
+    RequestModel model_;
+    std::string contentId_;
     Recorder recorder_;
     RequestData record_;
     std::size_t compared_ = 0; ///< so many deliveries have been looked at
@@ -287,13 +147,13 @@ void Pair::step(Input& input) {
     {
         const std::string data = readData(input);
         record_.addResponseData(data, false);
-        plain_.addResponseData(data, false);
+        model_.add(data, false);
     } break;
     case 'p': // the last piece of a response part
     {
         const std::string data = readData(input);
         record_.addResponseData(data, true);
-        plain_.addResponseData(data, true);
+        model_.add(data, true);
     } break;
     case 'd':
         append(readData(input), false, false);
@@ -312,49 +172,49 @@ void Pair::step(Input& input) {
         break;
     case 'h':
         record_.writePartHeader("boundary");
-        plain_.writePartHeader("boundary");
+        model_.writeHeader("boundary", "text/plain", "8bit", contentId_);
         break;
     case 'H':
-        plain_.contentId = kIds[input.number(kIds.size())];
-        record_.setContentId(plain_.contentId);
+        contentId_ = kIds[input.number(kIds.size())];
+        record_.setContentId(contentId_);
         break;
     case 'i': {
         const std::vector<std::string> ids = readIds(input);
         record_.setExpectedPartIds(ids);
-        plain_.setExpectedPartIds(ids);
+        model_.setExpected(ids);
     } break;
     case 'I': {
         const std::string id = kIds[input.number(kIds.size())];
         record_.addExpectedPartId(id);
-        plain_.addExpectedPartId(id);
+        model_.addExpected(id);
     } break;
     case 'k': // a part with this id begins
     {
         const std::string id = kIds[input.number(kIds.size())];
-        check(record_.acceptPartId(id) == plain_.acceptPartId(id), "a part finds its request");
+        check(record_.acceptPartId(id) == model_.accept(id), "a part finds its request");
     } break;
     case 'x':
-        record_.setCancelled(plain_.cancelled = true);
+        record_.setCancelled(model_.cancelled = true);
         break;
     case 'X':
-        record_.setCancelled(plain_.cancelled = false);
+        record_.setCancelled(model_.cancelled = false);
         break;
     case 's':
-        plain_.state = static_cast<std::uint32_t>(input.number(8));
-        record_.setState(static_cast<RequestState>(plain_.state));
+        model_.state = static_cast<int>(input.number(8));
+        record_.setState(static_cast<RequestState>(model_.state));
         break;
     case 'r': // never backwards
     {
-        const auto state = static_cast<std::uint32_t>(input.number(8));
-        plain_.state = std::max(plain_.state, state);
+        const auto state = static_cast<int>(input.number(8));
+        model_.state = std::max(model_.state, state);
         record_.raiseState(static_cast<RequestState>(state));
     } break;
     case 'a':
-        plain_.acceptingData = input.number(2) != 0;
-        record_.setAcceptingData(plain_.acceptingData);
+        model_.accepting = input.number(2) != 0;
+        record_.setAcceptingData(model_.accepting);
         break;
     default:
-        check(record_.deliverNext() == plain_.deliverNext(), "whether a chunk was handed out");
+        check(record_.deliverNext() == model_.deliver(), "whether a chunk was handed out");
     }
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "config/Parameters.h"
+#include "config/MapWrapper.h"
 
 #include <string>
 

@@ -1,15 +1,14 @@
 #include "core/OrvexMain.h"
 
 #include "config/ConfHandler.h"
-#include "core/RequestKey.h"
-#include "network/ConnectionStatus.h"
-#include "support/FailureCode.h"
+#include "config/Number.h"
+#include "protocol/Codes.h"
+#include "protocol/States.h"
+#include "request/RequestData.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <trilba/core/SystemInfo.h>
 #include <utility>
-#include <vector>
 
 namespace orvexd {
 
@@ -21,8 +20,8 @@ constexpr const char* kDefaultOpenDuration = "network/default_connection_open_du
 constexpr const char* kMaxOpenDuration = "network/max_connection_open_duration";
 
 std::uint32_t durationParameter(const char* key, const char* fallback) {
-    const std::string value = OrvexMain::getConfiguration().get(key, fallback);
-    return static_cast<std::uint32_t>(std::strtoul(value.c_str(), nullptr, 10));
+    return static_cast<std::uint32_t>(
+        readNumber(OrvexMain::getConfiguration().get(key, fallback)).value);
 }
 
 /// The next id of a counter; 0 is no id, also after the counter has wrapped.
@@ -34,10 +33,7 @@ std::uint32_t nextId(std::uint32_t& counter) noexcept {
 } // namespace
 
 OrvexMain::OrvexMain(IServiceEvents& service)
-    : HttpClient(static_cast<IExchangeOwner&>(*this)),
-      service_(service),
-      posts_(service),
-      networkManager_(*this) {
+    : service_(service), posts_(service), client_(*this), networkManager_(*this) {
     for (const char* key : {kDefaultOpenDuration, kMaxOpenDuration}) {
         setParameterIfSet(key, ConfHandler::get(key));
     }
@@ -84,11 +80,7 @@ std::uint32_t OrvexMain::openConnection(std::string elementName, std::string typ
     auto parameters = std::make_shared<const ConnectionParameters>(
         ConnectionParameters{std::move(elementName), std::move(type), std::move(version),
                              std::move(transferEncoding), std::move(contentType), chunkSize});
-    std::uint32_t connectionId = 0;
-    {
-        const RecursiveLock guard(connectionsLock_);
-        connectionId = nextId(lastConnectionId_);
-    }
+    const std::uint32_t connectionId = nextId(lastConnectionId_);
     connections_.insert_or_assign(connectionId, std::move(parameters));
     if (imsi_.empty() || imei_.empty()) {
         collectDeviceIdentifiers();
@@ -97,18 +89,13 @@ std::uint32_t OrvexMain::openConnection(std::string elementName, std::string typ
 }
 
 void OrvexMain::closeConnection(std::uint32_t connectionId) {
-    {
-        const RecursiveLock guard(requestsLock_);
-        for (const RequestPointer& request : requests_.ofConnection(connectionId)) {
-            cancelLive(request);
-        }
+    for (const RequestPointer& request : requests_.ofConnection(connectionId)) {
+        cancelLive(request);
     }
-    const RecursiveLock guard(connectionsLock_);
     connections_.erase(connectionId);
 }
 
 void OrvexMain::cancelRequest(std::uint32_t connectionId, std::uint32_t requestId) {
-    const RecursiveLock guard(requestsLock_);
     if (const RequestPointer request = requests_.find(connectionId, requestId)) {
         cancelLive(request);
     }
@@ -119,8 +106,8 @@ void OrvexMain::cancelRequest(std::uint32_t connectionId, std::uint32_t requestI
 void OrvexMain::cancelLive(const RequestPointer& request) {
     request->setCancelled(true);
     if (request->state() == RequestState::Created) {
-        posts_.postRequestFinished(request->connectionId(), request->requestId());
         requests_.remove(request);
+        postFinished({request});
     }
 }
 
@@ -143,17 +130,10 @@ std::uint32_t OrvexMain::createRequest(std::uint32_t connectionId, std::uint32_t
     if (prepared && !connectionAllowed(connectionPolicy)) {
         throw failure::kNoConnection;
     }
-    const std::uint32_t requestId = nextRequestId();
-    const auto request =
-        std::make_shared<RequestData>(connectionId, requestId, prepared, connection->second);
-    request->setConnectionPolicy(connectionPolicy);
-    request->setOwner(this);
-    {
-        const RecursiveLock guard(requestsLock_);
-        requests_.add(request);
-        raiseOpenDuration(openDuration);
-    }
-    // From here on only the id is used: the start of an exchange may already drop the request.
+    const std::uint32_t requestId = nextId(lastRequestId_);
+    requests_.add(std::make_shared<RequestData>(connectionId, requestId, prepared,
+                                                connection->second, connectionPolicy, &posts_));
+    raiseOpenDuration(openDuration);
     const bool wantsExchange = prepared || (reportedStatus_ & StatusKindOne) != 0;
     if (wantsExchange && !isTransferRunning() && !startExchange()) {
         throw failure::kNoConnection;
@@ -161,31 +141,26 @@ std::uint32_t OrvexMain::createRequest(std::uint32_t connectionId, std::uint32_t
     return requestId;
 }
 
-std::uint32_t OrvexMain::nextRequestId() {
-    const RecursiveLock guard(requestIdLock_);
-    return nextId(lastRequestId_);
-}
-
 int OrvexMain::sendData(std::string_view bytes, bool last, std::uint32_t connectionId,
                         std::uint32_t requestId) {
     if (!connections_.contains(connectionId)) {
         return failure::kUnknownConnection;
     }
-    const RecursiveLock guard(requestsLock_);
-    const auto request = requests_.find(connectionId, requestId);
+    const RequestPointer request = requests_.find(connectionId, requestId);
     if (!request) {
         return failure::kUnknownRequest;
     }
     if (!request->appendIfAccepting(bytes, last)) {
         return failure::kNotAccepting;
     }
-    notifyData(); // with the request's lock released: the data mutex comes before it
+    if (exchange_) {
+        exchange_->notifyData();
+    }
     return failure::kNone;
 }
 
 void OrvexMain::getData(std::uint32_t connectionId, std::uint32_t requestId) {
-    const RecursiveLock guard(requestsLock_);
-    const auto request = requests_.find(connectionId, requestId);
+    const RequestPointer request = requests_.find(connectionId, requestId);
     if (!request) {
         throw failure::kUnknownRequest;
     }
@@ -194,11 +169,9 @@ void OrvexMain::getData(std::uint32_t connectionId, std::uint32_t requestId) {
 
 void OrvexMain::shutdown() {
     closing_ = true;
-    if (workerThread_.isJoinable()) {
-        // Whatever the transfer's own flag says: the worker may not have taken its first step yet,
-        // or may be at its last.
-        cancelTransfer();
-        workerThread_.join();
+    if (exchange_) {
+        exchange_->cancelTransfer();
+        exchange_.reset();
     }
     requests_.clear();
     connections_.clear();
@@ -246,209 +219,47 @@ void OrvexMain::onNetworkAvailable() {
 }
 
 void OrvexMain::onConnectionLost() {
-    std::vector<std::string> failed;
-    const RecursiveLock guard(requestsLock_);
-    sweepTravelling([&failed](const RequestPointer& request) {
+    Requests failed;
+    for (const RequestPointer& request : requests_.inExchange()) {
         if (!request->isCancelled() && !request->isWaitingForGetData()) {
-            failed.push_back(requestKey(request->connectionId(), request->requestId()));
             request->setCancelled(true);
-        }
-        return Verdict::Keep;
-    });
-    for (const auto policy : RequestRegistry::kPolicies) {
-        for (const RequestPointer& request : requests_.waiting(true, policy)) {
-            failed.push_back(requestKey(request->connectionId(), request->requestId()));
-            posts_.postRequestFinished(request->connectionId(), request->requestId());
-            requests_.remove(request);
+            failed.push_back(request);
         }
     }
-    reportFailure(failure::kNoConnection, "Connection error", std::move(failed));
+    for (const auto policy : RequestRegistry::kPolicies) {
+        for (const RequestPointer& request : requests_.waiting(true, policy)) {
+            requests_.remove(request);
+            postFinished({request});
+            failed.push_back(request);
+        }
+    }
+    reportFailure("Connection error", failed);
 }
 
-// -- exchanges -----------------------------------------------------------------------------------
+// -- reports to the clients ----------------------------------------------------------------------
 
-void OrvexMain::sweepTravelling(const RequestRegistry::Judge& judge) {
-    const RecursiveLock guard(requestsLock_);
-    requests_.sweepTravelling(judge);
+void OrvexMain::postFinished(const Requests& requests) {
+    for (const RequestPointer& request : requests) {
+        posts_.postRequestFinished(request->connectionId(), request->requestId());
+    }
 }
 
-/// Names the requests in the order of their keys' text.
-void OrvexMain::reportFailure(int code, const char* message, std::vector<std::string> keys) {
-    if (keys.empty()) {
+/// Names the requests in the order of their keys' text: "10:2" comes before "2:5".
+void OrvexMain::reportFailure(const char* message, const Requests& failed) {
+    if (failed.empty()) {
         return;
+    }
+    std::vector<std::string> keys;
+    keys.reserve(failed.size());
+    for (const RequestPointer& request : failed) {
+        keys.push_back(request->key());
     }
     std::sort(keys.begin(), keys.end());
     std::string list;
     for (const std::string& key : keys) {
         appendKey(list, key);
     }
-    posts_.postError(code, message, std::move(list));
-}
-
-bool OrvexMain::hasSendableRequest() {
-    const RecursiveLock guard(requestsLock_);
-    if ((reportedStatus_ & StatusKindOne) != 0 && requests_.hasWaiting(false)) {
-        return true;
-    }
-    return std::any_of(RequestRegistry::kPolicies.begin(), RequestRegistry::kPolicies.end(),
-                       [this](RequestRegistry::Policy policy) {
-                           return requests_.hasWaiting(true, policy) &&
-                                  connectionAllowed(RequestRegistry::valueOf(policy));
-                       });
-}
-
-bool OrvexMain::startExchange() {
-    if (closing_ || !service_.isExchangePermitted() || isTransferRunning()) {
-        return false;
-    }
-    if (!networkManager_.hasActiveConnection()) {
-        (void)networkManager_.recheck();
-        return true;
-    }
-    networkManager_.release();
-    const bool queued = isExchangeWorthwhile() && queueRequests();
-    if (queued) {
-        return startWorker();
-    }
-    networkManager_.keepOpen(connectionOpenDuration());
-    return true;
-}
-
-/// A flagged connection is used only when somebody asks for it: a prepared request, or one that
-/// accepts any connection.
-bool OrvexMain::isExchangeWorthwhile() {
-    const RecursiveLock guard(requestsLock_);
-    const bool wanted = requests_.hasWaiting(true) ||
-                        requests_.hasWaiting(false, RequestRegistry::Policy::AnyConnection);
-    return wanted || !networkManager_.hasFlaggedConnection();
-}
-
-/// Sweeps the requests: those that may use the connection are queued, prepared ones that may not
-/// are dropped and reported, delivered ones are forgotten. @return true when something was queued.
-bool OrvexMain::queueRequests() {
-    const RecursiveLock guard(requestsLock_);
-    sweepTravelling([this](const RequestPointer& request) {
-        if (request->state() != RequestState::Delivered) {
-            return Verdict::Keep;
-        }
-        posts_.postRequestFinished(request->connectionId(), request->requestId());
-        return Verdict::Remove;
-    });
-    std::vector<RequestPointer> sendable = collectSendable();
-    if (workerStarted_ || sendable.empty()) {
-        return false; // an exchange that has just ended is still to be swept up
-    }
-    // In transfer order, so that each one goes to the queue's end.
-    std::sort(sendable.begin(), sendable.end(),
-              [](const auto& left, const auto& right) { return left->goesBefore(*right); });
-    for (const auto& request : sendable) {
-        addPart(request);
-        requests_.setTravelling(request);
-    }
-    return true;
-}
-
-/// The waiting requests that may use the connection; prepared ones that may not are dropped.
-std::vector<OrvexMain::RequestPointer> OrvexMain::collectSendable() {
-    std::vector<RequestPointer> sendable;
-    std::vector<std::string> notAllowed;
-    for (const bool prepared : {true, false}) {
-        for (const auto policy : RequestRegistry::kPolicies) {
-            if (!requests_.hasWaiting(prepared, policy)) {
-                continue;
-            }
-            const bool allowed = connectionAllowed(RequestRegistry::valueOf(policy));
-            if (!allowed && !prepared) {
-                continue; // attached requests go on waiting, whatever their number
-            }
-            for (RequestPointer& request : requests_.waiting(prepared, policy)) {
-                if (allowed) {
-                    sendable.push_back(std::move(request));
-                    continue;
-                }
-                notAllowed.push_back(requestKey(request->connectionId(), request->requestId()));
-                requests_.remove(request);
-            }
-        }
-    }
-    reportFailure(failure::kNoConnection, "Current network connection not allowed",
-                  std::move(notAllowed));
-    return sendable;
-}
-
-bool OrvexMain::startWorker() {
-    workerStarted_ = true;
-    const std::uint64_t number = beginExchange();
-    if (!workerThread_.start("HttpClient", &HttpClient::threadFunc,
-                             static_cast<HttpClient*>(this))) {
-        const RecursiveLock guard(requestsLock_);
-        for (const RequestPointer& request : abandonExchange()) {
-            requests_.setWaiting(request);
-        }
-        workerStarted_ = false;
-        return false;
-    }
-    startedExchange_ = number;
-    return true;
-}
-
-void OrvexMain::onExchangeDone(std::uint64_t number) {
-    // After a failure the next exchange may have started within the delay of this call; its
-    // requests are none of the ended exchange's business.
-    if (number == startedExchange_) {
-        onExchangeFinished();
-    }
-}
-
-void OrvexMain::onExchangeFinished() {
-    workerThread_.join(); // at its end already; it may not have said so yet
-    workerStarted_ = false;
-    sweepTravelling([this](const RequestPointer& request) {
-        if (request->state() != RequestState::Delivered && !request->isCancelled()) {
-            return Verdict::Keep;
-        }
-        posts_.postRequestFinished(request->connectionId(), request->requestId());
-        return Verdict::Remove;
-    });
-    if (hasSendableRequest()) {
-        (void)startExchange(); // the requests go on waiting when it does not start
-    } else {
-        networkManager_.keepOpen(connectionOpenDuration());
-    }
-}
-
-void OrvexMain::onExchangeFailed(std::uint32_t code, const std::string& errorText,
-                                 const std::string& keyList) {
-    workerStarted_ = false;
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> dropped;
-    sweepTravelling([&dropped](const RequestPointer& request) {
-        dropped.emplace_back(request->connectionId(), request->requestId());
-        return Verdict::Remove;
-    });
-    const bool transportFailed = code == static_cast<std::uint32_t>(failure::kTransport);
-    posts_.postError(transportFailed ? failure::kNoConnection : failure::kExchangeFailed, errorText,
-                     keyList);
-    // Nothing can answer their held calls any more; behind the chunks that are still under way.
-    for (const auto& [connectionId, requestId] : dropped) {
-        posts_.postRequestFinished(connectionId, requestId);
-    }
-}
-
-// -- posts of the worker -------------------------------------------------------------------------
-
-void OrvexMain::postRequestData(std::uint32_t connectionId, std::uint32_t requestId) {
-    posts_.postRequestData(connectionId, requestId);
-}
-
-void OrvexMain::announceConnectionStatus() {
-    // The reported value as it stands: asking the network manager here would take its lock inside
-    // the data mutex.
-    posts_.postConnectionStatus(reportedStatus_);
-}
-
-void OrvexMain::postChunk(std::uint32_t connectionId, std::uint32_t requestId, DeliveryCode code,
-                          std::string bytes) {
-    posts_.postChunk(connectionId, requestId, code, std::move(bytes));
+    posts_.postError(failure::kNoConnection, message, std::move(list));
 }
 
 // -- open duration -------------------------------------------------------------------------------

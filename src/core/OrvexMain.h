@@ -1,18 +1,13 @@
 #pragma once
 
-#include "core/ConnectionParameters.h"
-#include "core/IChunkReceiver.h"
-#include "core/IServiceEvents.h"
+#include "config/MapWrapper.h"
 #include "core/RequestRegistry.h"
 #include "core/ServicePosts.h"
+#include "http/Exchange.h"
 #include "http/HttpClient.h"
 #include "http/IExchangeOwner.h"
-#include "network/INetworkOwner.h"
 #include "network/OrvexNetworkManager.h"
-#include "support/Locks.h"
-#include "support/WorkerThread.h"
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -22,19 +17,17 @@
 
 namespace orvexd {
 
+struct ConnectionParameters;
+
 /// The gateway core: holds every client connection and request, decides when an exchange starts,
 /// and turns the outcome of exchanges and network changes into posts to the service.
 ///
-/// All operations run on the main loop's thread unless they say otherwise. Lock order:
-/// `requestsLock` before a connection, id or network lock, and before the transfer's data mutex,
-/// which in turn comes before a request's own lock.
-class OrvexMain : public HttpClient,
-                  public IExchangeOwner,
-                  public INetworkOwner,
-                  public IChunkReceiver {
+/// Main loop's thread only, so there is no lock. Of its members, the worker uses the proxy look-up
+/// of the network manager and the posts, which any thread may use.
+class OrvexMain : public IExchangeOwner, public INetworkOwner {
 public:
     /// Starts to follow the platform's connections. `service` must outlive this object; posts that
-    /// are still under way when this object ends are dropped.
+    /// have not arrived when this object ends are dropped.
     explicit OrvexMain(IServiceEvents& service);
     /// Ends a running exchange first, see `shutdown`.
     ~OrvexMain() override;
@@ -61,6 +54,7 @@ public:
     void closeConnection(std::uint32_t connectionId);
 
     /// Creates a request that waits until an exchange takes it along.
+    /// @param openDuration without a unit; reaches a hook that does nothing.
     /// @return its id, unique over all connections.
     /// @throws int 1001 for an unknown connection, 2204 when no exchange could be started.
     std::uint32_t attachRequest(std::uint32_t connectionId, std::uint32_t connectionPolicy,
@@ -73,8 +67,8 @@ public:
 
     /// Gives data to the request that the transfer asks for.
     /// @return 0, 1001 unknown connection, 41 unknown request, 57 not asked for.
-    int sendData(std::string_view bytes, bool last, std::uint32_t connectionId,
-                 std::uint32_t requestId);
+    [[nodiscard]] int sendData(std::string_view bytes, bool last, std::uint32_t connectionId,
+                               std::uint32_t requestId);
 
     /// Asks for the next response chunk, which is posted when there is one.
     /// @throws int 41 for an unknown request.
@@ -95,75 +89,64 @@ public:
     /// The only place where an exchange begins.
     /// @return false when it may not begin, or no worker could be started.
     bool startExchange();
-    bool hasSendableRequest();
+    /// True while a worker runs an exchange. After a success the next exchange starts 50 ms later
+    /// at the earliest.
+    [[nodiscard]] bool isTransferRunning() const noexcept;
+    [[nodiscard]] bool hasSendableRequest();
     /// Whether `policy` allows the current connection; "no connection" is allowed for 2 and 3.
-    bool connectionAllowed(std::uint32_t policy);
+    [[nodiscard]] bool connectionAllowed(std::uint32_t policy);
     /// The largest open duration asked for, or the configured default.
-    std::uint32_t connectionOpenDuration() const;
+    [[nodiscard]] std::uint32_t connectionOpenDuration() const;
 
     // -- INetworkOwner ------------------------------------------------------------------------
 
     void onConnectionStatus(std::uint32_t status, bool recheck) override;
     void onNetworkAvailable() override;
     void onConnectionLost() override;
-    void requestFreshConnect() override { HttpClient::requestFreshConnect(); }
+    void requestFreshConnect() override { client_.requestFreshConnect(); }
 
     // -- IExchangeOwner -----------------------------------------------------------------------
 
     std::string proxyForServer() override { return networkManager_.proxyFor(); }
     void postRequestData(std::uint32_t connectionId, std::uint32_t requestId) override;
     void announceConnectionStatus() override;
-    void onExchangeFailed(std::uint32_t code, const std::string& errorText,
+    void onExchangeFailed(int code, const std::string& errorText,
                           const std::string& keyList) override;
-    void onExchangeDone(std::uint64_t number) override;
-
-    // -- IChunkReceiver -----------------------------------------------------------------------
-
-    void postChunk(std::uint32_t connectionId, std::uint32_t requestId, DeliveryCode code,
-                   std::string bytes) override;
-
-    /// Sweeps finished requests and starts the next exchange if one is wanted.
-    void onExchangeFinished();
+    /// Drops finished requests and starts the next exchange if one is wanted.
+    void onExchangeFinished() override;
 
 private:
     using RequestPointer = RequestRegistry::Pointer;
-    using Verdict = RequestRegistry::Verdict;
+    using Requests = std::vector<RequestPointer>;
 
     std::uint32_t createRequest(std::uint32_t connectionId, std::uint32_t connectionPolicy,
                                 std::uint32_t openDuration, bool prepared);
-    std::uint32_t nextRequestId();
     void cancelLive(const RequestPointer& request);
-    void sweepTravelling(const RequestRegistry::Judge& judge);
-    void reportFailure(int code, const char* message, std::vector<std::string> keys);
-    bool isExchangeWorthwhile();
-    bool queueRequests();
-    std::vector<RequestPointer> collectSendable();
-    bool startWorker();
+    void postFinished(const Requests& requests);
+    void reportFailure(const char* message, const Requests& failed);
+    [[nodiscard]] bool isExchangeWorthwhile();
+    [[nodiscard]] Requests collectSendable();
+    [[nodiscard]] bool startWorker(Requests queue);
     void storeStatus(std::uint32_t status);
     void raiseOpenDuration(std::uint32_t duration);
     void collectDeviceIdentifiers();
 
-    WorkerThread workerThread_; // main loop's thread
-    std::atomic<bool> workerStarted_ = false;
-    std::atomic<bool> closing_ = false;
-    std::uint64_t startedExchange_ = 0; // main loop's thread; newest exchange that got a worker
     IServiceEvents& service_;
     ServicePosts posts_;
+    HttpClient client_;
 
-    std::uint32_t lastConnectionId_ = 0; // guarded by connectionsLock_
-    std::uint32_t lastRequestId_ = 0;    // guarded by requestIdLock_
-    // main loop's thread
+    std::uint32_t lastConnectionId_ = 0;
+    std::uint32_t lastRequestId_ = 0;
     std::map<std::uint32_t, std::shared_ptr<const ConnectionParameters>> connections_;
-    RequestRegistry requests_; // guarded by requestsLock_
-    std::atomic<std::uint32_t> reportedStatus_ = 0;
-    RecursiveMutex connectionsLock_; // also for erasure from connections_
-    RecursiveMutex requestIdLock_;
-    RecursiveMutex requestsLock_;
+    RequestRegistry requests_;
+    std::uint32_t reportedStatus_ = 0;
+    std::uint32_t openDuration_ = 0; // never lowered
     std::string imsi_;
     std::string imei_;
     std::string fwId_;
-    std::uint32_t openDuration_ = 0;     // main loop's thread; never lowered
-    OrvexNetworkManager networkManager_; // last: it calls this object until it is gone
+    bool closing_ = false;
+    OrvexNetworkManager networkManager_; // it calls this object until it is gone
+    std::unique_ptr<Exchange> exchange_; // the newest, until its end has been dealt with
 };
 
 } // namespace orvexd

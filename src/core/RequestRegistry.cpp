@@ -1,6 +1,7 @@
 #include "core/RequestRegistry.h"
 
-#include "core/RequestKey.h"
+#include "protocol/States.h"
+#include "request/RequestData.h"
 
 #include <algorithm>
 
@@ -8,20 +9,20 @@ namespace orvexd {
 
 namespace {
 
-std::string keyOf(const RequestData& request) {
-    return requestKey(request.connectionId(), request.requestId());
-}
-
 std::vector<RequestRegistry::Pointer> valuesOf(const auto& group) {
     std::vector<RequestRegistry::Pointer> requests;
     requests.reserve(group.size());
-    for (const auto& [key, request] : group) {
+    for (const auto& [id, request] : group) {
         requests.push_back(request);
     }
     return requests;
 }
 
 } // namespace
+
+RequestRegistry::Ids RequestRegistry::idsOf(const RequestData& request) noexcept {
+    return {request.connectionId(), request.requestId()};
+}
 
 RequestRegistry::Policy RequestRegistry::policyOf(const RequestData& request) noexcept {
     switch (request.connectionPolicy()) {
@@ -41,12 +42,8 @@ std::uint32_t RequestRegistry::valueOf(Policy policy) noexcept {
     case Policy::NotFlagged:
         return NotFlagged;
     default:
-        return 0;
+        return KindOneOnly;
     }
-}
-
-RequestRegistry::Group& RequestRegistry::waitingGroup(bool prepared, Policy policy) noexcept {
-    return waiting_[prepared ? 1 : 0][static_cast<std::size_t>(policy)];
 }
 
 const RequestRegistry::Group& RequestRegistry::waitingGroup(bool prepared,
@@ -54,41 +51,43 @@ const RequestRegistry::Group& RequestRegistry::waitingGroup(bool prepared,
     return waiting_[prepared ? 1 : 0][static_cast<std::size_t>(policy)];
 }
 
+RequestRegistry::Group& RequestRegistry::waitingGroupOf(const RequestData& request) noexcept {
+    return waiting_[request.isPrepared() ? 1 : 0][static_cast<std::size_t>(policyOf(request))];
+}
+
 void RequestRegistry::add(const Pointer& request) {
     if (const Pointer before = find(request->connectionId(), request->requestId())) {
         remove(before); // the counter of the ids has wrapped
     }
-    all_.emplace(keyOf(*request), request);
-    waitingGroup(request->isPrepared(), policyOf(*request)).emplace(keyOf(*request), request);
+    all_.emplace(idsOf(*request), request);
+    waitingGroupOf(*request).emplace(idsOf(*request), request);
 }
 
 RequestRegistry::Pointer RequestRegistry::find(std::uint32_t connectionId,
                                                std::uint32_t requestId) const {
-    const auto position = all_.find(requestKey(connectionId, requestId));
+    const auto position = all_.find({connectionId, requestId});
     return position == all_.end() ? nullptr : position->second;
 }
 
 void RequestRegistry::remove(const Pointer& request) {
-    const std::string key = keyOf(*request);
-    travelling_.erase(key);
-    waitingGroup(request->isPrepared(), policyOf(*request)).erase(key);
-    all_.erase(key);
+    const Ids ids = idsOf(*request);
+    inExchange_.erase(ids);
+    waitingGroupOf(*request).erase(ids);
+    all_.erase(ids);
 }
 
 void RequestRegistry::clear() {
     all_.clear();
-    travelling_.clear();
+    inExchange_.clear();
     waiting_ = {};
 }
 
-void RequestRegistry::setTravelling(const Pointer& request) {
-    const std::string key = keyOf(*request);
-    travelling_.insert(waitingGroup(request->isPrepared(), policyOf(*request)).extract(key));
+void RequestRegistry::setInExchange(const Pointer& request) {
+    inExchange_.insert(waitingGroupOf(*request).extract(idsOf(*request)));
 }
 
 void RequestRegistry::setWaiting(const Pointer& request) {
-    const std::string key = keyOf(*request);
-    waitingGroup(request->isPrepared(), policyOf(*request)).insert(travelling_.extract(key));
+    waitingGroupOf(*request).insert(inExchange_.extract(idsOf(*request)));
 }
 
 bool RequestRegistry::hasWaiting(bool prepared, Policy policy) const noexcept {
@@ -104,27 +103,33 @@ std::vector<RequestRegistry::Pointer> RequestRegistry::waiting(bool prepared, Po
     return valuesOf(waitingGroup(prepared, policy));
 }
 
+std::vector<RequestRegistry::Pointer> RequestRegistry::inExchange() const {
+    return valuesOf(inExchange_);
+}
+
 std::vector<RequestRegistry::Pointer>
 RequestRegistry::ofConnection(std::uint32_t connectionId) const {
-    const std::string prefix = std::to_string(connectionId) + ':';
     std::vector<Pointer> requests;
-    for (auto position = all_.lower_bound(prefix);
-         position != all_.end() && position->first.starts_with(prefix); ++position) {
+    for (auto position = all_.lower_bound({connectionId, 0});
+         position != all_.end() && position->first.first == connectionId; ++position) {
         requests.push_back(position->second);
     }
     return requests;
 }
 
-void RequestRegistry::sweepTravelling(const Judge& judge) {
-    for (auto position = travelling_.begin(); position != travelling_.end();) {
-        const Pointer& request = position->second;
-        if (judge(request) == Verdict::Keep) {
+std::vector<RequestRegistry::Pointer>
+RequestRegistry::removeInExchange(const Predicate& predicate) {
+    std::vector<Pointer> removed;
+    for (auto position = inExchange_.begin(); position != inExchange_.end();) {
+        if (!predicate(*position->second)) {
             ++position;
             continue;
         }
+        removed.push_back(position->second);
         all_.erase(position->first);
-        position = travelling_.erase(position);
+        position = inExchange_.erase(position);
     }
+    return removed;
 }
 
 } // namespace orvexd

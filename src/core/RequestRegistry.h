@@ -1,24 +1,23 @@
 #pragma once
 
-#include "core/RequestData.h"
-#include "network/ConnectionStatus.h"
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
-#include <string>
+#include <utility>
 #include <vector>
 
 namespace orvexd {
 
+class RequestData;
+
 /// Every live request, found by its ids, and grouped by what the gateway core decides on: those
-/// that wait for an exchange by what it takes to let them travel, those that are part of one
+/// that wait for an exchange by what it takes to let them start, those that are or were part of one
 /// together. A decision costs as much as the requests that it concerns, however many others wait.
 ///
-/// Groups are walked in the order of the keys' text: "10:2" comes before "2:5". Not thread-safe.
+/// Main loop's thread.
 class RequestRegistry {
 public:
     using Pointer = std::shared_ptr<RequestData>;
@@ -27,43 +26,47 @@ public:
     enum class Policy : std::size_t { AnyConnection, NotFlagged, KindOneOnly };
     static constexpr std::array<Policy, 3> kPolicies = {Policy::AnyConnection, Policy::NotFlagged,
                                                         Policy::KindOneOnly};
-    static Policy policyOf(const RequestData& request) noexcept;
+    [[nodiscard]] static Policy policyOf(const RequestData& request) noexcept;
     /// One policy value of the group.
-    static std::uint32_t valueOf(Policy policy) noexcept;
+    [[nodiscard]] static std::uint32_t valueOf(Policy policy) noexcept;
 
-    /// What becomes of a request in a sweep.
-    enum class Verdict { Keep, Remove };
-    using Judge = std::function<Verdict(const Pointer&)>;
+    using Predicate = std::function<bool(const RequestData& request)>;
 
     /// Takes a request that waits for an exchange; one with the same ids makes room.
     void add(const Pointer& request);
     /// Null when there is none.
-    Pointer find(std::uint32_t connectionId, std::uint32_t requestId) const;
+    [[nodiscard]] Pointer find(std::uint32_t connectionId, std::uint32_t requestId) const;
     void remove(const Pointer& request);
     void clear();
 
     /// The request has become part of an exchange.
-    void setTravelling(const Pointer& request);
+    void setInExchange(const Pointer& request);
     /// The exchange of the request has not begun after all.
     void setWaiting(const Pointer& request);
 
-    bool hasWaiting(bool prepared, Policy policy) const noexcept;
-    bool hasWaiting(bool prepared) const noexcept;
-    std::vector<Pointer> waiting(bool prepared, Policy policy) const;
-    std::vector<Pointer> ofConnection(std::uint32_t connectionId) const;
+    [[nodiscard]] bool hasWaiting(bool prepared, Policy policy) const noexcept;
+    [[nodiscard]] bool hasWaiting(bool prepared) const noexcept;
+    /// In ascending order of the connection, then of the request, as all lists.
+    [[nodiscard]] std::vector<Pointer> waiting(bool prepared, Policy policy) const;
+    [[nodiscard]] std::vector<Pointer> ofConnection(std::uint32_t connectionId) const;
+    /// The requests that are or were part of an exchange.
+    [[nodiscard]] std::vector<Pointer> inExchange() const;
 
-    /// Asks `judge` about every request that is or was part of an exchange.
-    void sweepTravelling(const Judge& judge);
+    /// Removes the requests that are or were part of an exchange and fulfil `predicate`.
+    /// @return what was removed.
+    std::vector<Pointer> removeInExchange(const Predicate& predicate);
 
 private:
-    using Group = std::map<std::string, Pointer>;
+    using Ids = std::pair<std::uint32_t, std::uint32_t>; // connection, request
+    using Group = std::map<Ids, Pointer>;
 
-    Group& waitingGroup(bool prepared, Policy policy) noexcept;
-    const Group& waitingGroup(bool prepared, Policy policy) const noexcept;
+    [[nodiscard]] const Group& waitingGroup(bool prepared, Policy policy) const noexcept;
+    [[nodiscard]] static Ids idsOf(const RequestData& request) noexcept;
+    [[nodiscard]] Group& waitingGroupOf(const RequestData& request) noexcept;
 
     Group all_;
     std::array<std::array<Group, kPolicies.size()>, 2> waiting_; // attached, prepared
-    Group travelling_;
+    Group inExchange_;
 };
 
 } // namespace orvexd

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "support/BusHandles.h"
-#include "support/Locks.h"
 
 #include <string>
+#include <vector>
 
 namespace orvexd {
 
@@ -12,19 +12,15 @@ class BusLink {
 public:
     BusLink() = delete;
 
-    /// Held by every handler, every emission and the set-up for their whole run; the outermost
-    /// lock.
-    static RecursiveMutex& mutex();
-
     /// Null until the bus was reached, and again after `close`.
-    static DBusConnection* connection();
+    [[nodiscard]] static DBusConnection* connection();
     static void open(BusConnection connection);
     /// Gives the reference back.
     static void close();
 
     /// Makes a signal of the daemon's interface.
     /// @return 0, 2204 when there is no bus connection, 2001 when the message cannot be made.
-    static int createSignal(const char* member, BusMessage& message);
+    [[nodiscard]] static int createSignal(const char* member, BusMessage& message);
 
     /// Sends `message` and waits until it has been written; nothing happens when it is null or
     /// there is no connection.
@@ -38,5 +34,14 @@ public:
 private:
     static BusConnection& slot();
 };
+
+/// `text` as the bus takes it: libdbus ends the process on a string that is not valid UTF-8. The
+/// text ends at its first NUL and after 4 MiB; each byte that is no UTF-8 becomes U+FFFD. Valid
+/// texts stay as they are.
+std::string toBusText(const std::string& text);
+
+/// Splits a blank-separated list into lists of at most 16 MiB, so that each fits into one message;
+/// a shorter list, an empty one included, is the only element.
+std::vector<std::string> splitKeyList(const std::string& keys);
 
 } // namespace orvexd

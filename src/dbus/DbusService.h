@@ -1,11 +1,10 @@
 #pragma once
 
-#include "core/IServiceEvents.h"
-#include "core/OrvexMain.h"
+#include "core/ServicePosts.h"
 #include "dbus/IMainLoop.h"
 #include "dbus/PendingReplies.h"
 #include "support/BusHandles.h"
-#include "support/MainLoopTimer.h"
+#include "support/MainLoopPost.h"
 
 #include <chrono>
 #include <cstdint>
@@ -16,13 +15,16 @@
 
 namespace orvexd {
 
-/// The daemon's client interface on the system bus. Owns the gateway core. Main loop's thread.
+class OrvexMain;
+
+/// The daemon's client interface on the system bus. Owns the gateway core. Main loop's thread only,
+/// which the bus connection shares with nobody, so there is no lock.
 ///
-/// Sources: DbusService.cpp has the life on the bus and the dispatch, MethodHandlers.cpp what each
+/// Sources: DbusService.cpp has the life on the bus, MethodHandlers.cpp the dispatch and what each
 /// incoming message does, ServiceEvents.cpp the outgoing signals and held replies.
 class DbusService : public IServiceEvents {
 public:
-    /// Reads "daemon_shutdown_delay" from the file store, as far as that is filled at this moment.
+    /// Reads "daemon_shutdown_delay" from the settings loaded so far; main() loads the file later.
     explicit DbusService(IMainLoop& mainLoop);
     /// Ends a running exchange, leaves the bus, destroys the gateway core.
     ~DbusService() override;
@@ -42,9 +44,6 @@ public:
     /// Delay of quitDelayed.
     std::chrono::seconds shutdownDelay() const noexcept { return shutdownDelay_; }
 
-    /// Last set-up failure for a debugger or a core dump; it is printed nowhere.
-    const std::string& diagnostic() const noexcept { return diagnostic_; }
-
     // -- IServiceEvents -----------------------------------------------------------------------
 
     bool isExchangePermitted() override;
@@ -60,12 +59,13 @@ public:
 
 private:
     struct Member;
+    using Handler = DBusHandlerResult (DbusService::*)(DBusMessage& message);
     using CreateRequest = std::uint32_t (OrvexMain::*)(std::uint32_t, std::uint32_t, std::uint32_t);
 
     static DBusHandlerResult filter(DBusConnection* connection, DBusMessage* message,
                                     void* mainLoop) noexcept;
-    static bool matches(const Member& member, DBusMessage& message);
     DBusHandlerResult dispatch(DBusMessage& message);
+    DBusHandlerResult handle(Handler handler, DBusMessage& message);
 
     bool connectToBus();
     bool requestName();
@@ -85,8 +85,6 @@ private:
     DBusHandlerResult onGetProperty(DBusMessage& call);
 
     DBusHandlerResult createRequest(DBusMessage& call, CreateRequest create);
-    DBusHandlerResult replyConnectionStatus(DBusMessage& call);
-    static DBusHandlerResult replyPropertyError(DBusMessage& call, const char* text);
 
     IMainLoop& mainLoop_;
     // Null while the core is being built, which may ask for it already.
@@ -96,7 +94,6 @@ private:
     MainLoopTimer delayedQuit_;
     std::chrono::seconds shutdownDelay_;
     bool filterInstalled_ = false;
-    std::string diagnostic_;
 };
 
 } // namespace orvexd

@@ -1,43 +1,93 @@
-// What each incoming message does. The dispatcher holds the bus mutex around every handler.
+// The dispatch, and what each incoming message does.
 
-#include "core/RequestKey.h"
+#include "core/OrvexMain.h"
 #include "dbus/BusLink.h"
-#include "dbus/BusNames.h"
 #include "dbus/DbusService.h"
-#include "support/FailureCode.h"
+#include "dbus/IMainLoop.h"
+#include "protocol/Codes.h"
+#include "protocol/Names.h"
 
+#include <array>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 namespace orvexd {
 
 namespace {
 
+constexpr auto kHandled = DBUS_HANDLER_RESULT_HANDLED;
+constexpr auto kNotHandled = DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+
 /// A byte-array argument, read in place; valid as long as its message.
-struct ByteArray {
-    const char* bytes = nullptr; // libdbus gives null for an empty array
-    int length = 0;
+using Bytes = std::string_view;
 
-    std::string_view view() const noexcept {
-        return bytes == nullptr ? std::string_view()
-                                : std::string_view(bytes, static_cast<std::size_t>(length));
+/// Reads one argument if it is of the wanted type.
+template <int Type, typename Value> bool readBasic(DBusMessageIter& arguments, Value& value) {
+    if (dbus_message_iter_get_arg_type(&arguments) != Type) {
+        return false;
     }
-    std::string text() const { return std::string(view()); }
-};
-
-/// Reads arguments as dbus_message_get_args does: further ones behind them are accepted.
-template <typename... Arguments> bool readArguments(DBusMessage& message, Arguments... arguments) {
-    BusError error;
-    return dbus_message_get_args(&message, error.get(), arguments..., DBUS_TYPE_INVALID) != FALSE;
+    dbus_message_iter_get_basic(&arguments, &value);
+    (void)dbus_message_iter_next(&arguments); // the next read finds the end by itself
+    return true;
 }
 
-template <typename... Arguments> bool append(const BusMessage& reply, Arguments... arguments) {
-    return dbus_message_append_args(reply.get(), arguments..., DBUS_TYPE_INVALID) != FALSE;
+bool readArgument(DBusMessageIter& arguments, dbus_uint32_t& value) {
+    return readBasic<DBUS_TYPE_UINT32>(arguments, value);
+}
+
+bool readArgument(DBusMessageIter& arguments, const char*& text) {
+    return readBasic<DBUS_TYPE_STRING>(arguments, text);
+}
+
+bool readArgument(DBusMessageIter& arguments, bool& value) {
+    dbus_bool_t wide = FALSE; // four bytes on the wire, unlike bool
+    const bool isRead = readBasic<DBUS_TYPE_BOOLEAN>(arguments, wide);
+    value = wide != FALSE;
+    return isRead;
+}
+
+bool readArgument(DBusMessageIter& arguments, Bytes& bytes) {
+    if (dbus_message_iter_get_arg_type(&arguments) != DBUS_TYPE_ARRAY ||
+        dbus_message_iter_get_element_type(&arguments) != DBUS_TYPE_BYTE) {
+        return false;
+    }
+    DBusMessageIter elements;
+    dbus_message_iter_recurse(&arguments, &elements);
+    const char* data = nullptr; // stays null for an empty array
+    int length = 0;
+    dbus_message_iter_get_fixed_array(&elements, &data, &length);
+    bytes = data == nullptr ? Bytes() : Bytes(data, static_cast<std::size_t>(length));
+    (void)dbus_message_iter_next(&arguments);
+    return true;
+}
+
+/// Reads the first arguments of a message, as dbus_message_get_args does; further ones are
+/// accepted.
+/// @throws int `code` when they are not of these types.
+template <typename... Types> std::tuple<Types...> readArguments(DBusMessage& message, int code) {
+    DBusMessageIter iterator;
+    (void)dbus_message_iter_init(&message, &iterator); // false: there are none, as the reads find
+    std::tuple<Types...> values;
+    const bool areRead =
+        std::apply([&](auto&... value) { return (readArgument(iterator, value) && ...); }, values);
+    if (!areRead) {
+        throw code;
+    }
+    return values;
 }
 
 BusMessage makeReturn(DBusMessage& call) {
     return BusMessage(dbus_message_new_method_return(&call));
+}
+
+/// Sends the reply with one value in it; without memory for the value nothing is sent.
+template <int Type, typename Value> DBusHandlerResult answer(BusMessage reply, Value value) {
+    if (dbus_message_append_args(reply.get(), Type, &value, DBUS_TYPE_INVALID) != FALSE) {
+        BusLink::sendOrThrow(std::move(reply));
+    }
+    return kHandled;
 }
 
 bool appendStatusVariant(DBusMessage& reply, dbus_uint32_t status) {
@@ -55,50 +105,106 @@ bool appendStatusVariant(DBusMessage& reply, dbus_uint32_t status) {
     return dbus_message_iter_close_container(&arguments, &variant) != FALSE;
 }
 
+DBusHandlerResult replyPropertyError(DBusMessage& call, const char* text) {
+    // The bare word is the name that this error has always had. It is no valid error name, and
+    // libdbus ends the process when asked for such a reply: the caller is left to libdbus instead.
+    constexpr const char* kName = "error";
+    if (dbus_validate_error_name(kName, nullptr) == FALSE) {
+        return kNotHandled;
+    }
+    BusMessage reply(dbus_message_new_error(&call, kName, text));
+    if (!reply) {
+        return kNotHandled;
+    }
+    BusLink::sendOrThrow(std::move(reply));
+    return kHandled;
+}
+
 } // namespace
+
+// -- dispatch ------------------------------------------------------------------------------------
+
+/// One row of the dispatch table.
+struct DbusService::Member {
+    int messageType;
+    const char* interface;
+    const char* name;
+    Handler handler;
+    bool keepsDaemon; ///< when handled, even with an error, a delayed quit is called off
+};
+
+DBusHandlerResult DbusService::filter(DBusConnection* /*connection*/, DBusMessage* message,
+                                      void* mainLoop) noexcept {
+    DbusService* service = static_cast<IMainLoop*>(mainLoop)->getService();
+    return service != nullptr ? service->dispatch(*message) : kNotHandled;
+}
+
+DBusHandlerResult DbusService::dispatch(DBusMessage& message) {
+    constexpr int kCall = DBUS_MESSAGE_TYPE_METHOD_CALL;
+    constexpr int kSignal = DBUS_MESSAGE_TYPE_SIGNAL;
+    static constexpr std::array<Member, 10> kMembers = {{
+        {kCall, bus::kInterface, bus::kQuit, &DbusService::onQuit, false},
+        {kCall, bus::kInterface, bus::kQuitDelayed, &DbusService::onQuitDelayed, false},
+        {kSignal, bus::kInterface, bus::kCancel, &DbusService::onCancel, false},
+        {kCall, bus::kInterface, bus::kConnect, &DbusService::onConnect, true},
+        {kCall, bus::kInterface, bus::kDisconnect, &DbusService::onDisconnect, false},
+        {kCall, bus::kInterface, bus::kAttach, &DbusService::onAttach, true},
+        {kCall, bus::kInterface, bus::kPrepare, &DbusService::onPrepare, true},
+        {kCall, bus::kInterface, bus::kSendData, &DbusService::onSendData, false},
+        {kCall, bus::kInterface, bus::kGetData, &DbusService::onGetData, false},
+        {kCall, bus::kPropertiesInterface, "Get", &DbusService::onGetProperty, false},
+    }};
+    for (const Member& member : kMembers) {
+        const auto matches =
+            member.messageType == kSignal ? dbus_message_is_signal : dbus_message_is_method_call;
+        if (matches(&message, member.interface, member.name) == FALSE) {
+            continue;
+        }
+        const DBusHandlerResult result = handle(member.handler, message);
+        if (member.keepsDaemon && result == kHandled) {
+            delayedQuit_.cancel();
+        }
+        return result;
+    }
+    return kNotHandled;
+}
+
+/// The one place where a failure becomes an error reply.
+DBusHandlerResult DbusService::handle(Handler handler, DBusMessage& message) {
+    try {
+        return (this->*handler)(message);
+    } catch (int code) {
+        BusLink::sendError(message, code);
+        return kHandled;
+    }
+}
+
+// -- handlers ------------------------------------------------------------------------------------
 
 DBusHandlerResult DbusService::onConnect(DBusMessage& call) {
     BusMessage reply = makeReturn(call);
     if (!reply) {
-        return DBUS_HANDLER_RESULT_HANDLED;
+        return kHandled;
     }
-    ByteArray elementName;
-    ByteArray type;
-    ByteArray version;
-    ByteArray transferEncoding;
-    ByteArray contentType;
-    dbus_uint32_t chunkSize = 0;
-    if (!readArguments(call, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &elementName.bytes,
-                       &elementName.length, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &type.bytes,
-                       &type.length, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &version.bytes,
-                       &version.length, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &transferEncoding.bytes,
-                       &transferEncoding.length, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE,
-                       &contentType.bytes, &contentType.length, DBUS_TYPE_UINT32, &chunkSize)) {
-        BusLink::sendError(call, failure::kBadArguments);
-        return DBUS_HANDLER_RESULT_HANDLED;
-    }
+    const auto [elementName, type, version, transferEncoding, contentType, chunkSize] =
+        readArguments<Bytes, Bytes, Bytes, Bytes, Bytes, dbus_uint32_t>(call,
+                                                                        failure::kBadArguments);
     const dbus_uint32_t connectionId =
-        core_->openConnection(elementName.text(), type.text(), version.text(),
-                              transferEncoding.text(), contentType.text(), chunkSize);
-    if (append(reply, DBUS_TYPE_UINT32, &connectionId)) {
-        BusLink::sendOrThrow(std::move(reply));
-    }
-    return DBUS_HANDLER_RESULT_HANDLED;
+        core_->openConnection(std::string(elementName), std::string(type), std::string(version),
+                              std::string(transferEncoding), std::string(contentType), chunkSize);
+    return answer<DBUS_TYPE_UINT32>(std::move(reply), connectionId);
 }
 
 DBusHandlerResult DbusService::onDisconnect(DBusMessage& call) {
-    dbus_uint32_t connectionId = 0;
-    if (!readArguments(call, DBUS_TYPE_UINT32, &connectionId)) {
-        BusLink::sendError(call, failure::kNone); // the failed reading's result stands for a code
-        return DBUS_HANDLER_RESULT_HANDLED;
-    }
+    // The failed reading's result, 0, stands for a code.
+    const auto [connectionId] = readArguments<dbus_uint32_t>(call, failure::kNone);
     core_->closeConnection(connectionId);
     BusMessage reply = makeReturn(call);
     if (!reply) {
-        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+        return kNotHandled;
     }
     BusLink::sendOrThrow(std::move(reply));
-    return DBUS_HANDLER_RESULT_HANDLED;
+    return kHandled;
 }
 
 DBusHandlerResult DbusService::onAttach(DBusMessage& call) {
@@ -111,85 +217,44 @@ DBusHandlerResult DbusService::onPrepare(DBusMessage& call) {
 
 DBusHandlerResult DbusService::createRequest(DBusMessage& call, CreateRequest create) {
     if (locationSettings_ && !locationSettings_->isNetworkPositioningPermitted()) {
-        BusLink::sendError(call, failure::kNotPermitted);
-        return DBUS_HANDLER_RESULT_HANDLED;
+        throw failure::kNotPermitted;
     }
-    dbus_uint32_t connectionId = 0;
-    dbus_uint32_t connectionPolicy = 0;
-    dbus_uint32_t openDuration = 0;
-    if (!readArguments(call, DBUS_TYPE_UINT32, &connectionId, DBUS_TYPE_UINT32, &connectionPolicy,
-                       DBUS_TYPE_UINT32, &openDuration)) {
-        BusLink::sendError(call, failure::kBadArguments);
-        return DBUS_HANDLER_RESULT_HANDLED;
-    }
+    const auto [connectionId, connectionPolicy, openDuration] =
+        readArguments<dbus_uint32_t, dbus_uint32_t, dbus_uint32_t>(call, failure::kBadArguments);
     BusMessage reply = makeReturn(call);
     if (!reply) {
-        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+        return kNotHandled;
     }
-    try {
-        const dbus_uint32_t requestId =
-            (*core_.*create)(connectionId, connectionPolicy, openDuration);
-        if (append(reply, DBUS_TYPE_UINT32, &requestId)) {
-            BusLink::sendOrThrow(std::move(reply));
-        }
-    } catch (int code) {
-        BusLink::sendError(call, code);
-    }
-    return DBUS_HANDLER_RESULT_HANDLED;
+    return answer<DBUS_TYPE_UINT32>(
+        std::move(reply),
+        dbus_uint32_t{(*core_.*create)(connectionId, connectionPolicy, openDuration)});
 }
 
 DBusHandlerResult DbusService::onSendData(DBusMessage& call) {
     BusMessage reply = makeReturn(call);
     if (!reply) {
-        return DBUS_HANDLER_RESULT_HANDLED;
+        return kHandled;
     }
-    ByteArray data;
-    dbus_bool_t lastPart = FALSE; // four bytes on the wire, unlike bool
-    dbus_uint32_t connectionId = 0;
-    dbus_uint32_t requestId = 0;
-    if (!readArguments(call, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &data.bytes, &data.length,
-                       DBUS_TYPE_BOOLEAN, &lastPart, DBUS_TYPE_UINT32, &connectionId,
-                       DBUS_TYPE_UINT32, &requestId)) {
-        BusLink::sendError(call, failure::kBadArguments);
-        return DBUS_HANDLER_RESULT_HANDLED;
-    }
-    const dbus_int32_t result =
-        core_->sendData(data.view(), lastPart != FALSE, connectionId, requestId);
-    if (append(reply, DBUS_TYPE_INT32, &result)) {
-        BusLink::sendOrThrow(std::move(reply));
-    }
-    return DBUS_HANDLER_RESULT_HANDLED;
+    const auto [data, last, connectionId, requestId] =
+        readArguments<Bytes, bool, dbus_uint32_t, dbus_uint32_t>(call, failure::kBadArguments);
+    return answer<DBUS_TYPE_INT32>(
+        std::move(reply), dbus_int32_t{core_->sendData(data, last, connectionId, requestId)});
 }
 
 DBusHandlerResult DbusService::onGetData(DBusMessage& call) {
-    dbus_uint32_t connectionId = 0;
-    dbus_uint32_t requestId = 0;
-    if (!readArguments(call, DBUS_TYPE_UINT32, &connectionId, DBUS_TYPE_UINT32, &requestId)) {
-        BusLink::sendError(call, failure::kBadArguments);
-        return DBUS_HANDLER_RESULT_HANDLED;
-    }
-    const std::string key = requestKey(connectionId, requestId);
-    pending_.hold(key, call);
-    try {
-        core_->getData(connectionId, requestId);
-    } catch (int code) {
-        BusLink::sendError(call, code);
-        // The call is answered. Held on, it would never leave again, and anybody on the bus could
-        // fill the memory with calls for requests that do not exist.
-        pending_.drop(key);
-    }
-    return DBUS_HANDLER_RESULT_HANDLED;
+    const auto [connectionId, requestId] =
+        readArguments<dbus_uint32_t, dbus_uint32_t>(call, failure::kBadArguments);
+    core_->getData(connectionId, requestId); // the chunk comes with a post, never within this call
+    pending_.hold(connectionId, requestId, call);
+    return kHandled;
 }
 
 DBusHandlerResult DbusService::onCancel(DBusMessage& signal) {
-    dbus_uint32_t connectionId = 0;
-    dbus_uint32_t requestId = 0;
-    if (readArguments(signal, DBUS_TYPE_UINT32, &connectionId, DBUS_TYPE_UINT32, &requestId)) {
-        core_->cancelRequest(connectionId, requestId);
-    } else {
-        BusLink::sendError(signal, failure::kNone); // as for disconnect
-    }
-    return DBUS_HANDLER_RESULT_HANDLED;
+    // As for disconnect; the error goes to the signal's sender.
+    const auto [connectionId, requestId] =
+        readArguments<dbus_uint32_t, dbus_uint32_t>(signal, failure::kNone);
+    core_->cancelRequest(connectionId, requestId);
+    return kHandled;
 }
 
 DBusHandlerResult DbusService::onQuit(DBusMessage& call) {
@@ -197,14 +262,13 @@ DBusHandlerResult DbusService::onQuit(DBusMessage& call) {
 }
 
 DBusHandlerResult DbusService::quit(DBusMessage* call) {
-    const RecursiveLock guard(BusLink::mutex());
     core_->shutdown();
     pending_.clear();
     if (call != nullptr) {
         BusLink::sendOrThrow(makeReturn(*call));
     }
     mainLoop_.quit();
-    return DBUS_HANDLER_RESULT_HANDLED;
+    return kHandled;
 }
 
 DBusHandlerResult DbusService::onQuitDelayed(DBusMessage& call) {
@@ -212,46 +276,30 @@ DBusHandlerResult DbusService::onQuitDelayed(DBusMessage& call) {
         delayedQuit_.start(shutdownDelay_, [this] { quit(nullptr); });
     }
     BusLink::sendOrThrow(makeReturn(call));
-    return DBUS_HANDLER_RESULT_HANDLED;
+    return kHandled;
 }
 
 DBusHandlerResult DbusService::onGetProperty(DBusMessage& call) {
     const char* interface = nullptr;
     const char* property = nullptr;
-    if (!readArguments(call, DBUS_TYPE_STRING, &interface, DBUS_TYPE_STRING, &property)) {
-        return replyPropertyError(call, "invalid args to Get");
+    try {
+        std::tie(interface, property) =
+            readArguments<const char*, const char*>(call, failure::kBadArguments);
+    } catch (int) {
+        return replyPropertyError(call, "invalid args to Get"); // in words, without a code
     }
     if (std::string_view(interface) != bus::kInterface ||
-        std::string_view(property) != "connectionStatus") {
+        std::string_view(property) != bus::kConnectionStatus) {
         return replyPropertyError(call, "non-existing property requested");
     }
-    return replyConnectionStatus(call);
-}
-
-DBusHandlerResult DbusService::replyConnectionStatus(DBusMessage& call) {
     BusMessage reply = makeReturn(call);
     if (!reply) {
-        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+        return kNotHandled;
     }
     if (appendStatusVariant(*reply, core_->connectionStatus())) {
         BusLink::sendOrThrow(std::move(reply));
     }
-    return DBUS_HANDLER_RESULT_HANDLED;
-}
-
-DBusHandlerResult DbusService::replyPropertyError(DBusMessage& call, const char* text) {
-    // The bare word is the name that this error has always had. It is no valid error name, and
-    // libdbus ends the process when asked for such a reply: the caller is left to libdbus instead.
-    constexpr const char* kName = "error";
-    if (dbus_validate_error_name(kName, nullptr) == FALSE) {
-        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-    }
-    BusMessage reply(dbus_message_new_error(&call, kName, text));
-    if (!reply) {
-        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-    }
-    BusLink::sendOrThrow(std::move(reply));
-    return DBUS_HANDLER_RESULT_HANDLED;
+    return kHandled;
 }
 
 } // namespace orvexd

@@ -2,33 +2,34 @@
 
 #include "support/BusHandles.h"
 
+#include <cstdint>
 #include <map>
-#include <string>
+#include <utility>
 
 namespace orvexd {
 
-/// The getData calls that are held until their request has a chunk, at most one for each request
-/// key. A call that leaves without an answer ends by its client's own time-out. Main loop's thread.
+/// The getData calls that are held until their request has a chunk, at most one for each request. A
+/// call that leaves without an answer ends by its client's own time-out. Main loop's thread.
 ///
 /// What is kept of a call is the answer that it is going to get, still empty. The call itself may
 /// carry any further arguments, file descriptors among them, and libdbus stops reading from the bus
 /// when the messages that are not released yet exceed its limits.
 class PendingReplies {
 public:
-    /// Holds `call`; one that is held under `key` already is given up. Without memory for an answer
-    /// none is held.
-    void hold(const std::string& key, DBusMessage& call) {
+    /// Holds `call`; one that is held for the request already is given up. Without memory for an
+    /// answer none is held.
+    void hold(std::uint32_t connectionId, std::uint32_t requestId, DBusMessage& call) {
         BusMessage reply(dbus_message_new_method_return(&call));
         if (reply) {
-            replies_.insert_or_assign(key, std::move(reply));
+            replies_.insert_or_assign({connectionId, requestId}, std::move(reply));
         } else {
-            drop(key);
+            drop(connectionId, requestId);
         }
     }
 
-    /// Removes the call held under `key` and returns its empty answer; null when there is none.
-    BusMessage take(const std::string& key) {
-        const auto held = replies_.find(key);
+    /// Removes the call held for the request and returns its empty answer; null when there is none.
+    [[nodiscard]] BusMessage take(std::uint32_t connectionId, std::uint32_t requestId) {
+        const auto held = replies_.find({connectionId, requestId});
         if (held == replies_.end()) {
             return nullptr;
         }
@@ -37,14 +38,16 @@ public:
         return reply;
     }
 
-    /// Gives up the call held under `key`, if any.
-    void drop(const std::string& key) { replies_.erase(key); }
+    /// Gives up the call held for the request, if any.
+    void drop(std::uint32_t connectionId, std::uint32_t requestId) {
+        replies_.erase({connectionId, requestId});
+    }
 
     /// Gives up all calls.
     void clear() { replies_.clear(); }
 
 private:
-    std::map<std::string, BusMessage> replies_;
+    std::map<std::pair<std::uint32_t, std::uint32_t>, BusMessage> replies_;
 };
 
 } // namespace orvexd

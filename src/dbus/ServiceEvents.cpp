@@ -1,11 +1,11 @@
 // The outgoing side of the service: signals and held replies, as the posts of the core ask for
 // them.
 
-#include "core/RequestKey.h"
 #include "dbus/BusLink.h"
-#include "dbus/BusText.h"
 #include "dbus/DbusService.h"
-#include "support/FailureCode.h"
+#include "protocol/Codes.h"
+#include "protocol/Names.h"
+#include "request/Answer.h"
 
 #include <utility>
 
@@ -33,40 +33,36 @@ bool DbusService::isExchangePermitted() {
 }
 
 void DbusService::emitConnectionStatusChanged(std::uint32_t status) {
-    const RecursiveLock guard(BusLink::mutex());
     const dbus_uint32_t value = status;
-    emitSignal("connectionStatusChanged", DBUS_TYPE_UINT32, &value);
+    emitSignal(bus::kConnectionStatusChanged, DBUS_TYPE_UINT32, &value);
 }
 
 void DbusService::emitRequestData(std::uint32_t connectionId, std::uint32_t requestId) {
-    const RecursiveLock guard(BusLink::mutex());
     const dbus_uint32_t connection = connectionId;
     const dbus_uint32_t request = requestId;
-    emitSignal("requestData", DBUS_TYPE_UINT32, &connection, DBUS_TYPE_UINT32, &request);
+    emitSignal(bus::kRequestData, DBUS_TYPE_UINT32, &connection, DBUS_TYPE_UINT32, &request);
 }
 
 void DbusService::emitErrorSignal(std::uint32_t code, const std::string& message,
                                   const std::string& requests) {
-    const RecursiveLock guard(BusLink::mutex());
     const dbus_uint32_t value = code;
     const std::string text = toBusText(message);
     const char* messageArgument = text.c_str();
     for (const std::string& keys : splitKeyList(requests)) {
         const char* requestsArgument = keys.c_str(); // digits, colons and blanks
-        emitSignal("errorSignal", DBUS_TYPE_UINT32, &value, DBUS_TYPE_STRING, &messageArgument,
+        emitSignal(bus::kErrorSignal, DBUS_TYPE_UINT32, &value, DBUS_TYPE_STRING, &messageArgument,
                    DBUS_TYPE_STRING, &requestsArgument);
     }
 }
 
 void DbusService::deliverChunk(std::uint32_t connectionId, std::uint32_t requestId,
                                const std::string& bytes, DeliveryCode code) {
-    const RecursiveLock guard(BusLink::mutex());
-    BusMessage reply = pending_.take(requestKey(connectionId, requestId));
+    BusMessage reply = pending_.take(connectionId, requestId);
     if (!reply) {
         return;
     }
     const char* data = bytes.data();
-    const int length = static_cast<int>(bytes.size()); // bounded by RequestData::kLargestChunk
+    const int length = static_cast<int>(bytes.size()); // bounded by Answer::kLargestChunk
     const auto deliveryCode = static_cast<dbus_uint32_t>(code);
     if (dbus_message_append_args(reply.get(), DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &data, length,
                                  DBUS_TYPE_UINT32, &deliveryCode, DBUS_TYPE_INVALID) != FALSE) {
@@ -75,8 +71,7 @@ void DbusService::deliverChunk(std::uint32_t connectionId, std::uint32_t request
 }
 
 void DbusService::dropPending(std::uint32_t connectionId, std::uint32_t requestId) {
-    const RecursiveLock guard(BusLink::mutex());
-    pending_.drop(requestKey(connectionId, requestId));
+    pending_.drop(connectionId, requestId);
 }
 
 } // namespace orvexd

@@ -1,12 +1,50 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdlib>
 #include <string>
+#include <sys/time.h>
 
 namespace orvexd {
+
+/// The longest boundary that RFC 2046, 5.1.1, allows.
+inline constexpr std::size_t kBoundaryLength = 70;
+
+/// The boundary character that a drawn code from '0' to 'z' stands for; '\0' asks for another draw.
+[[nodiscard]] constexpr char boundaryCharacter(int code) noexcept {
+    switch (code) {
+    case ';':
+        return '+';
+    case '<':
+        return '_';
+    case '=':
+        return '=';
+    case '>':
+        return '?';
+    default:
+        break;
+    }
+    const bool alphanumeric = (code >= '0' && code <= '9') || (code >= 'A' && code <= 'Z') ||
+                              (code >= 'a' && code <= 'z');
+    return alphanumeric ? static_cast<char>(code) : '\0';
+}
 
 /// A multipart boundary of 70 characters over 0-9, A-Z, a-z, '+', '_', '=' and '?'. Seeds the
 /// process-wide rand() from the time of day on every call; exchanges that start within the same
 /// millisecond of the same second get the same one. Worker thread.
-std::string generateBoundary();
+[[nodiscard]] inline std::string generateBoundary() {
+    constexpr int kCodes = 'z' - '0' + 1;
+    timeval now{};
+    (void)gettimeofday(&now, nullptr); // fails only for a bad address
+    std::srand(static_cast<unsigned>(now.tv_usec / 1000 + now.tv_sec));
+    std::string boundary;
+    boundary.reserve(kBoundaryLength);
+    while (boundary.size() < kBoundaryLength) {
+        if (const char c = boundaryCharacter(std::rand() % kCodes + '0'); c != '\0') {
+            boundary += c;
+        }
+    }
+    return boundary;
+}
 
 } // namespace orvexd

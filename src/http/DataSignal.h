@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/Locks.h"
+#include "support/Threads.h"
 
 #include <glib.h>
 #include <mutex>
@@ -13,13 +13,6 @@ namespace orvexd {
 /// it.
 class DataSignal {
 public:
-    /// Forgets earlier signals. Before the worker starts.
-    void reset() {
-        const Lock guard(dataMutex_);
-        dataArrived_ = false;
-        cancelRequested_ = false;
-    }
-
     /// Data has been stored for a request: wakes the waiting worker. Main loop's thread.
     void notifyData() {
         {

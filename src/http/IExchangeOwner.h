@@ -15,21 +15,28 @@ public:
     IExchangeOwner(IExchangeOwner&&) = delete;
     IExchangeOwner& operator=(IExchangeOwner&&) = delete;
 
-    /// "host:port" of the proxy for the server, empty for none. Worker thread.
+    // -- worker thread: these ask the platform or post, and change nothing of the owner --------
+
+    /// "host:port" of the proxy for the server, empty for none. May block for as long as the
+    /// platform does.
     virtual std::string proxyForServer() = 0;
 
-    /// Asks the request's client to send its data now. Worker thread, data mutex held: only posts.
+    /// Posts the question for the request's data to its client. The data mutex is held.
     virtual void postRequestData(std::uint32_t connectionId, std::uint32_t requestId) = 0;
 
-    /// Announces the connection status anew. Worker thread, data mutex held: only posts.
+    /// Posts an announcement of the connection status as it is. The data mutex is held.
     virtual void announceConnectionStatus() = 0;
 
-    /// The exchange failed; `keyList` names its unfinished requests. Worker thread, no lock held.
-    virtual void onExchangeFailed(std::uint32_t code, const std::string& errorText,
+    // -- main loop's thread --------------------------------------------------------------------
+
+    /// The running exchange failed.
+    /// @param code one of the failure codes.
+    /// @param keyList the keys of its unfinished requests, in transfer order.
+    virtual void onExchangeFailed(int code, const std::string& errorText,
                                   const std::string& keyList) = 0;
 
-    /// The exchange that was started as `number` has ended. Main loop's thread.
-    virtual void onExchangeDone(std::uint64_t number) = 0;
+    /// The exchange ended, well or not, 50 ms ago. The owner may destroy it here.
+    virtual void onExchangeFinished() = 0;
 };
 
 } // namespace orvexd

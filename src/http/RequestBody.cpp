@@ -1,7 +1,9 @@
 #include "http/RequestBody.h"
 
+#include "config/Number.h"
+#include "http/IExchangeOwner.h"
 #include "http/LineEnds.h"
-#include "http/WaitTimeout.h"
+#include "request/RequestData.h"
 
 #include <algorithm>
 #include <curl/curl.h>
@@ -15,6 +17,12 @@ namespace {
 constexpr std::size_t kReserve = 1024;
 constexpr const char* kRawEncoding = "binary";
 constexpr const char* kUnannouncedType = "position";
+
+constexpr long kDefaultWait = 5000; // milliseconds, as all of these
+constexpr const char* kFingerprintKey = "orvexd/wait_timeout/fingerprint";
+constexpr const char* kFingerprintWait = "90000";
+// The per-type key of an empty type ends in a slash; this one does not and is another key.
+constexpr const char* kFallbackKey = "orvexd/wait_timeout";
 
 /// g_get_monotonic_time's clock, `wait` from now; far futures are cut to the clock's end.
 gint64 deadlineAfter(std::chrono::milliseconds wait) {
@@ -114,7 +122,7 @@ RequestBody::Slice RequestBody::takePart(RequestData& part, std::span<char> buff
                                          std::size_t limit) {
     const bool raw = part.parameters().transferEncoding == kRawEncoding;
     const std::span<char> room = raw ? buffer : std::span<char>(scratch_);
-    const RequestData::Taken taken = part.takeRequestData(room.first(limit));
+    const OutgoingPart::Piece taken = part.takeRequestData(room.first(limit));
     if (taken.finished) {
         advanceToNextPart();
     }
@@ -155,10 +163,29 @@ void RequestBody::announceOnce(const RequestData& part) {
 }
 
 void RequestBody::awaitData(DataSignal::Reader& reader, RequestData& part) {
-    const auto wait = waitTimeout(part.parameters().type, parameters_);
+    const std::chrono::milliseconds wait = waitTimeout(part.parameters().type, parameters_);
     if (!reader.waitForData(deadlineAfter(wait))) {
         part.appendRequestData({}, true); // the part ends with what it has
     }
+}
+
+std::chrono::milliseconds RequestBody::waitTimeout(const std::string& type,
+                                                   const Parameters& parameters) {
+    const std::string key = "orvexd/wait_timeout/" + type;
+    std::string value = parameters.get(key);
+    if (value.empty() && key == kFingerprintKey) {
+        value = kFingerprintWait;
+    }
+    if (value.empty()) {
+        return std::chrono::milliseconds(kDefaultWait);
+    }
+    const Number wait = readNumber(value);
+    const std::string fallback = wait.fits ? std::string() : parameters.get(kFallbackKey);
+    if (fallback.empty()) {
+        return std::chrono::milliseconds(wait.value);
+    }
+    const Number instead = readNumber(fallback);
+    return std::chrono::milliseconds(instead.fits ? instead.value : kDefaultWait);
 }
 
 std::size_t RequestBody::takeCarry(std::span<char> buffer) noexcept {

@@ -1,10 +1,9 @@
 #pragma once
 
-#include "config/Parameters.h"
-#include "core/RequestData.h"
+#include "config/MapWrapper.h"
 #include "http/DataSignal.h"
-#include "http/IExchangeOwner.h"
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <span>
@@ -13,6 +12,9 @@
 #include <vector>
 
 namespace orvexd {
+
+class IExchangeOwner;
+class RequestData;
 
 /// The multipart body of one exchange, streamed while the clients still deliver: the SLP header
 /// part, each request's part in queue order, the closing delimiter. Worker thread only; nothing of
@@ -28,11 +30,16 @@ public:
 
     /// Fills `buffer` with the next bytes of the body, waiting for client data if there are none.
     /// @return number of bytes, 0 at the end of the body, CURL_READFUNC_ABORT when cancelled.
-    std::size_t readBody(std::span<char> buffer);
+    [[nodiscard]] std::size_t readBody(std::span<char> buffer);
 
     /// Largest slice of a part for a buffer of `capacity` bytes: the reserve of 1024 bytes is for
     /// the carriage returns that normalisation adds.
-    static std::size_t sliceLimit(std::size_t capacity) noexcept;
+    [[nodiscard]] static std::size_t sliceLimit(std::size_t capacity) noexcept;
+
+    /// How long the upload waits for client data of a request of `type`: by default 90 s for
+    /// "fingerprint" and 5 s for everything else. May be zero or negative: no wait at all.
+    [[nodiscard]] static std::chrono::milliseconds waitTimeout(const std::string& type,
+                                                               const Parameters& parameters);
 
 private:
     /// A slice of the body as it was taken: raw bytes stand in libcurl's buffer already, text waits

@@ -1,8 +1,13 @@
 #include "main/CommandLine.h"
 
+#include "protocol/Names.h"
+
+#include <cstdio>
 #include <span>
+#include <string>
 #include <string_view>
 #include <trilba/core/Directory.h>
+#include <trilba/core/SystemInfo.h>
 #include <unistd.h>
 
 namespace orvexd {
@@ -43,6 +48,13 @@ StartUp applyCommandLine(int argc, char** argv) {
         }
     }
     return StartUp::Serve;
+}
+
+void printVersionBanner() {
+    std::string platformId;
+    trilba::core::SystemInfo::getPlatformId(platformId);
+    std::printf("trilba %i.%i.%i [%s] orvexd built: %s %s\n", version::kMajor, version::kMinor,
+                version::kBuild, platformId.c_str(), __DATE__, __TIME__);
 }
 
 } // namespace orvexd

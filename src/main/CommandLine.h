@@ -12,6 +12,9 @@ enum class StartUp {
 /// detaches, "--preinst-dir DIR" and "--storage-dir DIR" set the platform's directories,
 /// "--version" or "-v" ends the scan. Unknown words are skipped; an option that lacks its argument
 /// ends the scan.
-StartUp applyCommandLine(int argc, char** argv);
+[[nodiscard]] StartUp applyCommandLine(int argc, char** argv);
+
+/// Prints the one line that the daemon ever prints: platform version, platform id, build time.
+void printVersionBanner();
 
 } // namespace orvexd

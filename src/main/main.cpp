@@ -1,7 +1,6 @@
 #include "config/ConfHandler.h"
 #include "main/CommandLine.h"
 #include "main/MainLoop.h"
-#include "main/VersionBanner.h"
 #include "support/XmlHandles.h"
 
 #include <csignal>

@@ -1,6 +1,6 @@
 #include "network/OrvexNetworkManager.h"
 
-#include "network/ConnectionStatus.h"
+#include "protocol/States.h"
 #include "support/Deployment.h"
 
 #include <algorithm>
@@ -32,21 +32,6 @@ std::uint32_t statusOf(const ConnectionInfo& active) {
 
 } // namespace
 
-/// Carries a notification from a thread of the platform to the main loop.
-struct OrvexNetworkManager::Notification : MainLoopRecord {
-    explicit Notification(OrvexNetworkManager& target)
-        : manager(target), alive(target.lifetime_.watch()) {}
-
-    void run() override {
-        if (!alive.expired()) {
-            manager.refreshAndReport();
-        }
-    }
-
-    OrvexNetworkManager& manager;
-    Lifetime::Watch alive;
-};
-
 OrvexNetworkManager::OrvexNetworkManager(INetworkOwner& owner)
     : owner_(owner), mainThread_(std::this_thread::get_id()) {}
 
@@ -62,27 +47,26 @@ void OrvexNetworkManager::start() {
         return;
     }
     connectionManager_->registerObserver(this);
-    const RecursiveLock guard(lock_);
+    readConnections();
+}
+
+void OrvexNetworkManager::readConnections() {
     connections_.clear();
-    connectionManager_->getConnections(connections_);
+    if (connectionManager_) {
+        connectionManager_->getConnections(connections_);
+    }
 }
 
 void OrvexNetworkManager::onConnectionsChanged() {
     if (std::this_thread::get_id() == mainThread_) {
         refreshAndReport();
     } else {
-        postToMainLoop(std::chrono::milliseconds(0), std::make_unique<Notification>(*this));
+        postToMainLoop(lifetime_, [this] { refreshAndReport(); });
     }
 }
 
 void OrvexNetworkManager::refreshAndReport() {
-    {
-        const RecursiveLock guard(lock_);
-        connections_.clear();
-        if (connectionManager_) {
-            connectionManager_->getConnections(connections_);
-        }
-    }
+    readConnections();
     owner_.onConnectionStatus(currentStatus(), true);
     (void)recheck();
     owner_.requestFreshConnect();
@@ -98,27 +82,23 @@ bool OrvexNetworkManager::recheck() {
 }
 
 bool OrvexNetworkManager::hasActiveConnection() const {
-    const RecursiveLock guard(lock_);
     return std::any_of(connections_.begin(), connections_.end(),
                        [](const ConnectionInfo& entry) { return entry.active; });
 }
 
 bool OrvexNetworkManager::hasFlaggedConnection() const {
-    const RecursiveLock guard(lock_);
     return std::any_of(connections_.begin(), connections_.end(),
                        [](const ConnectionInfo& entry) { return entry.flagged; });
 }
 
 std::uint32_t OrvexNetworkManager::currentStatus() const {
-    const RecursiveLock guard(lock_);
     const auto active = std::find_if(connections_.begin(), connections_.end(),
                                      [](const ConnectionInfo& entry) { return entry.active; });
     return active == connections_.end() ? 0 : statusOf(*active);
 }
 
 std::string OrvexNetworkManager::proxyFor() const {
-    // Without the lock: the platform may read a file here, and the main loop must not wait for
-    // that. The pointer does not change between start and the destructor.
+    // The worker asks. The pointer does not change between start and the destructor.
     if (!connectionManager_) {
         return {};
     }

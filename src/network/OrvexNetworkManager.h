@@ -1,8 +1,6 @@
 #pragma once
 
-#include "network/INetworkOwner.h"
-#include "support/Locks.h"
-#include "support/MainLoopRecord.h"
+#include "support/MainLoopPost.h"
 
 #include <cstdint>
 #include <memory>
@@ -14,10 +12,30 @@
 
 namespace orvexd {
 
+/// What the network manager tells its owner. Main loop's thread.
+class INetworkOwner {
+public:
+    INetworkOwner() = default;
+    virtual ~INetworkOwner() = default;
+    INetworkOwner(const INetworkOwner&) = delete;
+    INetworkOwner& operator=(const INetworkOwner&) = delete;
+    INetworkOwner(INetworkOwner&&) = delete;
+    INetworkOwner& operator=(INetworkOwner&&) = delete;
+
+    /// The status after a notification. @param recheck the owner may ask for a recheck.
+    virtual void onConnectionStatus(std::uint32_t status, bool recheck) = 0;
+    /// An active connection exists.
+    virtual void onNetworkAvailable() = 0;
+    /// No active connection exists.
+    virtual void onConnectionLost() = 0;
+    /// The next transfer must open a connection of its own.
+    virtual void requestFreshConnect() = 0;
+};
+
 /// The daemon's view of the platform's connections: status value, availability, proxy.
 ///
-/// The lock is a leaf: the owner is always called after it has been released, because the owner
-/// asks this object while it holds locks of its own.
+/// Main loop's thread, except that the platform may notify from any thread, and that the worker
+/// asks for the proxy. So the list of connections needs no lock.
 class OrvexNetworkManager : public trilba::network::IConnectionManagerObserver {
 public:
     explicit OrvexNetworkManager(INetworkOwner& owner);
@@ -27,8 +45,7 @@ public:
     OrvexNetworkManager(OrvexNetworkManager&&) = delete;
     OrvexNetworkManager& operator=(OrvexNetworkManager&&) = delete;
 
-    /// Platform notification. The owner is told on the main loop's thread, whichever thread the
-    /// platform calls from.
+    /// Platform notification, on any thread. The owner is told on the main loop's thread.
     void onConnectionsChanged() override;
     /// Does nothing: no use is made of the second notification.
     void onSecondaryNotification() override {}
@@ -37,14 +54,14 @@ public:
     /// main loop's thread, which is thereby known to this object.
     void start();
 
-    bool hasActiveConnection() const;
+    [[nodiscard]] bool hasActiveConnection() const;
     /// True when some connection is flagged, active or not.
-    bool hasFlaggedConnection() const;
-    /// Status value of the first active connection: 0, 1, 3 or 5. Any thread.
-    std::uint32_t currentStatus() const;
+    [[nodiscard]] bool hasFlaggedConnection() const;
+    /// Status value of the first active connection: 0, 1, 3 or 5.
+    [[nodiscard]] std::uint32_t currentStatus() const;
 
     /// Tells the owner whether a connection is there: onNetworkAvailable or onConnectionLost.
-    /// @return true. Main loop's thread.
+    /// @return true.
     bool recheck();
 
     /// Receiver of the open duration when no exchange starts; connections are not held open.
@@ -52,21 +69,20 @@ public:
     /// Called when an exchange is about to be examined; there is nothing to give back.
     void release() {}
 
-    /// Asks the platform for the proxy of the built-in server URL. Any thread.
+    /// Asks the platform for the proxy of the built-in server URL. Any thread; takes as long as the
+    /// platform does.
     /// @return "host:port", empty when the platform names none.
-    std::string proxyFor() const;
+    [[nodiscard]] std::string proxyFor() const;
 
 private:
-    struct Notification;
-
     void refreshAndReport();
+    void readConnections();
 
     INetworkOwner& owner_;
     Lifetime lifetime_;
-    std::thread::id mainThread_;
-    mutable RecursiveMutex lock_;
+    std::thread::id mainThread_; // set by the constructor and by start, before any notification
     std::unique_ptr<trilba::network::IConnectionManager> connectionManager_; // set once by start
-    trilba::network::ConnectionInfoContainer connections_;                   // guarded by lock_
+    trilba::network::ConnectionInfoContainer connections_;                   // main loop's thread
 };
 
 } // namespace orvexd

@@ -1,10 +1,11 @@
 #include "slp/ResponseHead.h"
 
+#include "config/Number.h"
+#include "protocol/Codes.h"
 #include "slp/TextSearch.h"
-#include "support/FailureCode.h"
 
-#include <cerrno>
-#include <cstdlib>
+#include <algorithm>
+#include <utility>
 
 namespace orvexd {
 
@@ -27,15 +28,13 @@ bool parseStatus(std::string_view head, std::optional<SlpError>& error) {
     }
     const std::size_t codeBegin = head.find(' ') + 1; // npos + 1 is 0
     const std::size_t codeEnd = head.find(' ', codeBegin);
-    const std::string digits(head.substr(codeBegin, codeEnd - codeBegin));
-    errno = 0;
-    const long status = std::strtol(digits.c_str(), nullptr, 10);
-    if (errno != 0) {
+    const Number status = readNumber(std::string(head.substr(codeBegin, codeEnd - codeBegin)));
+    if (!status.fits) {
         error = SlpError{failure::kRefusedByServer, "No HTTP response code"};
         return false;
     }
-    if (status >= kFirstErrorStatus) {
-        error = SlpError{statusToErrorCode(status), std::string(head.substr(codeEnd + 1))};
+    if (status.value >= kFirstErrorStatus) {
+        error = SlpError{statusToErrorCode(status.value), std::string(head.substr(codeEnd + 1))};
     }
     return true;
 }
@@ -115,6 +114,16 @@ std::string contentTypeParameter(std::string_view line, std::string_view name) {
         }
     }
     return value;
+}
+
+std::string headerValue(std::string_view block, std::string_view name) {
+    const std::size_t match = findIgnoringCase(block, name);
+    if (match == std::string_view::npos) {
+        return {};
+    }
+    std::string_view value = block.substr(match + name.size());
+    value.remove_prefix(std::min(value.find_first_not_of(" :"), value.size()));
+    return std::string(value.substr(0, value.find('\r')));
 }
 
 } // namespace orvexd

@@ -1,12 +1,16 @@
 #pragma once
 
-#include "slp/SlpError.h"
-
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace orvexd {
+
+/// Why a response is not what it should be. The text may hold bytes of the server.
+struct SlpError {
+    int code = 0; ///< one of the failure codes
+    std::string text;
+};
 
 /// What the status line and the header lines of a response say.
 struct ResponseHead {
@@ -22,14 +26,20 @@ struct ResponseHead {
 
 /// Reads a head: the bytes of a response before its first empty line. A status of 400 or more is an
 /// error, but the head is read on, and what is wrong with its format replaces that error.
-ResponseHead parseResponseHead(std::string_view head);
+[[nodiscard]] ResponseHead parseResponseHead(std::string_view head);
 
 /// Error code for an HTTP status of 400 or more.
-int statusToErrorCode(long status) noexcept;
+[[nodiscard]] int statusToErrorCode(long status) noexcept;
 
 /// Value of the parameter `name` (in lower case) of a Content-Type line; empty when it is absent.
 /// The name is searched as a plain substring. Quotes and '=' vanish from the value, wherever they
 /// stand.
-std::string contentTypeParameter(std::string_view line, std::string_view name);
+[[nodiscard]] std::string contentTypeParameter(std::string_view line, std::string_view name);
+
+/// Value of the header `name` in a part's header block; empty when it is absent. The name is
+/// searched as a plain substring of the whole block, whatever its case. Blanks and colons in front
+/// of the value are skipped; the value ends at a carriage return or at the end of the block, and
+/// nothing is trimmed from it.
+[[nodiscard]] std::string headerValue(std::string_view block, std::string_view name);
 
 } // namespace orvexd

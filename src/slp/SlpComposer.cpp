@@ -1,20 +1,26 @@
 #include "slp/SlpComposer.h"
 
+#include "protocol/Names.h"
+#include "request/RequestData.h"
 #include "support/Deployment.h"
 #include "support/XmlHandles.h"
-#include "trilba/core/SystemInfo.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <trilba/core/SystemInfo.h>
 
 namespace orvexd {
 
 namespace {
 
 constexpr const char* kSoftwareId = "oem.ubuntu";
-constexpr const char* kSoftwareVersion = "3.0.1415";
+
+std::string softwareVersion() {
+    return std::to_string(version::kMajor) + '.' + std::to_string(version::kMinor) + '.' +
+           std::to_string(version::kBuild);
+}
 
 /// A null parent (out of memory) gets no child.
 xmlNode* addChild(xmlNode* parent, const std::string& name) {
@@ -46,7 +52,8 @@ xmlNode* addSlpRequest(xmlNode* root, const Parameters& parameters) {
     trilba::core::SystemInfo::getPlatformId(platformId);
     setAttribute(request, "platform", parameters.get("orvexd/slpreq/platform", platformId));
     setAttribute(request, "swId", parameters.get("orvexd/slpreq/swId", kSoftwareId));
-    setAttribute(request, "swVersion", parameters.get("orvexd/slpreq/swVersion", kSoftwareVersion));
+    setAttribute(request, "swVersion",
+                 parameters.get("orvexd/slpreq/swVersion", softwareVersion()));
     for (const char* identity : std::array{"imsi", "imei", "fwId"}) {
         const std::string value = parameters.get(identity);
         if (!value.empty()) {

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "config/Parameters.h"
-#include "core/RequestData.h"
+#include "config/MapWrapper.h"
 
 #include <memory>
 #include <span>
@@ -9,6 +8,8 @@
 #include <string_view>
 
 namespace orvexd {
+
+class RequestData;
 
 /// Appends the first part of a request body to `bodyPrefix`: its delimiter, its header lines and
 /// the XML document that describes the device and lists the exchange's requests. Numbers the

@@ -1,7 +1,7 @@
 #include "slp/SlpDocument.h"
 
+#include "protocol/Codes.h"
 #include "slp/TextSearch.h"
-#include "support/FailureCode.h"
 
 #include <algorithm>
 #include <charconv>

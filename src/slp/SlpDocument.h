@@ -1,6 +1,6 @@
 #pragma once
 
-#include "slp/SlpError.h"
+#include "slp/ResponseHead.h"
 #include "support/XmlHandles.h"
 
 #include <map>

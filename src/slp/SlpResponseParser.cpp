@@ -1,9 +1,9 @@
 #include "slp/SlpResponseParser.h"
 
-#include "slp/PartHeader.h"
+#include "protocol/Codes.h"
+#include "request/RequestData.h"
 #include "slp/ResponseHead.h"
 #include "slp/TextSearch.h"
-#include "support/FailureCode.h"
 
 #include <algorithm>
 #include <utility>
@@ -109,7 +109,7 @@ void SlpResponseParser::feedWithoutDelimiter(std::string_view chunk) {
     if (inHeaderPart_) {
         pending_.append(chunk);
     } else if (currentRequest_ != nullptr) {
-        give(chunk, false);
+        deliver(chunk, false);
     } else if (!skipping_) { // the delimiter, or its line break, ended the chunk before
         collectHeaderBlock(chunk);
     }
@@ -149,7 +149,7 @@ void SlpResponseParser::completePart(std::string_view piece) {
 /// for a part whose header block is not complete.
 void SlpResponseParser::handlePart(std::string_view piece, bool partComplete) {
     if (currentRequest_ != nullptr) {
-        give(piece, partComplete);
+        deliver(piece, partComplete);
         if (partComplete) {
             currentRequest_ = nullptr;
         }
@@ -192,7 +192,7 @@ void SlpResponseParser::handleNewPart(std::string_view part, std::size_t blankLi
         return;
     }
     expectNextPart(headerValue(headers, "x-slp-next-part-id"));
-    give(part.substr(blankLine + kBlankLine.size()), partComplete, true);
+    deliver(part.substr(blankLine + kBlankLine.size()), partComplete, true);
     if (partComplete) {
         currentRequest_ = nullptr;
     }
@@ -232,7 +232,7 @@ void SlpResponseParser::expectNextPart(const std::string& id) {
 /// whether it belongs to the delimiter.
 /// @param first the bytes stand directly behind the header block: the request learns that its part
 /// has begun even when there are none.
-void SlpResponseParser::give(std::string_view bytes, bool partComplete, bool first) {
+void SlpResponseParser::deliver(std::string_view bytes, bool partComplete, bool first) {
     std::string joined;
     if (!held_.empty()) {
         joined.reserve(held_.size() + bytes.size());
@@ -284,7 +284,7 @@ void SlpResponseParser::announcePartIds() {
 
 void SlpResponseParser::finish() {
     if (currentRequest_ != nullptr) {
-        give(pending_, true);
+        deliver(pending_, true);
     }
     currentRequest_ = nullptr;
     insidePart_ = false;

@@ -1,8 +1,6 @@
 #pragma once
 
-#include "core/RequestData.h"
 #include "slp/SlpDocument.h"
-#include "slp/SlpError.h"
 
 #include <cstddef>
 #include <memory>
@@ -12,6 +10,8 @@
 #include <unordered_map>
 
 namespace orvexd {
+
+class RequestData;
 
 /// Takes the response of one exchange as it arrives, head included, and hands the bytes of its data
 /// parts to the requests they belong to.
@@ -60,7 +60,7 @@ private:
     void handleNewPart(std::string_view part, std::size_t blankLine, bool partComplete);
     void selectPart(const std::string& id);
     void expectNextPart(const std::string& id);
-    void give(std::string_view bytes, bool partComplete, bool first = false);
+    void deliver(std::string_view bytes, bool partComplete, bool first = false);
 
     void parseSlpHeaderPart(std::string_view part);
     void announcePartIds();

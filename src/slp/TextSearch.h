@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <string_view>
 
 namespace orvexd {
@@ -8,13 +10,34 @@ namespace orvexd {
 /// The empty line that ends a block of header lines, with the line break before it.
 inline constexpr std::string_view kBlankLine = "\r\n\r\n";
 
+/// ASCII lower case; bytes above 127 stay, whatever the locale.
+constexpr char asciiLower(char c) noexcept {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
 /// First position of `needle`, which must not be empty, in `text` from `from` on; npos when there
-/// is none.
-std::size_t findBytes(std::string_view text, std::string_view needle,
-                      std::size_t from = 0) noexcept;
+/// is none. memmem(3) takes time in proportion to the text, whatever the needle.
+[[nodiscard]] inline std::size_t findBytes(std::string_view text, std::string_view needle,
+                                           std::size_t from = 0) noexcept {
+    if (from > text.size() || text.size() - from < needle.size()) {
+        return std::string_view::npos;
+    }
+    const void* found =
+        memmem(text.data() + from, text.size() - from, needle.data(), needle.size());
+    if (found == nullptr) {
+        return std::string_view::npos;
+    }
+    return static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
+}
 
 /// As `findBytes` from the start of `text`, whatever the case of the ASCII letters.
-std::size_t findIgnoringCase(std::string_view text, std::string_view needle) noexcept;
+[[nodiscard]] inline std::size_t findIgnoringCase(std::string_view text,
+                                                  std::string_view needle) noexcept {
+    const auto* found = std::search(text.begin(), text.end(), needle.begin(), needle.end(),
+                                    [](char a, char b) { return asciiLower(a) == asciiLower(b); });
+    return found == text.end() ? std::string_view::npos
+                               : static_cast<std::size_t>(found - text.begin());
+}
 
 /// Answers "where is the next one?" for positions that only grow: the place found last is the
 /// answer until the caller has passed it, so all questions together read the text once.

@@ -4,6 +4,7 @@
 
 #include <libxml/parser.h>
 #include <libxml/tree.h>
+#include <libxml/xmlerror.h>
 #include <memory>
 
 namespace orvexd {
@@ -31,8 +32,17 @@ inline const char* nodeName(const xmlNode& node) noexcept {
     return reinterpret_cast<const char*>(node.name);
 }
 
-/// Keeps libxml2 from printing on standard error. The handlers are per thread
-/// (libxml2 "Thread safety"), so every thread that parses or builds documents calls this once.
-void silenceXmlErrors() noexcept;
+// libxml2 prescribes a C variadic function here.
+inline void ignoreXmlText(void* /*context*/, const char* /*format*/, ...) {
+} // NOLINT(cert-dcl50-cpp)
+
+inline void ignoreXmlError(void* /*context*/, xmlError* /*error*/) {}
+
+/// Keeps libxml2 from printing on standard error. The handlers are per thread (libxml2, "Thread
+/// safety"), so every thread that parses or builds documents calls this once.
+inline void silenceXmlErrors() noexcept {
+    xmlSetGenericErrorFunc(nullptr, &ignoreXmlText);
+    xmlSetStructuredErrorFunc(nullptr, &ignoreXmlError);
+}
 
 } // namespace orvexd

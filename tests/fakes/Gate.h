@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/Locks.h"
+#include "support/Threads.h"
 
 #include <chrono>
 #include <glib.h>

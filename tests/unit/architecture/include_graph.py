@@ -11,30 +11,20 @@ INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
 SUFFIXES = {".h", ".cpp"}
 
 FLOOR_OF_FOLDER = {
-    "main": 5,
-    "dbus": 4,
-    "http": 2,
-    "network": 2,
-    "slp": 1,
-    "config": 0,
-    "support": 0,
+    "main": 7,
+    "dbus": 6,
+    "core": 5,
+    "network": 4,
+    "http": 4,
+    "slp": 3,
+    "request": 2,
+    "config": 1,
+    "support": 1,
+    "protocol": 0,
 }
 
-# src/core holds the record that three floors share and the gateway core above them.
-FLOOR_OF_CORE_FILE = {
-    "OrvexMain": 3,
-    "RequestRegistry": 3,
-    "MainLoopPost": 3,
-    "ServicePosts": 3,
-    "IServiceEvents": 3,
-    "RequestData": 1,
-    "ClientPace": 1,
-    "ConnectionParameters": 1,
-    "DeliveryCode": 1,
-    "RequestState": 1,
-    "RequestKey": 1,
-    "IChunkReceiver": 1,
-}
+# Includes nothing at all, so that tools and clients can use it without the daemon's libraries.
+BARE_FOLDER = "protocol"
 
 # Where a foreign library may be named: folders, and single files without their suffix.
 HOMES_OF_LIBRARY = {
@@ -53,11 +43,8 @@ def unit_of(path):
 
 
 def floor_of(unit):
-    """Floor of a unit, None when the map does not know it."""
-    folder, _, name = unit.partition("/")
-    if folder == "core":
-        return FLOOR_OF_CORE_FILE.get(name)
-    return FLOOR_OF_FOLDER.get(folder)
+    """Floor of a unit, None when its folder is none of the house."""
+    return FLOOR_OF_FOLDER.get(unit.partition("/")[0])
 
 
 def read_includes(root):
@@ -84,6 +71,7 @@ def faults(files):
         *unknown_floors(files),
         *wrong_arrows(files),
         *stray_libraries(files),
+        *ballast(files),
         *cycles(files),
     ]
 
@@ -123,6 +111,13 @@ def stray_libraries(files):
             homes = HOMES_OF_LIBRARY.get(library) if mark == "<" else None
             if homes is not None and unit not in homes and unit.split("/")[0] not in homes:
                 yield f"{name}:{line}: <{target}> belongs to {', '.join(sorted(homes))}"
+
+
+def ballast(files):
+    for name, includes in files.items():
+        for _, target, line in includes:
+            if name.startswith(BARE_FOLDER + "/"):
+                yield f"{name}:{line}: {BARE_FOLDER} includes nothing, not even {target}"
 
 
 def cycles(files):

@@ -1,7 +1,5 @@
 #include "config/MapWrapper.h"
 
-#include "config/Parameters.h"
-
 #include <gtest/gtest.h>
 #include <string>
 #include <thread>

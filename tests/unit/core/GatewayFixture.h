@@ -2,12 +2,12 @@
 
 #include "config/ConfHandler.h"
 #include "core/OrvexMain.h"
-#include "core/RequestKey.h"
 #include "fakes/FakeCurl.h"
 #include "fakes/FakePlatform.h"
 #include "fakes/FakeThreads.h"
 #include "fakes/Gate.h"
 #include "fakes/MainContext.h"
+#include "request/RequestData.h"
 
 #include <algorithm>
 #include <chrono>
@@ -214,7 +214,7 @@ protected:
 
     /// Runs the main loop until the exchange has ended and its end has been dealt with.
     void finishExchange() {
-        EXPECT_TRUE(iterateUntil([this] { return !gateway().isTransferRunning(); }));
+        awaitOutcome();
         iterateFor(std::chrono::milliseconds(60));
     }
 
@@ -223,9 +223,10 @@ protected:
         EXPECT_TRUE(iterateUntil([this] { return arrived_.isOpen(); }));
     }
 
-    /// Waits for the worker's last step without running anything on the main loop.
-    void awaitWorkerEnd() {
-        EXPECT_TRUE(spinUntil([this] { return !gateway().isTransferRunning(); }));
+    /// Runs the main loop until the exchange's outcome is known, which is 50 ms before its end has
+    /// been dealt with.
+    void awaitOutcome() {
+        EXPECT_TRUE(iterateUntil([this] { return !gateway().isTransferRunning(); }));
     }
 
     static constexpr const char* kAborted = "Operation was aborted by an application callback";

@@ -137,7 +137,7 @@ TEST_F(OrvexMainExchangeTest, acceptsDataOrRefusesItWhileThePartIsClosedButLoses
     prepare(1);
     // The worker closes part after part; this thread sends without being asked.
     std::uint32_t id = kParts;
-    ASSERT_TRUE(spinUntil([&] {
+    ASSERT_TRUE(iterateUntil([&] {
         for (int piece = 0; piece < 20; ++piece) {
             const int result = gateway().sendData("piece ", false, 1, id);
             if (result == 0) {
@@ -238,6 +238,33 @@ TEST_F(OrvexMainExchangeTest, keepsRequestsThatWaitWhenAnExchangeFails) {
     EXPECT_TRUE(exists(1, 2));
 }
 
+TEST_F(OrvexMainExchangeTest, tellsWhyInTheSameTurnInWhichItsRequestsBecomeUnknown) {
+    failExchange();
+    prepare(1);
+    EXPECT_TRUE(iterateUntil([this] { return !exists(1, 1); }));
+    EXPECT_THAT(service_.only("error"), ElementsAre(failed(2204, kRefused, "1:1")));
+    finishExchange();
+}
+
+TEST_F(OrvexMainExchangeTest, dropsDeliveredRequestsAndThoseNotAllowedAlsoInTheTimeAfterASuccess) {
+    answerExchange(1);
+    gateway().getData(1, prepare(1));
+    awaitOutcome(); // 50 ms before the end
+    expectEvent("chunk 1:1 2303 [answer 1]");
+    service_.permitted = false;
+    (void)thrownBy([this] { prepare(1, kKindOneOnly); });
+    connectTo(2);
+    service_.permitted = true;
+    EXPECT_TRUE(gateway().startExchange());
+    drainMainContext();
+    EXPECT_FALSE(exists(1, 1));
+    EXPECT_FALSE(exists(1, 2));
+    EXPECT_THAT(service_.only("error"),
+                ElementsAre("error 2204 [Current network connection not allowed] [1:2]"));
+    EXPECT_EQ(fake_threads::started(), 1);
+    finishExchange();
+}
+
 TEST_F(OrvexMainExchangeTest, signalsAFailureAlsoWhenEveryRequestWasDelivered) {
     holdExchange([this](fake_curl::Transfer& transfer) {
         EXPECT_TRUE(transfer.readAll(sent_));
@@ -309,7 +336,7 @@ TEST_F(OrvexMainExchangeTest, startsTheNextExchangeWhenOneHasEndedAndRequestsWai
 TEST_F(OrvexMainExchangeTest, waitsForTheSweepBeforeItStartsAfterASuccess) {
     answerExchange(1);
     prepare(1);
-    awaitWorkerEnd();
+    awaitOutcome();
     answerExchange(1);
     EXPECT_EQ(prepare(1), 2U); // within the 50 ms of the end
     EXPECT_EQ(fake_threads::started(), 1);
@@ -321,7 +348,7 @@ TEST_F(OrvexMainExchangeTest, waitsForTheSweepBeforeItStartsAfterASuccess) {
 TEST_F(OrvexMainExchangeTest, startsAtOnceAfterAFailure) {
     failExchange();
     prepare(1);
-    awaitWorkerEnd();
+    awaitOutcome();
     answerExchange(1);
     EXPECT_EQ(prepare(1), 2U); // within the 50 ms of the failed one
     EXPECT_EQ(fake_threads::started(), 2);
@@ -333,7 +360,7 @@ TEST_F(OrvexMainExchangeTest, startsAtOnceAfterAFailure) {
 TEST_F(OrvexMainExchangeTest, isNotSweptByTheLateEndOfTheFailedOneBefore) {
     failExchange();
     prepare(1);
-    awaitWorkerEnd(); // its end timer has not run yet
+    awaitOutcome(); // its end timer has not run yet
     holdExchange(answerScript(2));
     attach(1);
     reachExchange();
@@ -349,22 +376,10 @@ TEST_F(OrvexMainExchangeTest, isNotSweptByTheLateEndOfTheFailedOneBefore) {
     finishExchange();
 }
 
-TEST_F(OrvexMainExchangeTest, ignoresTheEndOfAnExchangeThatIsNotTheNewest) {
-    holdExchange(answerScript(1));
-    prepare(1);
-    reachExchange();
-    gateway().cancelRequest(1, 1);
-    gateway().onExchangeDone(0);
-    gateway().onExchangeDone(2);
-    EXPECT_TRUE(exists(1, 1));
-    proceed_.open();
-    expectEvent("drop 1:1");
-}
-
 TEST_F(OrvexMainExchangeTest, sweepsUpAfterAFailureWhenTheNextOneFoundNoWorker) {
     failExchange();
     prepare(1);
-    awaitWorkerEnd();
+    awaitOutcome();
     fake_threads::failStart(true);
     EXPECT_EQ(thrownBy([this] { prepare(1); }), 2204);
     fake_threads::failStart(false);
@@ -385,7 +400,7 @@ TEST_F(OrvexMainExchangeTest, looksForSendableRequestsWhileTheWorkerDropsThoseTh
         }
         failExchange();
         prepare(1);
-        EXPECT_TRUE(spinUntil([this] {
+        EXPECT_TRUE(iterateUntil([this] {
             gateway().onNetworkAvailable();
             return !gateway().isTransferRunning();
         }));
@@ -442,7 +457,7 @@ TEST_F(OrvexMainExchangeTest, staysInOrderOverManyExchangesInARow) {
 
 // -- sweeps -------------------------------------------------------------------------------------
 
-TEST_F(OrvexMainExchangeTest, sweepsDeliveredAndCancelledRequestsInTheOrderOfTheirKeysText) {
+TEST_F(OrvexMainExchangeTest, dropsDeliveredAndCancelledRequestsAtItsEnd) {
     for (int i = 0; i < 9; ++i) {
         open();
     }
@@ -455,7 +470,7 @@ TEST_F(OrvexMainExchangeTest, sweepsDeliveredAndCancelledRequestsInTheOrderOfThe
         gateway().getData(connection, request);
     }
     finishExchange();
-    EXPECT_THAT(service_.only("drop"), ElementsAre("drop 10:2", "drop 1:4", "drop 2:1"));
+    EXPECT_THAT(service_.only("drop"), ElementsAre("drop 1:4", "drop 2:1", "drop 10:2"));
     EXPECT_TRUE(exists(3, 3)); // not fetched
 }
 

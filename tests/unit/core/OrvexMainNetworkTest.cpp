@@ -406,10 +406,45 @@ TEST_F(OrvexMainNetworkTest, dropsPreparedRequestsThatAreNotAllowedAndKeepsAttac
     finishExchange();
     EXPECT_TRUE(service_.has("error 2204 [Current network connection not allowed] [10:2 2:1]"));
     EXPECT_THAT(service_.only("request data"), ElementsAre("request data 9:3"));
-    EXPECT_THAT(service_.only("drop"), IsEmpty());
     EXPECT_FALSE(exists(2, 1));
     EXPECT_FALSE(exists(10, 2));
     EXPECT_TRUE(exists(1, 4));
+}
+
+// The calls that waited for their answers used to stay for ever.
+TEST_F(OrvexMainNetworkTest, givesUpTheHeldCallsOfRequestsThatAreNotAllowedBehindTheError) {
+    fake_platform::connect(1);
+    service_.permitted = false;
+    open();
+    (void)thrownBy([this] { prepare(1, kKindOneOnly); });
+    (void)thrownBy([this] { prepare(1, kKindOneOnly); });
+    connectTo(2);
+    service_.permitted = true;
+    drainMainContext();
+    service_.log.clear();
+    EXPECT_TRUE(gateway().startExchange());
+    drainMainContext();
+    EXPECT_THAT(service_.log,
+                ElementsAre("error 2204 [Current network connection not allowed] [1:1 1:2]",
+                            "drop 1:1", "drop 1:2"));
+}
+
+TEST_F(OrvexMainNetworkTest, reportsRequestsThatAreNotAllowedBeforeTheWorkerStarts) {
+    fake_platform::connect(1);
+    service_.permitted = false;
+    open();
+    (void)thrownBy([this] { prepare(1, kKindOneOnly); });
+    (void)thrownBy([this] { prepare(1, kNotFlagged); });
+    connectTo(2);
+    service_.permitted = true;
+    drainMainContext();
+    service_.log.clear();
+    answerExchange(1);
+    EXPECT_TRUE(gateway().startExchange());
+    finishExchange();
+    EXPECT_THAT(service_.log,
+                ElementsAre("error 2204 [Current network connection not allowed] [1:1]", "drop 1:1",
+                            "request data 1:2"));
 }
 
 TEST_F(OrvexMainNetworkTest, reportsRequestsThatAreNotAllowedAlsoWhenNothingIsQueued) {
@@ -439,7 +474,7 @@ TEST_F(OrvexMainNetworkTest, failsWaitingPreparedRequestsWhenTheConnectionGoes) 
     (void)thrownBy([this] { attach(1); });   // 1:3
     loseConnection();
     drainMainContext();
-    EXPECT_THAT(service_.log, ElementsAre("status 3", "status 0", "drop 10:2", "drop 2:1",
+    EXPECT_THAT(service_.log, ElementsAre("status 3", "status 0", "drop 2:1", "drop 10:2",
                                           "error 2204 [Connection error] [10:2 2:1]"));
     EXPECT_FALSE(exists(2, 1));
     EXPECT_FALSE(exists(10, 2));

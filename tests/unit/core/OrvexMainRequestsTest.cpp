@@ -403,7 +403,7 @@ TEST_F(OrvexMainRequestsTest, keepTheOrderOfChunksThatArePostedInQuickSuccession
     answerExchange(1);
     service_.onChunk = nullptr;
     prepare(1);
-    awaitWorkerEnd();
+    awaitOutcome();
     finishExchange();
     for (int i = 0; i < 8; ++i) {
         gateway().getData(1, 1); // all in one handler
@@ -500,16 +500,16 @@ TEST_F(OrvexMainRequestsTest, thatAreAnsweredStayWhenCancelledUntilAnExchangeEnd
 
 // -- closing a connection -----------------------------------------------------------------------
 
-TEST_F(OrvexMainRequestsTest, ofAClosedConnectionGoInTheOrderOfTheirKeysText) {
+TEST_F(OrvexMainRequestsTest, ofAClosedConnectionGoInTheOrderOfTheirIds) {
     open();
     for (int i = 0; i < 11; ++i) {
         attach(1);
     }
     gateway().closeConnection(1);
     drainMainContext();
-    EXPECT_THAT(service_.log, ElementsAre("drop 1:1", "drop 1:10", "drop 1:11", "drop 1:2",
-                                          "drop 1:3", "drop 1:4", "drop 1:5", "drop 1:6",
-                                          "drop 1:7", "drop 1:8", "drop 1:9"));
+    EXPECT_THAT(service_.log,
+                ElementsAre("drop 1:1", "drop 1:2", "drop 1:3", "drop 1:4", "drop 1:5", "drop 1:6",
+                            "drop 1:7", "drop 1:8", "drop 1:9", "drop 1:10", "drop 1:11"));
 }
 
 TEST_F(OrvexMainRequestsTest, ofConnectionElevenSurviveTheClosingOfConnectionOne) {

@@ -1,5 +1,8 @@
 #include "core/RequestRegistry.h"
 
+#include "protocol/States.h"
+#include "request/RequestData.h"
+
 #include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,15 +16,13 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using Policy = RequestRegistry::Policy;
 using Pointer = RequestRegistry::Pointer;
-using Verdict = RequestRegistry::Verdict;
 
 class RequestRegistryTest : public testing::Test {
 protected:
     Pointer add(std::uint32_t connection, std::uint32_t id, bool prepared = true,
                 std::uint32_t policy = NotFlagged) {
-        auto request = std::make_shared<RequestData>(connection, id, prepared,
-                                                     std::make_shared<ConnectionParameters>());
-        request->setConnectionPolicy(policy);
+        auto request = std::make_shared<RequestData>(
+            connection, id, prepared, std::make_shared<ConnectionParameters>(), policy);
         registry_.add(request);
         return request;
     }
@@ -34,16 +35,11 @@ protected:
         return found;
     }
 
-    /// Ids in the order of a sweep that removes those of `removed`.
-    std::vector<std::uint32_t> sweep(const std::vector<std::uint32_t>& removed = {}) {
-        std::vector<std::uint32_t> seen;
-        registry_.sweepTravelling([&](const Pointer& request) {
-            seen.push_back(request->requestId());
-            const bool goes =
-                std::find(removed.begin(), removed.end(), request->requestId()) != removed.end();
-            return goes ? Verdict::Remove : Verdict::Keep;
-        });
-        return seen;
+    /// Ids of what is removed when those of `chosen` are to go.
+    std::vector<std::uint32_t> removeInExchange(const std::vector<std::uint32_t>& chosen) {
+        return ids(registry_.removeInExchange([&](const RequestData& request) {
+            return std::find(chosen.begin(), chosen.end(), request.requestId()) != chosen.end();
+        }));
     }
 
     RequestRegistry registry_;
@@ -78,59 +74,59 @@ TEST_F(RequestRegistryTest, namesAValueOfEachPolicy) {
     }
 }
 
-TEST_F(RequestRegistryTest, walksTheTextOfTheKeysNotTheNumbers) {
+TEST_F(RequestRegistryTest, listsInTheOrderOfConnectionAndRequest) {
     for (const Pointer& request : {add(10, 2), add(2, 5), add(1, 30), add(1, 4)}) {
-        registry_.setTravelling(request);
+        registry_.setInExchange(request);
     }
-    EXPECT_THAT(sweep(), ElementsAre(2, 30, 4, 5)); // "10:2" "1:30" "1:4" "2:5"
+    EXPECT_THAT(ids(registry_.inExchange()), ElementsAre(4, 30, 5, 2));
 }
 
 TEST_F(RequestRegistryTest, knowsTheRequestsOfAConnectionOnly) {
     add(1, 1);
     add(11, 2);
     add(1, 3, false);
-    registry_.setTravelling(registry_.find(1, 3));
+    registry_.setInExchange(registry_.find(1, 3));
     EXPECT_THAT(ids(registry_.ofConnection(1)), ElementsAre(1, 3));
     EXPECT_THAT(ids(registry_.ofConnection(2)), IsEmpty());
 }
 
-TEST_F(RequestRegistryTest, travellingRequestsDoNotWait) {
+TEST_F(RequestRegistryTest, requestsInAnExchangeDoNotWait) {
     const Pointer request = add(1, 1);
-    registry_.setTravelling(request);
+    registry_.setInExchange(request);
     EXPECT_FALSE(registry_.hasWaiting(true));
-    EXPECT_THAT(sweep(), ElementsAre(1));
+    EXPECT_THAT(ids(registry_.inExchange()), ElementsAre(1));
     EXPECT_EQ(registry_.find(1, 1), request);
     registry_.setWaiting(request);
     EXPECT_TRUE(registry_.hasWaiting(true, Policy::NotFlagged));
-    EXPECT_THAT(sweep(), IsEmpty());
+    EXPECT_THAT(ids(registry_.inExchange()), IsEmpty());
 }
 
-TEST_F(RequestRegistryTest, aSweepRemovesWhatItIsToldTo) {
+TEST_F(RequestRegistryTest, removesFromTheExchangeWhatFulfilsThePredicate) {
     for (const Pointer& request : {add(1, 1), add(1, 2), add(1, 3)}) {
-        registry_.setTravelling(request);
+        registry_.setInExchange(request);
     }
     add(1, 4);
-    EXPECT_THAT(sweep({1, 3, 4}), ElementsAre(1, 2, 3));
+    EXPECT_THAT(removeInExchange({1, 3, 4}), ElementsAre(1, 3));
     EXPECT_EQ(registry_.find(1, 1), nullptr);
     EXPECT_NE(registry_.find(1, 4), nullptr);
-    EXPECT_THAT(sweep(), ElementsAre(2));
+    EXPECT_THAT(ids(registry_.inExchange()), ElementsAre(2));
 }
 
 TEST_F(RequestRegistryTest, aRequestWithTheSameIdsMakesRoom) {
-    registry_.setTravelling(add(1, 1));
+    registry_.setInExchange(add(1, 1));
     const Pointer second = add(1, 1, false, AnyConnection);
     EXPECT_EQ(registry_.find(1, 1), second);
-    EXPECT_THAT(sweep(), IsEmpty());
+    EXPECT_THAT(ids(registry_.inExchange()), IsEmpty());
     EXPECT_THAT(ids(registry_.waiting(false, Policy::AnyConnection)), ElementsAre(1));
 }
 
 TEST_F(RequestRegistryTest, clearedHoldsNothing) {
-    registry_.setTravelling(add(1, 1));
+    registry_.setInExchange(add(1, 1));
     add(1, 2);
     registry_.clear();
     EXPECT_EQ(registry_.find(1, 1), nullptr);
     EXPECT_FALSE(registry_.hasWaiting(true));
-    EXPECT_THAT(sweep(), IsEmpty());
+    EXPECT_THAT(ids(registry_.inExchange()), IsEmpty());
 }
 
 } // namespace

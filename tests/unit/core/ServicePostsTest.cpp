@@ -159,29 +159,5 @@ TEST_F(ServicePostsTest, PostsThatOutliveTheirSenderAreDropped) {
     EXPECT_EQ(service_.calls, Calls{"status 3"});
 }
 
-TEST(MainLoopPost, FieldsThatAKindDoesNotUseAreZeroOrEmpty) {
-    RecordingService service;
-    const Lifetime lifetime;
-    const MainLoopPost post(service, lifetime.watch(),
-                            [](IServiceEvents& /*service*/, const MainLoopPost& /*post*/) {});
-    EXPECT_EQ(post.value1, 0U);
-    EXPECT_EQ(post.value2, 0U);
-    EXPECT_EQ(post.value3, 0U);
-    EXPECT_EQ(post.text1, "");
-    EXPECT_EQ(post.text2, "");
-}
-
-TEST(MainLoopPost, CallsItsServiceOnlyWhileThatLives) {
-    RecordingService service;
-    auto lifetime = std::make_unique<Lifetime>();
-    MainLoopPost post(service, lifetime->watch(), [](IServiceEvents& target, const MainLoopPost&) {
-        target.emitConnectionStatusChanged(1);
-    });
-    post.run();
-    lifetime.reset();
-    post.run();
-    EXPECT_EQ(service.calls, Calls{"status 1"});
-}
-
 } // namespace
 } // namespace orvexd

@@ -1,4 +1,4 @@
-#include "dbus/BusText.h"
+#include "dbus/BusLink.h"
 
 #include <dbus/dbus.h>
 #include <gtest/gtest.h>

@@ -1,7 +1,6 @@
 #include "dbus/PendingReplies.h"
 
 #include <gtest/gtest.h>
-#include <string>
 #include <utility>
 
 namespace orvexd {
@@ -17,14 +16,14 @@ BusMessage getDataCall(dbus_uint32_t serial) {
 
 class PendingRepliesTest : public testing::Test {
 protected:
-    void hold(const std::string& key, dbus_uint32_t serial) {
+    void hold(std::uint32_t connectionId, std::uint32_t requestId, dbus_uint32_t serial) {
         const BusMessage call = getDataCall(serial);
-        pending_.hold(key, *call);
+        pending_.hold(connectionId, requestId, *call);
     }
 
     /// Serial of the call whose answer is taken, 0 when there is none.
-    dbus_uint32_t take(const std::string& key) {
-        const BusMessage reply = pending_.take(key);
+    dbus_uint32_t take(std::uint32_t connectionId, std::uint32_t requestId) {
+        const BusMessage reply = pending_.take(connectionId, requestId);
         return reply ? dbus_message_get_reply_serial(reply.get()) : 0;
     }
 
@@ -56,67 +55,67 @@ private:
 TEST_F(PendingRepliesTest, NothingOfTheCallItselfIsKept) {
     BusMessage call = getDataCall(7);
     const Release release(*call);
-    pending_.hold("5:2", *call);
+    pending_.hold(5, 2, *call);
     call.reset();
     EXPECT_TRUE(release.happened());
-    EXPECT_EQ(take("5:2"), 7U);
+    EXPECT_EQ(take(5, 2), 7U);
 }
 
 TEST_F(PendingRepliesTest, AnswerGoesToTheCaller) {
-    hold("5:2", 7);
-    const BusMessage reply = pending_.take("5:2");
+    hold(5, 2, 7);
+    const BusMessage reply = pending_.take(5, 2);
     EXPECT_EQ(dbus_message_get_type(reply.get()), DBUS_MESSAGE_TYPE_METHOD_RETURN);
     EXPECT_STREQ(dbus_message_get_destination(reply.get()), ":1.5");
     EXPECT_STREQ(dbus_message_get_signature(reply.get()), "");
 }
 
 TEST_F(PendingRepliesTest, CallIsTakenOnce) {
-    hold("5:2", 7);
-    EXPECT_EQ(take("5:2"), 7U);
-    EXPECT_EQ(take("5:2"), 0U);
+    hold(5, 2, 7);
+    EXPECT_EQ(take(5, 2), 7U);
+    EXPECT_EQ(take(5, 2), 0U);
 }
 
-TEST_F(PendingRepliesTest, NothingIsTakenUnderAnotherKey) {
-    hold("5:2", 7);
-    EXPECT_EQ(take("5:20"), 0U);
-    EXPECT_EQ(take("2:5"), 0U);
-    EXPECT_EQ(take("5:2"), 7U);
+TEST_F(PendingRepliesTest, NothingIsTakenForAnotherRequest) {
+    hold(5, 2, 7);
+    EXPECT_EQ(take(5, 20), 0U);
+    EXPECT_EQ(take(2, 5), 0U);
+    EXPECT_EQ(take(5, 2), 7U);
 }
 
 TEST_F(PendingRepliesTest, SecondCallReplacesTheHeldOne) {
-    hold("5:2", 7);
-    hold("5:2", 8);
-    EXPECT_EQ(take("5:2"), 8U);
-    EXPECT_EQ(take("5:2"), 0U) << "the first one is given up";
+    hold(5, 2, 7);
+    hold(5, 2, 8);
+    EXPECT_EQ(take(5, 2), 8U);
+    EXPECT_EQ(take(5, 2), 0U) << "the first one is given up";
 }
 
-TEST_F(PendingRepliesTest, KeysHoldTheirCallsApart) {
-    hold("1:1", 1);
-    hold("1:2", 2);
-    EXPECT_EQ(take("1:2"), 2U);
-    EXPECT_EQ(take("1:1"), 1U);
+TEST_F(PendingRepliesTest, CallsOfRequestsAreHeldApart) {
+    hold(1, 1, 1);
+    hold(1, 2, 2);
+    EXPECT_EQ(take(1, 2), 2U);
+    EXPECT_EQ(take(1, 1), 1U);
 }
 
 TEST_F(PendingRepliesTest, DroppedCallIsGone) {
-    hold("1:1", 1);
-    hold("1:2", 2);
-    pending_.drop("1:1");
-    EXPECT_EQ(take("1:1"), 0U);
-    EXPECT_EQ(take("1:2"), 2U);
+    hold(1, 1, 1);
+    hold(1, 2, 2);
+    pending_.drop(1, 1);
+    EXPECT_EQ(take(1, 1), 0U);
+    EXPECT_EQ(take(1, 2), 2U);
 }
 
-TEST_F(PendingRepliesTest, DroppingAnUnknownKeyDoesNothing) {
-    hold("1:1", 1);
-    pending_.drop("9:9");
-    EXPECT_EQ(take("1:1"), 1U);
+TEST_F(PendingRepliesTest, DroppingForAnUnknownRequestDoesNothing) {
+    hold(1, 1, 1);
+    pending_.drop(9, 9);
+    EXPECT_EQ(take(1, 1), 1U);
 }
 
 TEST_F(PendingRepliesTest, ClearGivesEveryCallUp) {
-    hold("1:1", 1);
-    hold("1:2", 2);
+    hold(1, 1, 1);
+    hold(1, 2, 2);
     pending_.clear();
-    EXPECT_EQ(take("1:1"), 0U);
-    EXPECT_EQ(take("1:2"), 0U);
+    EXPECT_EQ(take(1, 1), 0U);
+    EXPECT_EQ(take(1, 2), 0U);
 }
 
 } // namespace

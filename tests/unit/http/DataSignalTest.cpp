@@ -35,12 +35,6 @@ TEST_F(DataSignalTest, keepsACancellation) {
     EXPECT_TRUE(DataSignal::Reader(signal_).isCancelRequested());
 }
 
-TEST_F(DataSignalTest, forgetsACancellationWhenReset) {
-    signal_.requestCancel();
-    signal_.reset();
-    EXPECT_FALSE(DataSignal::Reader(signal_).isCancelRequested());
-}
-
 TEST_F(DataSignalTest, endsAWaitAtItsDeadline) {
     DataSignal::Reader reader(signal_);
     const gint64 deadline = in(std::chrono::milliseconds(20));

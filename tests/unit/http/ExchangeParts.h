@@ -1,8 +1,7 @@
 #pragma once
 
-#include "core/RequestData.h"
-#include "core/RequestKey.h"
 #include "http/IExchangeOwner.h"
+#include "request/RequestData.h"
 
 #include <cstdint>
 #include <functional>
@@ -67,13 +66,16 @@ public:
         }
     }
 
-    void onExchangeFailed(std::uint32_t code, const std::string& errorText,
+    void onExchangeFailed(int code, const std::string& errorText,
                           const std::string& keyList) override {
         log.push_back("failed " + std::to_string(code) + " [" + errorText + "] [" + keyList + "]");
     }
 
-    void onExchangeDone(std::uint64_t number) override {
-        log.push_back("done " + std::to_string(number));
+    void onExchangeFinished() override {
+        log.emplace_back("finished");
+        if (onFinished) {
+            onFinished();
+        }
     }
 
     std::string proxy;
@@ -81,6 +83,7 @@ public:
     std::vector<std::string> log;
     std::function<void(std::uint32_t, std::uint32_t)> onRequestData;
     std::function<void()> onAnnouncement;
+    std::function<void()> onFinished;
 };
 
 } // namespace orvexd::test

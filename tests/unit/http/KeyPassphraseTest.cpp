@@ -1,6 +1,6 @@
 #include "http/KeyPassphrase.h"
 
-#include "http/KeyPassphraseWords.h"
+#include "support/Deployment.h"
 
 #include <array>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "http/WaitTimeout.h"
+#include "http/RequestBody.h"
 
 #include <gtest/gtest.h>
 #include <limits>
@@ -12,7 +12,9 @@ constexpr const char* kTooLarge = "99999999999999999999";
 
 class WaitTimeoutTest : public testing::Test {
 protected:
-    milliseconds wait(const std::string& type) const { return waitTimeout(type, parameters_); }
+    milliseconds wait(const std::string& type) const {
+        return RequestBody::waitTimeout(type, parameters_);
+    }
     void set(const std::string& key, const std::string& value) { parameters_.set(key, value); }
 
 private:

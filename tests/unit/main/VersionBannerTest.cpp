@@ -1,4 +1,4 @@
-#include "main/VersionBanner.h"
+#include "main/CommandLine.h"
 
 #include "fakes/FakePlatform.h"
 

@@ -1,10 +1,10 @@
 // What must not depend on the machine's word: the daemon is at home on 32-bit ARM.
-#include "core/ConnectionParameters.h"
-#include "core/DeliveryCode.h"
-#include "core/MainLoopPost.h"
-#include "core/RequestData.h"
-#include "http/WaitTimeout.h"
-#include "network/ConnectionStatus.h"
+#include "core/ServicePosts.h"
+#include "http/RequestBody.h"
+#include "protocol/Codes.h"
+#include "protocol/States.h"
+#include "request/ConnectionParameters.h"
+#include "request/RequestData.h"
 #include "support/ByteQueue.h"
 
 #include "trilba/network/ProxyQuery.h"
@@ -34,16 +34,13 @@ static_assert(std::is_same_v<decltype(&RequestData::connectionId),
 static_assert(std::is_same_v<decltype(&RequestData::requestId),
                              std::uint32_t (RequestData::*)() const noexcept>);
 static_assert(std::is_same_v<decltype(ConnectionParameters::chunkSize), std::uint32_t>);
-static_assert(std::is_same_v<decltype(MainLoopPost::value1), std::uint32_t>);
-static_assert(std::is_same_v<decltype(MainLoopPost::value2), std::uint32_t>);
-static_assert(std::is_same_v<decltype(MainLoopPost::value3), std::uint32_t>);
 static_assert(std::is_same_v<std::underlying_type_t<DeliveryCode>, std::uint32_t>);
 static_assert(std::is_same_v<std::underlying_type_t<StatusBit>, std::uint32_t>);
 static_assert(std::is_same_v<std::underlying_type_t<ConnectionPolicy>, std::uint32_t>);
 
 // A chunk size from the bus can be used as a size, and the limits of the daemon fit into both.
 static_assert(sizeof(std::size_t) >= sizeof(std::uint32_t));
-static_assert(RequestData::kLargestChunk <= UINT32_MAX && ByteQueue::kLargestBlock <= UINT32_MAX);
+static_assert(Answer::kLargestChunk <= UINT32_MAX && ByteQueue::kLargestBlock <= UINT32_MAX);
 
 // The platform's record has neither padding nor pointers.
 static_assert(sizeof(ProxyQuery) == 140 && alignof(ProxyQuery) == 4);
@@ -78,7 +75,7 @@ TEST(SizesTest, proxyQueryIsTheSameBytesOnEveryMachine) {
 TEST(SizesTest, longestWaitOf32BitsBecomesADeadlineInMicroseconds) {
     Parameters parameters;
     parameters.set("orvexd/wait_timeout/position", "2147483647");
-    const std::chrono::microseconds wait = waitTimeout("position", parameters);
+    const std::chrono::microseconds wait = RequestBody::waitTimeout("position", parameters);
     EXPECT_EQ(wait.count(), 2147483647000LL);
 }
 

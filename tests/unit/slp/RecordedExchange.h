@@ -1,7 +1,7 @@
 #pragma once
 
-#include "core/IChunkReceiver.h"
-#include "core/RequestData.h"
+#include "request/Answer.h"
+#include "request/RequestData.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -30,9 +30,9 @@ public:
         parameters->chunkSize = chunkSize;
         deliveries_.resize(requests);
         for (std::uint32_t index = 1; index <= requests; ++index) {
-            auto request = std::make_shared<RequestData>(1, index, true, parameters);
+            auto request =
+                std::make_shared<RequestData>(1, index, true, parameters, NotFlagged, this);
             request->setMessageIndex(index);
-            request->setOwner(this);
             queue_.push_back(std::move(request));
         }
     }

@@ -1,10 +1,8 @@
 #pragma once
 
-#include "core/RequestData.h"
-#include "slp/PartHeader.h"
+#include "request/RequestData.h"
 #include "slp/ResponseHead.h"
 #include "slp/SlpDocument.h"
-#include "slp/SlpError.h"
 
 #include <algorithm>
 #include <cstddef>

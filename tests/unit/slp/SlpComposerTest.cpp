@@ -1,5 +1,7 @@
 #include "slp/SlpComposer.h"
 
+#include "request/RequestData.h"
+
 #include "fakes/FakePlatform.h"
 #include "support/Deployment.h"
 

@@ -40,6 +40,7 @@ TEST(HeaderList, CopiesTheLine) {
 }
 
 TEST(EasyHandle, CleansUpAtTheEndOfTheScope) {
+    fake_curl::reset();
     const int before = fake_curl::liveHandles();
     {
         const EasyHandle handle(curl_easy_init());

@@ -1,4 +1,4 @@
-#include "support/FreeMemory.h"
+#include "support/Threads.h"
 
 #include <cstddef>
 #include <fstream>

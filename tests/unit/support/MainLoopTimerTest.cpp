@@ -1,4 +1,4 @@
-#include "support/MainLoopTimer.h"
+#include "support/MainLoopPost.h"
 
 #include "fakes/MainContext.h"
 #include "support/GlibComplaints.h"

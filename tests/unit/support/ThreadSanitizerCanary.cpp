@@ -3,10 +3,8 @@
 // are no races to it. The first argument selects the case; the sanitizer makes the exit status 66
 // when it has reported.
 
-#include "support/Locks.h"
-#include "support/MainLoopRecord.h"
-#include "support/ThreadSanitizer.h"
-#include "support/WorkerThread.h"
+#include "support/MainLoopPost.h"
+#include "support/Threads.h"
 
 #include <chrono>
 #include <dbus/dbus.h>

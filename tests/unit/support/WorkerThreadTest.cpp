@@ -1,4 +1,4 @@
-#include "support/WorkerThread.h"
+#include "support/Threads.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

@@ -1,0 +1,247 @@
+#include "request/Answer.h"
+
+#include <utility>
+
+namespace orvexd {
+
+namespace {
+
+/// Chunks between these sizes are stored as they will be delivered.
+constexpr std::size_t kLeastStoredChunk = std::size_t{4} * 1024;
+constexpr std::size_t kLargestStoredChunk = std::size_t{256} * 1024;
+
+} // namespace
+
+// -- back-pressure -------------------------------------------------------------------------------
+
+void BackPressure::stored(std::size_t bytes) noexcept {
+    waiting_ += bytes;
+    storedSincePause_ += bytes;
+}
+
+void BackPressure::fetched(std::size_t bytes) noexcept {
+    waiting_ -= bytes;
+    fetchedSinceYield_ = true;
+    if (pausing_ && waiting_ <= lowWater()) {
+        drained_.broadcast();
+    }
+}
+
+bool BackPressure::takeYield() noexcept {
+    const bool isDue = waiting_ >= chunk_ && waiting_ < highWater();
+    return isDue && std::exchange(fetchedSinceYield_, false);
+}
+
+BackPressure::Outcome BackPressure::pause(Mutex& lock) noexcept {
+    if (waiting_ < highWater() || storedSincePause_ < highWater() - lowWater()) {
+        return Outcome::NotNeeded;
+    }
+    storedSincePause_ = 0;
+    const gint64 deadline = g_get_monotonic_time() + longestPause_.count();
+    bool inTime = true;
+    pausing_ = true;
+    while (inTime && waiting_ > lowWater()) {
+        inTime = drained_.waitUntil(lock, deadline);
+    }
+    pausing_ = false;
+    return inTime ? Outcome::ClientFetched : Outcome::TimeIsUp;
+}
+
+// -- announced parts -----------------------------------------------------------------------------
+
+Answer::Answer(std::uint32_t connectionId, std::uint32_t requestId, std::uint32_t chunkSize,
+               std::atomic<RequestState>& state, IChunkReceiver* receiver)
+    : connectionId_(connectionId),
+      requestId_(requestId),
+      chunkSize_(std::min<std::size_t>(chunkSize, kLargestChunk)),
+      receiver_(receiver),
+      state_(state),
+      pressure_(chunkSize_) {
+    responseBuffers_.emplace_back(blockSize());
+}
+
+void Answer::setExpectedPartIds(const std::vector<std::string>& ids) {
+    outstandingById_.clear();
+    expectedParts_ = 0;
+    outstandingParts_ = 0;
+    for (const std::string& id : ids) {
+        addExpectedPartId(id);
+    }
+}
+
+void Answer::addExpectedPartId(const std::string& id) {
+    ++outstandingById_[id];
+    ++expectedParts_;
+    ++outstandingParts_;
+}
+
+bool Answer::acceptPartId(const std::string& id) {
+    const auto announced = outstandingById_.find(id);
+    if (announced == outstandingById_.end()) {
+        return false;
+    }
+    if (announced->second > 0) {
+        --announced->second;
+        --outstandingParts_;
+    }
+    return true;
+}
+
+// -- bytes ---------------------------------------------------------------------------------------
+
+void Answer::add(std::string_view bytes, bool partComplete) {
+    bool yields = false;
+    {
+        const Lock guard(lock_);
+        store(bytes, partComplete);
+        if (!cancelled_) {
+            yields = pressure_.takeYield();
+            (void)pressure_.pause(lock_); // what ended it makes no difference
+        }
+    }
+    if (yields) {
+        // Client, bus and main loop carry chunks in turns. A worker that keeps its processor while
+        // one of them waits for it holds up all three, for as long as a time slice lasts.
+        g_thread_yield();
+    }
+}
+
+void Answer::store(std::string_view bytes, bool partComplete) {
+    if (!partComplete && passThrough(bytes)) {
+        return;
+    }
+    if (!cancelled_ && !appendToPart(bytes, partComplete)) {
+        return;
+    }
+    if (!partComplete) {
+        state_ = RequestState::Receiving;
+    } else if (++completedParts_ == expectedParts_) {
+        state_ = RequestState::AllPartsReceived;
+    } else {
+        state_ = RequestState::PartReceived;
+        responseBuffers_.emplace_back(blockSize());
+    }
+    (void)deliverStored(); // nothing to deliver is as good here
+}
+
+/// @return false when the whole answer has been delivered: a server that repeats a part adds
+/// nothing to it.
+bool Answer::appendToPart(std::string_view bytes, bool partComplete) {
+    if (responseBuffers_.empty()) {
+        return false;
+    }
+    ResponseBuffer& last = responseBuffers_.back();
+    last.bytes.append(bytes);
+    pressure_.stored(bytes.size());
+    if (partComplete) {
+        last.code = DeliveryCode::PartComplete;
+        if (last.bytes.endsWithLineBreak()) {
+            last.bytes.dropBack(2); // the line break belongs to the delimiter that follows
+            pressure_.dropped(2);
+        }
+    }
+    return true;
+}
+
+/// Delivers the front of `bytes` to a client that waits, without storing it first, and stores what
+/// the chunk has no room for. Only in the middle of a part of which nothing is stored.
+/// @return false when the bytes have to go the usual way.
+bool Answer::passThrough(std::string_view bytes) {
+    if (cancelled_ || waitingForGetData_ || responseBuffers_.size() != 1) {
+        return false;
+    }
+    ResponseBuffer& buffer = responseBuffers_.front();
+    if (buffer.code != DeliveryCode::PartContinues || !buffer.bytes.empty()) {
+        return false;
+    }
+    const std::size_t size = std::min(chunkSize_, bytes.size());
+    std::string chunk(bytes.substr(0, size));
+    buffer.bytes.append(bytes.substr(size));
+    pressure_.stored(bytes.size() - size);
+    pressure_.fetched(0);
+    state_ = RequestState::Receiving;
+    post(DeliveryCode::PartContinues, std::move(chunk));
+    return true;
+}
+
+/// An answer is stored in blocks of a chunk's size, which need no copy to become chunks. Small and
+/// large chunks are made from blocks of the usual size.
+std::size_t Answer::blockSize() const noexcept {
+    const bool isStored = kLeastStoredChunk <= chunkSize_ && chunkSize_ <= kLargestStoredChunk;
+    return isStored ? chunkSize_ : ByteQueue::kLargestBlock;
+}
+
+void Answer::post(DeliveryCode code, std::string chunk) {
+    waitingForGetData_ = true;
+    if (receiver_ != nullptr) {
+        receiver_->postChunk(connectionId_, requestId_, code, std::move(chunk));
+    }
+}
+
+bool Answer::deliverNext() {
+    const Lock guard(lock_);
+    return deliverStored();
+}
+
+bool Answer::deliverStored() {
+    if (cancelled_) {
+        if (state_ == RequestState::AllPartsReceived) {
+            state_ = RequestState::Delivered;
+        }
+        return true;
+    }
+    if (waitingForGetData_ || responseBuffers_.empty()) {
+        return false;
+    }
+    ResponseBuffer& front = responseBuffers_.front();
+    const DeliveryCode code = nextCode(front);
+    std::string chunk = front.bytes.take(chunkSize_);
+    pressure_.fetched(chunk.size());
+    if (code != DeliveryCode::PartContinues) {
+        responseBuffers_.pop_front();
+    }
+    if (state_ == RequestState::AllPartsReceived && responseBuffers_.empty()) {
+        state_ = RequestState::Delivered;
+    }
+    post(code, std::move(chunk));
+    return true;
+}
+
+DeliveryCode Answer::nextCode(const ResponseBuffer& front) const noexcept {
+    if (front.bytes.size() > chunkSize_ || front.code == DeliveryCode::PartContinues) {
+        return DeliveryCode::PartContinues;
+    }
+    const bool endsResponse =
+        state_ == RequestState::AllPartsReceived && responseBuffers_.size() == 1;
+    return endsResponse ? DeliveryCode::ResponseComplete : front.code;
+}
+
+void Answer::requestNextChunk() {
+    const Lock guard(lock_);
+    waitingForGetData_ = false;
+    if (responseBuffers_.empty()) {
+        return;
+    }
+    const ResponseBuffer& front = responseBuffers_.front();
+    if (front.bytes.empty() && front.code == DeliveryCode::PartContinues) {
+        return; // still being filled: the next bytes deliver
+    }
+    (void)deliverStored(); // false only when there is nothing to deliver
+}
+
+bool Answer::isWaitingForGetData() const {
+    const Lock guard(lock_);
+    return waitingForGetData_;
+}
+
+std::size_t Answer::storedBytes() const {
+    const Lock guard(lock_);
+    return pressure_.waiting();
+}
+
+bool Answer::isPausing() const {
+    const Lock guard(lock_);
+    return pressure_.isPausing();
+}
+
+} // namespace orvexd

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "request/ConnectionParameters.h"
+#include "support/ByteQueue.h"
+#include "support/Threads.h"
+
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace orvexd {
+
+/// The MIME part in which a request's data goes to the server, while the client still delivers it.
+///
+/// The main loop appends, the worker takes; one lock guards what both touch. The transfer's data
+/// mutex comes before this lock, so nobody who holds this lock may take that mutex.
+class OutgoingPart {
+public:
+    /// What one take has brought.
+    struct Piece {
+        std::size_t bytes; ///< how many bytes were copied
+        bool finished;     ///< nothing is left and the client marked its data as complete
+    };
+
+    explicit OutgoingPart(std::shared_ptr<const ConnectionParameters> parameters) noexcept
+        : parameters_(std::move(parameters)) {}
+
+    /// Composes the part's header lines. Worker.
+    /// @param boundary of the exchange's multipart body.
+    void writeHeader(std::string_view boundary, std::string_view contentId);
+
+    /// Content-Transfer-Encoding of the part; empty before `writeHeader`. Worker.
+    [[nodiscard]] const std::string& transferEncoding() const noexcept { return transferEncoding_; }
+
+    /// Stores client data, in front of the first also the header and its empty line. Any thread.
+    /// @param last the data ends the part; a later call with false takes that back.
+    void append(std::string_view bytes, bool last);
+
+    /// `append` if the transfer asks for this part's data. Test and append are one step, so that
+    /// data is either taken or refused, never lost in between. Any thread.
+    /// @return false when the part does not accept data.
+    [[nodiscard]] bool appendIfAccepting(std::string_view bytes, bool last);
+
+    /// Moves up to room.size() bytes into `room`. A take that finishes the part ends the acceptance
+    /// of data in the same step. Worker.
+    [[nodiscard]] Piece take(std::span<char> room);
+
+    /// True while the transfer asks the client for this part's data. Any thread.
+    [[nodiscard]] bool isAccepting() const;
+    void setAccepting(bool accepting);
+
+    /// True once bytes have been asked of this part by `take`. Worker.
+    [[nodiscard]] bool hasStarted() const noexcept { return started_; }
+
+private:
+    void store(std::string_view bytes, bool last);
+
+    const std::shared_ptr<const ConnectionParameters> parameters_;
+    std::string transferEncoding_; // worker
+    bool started_ = false;         // worker
+
+    mutable Mutex lock_;
+    std::string header_;         // guarded by lock_; empty again once it is in bytes_
+    bool headerStored_ = false;  // guarded by lock_
+    ByteQueue bytes_;            // guarded by lock_
+    bool lastDataGiven_ = false; // guarded by lock_
+    bool accepting_ = false;     // guarded by lock_
+};
+
+} // namespace orvexd

@@ -1,0 +1,140 @@
+#pragma once
+
+#include "protocol/States.h"
+#include "request/Answer.h"
+#include "request/ConnectionParameters.h"
+#include "request/OutgoingPart.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace orvexd {
+
+/// Names a request across the daemon and in error signals: "3:17" is request 17 of connection 3.
+[[nodiscard]] inline std::string requestKey(std::uint32_t connectionId, std::uint32_t requestId) {
+    return std::to_string(connectionId) + ':' + std::to_string(requestId);
+}
+
+/// Appends `key` to a list of request keys, separated by one blank.
+inline void appendKey(std::string& list, const std::string& key) {
+    if (!list.empty()) {
+        list += ' ';
+    }
+    list += key;
+}
+
+/// One client request from prepare or attach until the last chunk of its answer is delivered: ids,
+/// state, and the two ways of its bytes, OutgoingPart and Answer.
+///
+/// Shared by the gateway core (main loop), the transfer (worker) and the response parser (worker).
+/// Ids and parameters never change, state and cancellation are atomic, the number in the message
+/// and the content id belong to the worker, and the two ways guard their bytes themselves.
+class RequestData {
+public:
+    /// @param connectionPolicy which network connections the request may use.
+    /// @param owner receiver of the chunks, not owned; null drops them.
+    RequestData(std::uint32_t connectionId, std::uint32_t requestId, bool prepared,
+                std::shared_ptr<const ConnectionParameters> parameters,
+                std::uint32_t connectionPolicy = NotFlagged, IChunkReceiver* owner = nullptr);
+    virtual ~RequestData() = default;
+    RequestData(const RequestData&) = delete;
+    RequestData& operator=(const RequestData&) = delete;
+    RequestData(RequestData&&) = delete;
+    RequestData& operator=(RequestData&&) = delete;
+
+    // -- what never changes; any thread -------------------------------------------------------
+
+    [[nodiscard]] std::uint32_t connectionId() const noexcept { return connectionId_; }
+    [[nodiscard]] std::uint32_t requestId() const noexcept { return requestId_; }
+    [[nodiscard]] std::string key() const { return requestKey(connectionId_, requestId_); }
+    /// True for a request made by prepare, false for one made by attach.
+    [[nodiscard]] bool isPrepared() const noexcept { return prepared_; }
+    [[nodiscard]] std::uint32_t connectionPolicy() const noexcept { return connectionPolicy_; }
+    [[nodiscard]] const ConnectionParameters& parameters() const noexcept { return *parameters_; }
+
+    // -- state; any thread --------------------------------------------------------------------
+
+    void setState(RequestState state) noexcept { state_ = state; }
+    /// Sets `state` unless the request is already further on: a server may answer while the upload
+    /// still runs, and the upload must not undo what the response has reached.
+    void raiseState(RequestState state) noexcept;
+    [[nodiscard]] RequestState state() const noexcept { return state_; }
+
+    /// A cancelled request stores no more response bytes.
+    void setCancelled(bool cancelled) noexcept { answer_.setCancelled(cancelled); }
+    [[nodiscard]] bool isCancelled() const noexcept { return answer_.isCancelled(); }
+
+    // -- place in the SLP message; worker -----------------------------------------------------
+
+    /// 1-based position of the request's element in the SLP message that carries it.
+    void setMessageIndex(std::uint32_t index) noexcept { messageIndex_ = index; }
+    [[nodiscard]] std::uint32_t messageIndex() const noexcept { return messageIndex_; }
+    void setContentId(std::string id) { contentId_ = std::move(id); }
+    [[nodiscard]] const std::string& contentId() const noexcept { return contentId_; }
+
+    // -- outgoing part, see OutgoingPart ------------------------------------------------------
+
+    void writePartHeader(std::string_view boundary) { part_.writeHeader(boundary, contentId_); }
+    [[nodiscard]] const std::string& transferEncoding() const noexcept {
+        return part_.transferEncoding();
+    }
+    void appendRequestData(std::string_view bytes, bool last) { part_.append(bytes, last); }
+    [[nodiscard]] bool appendIfAccepting(std::string_view bytes, bool last) {
+        return part_.appendIfAccepting(bytes, last);
+    }
+    [[nodiscard]] OutgoingPart::Piece takeRequestData(std::span<char> room) {
+        return part_.take(room);
+    }
+    void setAcceptingData(bool accepting) { part_.setAccepting(accepting); }
+    [[nodiscard]] bool isAcceptingData() const { return part_.isAccepting(); }
+    [[nodiscard]] bool dataTransferStarted() const noexcept { return part_.hasStarted(); }
+
+    // -- answer, see Answer -------------------------------------------------------------------
+
+    void setExpectedPartIds(const std::vector<std::string>& ids) {
+        answer_.setExpectedPartIds(ids);
+    }
+    void addExpectedPartId(const std::string& id) { answer_.addExpectedPartId(id); }
+    [[nodiscard]] bool acceptPartId(const std::string& id) { return answer_.acceptPartId(id); }
+    [[nodiscard]] bool hasExpectedPartIds() const noexcept { return answer_.hasExpectedPartIds(); }
+    [[nodiscard]] bool hasOutstandingPartIds() const noexcept {
+        return answer_.hasOutstandingPartIds();
+    }
+    void addResponseData(std::string_view bytes, bool partComplete) {
+        answer_.add(bytes, partComplete);
+    }
+    bool deliverNext() { return answer_.deliverNext(); }
+    void requestNextChunk() { answer_.requestNextChunk(); }
+    [[nodiscard]] bool isWaitingForGetData() const { return answer_.isWaitingForGetData(); }
+    [[nodiscard]] const Answer& answer() const noexcept { return answer_; }
+
+    // -- transfer queue -----------------------------------------------------------------------
+
+    /// True when this request goes before `other` in a transfer queue: prepared requests first,
+    /// each group in ascending request id.
+    [[nodiscard]] bool goesBefore(const RequestData& other) const noexcept;
+
+    /// Index at which this request is inserted into `queue`, which is in transfer order.
+    [[nodiscard]] int queuePosition(std::span<const std::shared_ptr<RequestData>> queue) const;
+
+private:
+    const std::uint32_t connectionId_;
+    const std::uint32_t requestId_;
+    const bool prepared_;
+    const std::uint32_t connectionPolicy_;
+    const std::shared_ptr<const ConnectionParameters> parameters_;
+
+    std::atomic<RequestState> state_ = RequestState::Created;
+    std::uint32_t messageIndex_ = 0; // worker
+    std::string contentId_;          // worker
+    OutgoingPart part_;
+    Answer answer_;
+};
+
+} // namespace orvexd

@@ -1,0 +1,201 @@
+#pragma once
+
+// GLib's threads: locks, a condition, a worker, and what ThreadSanitizer has to be told of them.
+
+#include <glib.h>
+#include <malloc.h>
+#include <mutex>
+#include <utility>
+
+// ThreadSanitizer sees neither GLib's futex-based GMutex and GCond nor the hand-over of a record
+// through a main context. These calls tell it; in every other build they are empty.
+
+#if defined(__SANITIZE_THREAD__)
+#define ORVEXD_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ORVEXD_THREAD_SANITIZER 1
+#endif
+#endif
+
+#ifdef ORVEXD_THREAD_SANITIZER
+#include <sanitizer/tsan_interface.h>
+
+// What the compiler calls at the begin and the end of each function.
+extern "C" void __tsan_func_entry(void* caller);
+extern "C" void __tsan_func_exit();
+#endif
+
+namespace orvexd::tsan {
+
+#ifdef ORVEXD_THREAD_SANITIZER
+
+inline void mutexCreated(void* mutex) noexcept {
+    __tsan_mutex_create(mutex, 0);
+}
+inline void mutexDestroyed(void* mutex) noexcept {
+    __tsan_mutex_destroy(mutex, 0);
+}
+inline void beforeLock(void* mutex) noexcept {
+    __tsan_mutex_pre_lock(mutex, 0);
+}
+inline void afterLock(void* mutex) noexcept {
+    __tsan_mutex_post_lock(mutex, 0, 0);
+}
+inline void beforeUnlock(void* mutex) noexcept {
+    (void)__tsan_mutex_pre_unlock(mutex, 0);
+}
+inline void afterUnlock(void* mutex) noexcept {
+    __tsan_mutex_post_unlock(mutex, 0);
+}
+/// What this thread wrote so far becomes visible to whoever calls `acquire` on `record`.
+inline void release(void* record) noexcept {
+    __tsan_release(record);
+}
+inline void acquire(void* record) noexcept {
+    __tsan_acquire(record);
+}
+
+/// While it lives, the sanitizer's stacks show `function`. What runs within a library has no frames
+/// otherwise, so that a suppression could only name the function of ours that calls it, with all
+/// else that this one does.
+class LibraryFrame {
+public:
+    template <typename Function>
+    [[gnu::no_sanitize_thread]] explicit LibraryFrame(Function* function) noexcept {
+        // Return addresses make up the stack: the sanitizer looks at what stands before them.
+        __tsan_func_entry(reinterpret_cast<char*>(function) + 1);
+    }
+    [[gnu::no_sanitize_thread]] ~LibraryFrame() { __tsan_func_exit(); }
+    LibraryFrame(const LibraryFrame&) = delete;
+    LibraryFrame& operator=(const LibraryFrame&) = delete;
+    LibraryFrame(LibraryFrame&&) = delete;
+    LibraryFrame& operator=(LibraryFrame&&) = delete;
+};
+
+#else
+
+inline void mutexCreated(void*) noexcept {}
+inline void mutexDestroyed(void*) noexcept {}
+inline void beforeLock(void*) noexcept {}
+inline void afterLock(void*) noexcept {}
+inline void beforeUnlock(void*) noexcept {}
+inline void afterUnlock(void*) noexcept {}
+inline void release(void*) noexcept {}
+inline void acquire(void*) noexcept {}
+class [[maybe_unused]] LibraryFrame {
+public:
+    template <typename Function> explicit LibraryFrame(Function* /*function*/) noexcept {}
+};
+
+#endif
+
+} // namespace orvexd::tsan
+
+namespace orvexd {
+
+/// GLib's plain mutex with the standard library's lock interface.
+class Mutex {
+public:
+    Mutex() noexcept {
+        g_mutex_init(&mutex_);
+        tsan::mutexCreated(&mutex_);
+    }
+    ~Mutex() {
+        tsan::mutexDestroyed(&mutex_);
+        g_mutex_clear(&mutex_);
+    }
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+    Mutex(Mutex&&) = delete;
+    Mutex& operator=(Mutex&&) = delete;
+
+    void lock() noexcept {
+        tsan::beforeLock(&mutex_);
+        g_mutex_lock(&mutex_);
+        tsan::afterLock(&mutex_);
+    }
+    void unlock() noexcept {
+        tsan::beforeUnlock(&mutex_);
+        g_mutex_unlock(&mutex_);
+        tsan::afterUnlock(&mutex_);
+    }
+
+private:
+    friend class Condition;
+    GMutex mutex_{};
+};
+
+/// GLib's condition variable.
+class Condition {
+public:
+    Condition() noexcept { g_cond_init(&condition_); }
+    ~Condition() { g_cond_clear(&condition_); }
+    Condition(const Condition&) = delete;
+    Condition& operator=(const Condition&) = delete;
+    Condition(Condition&&) = delete;
+    Condition& operator=(Condition&&) = delete;
+
+    void broadcast() noexcept { g_cond_broadcast(&condition_); }
+
+    /// Releases `mutex`, which the caller holds, waits and takes it again.
+    /// @param deadline microseconds on g_get_monotonic_time's clock.
+    /// @return false when the deadline has passed; true on a wake-up, which may be spurious.
+    bool waitUntil(Mutex& mutex, gint64 deadline) noexcept {
+        tsan::beforeUnlock(&mutex.mutex_);
+        tsan::afterUnlock(&mutex.mutex_);
+        const bool woken = g_cond_wait_until(&condition_, &mutex.mutex_, deadline) != FALSE;
+        tsan::beforeLock(&mutex.mutex_);
+        tsan::afterLock(&mutex.mutex_);
+        return woken;
+    }
+
+private:
+    GCond condition_{};
+};
+
+using Lock = std::lock_guard<Mutex>;
+
+/// A GLib thread that is joined by whoever holds it, at the latest when it goes out of scope.
+class WorkerThread {
+public:
+    WorkerThread() noexcept = default;
+    ~WorkerThread() { join(); }
+    WorkerThread(const WorkerThread&) = delete;
+    WorkerThread& operator=(const WorkerThread&) = delete;
+    WorkerThread(WorkerThread&&) = delete;
+    WorkerThread& operator=(WorkerThread&&) = delete;
+
+    [[nodiscard]] bool isJoinable() const noexcept { return thread_ != nullptr; }
+
+    /// Joins a thread held before, then starts `entry(argument)` on a new one.
+    /// @return false when the system has no thread to give.
+    [[nodiscard]] bool start(const char* name, GThreadFunc entry, gpointer argument) noexcept {
+        join();
+        thread_ = g_thread_try_new(name, entry, argument, nullptr);
+        return thread_ != nullptr;
+    }
+
+    /// Waits until the thread has ended; nothing happens when none is held.
+    void join() noexcept {
+        if (thread_ != nullptr) {
+            g_thread_join(std::exchange(thread_, nullptr));
+        }
+    }
+
+private:
+    GThread* thread_ = nullptr;
+};
+
+/// Gives back to the system what the allocator keeps of freed memory. Any thread; a worker calls it
+/// at its end.
+///
+/// The allocator keeps pages between those that are in use, in an arena per thread: without this
+/// the daemon would go on holding about the most that any exchange has ever needed.
+inline void returnFreeMemory() noexcept {
+#ifdef __GLIBC__
+    (void)malloc_trim(0); // whether there was anything to give back does not matter
+#endif
+}
+
+} // namespace orvexd
