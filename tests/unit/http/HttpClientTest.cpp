@@ -227,6 +227,7 @@ TEST_F(HttpClientTest, setsTheHandlesOptionsInTheirOrder) {
         {CURLOPT_CAINFO, "/keys/Positioning_CA.pem"},
         {CURLOPT_SSL_VERIFYHOST, "2"},
         {CURLOPT_HTTP_VERSION, std::to_string(CURL_HTTP_VERSION_1_1)},
+        {CURLOPT_QUICK_EXIT, "1"},
     };
     EXPECT_EQ(options(), expected);
 }
@@ -258,9 +259,9 @@ TEST_F(HttpClientTest, setsTheTransfersOptionsInTheirOrder) {
 
 TEST_F(HttpClientTest, setsUpTheHandleBeforeTheTransfer) {
     performTransfer(succeed);
-    ASSERT_THAT(options(), SizeIs(11 + 15));
+    ASSERT_THAT(options(), SizeIs(12 + 15));
     EXPECT_EQ(options().front().id, CURLOPT_NOSIGNAL);
-    EXPECT_EQ(options()[11].id, CURLOPT_HTTPHEADER);
+    EXPECT_EQ(options()[12].id, CURLOPT_HTTPHEADER);
 }
 
 TEST_F(HttpClientTest, installsNoTlsHook) {
