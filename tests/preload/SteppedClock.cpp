@@ -69,7 +69,7 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
     static const auto real = reinterpret_cast<GetTime>(dlsym(RTLD_NEXT, "clock_gettime"));
     const int result = real(clock, time);
     if (result == 0) {
-        time->tv_sec += stepOf(clock);
+        time->tv_sec += static_cast<time_t>(stepOf(clock));
     }
     return result;
 }
