@@ -2,7 +2,7 @@
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(LibXml2 REQUIRED)
-find_package(CURL REQUIRED)
+find_package(CURL 7.87 REQUIRED)
 find_package(OpenSSL REQUIRED)
 pkg_check_modules(GLIB REQUIRED IMPORTED_TARGET glib-2.0)
 pkg_check_modules(GTHREAD REQUIRED IMPORTED_TARGET gthread-2.0)

@@ -103,6 +103,12 @@ dbus_uint32_t openConnection(const Bus& bus, std::uint32_t chunkSize, std::strin
     return readNumber(bus.call(call));
 }
 
+void closeConnection(const Bus& bus, dbus_uint32_t connection) {
+    const BusMessage call = makeCall("disconnect");
+    append(call, DBUS_TYPE_UINT32, &connection);
+    bus.call(call);
+}
+
 BusMessage makePrepare(dbus_uint32_t connection, const char* member, dbus_uint32_t policy) {
     BusMessage call = makeCall(member);
     const dbus_uint32_t duration = 0;

@@ -71,6 +71,9 @@ bool isSignal(const BusMessage& message, const char* member);
 dbus_uint32_t openConnection(const Bus& bus, std::uint32_t chunkSize,
                              std::string_view encoding = "binary");
 
+/// Its requests and what is left of their answers go with it.
+void closeConnection(const Bus& bus, dbus_uint32_t connection);
+
 BusMessage makePrepare(dbus_uint32_t connection, const char* member = "prepare",
                        dbus_uint32_t policy = 2);
 BusMessage makeSendData(dbus_uint32_t connection, dbus_uint32_t request, std::string_view data,

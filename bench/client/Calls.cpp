@@ -44,9 +44,7 @@ std::vector<std::int64_t> timeConnects(const Bus& bus, std::size_t count) {
         const auto begin = Clock::now();
         const dbus_uint32_t connection = openConnection(bus, 1024);
         times.push_back(nanoseconds(Clock::now() - begin));
-        BusMessage call = makeCall("disconnect");
-        append(call, DBUS_TYPE_UINT32, &connection);
-        bus.call(call);
+        closeConnection(bus, connection);
     }
     return times;
 }

@@ -6,6 +6,7 @@
 #include "ManyRequests.h"
 #include "Probe.h"
 #include "Start.h"
+#include "Unfetched.h"
 
 #include <iostream>
 #include <map>
@@ -35,6 +36,16 @@ public:
         return entry->second;
     }
 
+    /// A new one in the place of that, with which its requests and their answers go.
+    dbus_uint32_t anew(std::uint32_t chunkSize) {
+        const auto old = ids_.find(chunkSize);
+        if (old != ids_.end()) {
+            closeConnection(bus_, old->second);
+            ids_.erase(old);
+        }
+        return of(chunkSize);
+    }
+
 private:
     const Bus& bus_;
     std::map<std::uint32_t, dbus_uint32_t> ids_;
@@ -61,6 +72,14 @@ void many(const Bus& bus, Connections& connections, std::istream& in, std::ostre
     std::size_t bytes = 0;
     in >> count >> bytes;
     out << nanoseconds(runManyRequests(bus, connections.of(65536), count, bytes));
+}
+
+void unfetched(const Bus& bus, Connections& connections, std::istream& in, std::ostream& out) {
+    std::size_t count = 0;
+    std::size_t bytes = 0;
+    in >> count >> bytes;
+    const Clock::time_point begin = startUnfetched(bus, connections.anew(65536), count, bytes);
+    out << nanoseconds(begin.time_since_epoch());
 }
 
 void load(const Bus& bus, Connections& /*connections*/, std::istream& in, std::ostream& out) {
@@ -107,8 +126,8 @@ using Command = void (*)(const Bus&, Connections&, std::istream&, std::ostream&)
 
 const std::map<std::string, Command>& commands() {
     static const std::map<std::string, Command> kCommands = {
-        {"exchange", exchange}, {"many", many},    {"load", load},  {"connects", connects},
-        {"calls", calls},       {"probe", probes}, {"start", start}};
+        {"exchange", exchange}, {"many", many},    {"load", load},   {"connects", connects},
+        {"calls", calls},       {"probe", probes}, {"start", start}, {"unfetched", unfetched}};
     return kCommands;
 }
 
@@ -138,6 +157,9 @@ constexpr const char* kUsage =
     "  exchange UPLOAD PIECE PER-SECOND CHUNK ANSWER LATE   one request, from prepare to the last\n"
     "                          chunk; LATE 1: getData when everything is sent, 0: at once\n"
     "  many COUNT BYTES        one exchange of COUNT requests\n"
+    "  unfetched COUNT BYTES   the same, but nobody fetches the answers; ends when all data is on "
+    "its\n"
+    "                          way, and tells the steady clock's time of prepare\n"
     "  load COUNT              opens COUNT connections, each with an attached request that waits\n"
     "  connects COUNT          round trips of connect\n"
     "  calls COUNT             round trips of prepare, sendData and getData in one exchange\n"

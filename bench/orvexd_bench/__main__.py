@@ -7,7 +7,7 @@ import tempfile
 import time
 from pathlib import Path
 
-from . import counting, exchanges, growth, latency, micro, process, report
+from . import counting, exchanges, growth, latency, micro, neighbours, process, report
 from .processes import TOP, Workshop
 from .rows import Row, Run
 
@@ -28,7 +28,8 @@ MEASUREMENTS = (
     ((16,), "latency of other clients", latency.other_clients),
     ((17,), "system calls", counting.system_calls),
     ((17,), "allocations", counting.allocations),
-    ((18,), "bytes on the wire", exchanges.wire_cost),
+    ((18,), "unfetched answers beside busy neighbours", neighbours.unfetched_answers),
+    ((19,), "bytes on the wire", exchanges.wire_cost),
 )
 
 

@@ -54,7 +54,7 @@ std::string_view Upload::feedHead(std::string_view bytes) {
     headBytes_ = end + kHeadEnd.size();
     line_.clear();
     place_ = Place::ChunkSize;
-    return bytes.substr(headBytes_ - before);
+    return bytes.substr(end + kHeadEnd.size() - before);
 }
 
 std::string_view Upload::feedChunkSize(std::string_view bytes) {
@@ -74,7 +74,7 @@ std::string_view Upload::feedChunkSize(std::string_view bytes) {
 }
 
 std::string_view Upload::feedChunk(std::string_view bytes) {
-    const std::size_t size = std::min<std::uint64_t>(chunkLeft_, bytes.size());
+    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(chunkLeft_, bytes.size()));
     bodyBytes_ += size;
     chunkLeft_ -= size;
     if (!documentRead_) {

@@ -389,5 +389,5 @@ init {
 
 /* -- properties -------------------------------------------------------------------------------- */
 
-/* The worker comes to its end, whatever clients send or leave out. */
+/* The worker comes to its end, whatever clients send or leave out: their messages are so many and no more. */
 ltl ends { <> ended }

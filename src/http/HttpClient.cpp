@@ -96,6 +96,9 @@ void HttpClient::setHandleOptions(CURL* handle, const std::string& files) {
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
     // The message is one chunked POST, which HTTP/2 does not have; libcurl would accept h2.
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    // A name server that does not answer holds up the thread that asks it for minutes. libcurl
+    // would wait for that thread when its time-out has passed; so it leaves it to itself.
+    curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
 }
 
 int HttpClient::performTransfer(const std::vector<std::string>& headerLines, RequestBody& body,

@@ -1,12 +1,13 @@
 """The document with the benchmarks, and how its figures come about."""
 
+import os
 import re
 
 import pytest
 
 import documents
 from harness.settings import ROOT
-from orvexd_bench import pairs, report, rows
+from orvexd_bench import neighbours, pairs, report, rows
 
 DOCUMENT = documents.read("docs/benchmarks.md")
 TABLE = [dict(zip(report.COLUMNS, row, strict=True)) for row in documents.rows(DOCUMENT)]
@@ -23,7 +24,7 @@ def explained():
         yield from range(int(first), int(last or first) + 1)
 
 
-@pytest.mark.parametrize("wanted", range(1, 18))
+@pytest.mark.parametrize("wanted", range(1, 19))
 def test_every_measure_has_a_row(wanted):
     assert wanted in {number(row) for row in TABLE if row["#"][0].isdigit()}
 
@@ -80,3 +81,15 @@ def test_goal_of_at_least_is_met_by_its_limit(ratio, met):
 def test_rows_without_a_goal_are_not_judged():
     table = [rows.Row("1+", "shown", "1"), rows.at_most("1", "time", "1", "1", 1.0, 1.1)]
     assert report.summary(table) == "1 of 1 goals met"
+
+
+def test_each_processor_has_a_busy_neighbour_of_its_own():
+    with neighbours.busy_processors() as loops:
+        bound = [os.sched_getaffinity(loop) for loop in loops]
+    assert sorted(bound, key=min) == [{processor} for processor in sorted(os.sched_getaffinity(0))]
+
+
+def test_no_busy_neighbour_outlives_a_measurement_that_fails():
+    with pytest.raises(RuntimeError), neighbours.busy_processors() as loops:
+        raise RuntimeError
+    assert not [loop for loop in loops if os.path.exists(f"/proc/{loop}")]

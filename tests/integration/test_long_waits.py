@@ -45,6 +45,16 @@ def test_silent_fingerprint_is_waited_for_ninety_seconds_and_fails_the_transfer(
     expect_error(client, 2204, "Timeout was reached", connection, request, 90, 120)
 
 
+def test_empty_pieces_keep_a_transfer_open_beyond_its_sixty_seconds(client):
+    connection, request = asked(client, kind="other")
+    began = time.monotonic()
+    while time.monotonic() - began < 75:
+        assert client.sendData(connection, request, b"", last=False) == 0
+        time.sleep(4)  # the daemon waits for five
+    assert client.sendData(connection, request, b"x") == 0
+    expect_error(client, 2204, "Timeout was reached", connection, request, 0, 10)
+
+
 def test_daemon_serves_others_while_it_waits_for_a_fingerprint(client, make_client):
     connection, request = asked(client, kind="fingerprint")
     other = make_client()

@@ -1,7 +1,9 @@
-// Moves the wall clock of one process while it runs: the machine's own clock must not be touched.
+// Moves the clocks of one process while it runs: the machine's own clocks must not be touched.
 //
-// Preloaded. The file that ORVEXD_STEPPED_CLOCK names holds the step in seconds as a signed 64-bit
-// number, which is read at every question for the wall clock's time. The monotonic clock stays.
+// Preloaded. The file that ORVEXD_STEPPED_CLOCK names holds two steps in seconds as signed 64-bit
+// numbers, the wall clock's and the monotonic clock's, which are read at every question for the
+// time. Who sleeps already sleeps as long as before, and so does the C library itself, which asks
+// the kernel without asking here.
 
 #include <atomic>
 #include <cstdint>
@@ -15,31 +17,45 @@
 
 namespace {
 
-using Step = std::atomic<std::int64_t>;
+struct Steps {
+    std::atomic<std::int64_t> wall;
+    std::atomic<std::int64_t> monotonic;
+};
 using GetTime = int (*)(clockid_t, timespec*);
 
-/// The step in the shared file; none without the file.
-const Step* mapStep() noexcept {
+/// The steps in the shared file; none without the file.
+const Steps* mapSteps() noexcept {
     const char* path = std::getenv("ORVEXD_STEPPED_CLOCK");
     const int file = path != nullptr ? open(path, O_RDONLY | O_CLOEXEC) : -1;
     if (file < 0) {
         return nullptr;
     }
-    void* memory = mmap(nullptr, sizeof(Step), PROT_READ, MAP_SHARED, file, 0);
+    void* memory = mmap(nullptr, sizeof(Steps), PROT_READ, MAP_SHARED, file, 0);
     close(file);
-    return memory != MAP_FAILED ? static_cast<const Step*>(memory) : nullptr;
+    return memory != MAP_FAILED ? static_cast<const Steps*>(memory) : nullptr;
 }
 
-std::int64_t step() noexcept {
-    static const Step* const shared = mapStep();
-    return shared != nullptr ? shared->load() : 0;
+std::int64_t stepOf(clockid_t clock) noexcept {
+    static const Steps* const shared = mapSteps();
+    if (shared == nullptr) {
+        return 0;
+    }
+    switch (clock) {
+    case CLOCK_REALTIME:
+    case CLOCK_REALTIME_COARSE:
+        return shared->wall;
+    case CLOCK_MONOTONIC:
+    case CLOCK_MONOTONIC_COARSE:
+    case CLOCK_MONOTONIC_RAW:
+        return shared->monotonic;
+    default: // processor time and the like
+        return 0;
+    }
 }
 
 timespec steppedTime(clockid_t clock) noexcept {
-    static const auto real = reinterpret_cast<GetTime>(dlsym(RTLD_NEXT, "clock_gettime"));
     timespec now{};
-    (void)real(clock, &now); // fails only for a clock that does not exist
-    now.tv_sec += step();
+    (void)clock_gettime(clock, &now); // fails only for a clock that does not exist
     return now;
 }
 
@@ -50,12 +66,12 @@ timespec steppedTime(clockid_t clock) noexcept {
 extern "C" {
 
 int clock_gettime(clockid_t clock, timespec* time) noexcept {
-    if (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE) {
-        *time = steppedTime(clock);
-        return 0;
-    }
     static const auto real = reinterpret_cast<GetTime>(dlsym(RTLD_NEXT, "clock_gettime"));
-    return real(clock, time);
+    const int result = real(clock, time);
+    if (result == 0) {
+        time->tv_sec += static_cast<time_t>(stepOf(clock));
+    }
+    return result;
 }
 
 int gettimeofday(timeval* time, void* /*zone*/) noexcept {

@@ -38,7 +38,11 @@ NO_MEMORY = {
 # An exception that nobody catches; GLib's abort; GLib and libxml2 again, whose reports of a failed allocation
 # need memory themselves and call each other until the stack ends.
 ENDS = {-signal.SIGABRT, -signal.SIGTRAP, -signal.SIGSEGV}
-GLIB_FAILED = re.compile(r"\s*(\(.*\): )?GLib-ERROR \*\*: .*failed to allocate [0-9]+ bytes\s*")
+# The libraries' own last words.
+LAST_WORDS = re.compile(
+    r"\s*(\(.*\): )?GLib-ERROR \*\*: .*failed to allocate [0-9]+ bytes\s*"
+    r"|xmlGetGlobalState: out of memory\s*"
+)
 NOT_ASKED = 57
 GONE = {
     "org.freedesktop.DBus.Error.NoReply",
@@ -121,7 +125,7 @@ def expect_end(scene):
     process = scene.daemon.process
     assert process.status in ENDS, scene.daemon.report()
     said = process.stdout + process.stderr
-    assert said == "" or GLIB_FAILED.fullmatch(said), said
+    assert said == "" or LAST_WORDS.fullmatch(said), said
     scene.daemon.start()
     scene.expect_clean_exchange()
 

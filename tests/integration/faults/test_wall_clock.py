@@ -15,7 +15,7 @@ from harness.daemon import Daemon
 from harness.fault import TRANSPORT, Answered, Failed, Fault, one_request, rows
 from harness.ledger import Ledger
 from harness.moment import ASKED, MOMENTS, ExchangeOver
-from harness.preload import WallClock
+from harness.preload import SteppedClock
 from harness.settings import patience
 
 bus, server, platform, preinst, _, fresh, scene = matrix.FIXTURES
@@ -31,7 +31,7 @@ DELAY = 60_000  # ms
 def daemon(tmp_path_factory, bus, platform, preinst):
     directory = tmp_path_factory.mktemp("daemon")
     daemon = Daemon(directory, bus, platform.path, preinst)
-    daemon.clock = WallClock(daemon, directory)
+    daemon.clock = SteppedClock(daemon, directory)
     daemon.ledger = Ledger(daemon, directory)
     yield from shared.running(daemon)
 
@@ -39,7 +39,7 @@ def daemon(tmp_path_factory, bus, platform, preinst):
 @pytest.fixture(autouse=True)
 def right_clock(daemon):
     yield
-    daemon.clock.step_to(0)
+    daemon.clock.step_to()
 
 
 def step_at(moment, step, scene):
@@ -99,7 +99,7 @@ def step_beyond(step, scene):
     """The certificates are checked by the stepped clock."""
     scene.daemon.clock.step_to(step)
     one_request(scene)
-    scene.daemon.clock.step_to(0)
+    scene.daemon.clock.step_to()
 
 
 def steps():

@@ -10,7 +10,7 @@ from . import observe
 from .settings import BUILD_DIR
 
 _FLOCK = {"x86_64": "73"}.get(os.uname().machine)
-_STEP = struct.Struct("=q")
+_STEPS = struct.Struct("=qq")
 
 
 def preload(daemon, name, **environment):
@@ -48,16 +48,16 @@ def wait_until_thread_held(pid):
     observe.poll_for(held, 10, "a thread in front of the gate")
 
 
-class WallClock:
-    """The daemon's wall clock, which a test may step while the daemon runs."""
+class SteppedClock:
+    """The daemon's clocks, which a test may step while the daemon runs."""
 
     def __init__(self, daemon, directory):
-        path = directory / "wall-clock"
-        path.write_bytes(_STEP.pack(0))
+        path = directory / "stepped-clock"
+        path.write_bytes(_STEPS.pack(0, 0))
         preload(daemon, "SteppedClock", ORVEXD_STEPPED_CLOCK=path)
         with open(path, "r+b") as file:
-            self._memory = mmap.mmap(file.fileno(), _STEP.size)
+            self._memory = mmap.mmap(file.fileno(), _STEPS.size)
 
-    def step_to(self, seconds):
-        """Lets the daemon's clock be so much ahead of the machine's."""
-        _STEP.pack_into(self._memory, 0, seconds)
+    def step_to(self, wall=0, monotonic=0):
+        """Lets the daemon's clocks be so many seconds ahead of the machine's."""
+        _STEPS.pack_into(self._memory, 0, wall, monotonic)

@@ -85,12 +85,14 @@ class SlpPeer:
         self.sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self._direct = direct
 
-    def open(self):
-        """CONNECT and the TLS handshake."""
+    def open(self, session=None):
+        """CONNECT and the TLS handshake, which resumes a session of the same context."""
         if not self._direct:
             status, _ = self.tunnel()
             assert status == 200, status
-        self.sock = self.context.wrap_socket(self.sock, server_hostname=SERVER_HOST)
+        self.sock = self.context.wrap_socket(
+            self.sock, server_hostname=SERVER_HOST, session=session
+        )
         return self
 
     def tunnel(self, target=f"{SERVER_HOST}:443"):

@@ -96,7 +96,7 @@ protected:
 };
 
 /// Options that are set with the handle, before those of the transfer.
-constexpr int kHandleOptions = 11;
+constexpr int kHandleOptions = 12;
 
 CURLcode succeed(Transfer& /*transfer*/) {
     return CURLE_OK;
@@ -183,6 +183,7 @@ TEST_F(HttpClientTest, setsTheHandlesOptionsInTheirOrder) {
         {CURLOPT_CAINFO, "/keys/Positioning_CA.pem"},
         {CURLOPT_SSL_VERIFYHOST, "2"},
         {CURLOPT_HTTP_VERSION, std::to_string(CURL_HTTP_VERSION_1_1)},
+        {CURLOPT_QUICK_EXIT, "1"},
     };
     EXPECT_EQ(options(), expected);
 }
