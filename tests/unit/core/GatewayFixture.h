@@ -215,7 +215,7 @@ protected:
     /// Runs the main loop until the exchange has ended and its end has been dealt with.
     void finishExchange() {
         EXPECT_TRUE(iterateUntil([this] { return !gateway().isTransferRunning(); }));
-        iterateFor(std::chrono::milliseconds(60));
+        passTime(std::chrono::milliseconds(60));
     }
 
     /// Runs the main loop until the exchange stands at libcurl's door.

@@ -82,7 +82,7 @@ TEST_F(OrvexMainShutdownTest, joinsAWorkerThatIsAtItsEnd) {
     awaitWorkerEnd(); // the flag is down, the end has not been dealt with
     gateway().shutdown();
     EXPECT_EQ(fake_threads::joined(), 1);
-    iterateFor(milliseconds(60)); // and its late end finds nothing to do
+    passTime(milliseconds(60)); // and its late end finds nothing to do
     EXPECT_EQ(fake_threads::started(), 1);
 }
 
@@ -125,7 +125,7 @@ TEST_F(OrvexMainShutdownTest, leavesNoPostThatFindsTheCoreGone) {
     prepare(1);
     awaitWorkerEnd();
     gateway_.reset();
-    iterateFor(milliseconds(60));
+    passTime(milliseconds(60));
     EXPECT_THAT(service_.log, IsEmpty());
 }
 

@@ -624,7 +624,7 @@ TEST_F(HttpClientTest, numbersItsExchanges) {
 TEST_F(HttpClientTest, announcesNothingWhenItIsGone) {
     runExchange();
     client_.reset();
-    iterateFor(milliseconds(60));
+    passTime(milliseconds(60));
     EXPECT_THAT(owner_.log, IsEmpty());
 }
 
