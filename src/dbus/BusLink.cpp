@@ -6,20 +6,32 @@
 #include <algorithm>
 #include <glib.h>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 namespace orvexd {
 
 namespace {
 
-// U+FFFD takes three bytes for one: together below the 32 MiB at which a bus disconnects the
-// sender.
-constexpr std::size_t kLongestText = std::size_t{4} * 1024 * 1024;
+// Together below the 32 MiB at which a bus disconnects the sender.
+constexpr std::size_t kLongestText = std::size_t{14} * 1024 * 1024;
 constexpr std::size_t kLongestList = std::size_t{16} * 1024 * 1024;
 
 struct GFree {
     void operator()(gchar* text) const noexcept { g_free(text); }
 };
+
+/// The characters of valid UTF-8 that fit into the limit.
+std::string limited(std::string_view text) {
+    std::size_t end = std::min(text.size(), kLongestText);
+    const auto isInsideCharacter = [&] {
+        return end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U;
+    };
+    while (isInsideCharacter()) {
+        --end;
+    }
+    return std::string(text.substr(0, end));
+}
 
 } // namespace
 
@@ -73,12 +85,16 @@ void BusLink::sendError(DBusMessage& call, int code) {
 // -- texts ---------------------------------------------------------------------------------------
 
 std::string toBusText(const std::string& text) {
-    const std::size_t end = std::min(text.find('\0'), std::min(text.size(), kLongestText));
+    // No byte becomes less than one: what lies further behind the limit than the rest of
+    // a character is cut anyway.
+    constexpr std::size_t kRestOfCharacter = 3;
+    const std::size_t end =
+        std::min(text.find('\0'), std::min(text.size(), kLongestText + kRestOfCharacter));
     const std::unique_ptr<gchar, GFree> valid(
         g_utf8_make_valid(text.data(), static_cast<gssize>(end)));
+    const std::string result = limited(valid.get());
     // libdbus has the last word on what it accepts.
-    return dbus_validate_utf8(valid.get(), nullptr) != FALSE ? std::string(valid.get())
-                                                             : std::string();
+    return dbus_validate_utf8(result.c_str(), nullptr) != FALSE ? result : std::string();
 }
 
 std::vector<std::string> splitKeyList(const std::string& keys) {

@@ -22,6 +22,9 @@ constexpr std::chrono::seconds kDefaultShutdownDelay(60);
 
 /// File descriptors of messages that wait for their handler: no member takes one, all are closed.
 constexpr long kMostReceivedDescriptors = 64;
+/// File descriptors of one message; libdbus's own limit is 16, but a bus may pass more. The kernel
+/// hands over no more at a time, and libdbus takes all of a message at once.
+constexpr long kMostMessageDescriptors = 253;
 
 /// The configured delay; anything but a number of at least 1 keeps the default.
 std::chrono::seconds configuredShutdownDelay() {
@@ -67,9 +70,10 @@ bool DbusService::connectToBus() {
         }
     }
     dbus_threads_init_default();
-    // Received faster than handled, descriptors would exceed the process's limit, which libdbus
-    // takes for the end of the bus.
+    // A message with more descriptors than its limit ends the connection to the bus. So does one
+    // that exceeds the process's limit, as they would when received faster than handled.
     dbus_connection_set_max_received_unix_fds(BusLink::connection(), kMostReceivedDescriptors);
+    dbus_connection_set_max_message_unix_fds(BusLink::connection(), kMostMessageDescriptors);
     dbus_connection_setup_with_g_main(BusLink::connection(), nullptr);
     return true;
 }

@@ -27,6 +27,7 @@ void __real_dbus_connection_remove_filter(DBusConnection* connection,
                                           DBusHandleMessageFunction function, void* data);
 void __real_dbus_connection_set_exit_on_disconnect(DBusConnection* connection, dbus_bool_t exit);
 void __real_dbus_connection_set_max_received_unix_fds(DBusConnection* connection, long count);
+void __real_dbus_connection_set_max_message_unix_fds(DBusConnection* connection, long count);
 dbus_bool_t __real_dbus_connection_send(DBusConnection* connection, DBusMessage* message,
                                         dbus_uint32_t* serial);
 void __real_dbus_connection_flush(DBusConnection* connection);
@@ -200,6 +201,14 @@ void __wrap_dbus_connection_set_max_received_unix_fds(DBusConnection* connection
         return;
     }
     installed->note("dbus_connection_set_max_received_unix_fds", std::to_string(count));
+}
+
+void __wrap_dbus_connection_set_max_message_unix_fds(DBusConnection* connection, long count) {
+    if (installed == nullptr) {
+        __real_dbus_connection_set_max_message_unix_fds(connection, count);
+        return;
+    }
+    installed->note("dbus_connection_set_max_message_unix_fds", std::to_string(count));
 }
 
 dbus_bool_t __wrap_dbus_connection_send(DBusConnection* connection, DBusMessage* message,

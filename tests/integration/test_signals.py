@@ -79,7 +79,9 @@ def test_question_for_data_is_followed_by_the_status(client):
     assert names(client) == ["requestData"]
 
 
-@pytest.mark.parametrize("kind", ["Position", "position ", "positions", "", "fingerprint"])
+@pytest.mark.parametrize(
+    "kind", ["Position", "position ", "positions", "position\0", "", "fingerprint"]
+)
 def test_status_precedes_the_data_of_every_other_type(kind, client):
     client.status()
     client.wait_for_signal("connectionStatusChanged", (3,))

@@ -1,17 +1,20 @@
-"""The limit of file descriptors, reached by the running daemon before and during an exchange."""
+"""The limit of file descriptors, reached by the running daemon, and messages that bring many of them."""
 
 import contextlib
 import functools
 import resource
 
+import pytest
 from gi.repository import GLib
 
 from harness import curl, matrix, observe
 from harness.client import BusError
 from harness.fault import TRANSPORT, Answered, Failed, Fault, one_request, rows
 from harness.moment import ASKED, BEGUN, RECEIVING
+from harness.private_bus import PrivateBus
+from harness.raw_client import values
 
-bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
+_, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 
 # A transfer without so many free descriptors fails: for want of its socket, or of its certificate when
 # the socket was the last one. libcurl does without its own pair of descriptors, if it has to.
@@ -22,6 +25,17 @@ FAILURES = {
     2: curl.COULDNT_CONNECT,
     3: curl.SSL_CERTPROBLEM,
 }
+
+MOST_AT_ONCE = 253  # that the kernel hands over in one piece
+
+
+@pytest.fixture(scope="module")
+def bus(tmp_path_factory):
+    """It passes as many descriptors in a message as the kernel does."""
+    kinds = ("max_message_unix_fds", "max_incoming_unix_fds", "max_outgoing_unix_fds")
+    bus = PrivateBus(tmp_path_factory.mktemp("bus"), limits=dict.fromkeys(kinds, 1024))
+    yield bus
+    bus.stop()
 
 
 @contextlib.contextmanager
@@ -84,6 +98,14 @@ def pass_descriptor(scene):
         assert scene.daemon.wait() == 1
 
 
+def pass_many(count, scene):
+    """The call is answered; what is checked after each row tells that all of them were closed."""
+    raw = scene.raw_client(descriptors=True)
+    call = raw.compose("getData", GLib.Variant("(ah)", (range(count),)))
+    raw.send_with_descriptors(call, *[0] * count)
+    assert values(raw.answer(call.get_serial())) == ("(2002) unspecifiedError",)
+
+
 def failed(left, text):
     return Fault(
         f"{left}-left",
@@ -104,6 +126,10 @@ def failed(left, text):
         "none-left-for-the-platform-file",
         platform={"connections": [(2, True, False)]},
         act=change_platform,
+    ),
+    *(
+        Fault(f"{count}-in-a-message", act=functools.partial(pass_many, count))
+        for count in (17, MOST_AT_ONCE)
     ),
     Fault("none-left-for-a-message", act=pass_descriptor, ends=1),
 )

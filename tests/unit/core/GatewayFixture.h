@@ -215,7 +215,7 @@ protected:
     /// Runs the main loop until the exchange has ended and its end has been dealt with.
     void finishExchange() {
         awaitOutcome();
-        iterateFor(std::chrono::milliseconds(60));
+        passTime(std::chrono::milliseconds(60));
     }
 
     /// Runs the main loop until the exchange stands at libcurl's door.

@@ -366,7 +366,7 @@ TEST_F(OrvexMainExchangeTest, isNotSweptByTheLateEndOfTheFailedOneBefore) {
     reachExchange();
     prepare(1);
     gateway().cancelRequest(1, 2); // part of the exchange: stays until that ends
-    iterateFor(milliseconds(120)); // the failed exchange's timer runs
+    passTime(milliseconds(120));   // the failed exchange's timer runs
     EXPECT_TRUE(exists(1, 2));
     EXPECT_THAT(service_.only("drop 1:2"), IsEmpty());
     EXPECT_EQ(fake_threads::started(), 2); // nor has a second worker come up

@@ -81,7 +81,7 @@ TEST_F(OrvexMainShutdownTest, joinsAWorkerThatIsAtItsEnd) {
     awaitOutcome(); // the flag is down, the end has not been dealt with
     gateway().shutdown();
     EXPECT_EQ(fake_threads::joined(), 1);
-    iterateFor(milliseconds(60)); // and its late end finds nothing to do
+    passTime(milliseconds(60)); // and its late end finds nothing to do
     EXPECT_EQ(fake_threads::started(), 1);
 }
 
@@ -122,7 +122,7 @@ TEST_F(OrvexMainShutdownTest, leavesNoPostThatFindsTheCoreGone) {
     failExchange();
     prepare(1); // posts the status, too
     gateway_.reset();
-    iterateFor(milliseconds(60));
+    passTime(milliseconds(60));
     EXPECT_THAT(service_.log, IsEmpty());
 }
 
@@ -132,7 +132,7 @@ TEST_F(OrvexMainShutdownTest, leavesNoTimerThatFindsTheCoreGone) {
     awaitOutcome();
     service_.log.clear();
     gateway_.reset();
-    iterateFor(milliseconds(60));
+    passTime(milliseconds(60));
     EXPECT_THAT(service_.log, IsEmpty());
 }
 

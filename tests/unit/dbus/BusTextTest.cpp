@@ -10,7 +10,7 @@ namespace orvexd {
 namespace {
 
 constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
-constexpr std::size_t kLongestText = 4 * kMebibyte;
+constexpr std::size_t kLongestText = 14 * kMebibyte;
 constexpr std::size_t kLongestList = 16 * kMebibyte;
 
 const std::string kReplacement = "\xEF\xBF\xBD";
@@ -38,20 +38,31 @@ TEST(BusText, EndsAtItsFirstNul) {
     EXPECT_EQ(toBusText(std::string("\0cd", 3)), "");
 }
 
-TEST(BusText, EndsAfterFourMebibytes) {
-    EXPECT_EQ(toBusText(std::string(kLongestText, 'x')).size(), kLongestText);
-    EXPECT_EQ(toBusText(std::string(kLongestText + 1, 'x')).size(), kLongestText);
+TEST(BusText, IsWholeUpToFourteenMebibytes) {
+    const std::string longest(kLongestText, 'x');
+    EXPECT_TRUE(toBusText(longest) == longest);
+    EXPECT_TRUE(toBusText(longest + 'x') == longest);
 }
 
-TEST(BusText, LongestBadTextFitsIntoAMessage) {
-    const std::string text = toBusText(std::string(kLongestText + 1, '\xFF'));
-    EXPECT_LT(text.size() + kLongestList, 32 * kMebibyte) << "together with a list of keys";
+TEST(BusText, IsMeasuredWhenItIsValid) {
+    const std::size_t most = kLongestText / kReplacement.size();
+    EXPECT_EQ(toBusText(std::string(most, '\xFF')).size(), most * kReplacement.size());
+    EXPECT_EQ(toBusText(std::string(most + 1, '\xFF')).size(), most * kReplacement.size());
 }
 
-TEST(BusText, CharacterCutByTheLimitIsReplaced) {
-    const std::string text = toBusText(std::string(kLongestText - 1, 'x') + "\xC3\xBC");
-    EXPECT_EQ(text.size(), kLongestText - 1 + kReplacement.size());
-    EXPECT_TRUE(text.ends_with("x" + kReplacement));
+TEST(BusText, IsNeverCutInsideACharacter) {
+    const std::string four = "\xF0\x9F\x98\x80";
+    for (const std::size_t before : {1, 3, 4}) {
+        const std::string front(kLongestText - before, 'x');
+        EXPECT_TRUE(toBusText(front + four) == (before < four.size() ? front : front + four))
+            << before << " bytes before the limit";
+    }
+}
+
+TEST(BusText, BadByteWhoseReplacementDoesNotFitIsLeftOut) {
+    const std::string front(kLongestText - 2, 'x');
+    EXPECT_TRUE(toBusText(front + "\xFF") == front);
+    EXPECT_TRUE(toBusText(front.substr(1) + "\xFF") == front.substr(1) + kReplacement);
 }
 
 TEST(BusText, LibdbusTakesWhateverComesOut) {

@@ -127,23 +127,36 @@ TEST_F(MethodHandlers, QuitGivesHeldCallsUp) {
 
 class DelayedQuit : public MethodHandlers {
 protected:
-    DelayedQuit() {
-        ConfHandler::setParameter("daemon_shutdown_delay", "1");
-        begin();
-        connect();
-    }
+    static constexpr std::chrono::seconds kDelay{60};
 
-    /// Asks for a quit in a second, sends the message and waits for longer than the second.
+    DelayedQuit() { connect(); }
+
+    /// Asks for a quit, sends the message and lets the delay pass.
     int quitsAfter(const BusMessage& message, const char* failing = "") {
         receive(fake_bus::call("quitDelayed"));
         receiveWithout(failing, message);
-        test::iterateFor(std::chrono::seconds(1));
-        test::drainMainContext();
+        test::passTime(kDelay);
         return mainLoop_.quits;
     }
 };
 
+TEST_F(DelayedQuit, ComesAfterTheDelayAndNotBefore) {
+    receive(fake_bus::call("quitDelayed"));
+    test::passTime(kDelay - std::chrono::seconds(5));
+    EXPECT_EQ(mainLoop_.quits, 0);
+    test::passTime(std::chrono::seconds(5));
+    EXPECT_EQ(mainLoop_.quits, 1);
+}
+
 TEST_F(DelayedQuit, ComesAfterTheConfiguredDelay) {
+    ConfHandler::setParameter("daemon_shutdown_delay", "1");
+    begin();
+    receive(fake_bus::call("quitDelayed"));
+    test::passTime(std::chrono::seconds(1));
+    EXPECT_EQ(mainLoop_.quits, 1);
+}
+
+TEST_F(DelayedQuit, IsNotCalledOffByAQuestion) {
     EXPECT_EQ(quitsAfter(statusQuestion()), 1);
 }
 
@@ -163,8 +176,7 @@ TEST_F(DelayedQuit, IsNotCalledOffByMessagesThatMakeNothing) {
     receive(numbers("getData", {1, 1}));
     receive(fake_bus::signal("cancel"));
     receive(numbers("disconnect", {1}));
-    test::iterateFor(std::chrono::seconds(1));
-    test::drainMainContext();
+    test::passTime(kDelay);
     EXPECT_EQ(mainLoop_.quits, 1);
 }
 

@@ -83,6 +83,21 @@ TEST_F(ServiceEvents, ErrorTextIsMadeValid) {
     EXPECT_EQ(signal.requests, "5:2");
 }
 
+TEST_F(ServiceEvents, LargestErrorSignalIsOneThatABusPasses) {
+    constexpr int kMebibyte = 1024 * 1024;
+    const std::string keys(std::size_t{16} * kMebibyte, '1');
+    service().emitErrorSignal(kAnyCode, std::string(std::size_t{15} * kMebibyte, 'x'), keys);
+    const BusMessage signal = bus_.takeSent();
+    ASSERT_TRUE(signal);
+    dbus_message_set_serial(signal.get(), 1);
+    char* bytes = nullptr;
+    int size = 0;
+    ASSERT_TRUE(dbus_message_marshal(signal.get(), &bytes, &size));
+    dbus_free(bytes);
+    EXPECT_GT(size, 30 * kMebibyte) << "both are as long as they may be";
+    EXPECT_LT(size, 32 * kMebibyte);
+}
+
 TEST_F(ServiceEvents, KeysThatFitIntoNoMessageAreSpreadOverSeveral) {
     const std::string half(std::size_t{12} * 1024 * 1024, '1');
     service().emitErrorSignal(kAnyCode, "text", half + " 2:2 " + half);

@@ -342,7 +342,7 @@ TEST_F(ExchangeTest, announcesNothingWhenItIsGone) {
     exchange_.reset();
     runExchange();
     exchange_.reset();
-    iterateFor(milliseconds(60));
+    passTime(milliseconds(60));
     EXPECT_THAT(owner_.log, IsEmpty());
 }
 

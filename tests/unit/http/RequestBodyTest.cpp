@@ -436,6 +436,12 @@ TEST_F(RequestBodyTest, announcesNothingForTheTypePosition) {
     EXPECT_THAT(owner_.log, ElementsAre("request data 1:1", "request data 1:2", "announce status"));
 }
 
+TEST_F(RequestBodyTest, announcesTheStatusForTheTypePositionWithAZeroByteBehindIt) {
+    addPart("a", {.type = std::string("position\0", 9)});
+    (void)readAll();
+    EXPECT_THAT(owner_.log, ElementsAre("request data 1:1", "announce status"));
+}
+
 TEST_F(RequestBodyTest, announcesTheStatusForASilentClientOnceToo) {
     parameters_.set("orvexd/wait_timeout/other", "0");
     addSilentPart({.type = "other"});
