@@ -22,8 +22,6 @@ public:
     explicit DirectoryEvents(Handler handler) : handler_(std::move(handler)) {}
     DirectoryEvents(const DirectoryEvents&) = delete;
     DirectoryEvents& operator=(const DirectoryEvents&) = delete;
-    DirectoryEvents(DirectoryEvents&&) = delete;
-    DirectoryEvents& operator=(DirectoryEvents&&) = delete;
     ~DirectoryEvents() = default;
 
     /// Watches exactly these from here on; events that are still to be read are forgotten. A

@@ -30,8 +30,6 @@ public:
     FileWatcher(std::string path, std::function<void()> onChange);
     FileWatcher(const FileWatcher&) = delete;
     FileWatcher& operator=(const FileWatcher&) = delete;
-    FileWatcher(FileWatcher&&) = delete;
-    FileWatcher& operator=(FileWatcher&&) = delete;
     ~FileWatcher() = default;
 
     /// Calls `onChange` once after `delay`, or with the next change if that comes earlier.

@@ -25,8 +25,6 @@ public:
     explicit FileDescriptor(int number) noexcept : number_(number) {}
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
-    FileDescriptor(FileDescriptor&&) = delete;
-    FileDescriptor& operator=(FileDescriptor&&) = delete;
     ~FileDescriptor() {
         if (number_ >= 0)
             close(number_);

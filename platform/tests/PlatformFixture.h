@@ -58,8 +58,6 @@ class PlatformFixture : public ::testing::Test {
 public:
     PlatformFixture(const PlatformFixture&) = delete;
     PlatformFixture& operator=(const PlatformFixture&) = delete;
-    PlatformFixture(PlatformFixture&&) = delete;
-    PlatformFixture& operator=(PlatformFixture&&) = delete;
     ~PlatformFixture() override {
         unsetenv("TRILBA_PLATFORM_CONF");
         fs::remove_all(directory_);

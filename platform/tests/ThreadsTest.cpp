@@ -80,8 +80,6 @@ public:
     }
     Askers(const Askers&) = delete;
     Askers& operator=(const Askers&) = delete;
-    Askers(Askers&&) = delete;
-    Askers& operator=(Askers&&) = delete;
     ~Askers() {
         stop_ = true;
         for (auto& thread : threads_)

@@ -33,8 +33,6 @@ public:
     ~OrvexMain() override;
     OrvexMain(const OrvexMain&) = delete;
     OrvexMain& operator=(const OrvexMain&) = delete;
-    OrvexMain(OrvexMain&&) = delete;
-    OrvexMain& operator=(OrvexMain&&) = delete;
 
     /// Parameter map of the class: the two open durations.
     static Parameters& getConfiguration();

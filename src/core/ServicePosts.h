@@ -17,8 +17,6 @@ public:
     virtual ~IServiceEvents() = default;
     IServiceEvents(const IServiceEvents&) = delete;
     IServiceEvents& operator=(const IServiceEvents&) = delete;
-    IServiceEvents(IServiceEvents&&) = delete;
-    IServiceEvents& operator=(IServiceEvents&&) = delete;
 
     /// The platform's answer to whether an exchange may start at this moment.
     virtual bool isExchangePermitted() = 0;

@@ -30,8 +30,6 @@ public:
     ~DbusService() override;
     DbusService(const DbusService&) = delete;
     DbusService& operator=(const DbusService&) = delete;
-    DbusService(DbusService&&) = delete;
-    DbusService& operator=(DbusService&&) = delete;
 
     /// Connects to the system bus, takes the name, subscribes and starts to serve.
     /// @return false when there is no bus or the name belongs to somebody else.

@@ -12,8 +12,6 @@ public:
     virtual ~IMainLoop() = default;
     IMainLoop(const IMainLoop&) = delete;
     IMainLoop& operator=(const IMainLoop&) = delete;
-    IMainLoop(IMainLoop&&) = delete;
-    IMainLoop& operator=(IMainLoop&&) = delete;
 
     /// Creates the service and takes its name on the bus. @return false when that is not possible.
     virtual bool init(int argc, char** argv) = 0;

@@ -28,8 +28,6 @@ public:
     ~Exchange();
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
-    Exchange(Exchange&&) = delete;
-    Exchange& operator=(Exchange&&) = delete;
 
     /// Puts a request at its place in the queue. Before `start`.
     void addPart(const std::shared_ptr<RequestData>& request);

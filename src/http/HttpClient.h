@@ -28,8 +28,6 @@ public:
     ~HttpClient();
     HttpClient(const HttpClient&) = delete;
     HttpClient& operator=(const HttpClient&) = delete;
-    HttpClient(HttpClient&&) = delete;
-    HttpClient& operator=(HttpClient&&) = delete;
 
     /// Parameter map of all clients of the process: time-outs and device identifiers. Any thread.
     static Parameters& getConfiguration();

@@ -12,8 +12,6 @@ public:
     virtual ~IExchangeOwner() = default;
     IExchangeOwner(const IExchangeOwner&) = delete;
     IExchangeOwner& operator=(const IExchangeOwner&) = delete;
-    IExchangeOwner(IExchangeOwner&&) = delete;
-    IExchangeOwner& operator=(IExchangeOwner&&) = delete;
 
     // -- worker thread: these ask the platform or post, and change nothing of the owner --------
 

@@ -19,8 +19,6 @@ public:
     ~KeyPassphrase() { explicit_bzero(text_.data(), text_.size()); }
     KeyPassphrase(const KeyPassphrase&) = delete;
     KeyPassphrase& operator=(const KeyPassphrase&) = delete;
-    KeyPassphrase(KeyPassphrase&&) = delete;
-    KeyPassphrase& operator=(KeyPassphrase&&) = delete;
 
     /// NUL-terminated.
     [[nodiscard]] const char* text() const noexcept { return text_.data(); }

@@ -19,8 +19,6 @@ public:
     ~MainLoop() override = default;
     MainLoop(const MainLoop&) = delete;
     MainLoop& operator=(const MainLoop&) = delete;
-    MainLoop(MainLoop&&) = delete;
-    MainLoop& operator=(MainLoop&&) = delete;
 
     bool init(int argc, char** argv) override;
     void deinit() override;

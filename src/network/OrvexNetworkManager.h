@@ -19,8 +19,6 @@ public:
     virtual ~INetworkOwner() = default;
     INetworkOwner(const INetworkOwner&) = delete;
     INetworkOwner& operator=(const INetworkOwner&) = delete;
-    INetworkOwner(INetworkOwner&&) = delete;
-    INetworkOwner& operator=(INetworkOwner&&) = delete;
 
     /// The status after a notification. @param recheck the owner may ask for a recheck.
     virtual void onConnectionStatus(std::uint32_t status, bool recheck) = 0;
@@ -42,8 +40,6 @@ public:
     ~OrvexNetworkManager() override;
     OrvexNetworkManager(const OrvexNetworkManager&) = delete;
     OrvexNetworkManager& operator=(const OrvexNetworkManager&) = delete;
-    OrvexNetworkManager(OrvexNetworkManager&&) = delete;
-    OrvexNetworkManager& operator=(OrvexNetworkManager&&) = delete;
 
     /// Platform notification, on any thread. The owner is told on the main loop's thread.
     void onConnectionsChanged() override;

@@ -25,8 +25,6 @@ public:
     virtual ~IChunkReceiver() = default;
     IChunkReceiver(const IChunkReceiver&) = delete;
     IChunkReceiver& operator=(const IChunkReceiver&) = delete;
-    IChunkReceiver(IChunkReceiver&&) = delete;
-    IChunkReceiver& operator=(IChunkReceiver&&) = delete;
 
     /// Takes one chunk for the client that waits for it. Runs on the main loop's thread or on the
     /// worker, with the answer's lock held: implementations only post, they never call back.

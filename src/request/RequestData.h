@@ -45,8 +45,6 @@ public:
     virtual ~RequestData() = default;
     RequestData(const RequestData&) = delete;
     RequestData& operator=(const RequestData&) = delete;
-    RequestData(RequestData&&) = delete;
-    RequestData& operator=(RequestData&&) = delete;
 
     // -- what never changes; any thread -------------------------------------------------------
 

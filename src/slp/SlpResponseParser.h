@@ -30,8 +30,6 @@ public:
     ~SlpResponseParser() = default;
     SlpResponseParser(const SlpResponseParser&) = delete;
     SlpResponseParser& operator=(const SlpResponseParser&) = delete;
-    SlpResponseParser(SlpResponseParser&&) = delete;
-    SlpResponseParser& operator=(SlpResponseParser&&) = delete;
 
     /// Takes the next bytes of the response. @return the chunk's length, whatever it holds.
     std::size_t feed(std::string_view chunk);

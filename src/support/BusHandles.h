@@ -20,8 +20,6 @@ public:
     ~BusError() { dbus_error_free(&error_); }
     BusError(const BusError&) = delete;
     BusError& operator=(const BusError&) = delete;
-    BusError(BusError&&) = delete;
-    BusError& operator=(BusError&&) = delete;
 
     DBusError* get() noexcept { return &error_; }
     bool isSet() const noexcept { return dbus_error_is_set(&error_) != FALSE; }

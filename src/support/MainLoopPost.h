@@ -68,8 +68,6 @@ public:
     ~MainLoopTimer() { cancel(); }
     MainLoopTimer(const MainLoopTimer&) = delete;
     MainLoopTimer& operator=(const MainLoopTimer&) = delete;
-    MainLoopTimer(MainLoopTimer&&) = delete;
-    MainLoopTimer& operator=(MainLoopTimer&&) = delete;
 
     [[nodiscard]] bool isPending() const noexcept { return source_ != 0; }
 

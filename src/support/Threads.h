@@ -69,8 +69,6 @@ public:
     [[gnu::no_sanitize_thread]] ~LibraryFrame() { __tsan_func_exit(); }
     LibraryFrame(const LibraryFrame&) = delete;
     LibraryFrame& operator=(const LibraryFrame&) = delete;
-    LibraryFrame(LibraryFrame&&) = delete;
-    LibraryFrame& operator=(LibraryFrame&&) = delete;
 };
 
 #else
@@ -107,8 +105,6 @@ public:
     }
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
-    Mutex(Mutex&&) = delete;
-    Mutex& operator=(Mutex&&) = delete;
 
     void lock() noexcept {
         tsan::beforeLock(&mutex_);
@@ -133,8 +129,6 @@ public:
     ~Condition() { g_cond_clear(&condition_); }
     Condition(const Condition&) = delete;
     Condition& operator=(const Condition&) = delete;
-    Condition(Condition&&) = delete;
-    Condition& operator=(Condition&&) = delete;
 
     void broadcast() noexcept { g_cond_broadcast(&condition_); }
 
@@ -163,8 +157,6 @@ public:
     ~WorkerThread() { join(); }
     WorkerThread(const WorkerThread&) = delete;
     WorkerThread& operator=(const WorkerThread&) = delete;
-    WorkerThread(WorkerThread&&) = delete;
-    WorkerThread& operator=(WorkerThread&&) = delete;
 
     [[nodiscard]] bool isJoinable() const noexcept { return thread_ != nullptr; }
 

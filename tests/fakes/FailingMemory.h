@@ -14,8 +14,6 @@ public:
     ~FailOnce();
     FailOnce(const FailOnce&) = delete;
     FailOnce& operator=(const FailOnce&) = delete;
-    FailOnce(FailOnce&&) = delete;
-    FailOnce& operator=(FailOnce&&) = delete;
 
     /// True when an allocation has failed.
     bool hasFailed() const noexcept;

@@ -17,8 +17,6 @@ public:
     ~FakeBus();
     FakeBus(const FakeBus&) = delete;
     FakeBus& operator=(const FakeBus&) = delete;
-    FakeBus(FakeBus&&) = delete;
-    FakeBus& operator=(FakeBus&&) = delete;
 
     /// Functions of the connection in the order of their calls, with the arguments that matter.
     std::vector<std::string> calls;

@@ -52,8 +52,6 @@ public:
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
-    Client(Client&&) = delete;
-    Client& operator=(Client&&) = delete;
 
     /// Longest wait for the answer of any call but fetchChunk and quit; zero means no limit.
     void setCallTimeout(std::chrono::seconds timeout);

@@ -24,8 +24,6 @@ public:
     ~ErrorSlot() { g_clear_error(&error_); }
     ErrorSlot(const ErrorSlot&) = delete;
     ErrorSlot& operator=(const ErrorSlot&) = delete;
-    ErrorSlot(ErrorSlot&&) = delete;
-    ErrorSlot& operator=(ErrorSlot&&) = delete;
 
     /// For the last argument of the call.
     GError** out() noexcept { return &error_; }

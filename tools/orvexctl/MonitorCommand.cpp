@@ -41,8 +41,6 @@ public:
     }
     SignalPrinter(const SignalPrinter&) = delete;
     SignalPrinter& operator=(const SignalPrinter&) = delete;
-    SignalPrinter(SignalPrinter&&) = delete;
-    SignalPrinter& operator=(SignalPrinter&&) = delete;
 
     /// @throws Failure
     void run() {

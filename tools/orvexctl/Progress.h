@@ -17,8 +17,6 @@ public:
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
-    Progress(Progress&&) = delete;
-    Progress& operator=(Progress&&) = delete;
 
     /// @param key names the request for "orvexctl cancel"; empty until it is known.
     void setKey(std::string key);

@@ -32,8 +32,6 @@ public:
     ~RequestSession();
     RequestSession(const RequestSession&) = delete;
     RequestSession& operator=(const RequestSession&) = delete;
-    RequestSession(RequestSession&&) = delete;
-    RequestSession& operator=(RequestSession&&) = delete;
 
     /// Runs the main loop until the request is answered, has failed or was interrupted.
     /// @return Success, or the status of the signal that interrupted it. @throws Failure

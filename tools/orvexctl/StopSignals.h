@@ -15,8 +15,6 @@ public:
     ~StopSignals();
     StopSignals(const StopSignals&) = delete;
     StopSignals& operator=(const StopSignals&) = delete;
-    StopSignals(StopSignals&&) = delete;
-    StopSignals& operator=(StopSignals&&) = delete;
 
 private:
     template <int Signal> static gboolean deliver(gpointer self) noexcept;

@@ -13,8 +13,6 @@ public:
     ~Timer() { stop(); }
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
-    Timer(Timer&&) = delete;
-    Timer& operator=(Timer&&) = delete;
 
     [[nodiscard]] bool isRunning() const noexcept { return source_ != 0; }
 

@@ -38,8 +38,6 @@ protected:
     }
     ConfHandlerTest(const ConfHandlerTest&) = delete;
     ConfHandlerTest& operator=(const ConfHandlerTest&) = delete;
-    ConfHandlerTest(ConfHandlerTest&&) = delete;
-    ConfHandlerTest& operator=(ConfHandlerTest&&) = delete;
 
     std::string path() const { return (directory_ / "orvexd.schema").string(); }
 

@@ -15,8 +15,6 @@ protected:
     ~BusLinkTest() override { BusLink::close(); }
     BusLinkTest(const BusLinkTest&) = delete;
     BusLinkTest& operator=(const BusLinkTest&) = delete;
-    BusLinkTest(BusLinkTest&&) = delete;
-    BusLinkTest& operator=(BusLinkTest&&) = delete;
 
     static BusMessage anyMessage() { return fake_bus::call("any"); }
 

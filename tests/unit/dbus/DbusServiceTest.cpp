@@ -28,8 +28,6 @@ protected:
     ~ShutdownDelay() override { ConfHandler::confItems().clear(); }
     ShutdownDelay(const ShutdownDelay&) = delete;
     ShutdownDelay& operator=(const ShutdownDelay&) = delete;
-    ShutdownDelay(ShutdownDelay&&) = delete;
-    ShutdownDelay& operator=(ShutdownDelay&&) = delete;
 
     /// Seconds that a service takes from this value in the file store.
     static long of(const std::string& value) {

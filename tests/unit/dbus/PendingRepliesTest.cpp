@@ -41,8 +41,6 @@ public:
     ~Release() { dbus_message_free_data_slot(&slot_); }
     Release(const Release&) = delete;
     Release& operator=(const Release&) = delete;
-    Release(Release&&) = delete;
-    Release& operator=(Release&&) = delete;
 
     bool happened() const { return happened_; }
 

@@ -43,8 +43,6 @@ protected:
     }
     ServiceFixture(const ServiceFixture&) = delete;
     ServiceFixture& operator=(const ServiceFixture&) = delete;
-    ServiceFixture(ServiceFixture&&) = delete;
-    ServiceFixture& operator=(ServiceFixture&&) = delete;
 
     void make() { mainLoop_.service = std::make_unique<DbusService>(mainLoop_); }
     DbusService& service() { return *mainLoop_.service; }

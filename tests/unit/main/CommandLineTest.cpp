@@ -33,8 +33,6 @@ protected:
     ~CommandLineTest() override { fake_platform::reset(); }
     CommandLineTest(const CommandLineTest&) = delete;
     CommandLineTest& operator=(const CommandLineTest&) = delete;
-    CommandLineTest(CommandLineTest&&) = delete;
-    CommandLineTest& operator=(CommandLineTest&&) = delete;
 
     static std::string preinstalled() { return fake_platform::state().preinstalledFilesPath; }
     static std::string storage() { return fake_platform::state().storagePath; }

@@ -77,8 +77,6 @@ protected:
     }
     MainLoopTest(const MainLoopTest&) = delete;
     MainLoopTest& operator=(const MainLoopTest&) = delete;
-    MainLoopTest(MainLoopTest&&) = delete;
-    MainLoopTest& operator=(MainLoopTest&&) = delete;
 
     MainLoop mainLoop_;
 };

@@ -66,8 +66,6 @@ protected:
     }
     OrvexNetworkManagerTest(const OrvexNetworkManagerTest&) = delete;
     OrvexNetworkManagerTest& operator=(const OrvexNetworkManagerTest&) = delete;
-    OrvexNetworkManagerTest(OrvexNetworkManagerTest&&) = delete;
-    OrvexNetworkManagerTest& operator=(OrvexNetworkManagerTest&&) = delete;
 
     static void setConnections(const std::vector<ConnectionInfo>& connections) {
         fake_platform::change(

@@ -11,8 +11,6 @@ public:
     ~GlibComplaints() { g_log_set_default_handler(before_, nullptr); }
     GlibComplaints(const GlibComplaints&) = delete;
     GlibComplaints& operator=(const GlibComplaints&) = delete;
-    GlibComplaints(GlibComplaints&&) = delete;
-    GlibComplaints& operator=(GlibComplaints&&) = delete;
 
     int number() const noexcept { return number_; }
 
