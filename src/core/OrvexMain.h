@@ -36,12 +36,15 @@ public:
 
     /// Parameter map of the class: the two open durations.
     static Parameters& getConfiguration();
+    /// Stores a value; a later one for the same key replaces it.
     static void setParameter(const std::string& key, const std::string& value);
     /// As `setParameter`, but an empty value changes nothing.
     static void setParameterIfSet(const std::string& key, const std::string& value);
 
     // -- operations of the clients ------------------------------------------------------------
 
+    /// Opens a client connection. The strings may hold any bytes.
+    /// @param chunkSize bytes that one getData brings at the most.
     /// @return the id of the new connection; the first one is 1.
     std::uint32_t openConnection(std::string elementName, std::string type, std::string version,
                                  std::string transferEncoding, std::string contentType,
@@ -63,7 +66,8 @@ public:
     std::uint32_t prepareRequest(std::uint32_t connectionId, std::uint32_t connectionPolicy,
                                  std::uint32_t openDuration);
 
-    /// Gives data to the request that the transfer asks for.
+    /// Gives data to the request that the transfer asks for, and wakes the worker.
+    /// @param last the data ends the request's part.
     /// @return 0, 1001 unknown connection, 41 unknown request, 57 not asked for.
     [[nodiscard]] int sendData(std::string_view bytes, bool last, std::uint32_t connectionId,
                                std::uint32_t requestId);
@@ -72,7 +76,8 @@ public:
     /// @throws int 41 for an unknown request.
     void getData(std::uint32_t connectionId, std::uint32_t requestId);
 
-    /// Nothing happens when the request is unknown.
+    /// Cancels a request: at once while it waits, otherwise at the end of its exchange. Nothing
+    /// happens when the request is unknown.
     void cancelRequest(std::uint32_t connectionId, std::uint32_t requestId);
 
     /// The current status value; a change is stored and announced.
@@ -84,12 +89,15 @@ public:
 
     // -- when an exchange may start -----------------------------------------------------------
 
-    /// The only place where an exchange begins.
-    /// @return false when it may not begin, or no worker could be started.
+    /// The only place where an exchange begins. Drops and reports prepared requests that the
+    /// current connection does not allow.
+    /// @return false when the exchange may not begin, or no worker could be started. True does not
+    ///   say that one has begun: there may be nothing to send.
     bool startExchange();
     /// True while a worker runs an exchange. After a success the next exchange starts 50 ms later
     /// at the earliest.
     [[nodiscard]] bool isTransferRunning() const noexcept;
+    /// Whether a waiting request could start an exchange now.
     [[nodiscard]] bool hasSendableRequest();
     /// Whether `policy` allows the current connection; "no connection" is allowed for 2 and 3.
     [[nodiscard]] bool connectionAllowed(std::uint32_t policy);

@@ -26,17 +26,21 @@ public:
     enum class Policy : std::size_t { AnyConnection, NotFlagged, KindOneOnly };
     static constexpr std::array<Policy, 3> kPolicies = {Policy::AnyConnection, Policy::NotFlagged,
                                                         Policy::KindOneOnly};
+    /// The group of a request's policy value; unknown values are as KindOneOnly.
     [[nodiscard]] static Policy policyOf(const RequestData& request) noexcept;
     /// One policy value of the group.
     [[nodiscard]] static std::uint32_t valueOf(Policy policy) noexcept;
 
     using Predicate = std::function<bool(const RequestData& request)>;
 
-    /// Takes a request that waits for an exchange; one with the same ids makes room.
+    /// Takes a request that waits for an exchange. A request with the same ids makes room: the
+    /// counter of the ids has wrapped then.
     void add(const Pointer& request);
     /// Null when there is none.
     [[nodiscard]] Pointer find(std::uint32_t connectionId, std::uint32_t requestId) const;
+    /// Forgets a request, wherever it stands. Others keep it alive as long as they hold it.
     void remove(const Pointer& request);
+    /// Forgets all requests.
     void clear();
 
     /// The request has become part of an exchange.
@@ -44,10 +48,12 @@ public:
     /// The exchange of the request has not begun after all.
     void setWaiting(const Pointer& request);
 
+    /// Whether a request of this kind waits for an exchange. Takes constant time.
     [[nodiscard]] bool hasWaiting(bool prepared, Policy policy) const noexcept;
     [[nodiscard]] bool hasWaiting(bool prepared) const noexcept;
     /// In ascending order of the connection, then of the request, as all lists.
     [[nodiscard]] std::vector<Pointer> waiting(bool prepared, Policy policy) const;
+    /// Waiting or in an exchange.
     [[nodiscard]] std::vector<Pointer> ofConnection(std::uint32_t connectionId) const;
     /// The requests that are or were part of an exchange.
     [[nodiscard]] std::vector<Pointer> inExchange() const;

@@ -21,14 +21,20 @@ public:
     /// The platform's answer to whether an exchange may start at this moment.
     virtual bool isExchangePermitted() = 0;
 
+    /// Broadcasts the new status value.
     virtual void emitConnectionStatusChanged(std::uint32_t status) = 0;
+    /// Asks the request's client for its data.
     virtual void emitRequestData(std::uint32_t connectionId, std::uint32_t requestId) = 0;
+    /// Broadcasts a failure.
+    /// @param message may hold any bytes.
+    /// @param requests keys of the requests that it is about, separated by blanks; may be empty.
     virtual void emitErrorSignal(std::uint32_t code, const std::string& message,
                                  const std::string& requests) = 0;
-    /// Answers the getData call that is held for the request.
+    /// Answers the getData call that is held for the request. Nothing happens when none is held.
     virtual void deliverChunk(std::uint32_t connectionId, std::uint32_t requestId,
                               const std::string& bytes, DeliveryCode code) = 0;
-    /// Gives up the getData call that is held for the request, without an answer.
+    /// Gives up the getData call that is held for the request, without an answer: the call ends by
+    /// its client's own time-out.
     virtual void dropPending(std::uint32_t connectionId, std::uint32_t requestId) = 0;
 };
 
@@ -37,16 +43,20 @@ public:
 /// outlive this object are dropped.
 class ServicePosts : public IChunkReceiver {
 public:
+    /// @param service must outlive this object.
     explicit ServicePosts(IServiceEvents& service) noexcept : service_(service) {}
 
+    /// The signal connectionStatusChanged.
     void postConnectionStatus(std::uint32_t status) const {
         post([status](IServiceEvents& service) { service.emitConnectionStatusChanged(status); });
     }
 
+    /// The signal requestData.
     void postRequestData(std::uint32_t connectionId, std::uint32_t requestId) const {
         post([=](IServiceEvents& service) { service.emitRequestData(connectionId, requestId); });
     }
 
+    /// The answer to the getData call that is held for the request.
     void postChunk(std::uint32_t connectionId, std::uint32_t requestId, DeliveryCode code,
                    std::string bytes) override {
         post([=, bytes = std::move(bytes)](IServiceEvents& service) {
@@ -54,10 +64,12 @@ public:
         });
     }
 
+    /// The end of a request: the service drops what it still holds for it.
     void postRequestFinished(std::uint32_t connectionId, std::uint32_t requestId) const {
         post([=](IServiceEvents& service) { service.dropPending(connectionId, requestId); });
     }
 
+    /// The signal errorSignal.
     /// @param keyList keys of the requests that the error is about, separated by blanks.
     void postError(int code, std::string message, std::string keyList) const {
         post([code, message = std::move(message),

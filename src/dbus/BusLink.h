@@ -7,22 +7,24 @@
 
 namespace orvexd {
 
-/// The process's one connection to the system bus, and how messages leave on it.
+/// The process's one connection to the system bus, and how messages leave on it. Main loop's thread
+/// only.
 class BusLink {
 public:
     BusLink() = delete;
 
     /// Null until the bus was reached, and again after `close`.
     [[nodiscard]] static DBusConnection* connection();
+    /// Keeps the connection; a connection before is given back.
     static void open(BusConnection connection);
     /// Gives the reference back.
     static void close();
 
-    /// Makes a signal of the daemon's interface.
+    /// Makes a signal of the daemon's interface, without arguments yet.
     /// @return 0, 2204 when there is no bus connection, 2001 when the message cannot be made.
     [[nodiscard]] static int createSignal(const char* member, BusMessage& message);
 
-    /// Sends `message` and waits until it has been written; nothing happens when it is null or
+    /// Sends `message` and waits until it has been written. Nothing happens when it is null or when
     /// there is no connection.
     /// @throws std::string when libdbus refuses it. Nothing catches that: the process ends.
     static void sendOrThrow(BusMessage message);

@@ -25,8 +25,10 @@ class OrvexMain;
 class DbusService : public IServiceEvents {
 public:
     /// Reads "daemon_shutdown_delay" from the settings loaded so far; main() loads the file later.
+    /// @param mainLoop must outlive this object.
     explicit DbusService(IMainLoop& mainLoop);
-    /// Ends a running exchange, leaves the bus, destroys the gateway core.
+    /// Ends a running exchange, leaves the bus, destroys the gateway core. May take as long as the
+    /// worker waits for a client, at most 90 s.
     ~DbusService() override;
     DbusService(const DbusService&) = delete;
     DbusService& operator=(const DbusService&) = delete;
@@ -39,7 +41,7 @@ public:
     /// loop.
     DBusHandlerResult quit(DBusMessage* call);
 
-    /// Delay of quitDelayed.
+    /// Delay of quitDelayed, at least 1 s.
     std::chrono::seconds shutdownDelay() const noexcept { return shutdownDelay_; }
 
     // -- IServiceEvents -----------------------------------------------------------------------

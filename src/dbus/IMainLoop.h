@@ -13,13 +13,14 @@ public:
     IMainLoop(const IMainLoop&) = delete;
     IMainLoop& operator=(const IMainLoop&) = delete;
 
-    /// Creates the service and takes its name on the bus. @return false when that is not possible.
+    /// Creates the service and takes its name on the bus. A second call does nothing.
+    /// @return false when the environment is not right or the name cannot be had.
     virtual bool init(int argc, char** argv) = 0;
-    /// Destroys the service.
+    /// Destroys the service, which ends a running exchange first.
     virtual void deinit() = 0;
     /// Runs until `quit`. @return 0, or 1 when `init` has not succeeded.
     virtual int run() = 0;
-    /// Asks the running loop to stop.
+    /// Asks the running loop to stop. Nothing happens when none runs.
     virtual void quit() = 0;
     /// Null before `init` and after `deinit`.
     virtual DbusService* getService() = 0;

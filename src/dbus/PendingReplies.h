@@ -11,9 +11,9 @@ namespace orvexd {
 /// The getData calls that are held until their request has a chunk, at most one for each request. A
 /// call that leaves without an answer ends by its client's own time-out. Main loop's thread.
 ///
-/// What is kept of a call is the answer that it is going to get, still empty. The call itself may
-/// carry any further arguments, file descriptors among them, and libdbus stops reading from the bus
-/// when the messages that are not released yet exceed its limits.
+/// The answer that a call is going to get is kept, still empty, and not the call. A call may carry
+/// any further arguments, file descriptors among them, and libdbus stops reading from the bus when
+/// the messages that are not released yet exceed its limits.
 class PendingReplies {
 public:
     /// Holds `call`; one that is held for the request already is given up. Without memory for an
@@ -43,7 +43,7 @@ public:
         replies_.erase({connectionId, requestId});
     }
 
-    /// Gives up all calls.
+    /// Gives up all calls without an answer.
     void clear() { replies_.clear(); }
 
 private:

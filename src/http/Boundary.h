@@ -11,6 +11,7 @@ namespace orvexd {
 inline constexpr std::size_t kBoundaryLength = 70;
 
 /// The boundary character that a drawn code from '0' to 'z' stands for; '\0' asks for another draw.
+/// RFC 2046 allows all of them, but not every mail library accepts '=' in a boundary.
 [[nodiscard]] constexpr char boundaryCharacter(int code) noexcept {
     switch (code) {
     case ';':
@@ -29,9 +30,10 @@ inline constexpr std::size_t kBoundaryLength = 70;
     return alphanumeric ? static_cast<char>(code) : '\0';
 }
 
-/// A multipart boundary of 70 characters over 0-9, A-Z, a-z, '+', '_', '=' and '?'. Seeds the
-/// process-wide rand() from the time of day on every call; exchanges that start within the same
-/// millisecond of the same second get the same one. Worker thread.
+/// A multipart boundary of 70 characters over 0-9, A-Z, a-z, '+', '_', '=' and '?', each equally
+/// likely. Every call seeds the process-wide rand() from the time of day, so exchanges that start
+/// within the same millisecond get the same boundary. That is relied upon. Worker thread.
+/// @throws std::bad_alloc.
 [[nodiscard]] inline std::string generateBoundary() {
     constexpr int kCodes = 'z' - '0' + 1;
     timeval now{};

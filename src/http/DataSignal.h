@@ -7,13 +7,16 @@
 
 namespace orvexd {
 
-/// How the main loop wakes the worker that waits for client data, and asks it to give up.
+/// How the main loop wakes the worker that waits for client data, and asks it to give up. One
+/// signal serves one exchange.
 ///
-/// `dataMutex` comes before a request's own lock: the worker takes outgoing bytes while it holds
-/// it.
+/// Lock order: `dataMutex` comes before an outgoing part's lock, because the worker takes outgoing
+/// bytes while it holds the mutex.
 class DataSignal {
 public:
-    /// Data has been stored for a request: wakes the waiting worker. Main loop's thread.
+    /// Data has been stored for a request: wakes the waiting worker. A signal that comes while the
+    /// worker does not wait is not lost, since the worker looks at the data before it waits. Main
+    /// loop's thread, without an outgoing part's lock.
     void notifyData() {
         {
             const Lock guard(dataMutex_);
@@ -24,8 +27,8 @@ public:
         dataCondition_.broadcast();
     }
 
-    /// The running upload is to be aborted. A worker that waits for data is not woken; it sees the
-    /// request when its wait ends. Main loop's thread.
+    /// The running upload is to be aborted. A worker that waits for data is not woken: it notices
+    /// when its wait ends. Main loop's thread; waits itself while the worker is in its callback.
     void requestCancel() {
         const Lock guard(dataMutex_);
         cancelRequested_ = true;
@@ -34,14 +37,17 @@ public:
     /// Holds `dataMutex` for one run of the read callback. Worker thread.
     class Reader {
     public:
+        /// Takes the mutex; the end of the scope gives it back.
         explicit Reader(DataSignal& signal) : signal_(signal), guard_(signal.dataMutex_) {}
 
-        bool isCancelRequested() const noexcept { return signal_.cancelRequested_; }
+        /// Whether the upload is to be aborted.
+        [[nodiscard]] bool isCancelRequested() const noexcept { return signal_.cancelRequested_; }
 
-        /// Waits for data with the mutex released.
+        /// Waits for data with the mutex released. Data that came before the call does not count:
+        /// the caller has looked for it under the mutex.
         /// @param deadline microseconds on g_get_monotonic_time's clock.
         /// @return false when no data arrived until then.
-        bool waitForData(gint64 deadline) {
+        [[nodiscard]] bool waitForData(gint64 deadline) {
             signal_.dataArrived_ = false;
             while (signal_.dataCondition_.waitUntil(signal_.dataMutex_, deadline)) {
                 if (signal_.dataArrived_) {

@@ -22,14 +22,15 @@ class RequestData;
 /// post the outcome. All operations run on the main loop's thread unless they say otherwise.
 class Exchange {
 public:
-    /// `client` and `owner` must outlive this object.
+    /// @param client carries the transfer; must outlive this object.
+    /// @param owner is asked and told; must outlive this object.
     Exchange(HttpClient& client, IExchangeOwner& owner) noexcept;
     /// Waits for the worker, see `cancelTransfer`. What it posts from now on reaches nobody.
     ~Exchange();
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
 
-    /// Puts a request at its place in the queue. Before `start`.
+    /// Puts a request at its place in the queue and makes it Queued. Before `start`.
     void addPart(const std::shared_ptr<RequestData>& request);
 
     /// Starts the worker.
@@ -39,7 +40,8 @@ public:
     /// Waits until the worker has ended. Nothing happens when there is none.
     void join() noexcept { worker_.join(); }
 
-    /// True from `start` until the outcome has reached the main loop.
+    /// True from `start` until the outcome has reached the main loop. By then the queue is empty:
+    /// the owner holds the last references to its requests.
     [[nodiscard]] bool isTransferRunning() const noexcept { return stage_ == Stage::Running; }
 
     /// True once the outcome is known and is a failure: the next exchange may start at once.
@@ -59,8 +61,10 @@ public:
     void runExchange();
 
 private:
+    /// Running ends when the outcome arrives; nothing leads back.
     enum class Stage { Assembled, Running, Succeeded, Failed };
 
+    /// What the worker's last post carries.
     struct Outcome {
         int code = 0;          ///< 0 or one of the failure codes
         std::string errorText; ///< libcurl's or the parser's

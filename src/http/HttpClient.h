@@ -17,8 +17,11 @@ class RequestBody;
 class SlpResponseParser;
 
 /// Everything that touches libcurl: its global state, the handle of a transfer with TLS, the
-/// time-outs, the callbacks. A handle lives for one transfer, so that every exchange opens its own
-/// connection.
+/// time-outs, the callbacks. A handle lives for one transfer, so every exchange opens its own
+/// connection and negotiates TLS anew.
+///
+/// The main loop's thread makes and destroys the client; the worker transfers, one exchange at a
+/// time.
 class HttpClient {
 public:
     /// Copies the time-outs from the settings loaded so far; main() loads the file later.
@@ -31,6 +34,7 @@ public:
 
     /// Parameter map of all clients of the process: time-outs and device identifiers. Any thread.
     static Parameters& getConfiguration();
+    /// Stores a value; a later one for the same key replaces it. Main loop's thread.
     static void setParameter(const std::string& key, const std::string& value);
     /// As `setParameter`, but an empty value changes nothing.
     static void setParameterIfSet(const std::string& key, const std::string& value);
@@ -54,13 +58,16 @@ public:
     /// libcurl's text for the failure of the last transfer. Worker thread.
     [[nodiscard]] const std::string& errorText() const noexcept { return errorText_; }
 
-    /// The next transfer must not reuse a cached connection. Main loop's thread.
+    /// The next transfer must not reuse a cached connection: the network has changed. Main loop's
+    /// thread; the worker takes the wish when it sets up its next transfer.
     void requestFreshConnect() noexcept { freshConnectRequested_ = true; }
 
-    /// Would restrict the cipher list. It is not installed: the TLS library's default is in force.
+    /// Would restrict the cipher list to AES256-SHA. It is not installed on purpose: the default of
+    /// the TLS library is in force.
     static CURLcode sslContextCallback(CURL* handle, void* sslContext, void* userData) noexcept;
 
-    /// Clamps the TCP segment size of the connection's socket to 1200 bytes.
+    /// Clamps the TCP segment size of the connection's socket to 1200 bytes, whatever the path's
+    /// MTU. A socket for another purpose stays as it is, and a refusal of the system is ignored.
     static int socketOptionCallback(void* client, curl_socket_t socket,
                                     curlsocktype purpose) noexcept;
 

@@ -9,8 +9,9 @@
 
 namespace orvexd {
 
-/// Pass phrase of the client key in plain text; wiped when it goes out of scope. The program holds
-/// it only as words: each character is (word XOR key) >> 6, and the key grows from word to word.
+/// Pass phrase of the client key in plain text, for as short as possible: it is wiped when it goes
+/// out of scope. The program file holds it only as words. Each character is the low byte of (word
+/// XOR key) >> 6, and the key grows from word to word. Any thread.
 class KeyPassphrase {
 public:
     static constexpr std::size_t kLength = deployment::kPassphraseWords.size();
@@ -20,7 +21,7 @@ public:
     KeyPassphrase(const KeyPassphrase&) = delete;
     KeyPassphrase& operator=(const KeyPassphrase&) = delete;
 
-    /// NUL-terminated.
+    /// NUL-terminated, valid as long as this object. libcurl copies it.
     [[nodiscard]] const char* text() const noexcept { return text_.data(); }
 
 private:

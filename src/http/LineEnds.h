@@ -6,8 +6,9 @@
 
 namespace orvexd {
 
-/// Turns each bare line feed of `chunk` into CR LF. A line feed at position 0 is never changed,
-/// also when the chunk before did not end in a carriage return.
+/// Turns each bare line feed of `chunk` into CR LF, as parts of text have it on the wire. A line
+/// feed at position 0 is never changed, also when the chunk before did not end in a carriage
+/// return. That is relied upon. The cost is linear in the bytes. Any thread.
 ///
 /// @param out receives the text; what does not fit is appended to `overflow`.
 /// @return number of bytes written to `out`.

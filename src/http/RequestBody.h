@@ -17,8 +17,11 @@ class IExchangeOwner;
 class RequestData;
 
 /// The multipart body of one exchange, streamed while the clients still deliver: the SLP header
-/// part, each request's part in queue order, the closing delimiter. Worker thread only; nothing of
-/// the body is assembled in memory.
+/// part, each request's part in queue order, the closing delimiter. Nothing of the body is
+/// assembled in memory: bytes go from the clients' buffers into libcurl's.
+///
+/// Worker thread only. A request becomes Sending when its part is the current one and Sent when its
+/// part is closed.
 class RequestBody {
 public:
     using Queue = std::vector<std::shared_ptr<RequestData>>;
@@ -28,21 +31,24 @@ public:
     RequestBody(const Queue& queue, std::string boundary, std::string bodyPrefix,
                 DataSignal& signal, IExchangeOwner& owner, const Parameters& parameters);
 
-    /// Fills `buffer` with the next bytes of the body, waiting for client data if there are none.
+    /// Fills `buffer` with the next bytes of the body. Waits for client data if there are none, for
+    /// as long as `waitTimeout` says. A part whose client is silent ends with what it has.
     /// @return number of bytes, 0 at the end of the body, CURL_READFUNC_ABORT when cancelled.
+    /// @throws std::bad_alloc; the body is not used again then.
     [[nodiscard]] std::size_t readBody(std::span<char> buffer);
 
-    /// Largest slice of a part for a buffer of `capacity` bytes: the reserve of 1024 bytes is for
+    /// Largest slice of a part for a buffer of `capacity` bytes. 1024 bytes are kept in reserve for
     /// the carriage returns that normalisation adds.
     [[nodiscard]] static std::size_t sliceLimit(std::size_t capacity) noexcept;
 
     /// How long the upload waits for client data of a request of `type`: by default 90 s for
     /// "fingerprint" and 5 s for everything else. May be zero or negative: no wait at all.
+    /// @param parameters settings named "orvexd/wait_timeout/" and the type, in milliseconds.
     [[nodiscard]] static std::chrono::milliseconds waitTimeout(const std::string& type,
                                                                const Parameters& parameters);
 
 private:
-    /// A slice of the body as it was taken: raw bytes stand in libcurl's buffer already, text waits
+    /// A slice of the body as it was taken. Raw bytes stand in libcurl's buffer already; text waits
     /// in the scratch buffer for its line ends.
     struct Slice {
         std::size_t size = 0;

@@ -8,10 +8,10 @@ enum class StartUp {
     PrintVersion, ///< print the banner and leave
 };
 
-/// Scans the words from argv[0] on and carries the options out in their order. "--daemon" or "-D"
-/// detaches, "--preinst-dir DIR" and "--storage-dir DIR" set the platform's directories,
-/// "--version" or "-v" ends the scan. Unknown words are skipped; an option that lacks its argument
-/// ends the scan.
+/// Scans the words and carries the options out in their order. The scan begins at argv[0], the name
+/// of the program. "--daemon" or "-D" detaches, "--preinst-dir DIR" and "--storage-dir DIR" set the
+/// platform's directories, "--version" or "-v" ends the scan. Unknown words are skipped. An option
+/// that lacks its argument ends the scan.
 [[nodiscard]] StartUp applyCommandLine(int argc, char** argv);
 
 /// Prints the one line that the daemon ever prints: platform version, platform id, build time.

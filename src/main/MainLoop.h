@@ -9,10 +9,13 @@
 
 namespace orvexd {
 
-/// The process-wide main loop and owner of the service on the bus.
+/// The process-wide main loop and owner of the service on the bus. States: made, initialised,
+/// running, stopped, and made again after `deinit`. Main loop's thread only; what each operation
+/// does stands at IMainLoop.
 class MainLoop : public IMainLoop {
 public:
-    /// The one instance; made on first use, never freed.
+    /// The one instance. It is made on first use and never freed, because the message filter and
+    /// the handlers of signals refer to it until the process ends.
     static MainLoop& getInstance();
 
     MainLoop() = default;

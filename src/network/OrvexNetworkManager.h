@@ -20,11 +20,12 @@ public:
     INetworkOwner(const INetworkOwner&) = delete;
     INetworkOwner& operator=(const INetworkOwner&) = delete;
 
-    /// The status after a notification. @param recheck the owner may ask for a recheck.
+    /// The status after a notification, changed or not.
+    /// @param recheck true: the owner may ask for a recheck.
     virtual void onConnectionStatus(std::uint32_t status, bool recheck) = 0;
-    /// An active connection exists.
+    /// An active connection exists. Comes with every notification, also when nothing has changed.
     virtual void onNetworkAvailable() = 0;
-    /// No active connection exists.
+    /// No active connection exists. Comes with every notification, also when nothing has changed.
     virtual void onConnectionLost() = 0;
     /// The next transfer must open a connection of its own.
     virtual void requestFreshConnect() = 0;
@@ -36,6 +37,7 @@ public:
 /// asks for the proxy. So the list of connections needs no lock.
 class OrvexNetworkManager : public trilba::network::IConnectionManagerObserver {
 public:
+    /// @param owner must outlive this object.
     explicit OrvexNetworkManager(INetworkOwner& owner);
     ~OrvexNetworkManager() override;
     OrvexNetworkManager(const OrvexNetworkManager&) = delete;
@@ -47,9 +49,11 @@ public:
     void onSecondaryNotification() override {}
 
     /// Creates the platform's manager, observes it and reads the first list. Called once, on the
-    /// main loop's thread, which is thereby known to this object.
+    /// main loop's thread, which is thereby known to this object. Without a manager there is no
+    /// connection.
     void start();
 
+    /// True when some connection is active.
     [[nodiscard]] bool hasActiveConnection() const;
     /// True when some connection is flagged, active or not.
     [[nodiscard]] bool hasFlaggedConnection() const;

@@ -22,8 +22,8 @@ inline constexpr int kNotPermitted = 2205;      ///< network positioning is not 
 
 namespace orvexd {
 
-/// Tells a client with each chunk where the chunk stands in the response. The numbers are on the
-/// bus, as a uint32.
+/// Tells a client with each chunk where the chunk stands in the response. getData returns the
+/// number as a uint32.
 enum class DeliveryCode : unsigned {
     PartContinues = 2301,    ///< more bytes of the same response part follow
     PartComplete = 2302,     ///< the chunk ends a part and further parts follow

@@ -2,7 +2,8 @@
 
 namespace orvexd {
 
-/// Life of a request, in ascending order.
+/// Life of a request. The states only rise, except that each further response part goes through
+/// Receiving and PartReceived again. Clients do not see them.
 enum class RequestState : unsigned {
     Created = 0,          ///< waiting, in no transfer queue
     Queued = 1,           ///< waiting for its turn in the current exchange

@@ -28,6 +28,7 @@ public:
 
     /// Takes one chunk for the client that waits for it. Runs on the main loop's thread or on the
     /// worker, with the answer's lock held: implementations only post, they never call back.
+    /// @param bytes at most one chunk of the size that the client named; may be empty.
     virtual void postChunk(std::uint32_t connectionId, std::uint32_t requestId, DeliveryCode code,
                            std::string bytes) = 0;
 };
@@ -49,13 +50,14 @@ public:
     /// What `pause` did.
     enum class Outcome { NotNeeded, ClientFetched, TimeIsUp };
 
-    /// High water for chunks of up to half of it, bytes.
+    /// The high water in bytes, unless two chunks are more.
     static constexpr std::size_t kLeastHighWater = std::size_t{1024} * 1024;
 
     /// The longest pause.
     static constexpr std::chrono::microseconds kLongestPause{10'000};
 
-    /// @param chunk bytes that the client fetches at once; two of them may always be stored.
+    /// @param chunk bytes that the client fetches at once. Two chunks may always be stored.
+    /// @param longestPause shorter or longer than usual for tests.
     explicit BackPressure(std::size_t chunk,
                           std::chrono::microseconds longestPause = kLongestPause) noexcept
         : chunk_(chunk),
@@ -118,18 +120,23 @@ public:
 
     // -- announced parts; worker --------------------------------------------------------------
 
+    /// Replaces all announcements by these. An id may be announced several times.
     void setExpectedPartIds(const std::vector<std::string>& ids);
+    /// Announces one more part.
     void addExpectedPartId(const std::string& id);
     /// True when `id` was announced for this request, however often it has come already.
     [[nodiscard]] bool acceptPartId(const std::string& id);
+    /// Whether any part was announced.
     [[nodiscard]] bool hasExpectedPartIds() const noexcept { return expectedParts_ > 0; }
+    /// Whether an announced part has not begun yet.
     [[nodiscard]] bool hasOutstandingPartIds() const noexcept { return outstandingParts_ > 0; }
 
     // -- bytes --------------------------------------------------------------------------------
 
-    /// Stores a piece of the current response part and delivers a chunk if the client waits.
-    /// Pauses afterwards when the client is far behind. Worker.
-    /// @param partComplete the piece ends the part; one CR LF at the part's end is not data.
+    /// Stores a piece of the current response part and delivers a chunk if the client waits. Pauses
+    /// afterwards for up to 10 ms when the client is far behind. Worker.
+    /// @param partComplete the piece ends the part. One CR LF at the part's end is not data.
+    /// @throws std::bad_alloc.
     void add(std::string_view bytes, bool partComplete);
 
     /// Delivers one chunk if the client waits for one. Any thread.
@@ -151,11 +158,13 @@ public:
     /// Stored bytes at which the worker pauses.
     [[nodiscard]] std::size_t highWater() const noexcept { return pressure_.highWater(); }
 
-    /// A cancelled answer stores no more bytes, and its worker pauses for nobody. Any thread.
+    /// A cancelled answer stores no more bytes, and its worker pauses for nobody. It still counts
+    /// parts, so that the request reaches Delivered. Any thread.
     void setCancelled(bool cancelled) noexcept { cancelled_ = cancelled; }
     [[nodiscard]] bool isCancelled() const noexcept { return cancelled_; }
 
 private:
+    /// One response part on its way to the client.
     struct ResponseBuffer {
         explicit ResponseBuffer(std::size_t block) noexcept : bytes(block) {}
 

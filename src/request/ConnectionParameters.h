@@ -6,7 +6,10 @@
 namespace orvexd {
 
 /// What a client gave when it connected. All requests of the connection share one record, which
-/// nobody changes once it is made. The five strings are the client's bytes as they came.
+/// nobody changes once it is made, so any thread may read it.
+///
+/// The five strings are the client's bytes as they came. They may hold anything, zero bytes and
+/// line breaks included, and go into the message unchecked.
 struct ConnectionParameters {
     std::string elementName;      ///< element that stands for a request in the SLP message
     std::string type;             ///< "type" attribute of that element

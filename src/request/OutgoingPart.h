@@ -14,8 +14,8 @@ namespace orvexd {
 
 /// The MIME part in which a request's data goes to the server, while the client still delivers it.
 ///
-/// The main loop appends, the worker takes; one lock guards what both touch. The transfer's data
-/// mutex comes before this lock, so nobody who holds this lock may take that mutex.
+/// The main loop appends, the worker takes; one lock guards what both touch. Lock order: the
+/// transfer's data mutex comes before this lock. Nobody who holds this lock takes that mutex.
 class OutgoingPart {
 public:
     /// What one take has brought.
@@ -24,18 +24,22 @@ public:
         bool finished;     ///< nothing is left and the client marked its data as complete
     };
 
+    /// @param parameters of the client's connection: content type and transfer encoding.
     explicit OutgoingPart(std::shared_ptr<const ConnectionParameters> parameters) noexcept
         : parameters_(std::move(parameters)) {}
 
-    /// Composes the part's header lines. Worker.
+    /// Composes the part's header lines: delimiter, Content-Type, Content-Transfer-Encoding,
+    /// Content-Id. They wait for the first data, so that an empty line can follow them. Worker.
     /// @param boundary of the exchange's multipart body.
+    /// @throws std::bad_alloc.
     void writeHeader(std::string_view boundary, std::string_view contentId);
 
     /// Content-Transfer-Encoding of the part; empty before `writeHeader`. Worker.
     [[nodiscard]] const std::string& transferEncoding() const noexcept { return transferEncoding_; }
 
-    /// Stores client data, in front of the first also the header and its empty line. Any thread.
+    /// Stores client data. The header and its empty line go in front of the first data. Any thread.
     /// @param last the data ends the part; a later call with false takes that back.
+    /// @throws std::bad_alloc; nothing of the data is stored then.
     void append(std::string_view bytes, bool last);
 
     /// `append` if the transfer asks for this part's data. Test and append are one step, so that
@@ -44,14 +48,15 @@ public:
     [[nodiscard]] bool appendIfAccepting(std::string_view bytes, bool last);
 
     /// Moves up to room.size() bytes into `room`. A take that finishes the part ends the acceptance
-    /// of data in the same step. Worker.
+    /// of data in the same step, so that no data is accepted and then left behind. Worker.
     [[nodiscard]] Piece take(std::span<char> room);
 
     /// True while the transfer asks the client for this part's data. Any thread.
     [[nodiscard]] bool isAccepting() const;
+    /// Begins or ends the acceptance of data. Worker.
     void setAccepting(bool accepting);
 
-    /// True once bytes have been asked of this part by `take`. Worker.
+    /// True once `take` has been called, whether it found bytes or not. Worker.
     [[nodiscard]] bool hasStarted() const noexcept { return started_; }
 
 private:

@@ -48,23 +48,29 @@ public:
 
     // -- what never changes; any thread -------------------------------------------------------
 
+    /// The client connection that owns the request.
     [[nodiscard]] std::uint32_t connectionId() const noexcept { return connectionId_; }
+    /// Unique over all connections.
     [[nodiscard]] std::uint32_t requestId() const noexcept { return requestId_; }
+    /// See `requestKey`.
     [[nodiscard]] std::string key() const { return requestKey(connectionId_, requestId_); }
     /// True for a request made by prepare, false for one made by attach.
     [[nodiscard]] bool isPrepared() const noexcept { return prepared_; }
+    /// Which network connections the request may use, see ConnectionPolicy.
     [[nodiscard]] std::uint32_t connectionPolicy() const noexcept { return connectionPolicy_; }
+    /// Shared with the other requests of the connection.
     [[nodiscard]] const ConnectionParameters& parameters() const noexcept { return *parameters_; }
 
     // -- state; any thread --------------------------------------------------------------------
 
+    /// Sets `state`, also a lower one.
     void setState(RequestState state) noexcept { state_ = state; }
     /// Sets `state` unless the request is already further on: a server may answer while the upload
     /// still runs, and the upload must not undo what the response has reached.
     void raiseState(RequestState state) noexcept;
     [[nodiscard]] RequestState state() const noexcept { return state_; }
 
-    /// A cancelled request stores no more response bytes.
+    /// A cancelled request stores no more response bytes and delivers none.
     void setCancelled(bool cancelled) noexcept { answer_.setCancelled(cancelled); }
     [[nodiscard]] bool isCancelled() const noexcept { return answer_.isCancelled(); }
 
@@ -73,10 +79,11 @@ public:
     /// 1-based position of the request's element in the SLP message that carries it.
     void setMessageIndex(std::uint32_t index) noexcept { messageIndex_ = index; }
     [[nodiscard]] std::uint32_t messageIndex() const noexcept { return messageIndex_; }
+    /// Content-Id of the request's part in the message.
     void setContentId(std::string id) { contentId_ = std::move(id); }
     [[nodiscard]] const std::string& contentId() const noexcept { return contentId_; }
 
-    // -- outgoing part, see OutgoingPart ------------------------------------------------------
+    // -- outgoing part: what each operation does stands at OutgoingPart -----------------------
 
     void writePartHeader(std::string_view boundary) { part_.writeHeader(boundary, contentId_); }
     [[nodiscard]] const std::string& transferEncoding() const noexcept {
@@ -93,7 +100,7 @@ public:
     [[nodiscard]] bool isAcceptingData() const { return part_.isAccepting(); }
     [[nodiscard]] bool dataTransferStarted() const noexcept { return part_.hasStarted(); }
 
-    // -- answer, see Answer -------------------------------------------------------------------
+    // -- answer: what each operation does stands at Answer ------------------------------------
 
     void setExpectedPartIds(const std::vector<std::string>& ids) {
         answer_.setExpectedPartIds(ids);
@@ -110,15 +117,17 @@ public:
     bool deliverNext() { return answer_.deliverNext(); }
     void requestNextChunk() { answer_.requestNextChunk(); }
     [[nodiscard]] bool isWaitingForGetData() const { return answer_.isWaitingForGetData(); }
+    /// How far the answer is ahead of the client, for tests and measurements.
     [[nodiscard]] const Answer& answer() const noexcept { return answer_; }
 
     // -- transfer queue -----------------------------------------------------------------------
 
-    /// True when this request goes before `other` in a transfer queue: prepared requests first,
-    /// each group in ascending request id.
+    /// True when this request goes before `other` in a transfer queue: prepared requests come
+    /// first, each group in ascending request id.
     [[nodiscard]] bool goesBefore(const RequestData& other) const noexcept;
 
-    /// Index at which this request is inserted into `queue`, which is in transfer order.
+    /// Index at which this request is inserted into `queue`, which is in transfer order. Behind
+    /// requests with which it ties.
     [[nodiscard]] int queuePosition(std::span<const std::shared_ptr<RequestData>> queue) const;
 
 private:

@@ -20,15 +20,18 @@ struct ResponseHead {
         std::string boundary; ///< ends before its first NUL
     };
 
-    std::optional<Multipart> multipart; ///< unset when the head was not read up to its Content-Type
-    std::optional<SlpError> error;      ///< the last thing found wrong
+    /// Unset when the head has no Content-Type, or was not read that far.
+    std::optional<Multipart> multipart;
+    std::optional<SlpError> error; ///< the last thing found wrong
 };
 
 /// Reads a head: the bytes of a response before its first empty line. A status of 400 or more is an
-/// error, but the head is read on, and what is wrong with its format replaces that error.
+/// error. The head is read on all the same, and a fault of its format replaces that error.
+/// @throws std::bad_alloc, as all functions here.
 [[nodiscard]] ResponseHead parseResponseHead(std::string_view head);
 
-/// Error code for an HTTP status of 400 or more.
+/// Error code for an HTTP status of 400 or more: 41 for 400, 56 for 401 and 403, 55 from 500 on, 43
+/// for all others.
 [[nodiscard]] int statusToErrorCode(long status) noexcept;
 
 /// Value of the parameter `name` (in lower case) of a Content-Type line; empty when it is absent.

@@ -16,7 +16,8 @@ class RequestData;
 /// requests from 1 in queue order (message index) and names their parts "part1", "part2", …
 /// (content id).
 ///
-/// Names and values go into the document as they are; nothing is validated. Worker thread.
+/// Names and values go into the document as they are; nothing is validated. Line breaks are bare
+/// line feeds here and become CR LF on the wire. Worker thread.
 /// @param parameters settings that replace the built-in values, and the device's identity.
 /// @return always 0.
 int composeSlpHeaderPart(std::string_view boundary,

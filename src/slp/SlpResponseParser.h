@@ -13,16 +13,17 @@ namespace orvexd {
 
 class RequestData;
 
-/// Takes the response of one exchange as it arrives, head included, and hands the bytes of its data
-/// parts to the requests they belong to.
+/// Takes the response of one exchange as it arrives, head included, and delivers the bytes of its
+/// data parts to the requests to which they belong (multipart/related: RFC 2387; delimiters: RFC
+/// 2046, 5.1.1).
 ///
-/// Bytes of a data part go on at once, as a view of the chunk they came in. Kept are only the head
-/// until it is complete, the part that holds the SLP document, and a line break at the end of a
-/// chunk, which may turn out to belong to the delimiter. A delimiter split over two chunks is not
-/// recognised, and a part's header block must not be split either.
+/// The bytes of a data part go on at once, as a view of the chunk in which they came. The parser
+/// keeps only the head until it is complete, the part that holds the SLP document, and a line break
+/// at the end of a chunk, which may turn out to belong to the delimiter. It does not recognise a
+/// delimiter that is split over two chunks. A part's header block must not be split either.
 ///
 /// Errors never stop the parsing; a later one replaces an earlier one. All operations run on the
-/// worker thread. They throw nothing but std::bad_alloc.
+/// worker thread. They throw nothing but std::bad_alloc, after which the parser is not used again.
 class SlpResponseParser {
 public:
     /// @param requests the exchange's requests in transfer order; must outlive the parser.
@@ -31,18 +32,20 @@ public:
     SlpResponseParser(const SlpResponseParser&) = delete;
     SlpResponseParser& operator=(const SlpResponseParser&) = delete;
 
-    /// Takes the next bytes of the response. @return the chunk's length, whatever it holds.
+    /// Takes the next bytes of the response. The cost is linear in the bytes.
+    /// @return the chunk's length, whatever it holds: libcurl would end the transfer otherwise.
     std::size_t feed(std::string_view chunk);
 
     /// The response has ended: completes a part that is still open and checks that every request
     /// got what was announced for it.
     void finish();
 
-    bool hasError() const noexcept { return hasError_; }
+    /// Whether the response is not what it should be, judged by what has come so far.
+    [[nodiscard]] bool hasError() const noexcept { return hasError_; }
     /// Code of the last error, 0 when there was none. Stays when a further head clears the error.
-    int errorCode() const noexcept { return error_.code; }
+    [[nodiscard]] int errorCode() const noexcept { return error_.code; }
     /// Text of the last error; may hold any bytes of the server.
-    std::string errorText() const { return error_.text; }
+    [[nodiscard]] std::string errorText() const { return error_.text; }
 
 private:
     void feedHead(std::string_view chunk);

@@ -10,7 +10,7 @@ namespace orvexd {
 /// The empty line that ends a block of header lines, with the line break before it.
 inline constexpr std::string_view kBlankLine = "\r\n\r\n";
 
-/// ASCII lower case; bytes above 127 stay, whatever the locale.
+/// ASCII lower case. Bytes above 127 stay as they are, whatever the locale.
 constexpr char asciiLower(char c) noexcept {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
@@ -39,7 +39,7 @@ constexpr char asciiLower(char c) noexcept {
                                : static_cast<std::size_t>(found - text.begin());
 }
 
-/// Answers "where is the next one?" for positions that only grow: the place found last is the
+/// Answers "where is the next one?" for positions that only grow. The place found last is the
 /// answer until the caller has passed it, so all questions together read the text once.
 class NextOccurrence {
 public:

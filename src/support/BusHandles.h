@@ -7,13 +7,16 @@
 
 namespace orvexd {
 
-/// One reference to a message.
+/// One reference to a message; ends with the owner. libdbus counts references atomically, but the
+/// daemon uses messages on the main loop's thread only.
 using BusMessage = std::unique_ptr<DBusMessage, FreeWith<dbus_message_unref>>;
 
-/// One reference to a shared connection (dbus_bus_get); never closed by its holder.
+/// One reference to a shared connection. dbus_bus_get keeps one of its own for the life of the
+/// process, so the holder gives back its reference and never closes the connection.
 using BusConnection = std::unique_ptr<DBusConnection, FreeWith<dbus_connection_unref>>;
 
-/// An error slot for libdbus calls.
+/// An error slot for libdbus calls, initialised and freed with its scope. One slot serves one call:
+/// libdbus refuses a slot that holds an error already.
 class BusError {
 public:
     BusError() noexcept { dbus_error_init(&error_); }
@@ -21,10 +24,12 @@ public:
     BusError(const BusError&) = delete;
     BusError& operator=(const BusError&) = delete;
 
+    /// What a libdbus call takes as its last argument.
     DBusError* get() noexcept { return &error_; }
-    bool isSet() const noexcept { return dbus_error_is_set(&error_) != FALSE; }
-    const char* name() const noexcept { return error_.name; }
-    const char* message() const noexcept { return error_.message; }
+    /// True when a call has failed; name and message are null otherwise.
+    [[nodiscard]] bool isSet() const noexcept { return dbus_error_is_set(&error_) != FALSE; }
+    [[nodiscard]] const char* name() const noexcept { return error_.name; }
+    [[nodiscard]] const char* message() const noexcept { return error_.message; }
 
 private:
     DBusError error_{};

@@ -8,8 +8,10 @@
 
 namespace orvexd {
 
-/// Bytes in order of arrival, kept in blocks: appending and taking cost time proportional to the
-/// bytes, and memory is given back while a long queue is drained. Not thread-safe.
+/// Bytes in order of arrival, kept in blocks. Appending and taking cost time proportional to the
+/// bytes, and memory is given back while a long queue is drained.
+///
+/// Not thread-safe: the owner guards it with its own lock.
 class ByteQueue {
 public:
     /// Size of the largest block unless told; longer input is spread over several.
@@ -26,24 +28,30 @@ public:
     ByteQueue(ByteQueue&& other) noexcept;
     ByteQueue& operator=(ByteQueue&& other) noexcept;
 
-    std::size_t size() const noexcept { return size_; }
-    bool empty() const noexcept { return size_ == 0; }
+    /// Bytes that are stored and not yet taken.
+    [[nodiscard]] std::size_t size() const noexcept { return size_; }
+    [[nodiscard]] bool empty() const noexcept { return size_ == 0; }
 
-    /// Copies `bytes` to the end. On bad_alloc the queue holds what it held before.
+    /// Copies `bytes` to the end.
+    /// @throws std::bad_alloc; the queue then holds what it held before.
     void append(std::string_view bytes);
 
-    /// Moves min(size, room) bytes from the front into `room`; returns how many.
-    std::size_t takeInto(std::span<char> room) noexcept;
+    /// Moves bytes from the front into `room`.
+    /// @return how many: the smaller of the queue's and the room's size.
+    [[nodiscard]] std::size_t takeInto(std::span<char> room) noexcept;
 
-    /// Takes min(size, maxBytes) bytes from the front as a string.
-    std::string take(std::size_t maxBytes);
+    /// Takes up to `maxBytes` bytes from the front. A block of exactly that size becomes the string
+    /// without a copy.
+    /// @throws std::bad_alloc; the queue then holds what it held before.
+    [[nodiscard]] std::string take(std::size_t maxBytes);
 
-    /// True when the last two bytes are a carriage return and a line feed.
-    bool endsWithLineBreak() const noexcept;
+    /// True when the last two bytes are a carriage return and a line feed, wherever blocks end.
+    [[nodiscard]] bool endsWithLineBreak() const noexcept;
 
     /// Drops the last `count` bytes; `count` must not exceed the size.
     void dropBack(std::size_t count) noexcept;
 
+    /// Drops all bytes and gives the memory back.
     void clear() noexcept;
 
 private:

@@ -22,13 +22,14 @@ private:
     std::shared_ptr<const Lifetime*> token_ = std::make_shared<const Lifetime*>(this);
 };
 
-/// The record in which work crosses from any thread to the main loop: one action, run once, unless
-/// the object that it calls is gone by then.
+/// The record in which work crosses from any thread to the main loop: one action, which runs once,
+/// unless the object that it calls is gone by then. Made and handed over by `postToMainLoop`.
 template <typename Action> class MainLoopPost {
 public:
     MainLoopPost(Lifetime::Watch target, Action action)
         : target_(std::move(target)), action_(std::move(action)) {}
 
+    /// GLib's callback: runs the action if its target lives. Main loop's thread, once.
     static gboolean run(gpointer data) noexcept {
         tsan::acquire(data);
         auto& post = *static_cast<MainLoopPost*>(data);
@@ -38,6 +39,7 @@ public:
         return G_SOURCE_REMOVE;
     }
 
+    /// GLib's notification that it needs the record no more. Main loop's thread.
     static void release(gpointer data) noexcept {
         tsan::acquire(data);
         const std::unique_ptr<MainLoopPost> post(static_cast<MainLoopPost*>(data));
@@ -69,6 +71,7 @@ public:
     MainLoopTimer(const MainLoopTimer&) = delete;
     MainLoopTimer& operator=(const MainLoopTimer&) = delete;
 
+    /// True from `start` until the action begins or is cancelled.
     [[nodiscard]] bool isPending() const noexcept { return source_ != 0; }
 
     /// Runs `action` once after `delay`; must not be pending. `action` may end this timer. Delays

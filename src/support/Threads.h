@@ -7,8 +7,8 @@
 #include <mutex>
 #include <utility>
 
-// ThreadSanitizer sees neither GLib's futex-based GMutex and GCond nor the hand-over of a record
-// through a main context. These calls tell it; in every other build they are empty.
+// ThreadSanitizer does not see GLib's futex-based GMutex and GCond, nor the hand-over of a record
+// through a main context. The calls in namespace tsan tell it. In every other build they are empty.
 
 #if defined(__SANITIZE_THREAD__)
 #define ORVEXD_THREAD_SANITIZER 1
@@ -56,9 +56,9 @@ inline void acquire(void* record) noexcept {
     __tsan_acquire(record);
 }
 
-/// While it lives, the sanitizer's stacks show `function`. What runs within a library has no frames
-/// otherwise, so that a suppression could only name the function of ours that calls it, with all
-/// else that this one does.
+/// While it lives, the sanitizer's stacks show `function`. Code within a library has no frames of
+/// its own there. Without this, a suppression could only name our function that calls the library,
+/// and would hide everything else that this function does.
 class LibraryFrame {
 public:
     template <typename Function>
@@ -92,7 +92,8 @@ public:
 
 namespace orvexd {
 
-/// GLib's plain mutex with the standard library's lock interface.
+/// GLib's plain mutex with the standard library's lock interface, so that `Lock` guards it. A
+/// thread that locks it twice waits for ever. It must not move: threads wait on its address.
 class Mutex {
 public:
     Mutex() noexcept {
@@ -122,7 +123,7 @@ private:
     GMutex mutex_{};
 };
 
-/// GLib's condition variable.
+/// GLib's condition variable. The waiter holds the mutex; who broadcasts need not.
 class Condition {
 public:
     Condition() noexcept { g_cond_init(&condition_); }
@@ -130,12 +131,13 @@ public:
     Condition(const Condition&) = delete;
     Condition& operator=(const Condition&) = delete;
 
+    /// Wakes every thread that waits. Nothing is kept for threads that wait later.
     void broadcast() noexcept { g_cond_broadcast(&condition_); }
 
     /// Releases `mutex`, which the caller holds, waits and takes it again.
     /// @param deadline microseconds on g_get_monotonic_time's clock.
     /// @return false when the deadline has passed; true on a wake-up, which may be spurious.
-    bool waitUntil(Mutex& mutex, gint64 deadline) noexcept {
+    [[nodiscard]] bool waitUntil(Mutex& mutex, gint64 deadline) noexcept {
         tsan::beforeUnlock(&mutex.mutex_);
         tsan::afterUnlock(&mutex.mutex_);
         const bool woken = g_cond_wait_until(&condition_, &mutex.mutex_, deadline) != FALSE;
@@ -148,9 +150,11 @@ private:
     GCond condition_{};
 };
 
+/// Holds a mutex for its scope.
 using Lock = std::lock_guard<Mutex>;
 
-/// A GLib thread that is joined by whoever holds it, at the latest when it goes out of scope.
+/// A GLib thread that is joined by whoever holds it, at the latest when it goes out of scope. All
+/// operations belong to the thread that holds it.
 class WorkerThread {
 public:
     WorkerThread() noexcept = default;
@@ -158,6 +162,7 @@ public:
     WorkerThread(const WorkerThread&) = delete;
     WorkerThread& operator=(const WorkerThread&) = delete;
 
+    /// True from a successful `start` until `join`, also when the thread has ended by itself.
     [[nodiscard]] bool isJoinable() const noexcept { return thread_ != nullptr; }
 
     /// Joins a thread held before, then starts `entry(argument)` on a new one.
@@ -168,7 +173,8 @@ public:
         return thread_ != nullptr;
     }
 
-    /// Waits until the thread has ended; nothing happens when none is held.
+    /// Waits until the thread has ended, without a limit of its own. Nothing happens when none is
+    /// held.
     void join() noexcept {
         if (thread_ != nullptr) {
             g_thread_join(std::exchange(thread_, nullptr));

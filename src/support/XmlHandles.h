@@ -9,20 +9,25 @@
 
 namespace orvexd {
 
+/// A parsed or built document with all its nodes. Nodes and attributes point into it and end with
+/// it.
 using XmlDocument = std::unique_ptr<xmlDoc, FreeWith<xmlFreeDoc>>;
 
-/// Frees text that libxml2 allocated; `xmlFree` is a variable and thus no template argument.
+/// Frees text that libxml2 allocated. `xmlFree` is a variable, so it cannot be a template argument
+/// of FreeWith.
 struct XmlTextFree {
     void operator()(xmlChar* text) const noexcept { xmlFree(text); }
 };
+/// Text that libxml2 allocated for its caller; UTF-8, NUL-terminated.
 using XmlText = std::unique_ptr<xmlChar, XmlTextFree>;
 
-/// The attribute or content text as plain characters; null stays null.
+/// The text as plain characters, valid as long as its owner; null stays null.
 inline const char* asText(const XmlText& text) noexcept {
     return reinterpret_cast<const char*>(text.get());
 }
 
-/// Plain characters as libxml2 takes them.
+/// NUL-terminated characters as libxml2 takes them. libxml2 expects UTF-8 and takes other bytes as
+/// they are.
 inline const xmlChar* asXml(const char* text) noexcept {
     return reinterpret_cast<const xmlChar*>(text);
 }
