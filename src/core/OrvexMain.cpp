@@ -24,7 +24,7 @@ std::uint32_t durationParameter(const char* key, const char* fallback) {
         readNumber(OrvexMain::getConfiguration().get(key, fallback)).value);
 }
 
-/// The next id of a counter; 0 is no id, also after the counter has wrapped.
+/// The next id of a counter. The counter skips 0, which is no id, when it wraps.
 std::uint32_t nextId(std::uint32_t& counter) noexcept {
     counter = counter + 1 == 0 ? 1 : counter + 1;
     return counter;
@@ -101,8 +101,8 @@ void OrvexMain::cancelRequest(std::uint32_t connectionId, std::uint32_t requestI
     }
 }
 
-/// Cancels a request. One that waits for an exchange goes at once, one that is part of an exchange
-/// when that ends.
+/// Cancels a request. A request that waits for an exchange goes at once. A request that is part of
+/// an exchange goes when the exchange ends.
 void OrvexMain::cancelLive(const RequestPointer& request) {
     request->setCancelled(true);
     if (request->state() == RequestState::Created) {

@@ -56,8 +56,8 @@ bool OrvexMain::isExchangeWorthwhile() {
     return wanted || !networkManager_.hasFlaggedConnection();
 }
 
-/// The waiting requests that may use the connection. Prepared ones that may not are dropped and
-/// reported; attached ones go on waiting, whatever their number.
+/// The waiting requests that may use the connection. Prepared requests that may not use it are
+/// dropped and reported; attached ones go on waiting.
 OrvexMain::Requests OrvexMain::collectSendable() {
     Requests sendable;
     Requests notAllowed;
@@ -78,7 +78,7 @@ OrvexMain::Requests OrvexMain::collectSendable() {
         requests_.remove(request);
     }
     reportFailure("Current network connection not allowed", notAllowed);
-    postFinished(notAllowed); // nothing answers their held calls any more; behind the error
+    postFinished(notAllowed); // after the error: nothing answers their held calls any more
     return sendable;
 }
 
@@ -101,7 +101,7 @@ bool OrvexMain::startWorker(Requests queue) {
     for (const RequestPointer& request : queue) {
         requests_.setWaiting(request);
     }
-    return false; // what a failed exchange still has to do at its end may start the next one
+    return false; // if an exchange has just failed, its end tries again in 50 ms
 }
 
 void OrvexMain::onExchangeFinished() {

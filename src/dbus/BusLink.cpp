@@ -13,7 +13,7 @@ namespace orvexd {
 
 namespace {
 
-// Together below the 32 MiB at which a bus disconnects the sender.
+// Text and list fit into one message together: a bus disconnects the sender of more than 32 MiB.
 constexpr std::size_t kLongestText = std::size_t{14} * 1024 * 1024;
 constexpr std::size_t kLongestList = std::size_t{16} * 1024 * 1024;
 
@@ -85,8 +85,8 @@ void BusLink::sendError(DBusMessage& call, int code) {
 // -- texts ---------------------------------------------------------------------------------------
 
 std::string toBusText(const std::string& text) {
-    // No byte becomes less than one: what lies further behind the limit than the rest of
-    // a character is cut anyway.
+    // The repair makes no text shorter. So only the rest of one character behind the limit can
+    // matter.
     constexpr std::size_t kRestOfCharacter = 3;
     const std::size_t end =
         std::min(text.find('\0'), std::min(text.size(), kLongestText + kRestOfCharacter));
@@ -103,7 +103,7 @@ std::vector<std::string> splitKeyList(const std::string& keys) {
     while (keys.size() - begin > kLongestList) {
         const std::size_t blank = keys.rfind(' ', begin + kLongestList);
         if (blank == std::string::npos || blank <= begin) {
-            break; // one key longer than a list: there is none
+            break; // a key longer than a list does not exist
         }
         lists.push_back(keys.substr(begin, blank - begin));
         begin = blank + 1;

@@ -20,13 +20,15 @@ namespace {
 
 constexpr std::chrono::seconds kDefaultShutdownDelay(60);
 
-/// File descriptors of messages that wait for their handler: no member takes one, all are closed.
+/// Most file descriptors of messages that wait for their handler. No member takes a descriptor: all
+/// are closed with their message.
 constexpr long kMostReceivedDescriptors = 64;
-/// File descriptors of one message; libdbus's own limit is 16, but a bus may pass more. The kernel
-/// hands over no more at a time, and libdbus takes all of a message at once.
+/// Most file descriptors of one message. libdbus's own limit is 16, but a bus may pass more. The
+/// kernel hands over at most 253 at a time (SCM_MAX_FD), and libdbus reads those of a message at
+/// once.
 constexpr long kMostMessageDescriptors = 253;
 
-/// The configured delay; anything but a number of at least 1 keeps the default.
+/// The configured delay. The default holds unless the setting is a number of at least 1.
 std::chrono::seconds configuredShutdownDelay() {
     const Number seconds = readNumber(ConfHandler::get("daemon_shutdown_delay"));
     const bool usable = seconds.fits && seconds.value >= 1 && seconds.value <= INT_MAX;
@@ -43,7 +45,8 @@ DbusService::DbusService(IMainLoop& mainLoop)
 }
 
 DbusService::~DbusService() {
-    // After a signal nobody has called quit: the worker must be gone before anything that it uses.
+    // When a signal ends the main loop, nobody has called quit. The worker must end before the
+    // objects that it uses.
     core_->shutdown();
     locationSettings_.reset();
     leaveBus();
@@ -70,8 +73,8 @@ bool DbusService::connectToBus() {
         }
     }
     dbus_threads_init_default();
-    // A message with more descriptors than its limit ends the connection to the bus. So does one
-    // that exceeds the process's limit, as they would when received faster than handled.
+    // libdbus ends the connection when a message has more descriptors than its limit, or when the
+    // process has no descriptor left because messages come faster than they are handled.
     dbus_connection_set_max_received_unix_fds(BusLink::connection(), kMostReceivedDescriptors);
     dbus_connection_set_max_message_unix_fds(BusLink::connection(), kMostMessageDescriptors);
     dbus_connection_setup_with_g_main(BusLink::connection(), nullptr);
@@ -86,7 +89,7 @@ bool DbusService::requestName() {
     return !error.isSet() && reply != DBUS_REQUEST_NAME_REPLY_EXISTS;
 }
 
-/// Broadcast signals on the interface are not addressed to the daemon: "cancel" needs a match.
+/// Clients broadcast the signal "cancel": without a match the bus would not pass it on.
 bool DbusService::subscribe() {
     BusError error;
     dbus_bus_add_match(BusLink::connection(), bus::kMatchRule, error.get());

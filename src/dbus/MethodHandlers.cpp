@@ -29,7 +29,7 @@ template <int Type, typename Value> bool readBasic(DBusMessageIter& arguments, V
         return false;
     }
     dbus_message_iter_get_basic(&arguments, &value);
-    (void)dbus_message_iter_next(&arguments); // the next read finds the end by itself
+    (void)dbus_message_iter_next(&arguments); // false at the end, which the next read sees itself
     return true;
 }
 
@@ -68,7 +68,7 @@ bool readArgument(DBusMessageIter& arguments, Bytes& bytes) {
 /// @throws int `code` when they are not of these types.
 template <typename... Types> std::tuple<Types...> readArguments(DBusMessage& message, int code) {
     DBusMessageIter iterator;
-    (void)dbus_message_iter_init(&message, &iterator); // false: there are none, as the reads find
+    (void)dbus_message_iter_init(&message, &iterator); // false without arguments, as the reads see
     std::tuple<Types...> values;
     const bool areRead =
         std::apply([&](auto&... value) { return (readArgument(iterator, value) && ...); }, values);
@@ -82,7 +82,7 @@ BusMessage makeReturn(DBusMessage& call) {
     return BusMessage(dbus_message_new_method_return(&call));
 }
 
-/// Sends the reply with one value in it; without memory for the value nothing is sent.
+/// Sends the reply with one value in it. Nothing is sent when there is no memory for the value.
 template <int Type, typename Value> DBusHandlerResult answer(BusMessage reply, Value value) {
     if (dbus_message_append_args(reply.get(), Type, &value, DBUS_TYPE_INVALID) != FALSE) {
         BusLink::sendOrThrow(std::move(reply));
@@ -106,8 +106,8 @@ bool appendStatusVariant(DBusMessage& reply, dbus_uint32_t status) {
 }
 
 DBusHandlerResult replyPropertyError(DBusMessage& call, const char* text) {
-    // The bare word is the name that this error has always had. It is no valid error name, and
-    // libdbus ends the process when asked for such a reply: the caller is left to libdbus instead.
+    // The bare word is the name that this error has always had. It is not a valid error name, and
+    // libdbus ends the process when it is asked for such a reply. So libdbus answers the caller.
     constexpr const char* kName = "error";
     if (dbus_validate_error_name(kName, nullptr) == FALSE) {
         return kNotHandled;
@@ -196,7 +196,7 @@ DBusHandlerResult DbusService::onConnect(DBusMessage& call) {
 }
 
 DBusHandlerResult DbusService::onDisconnect(DBusMessage& call) {
-    // The failed reading's result, 0, stands for a code.
+    // The error carries 0, the result of the failed reading, instead of a code.
     const auto [connectionId] = readArguments<dbus_uint32_t>(call, failure::kNone);
     core_->closeConnection(connectionId);
     BusMessage reply = makeReturn(call);

@@ -27,8 +27,8 @@ template <typename... Arguments> void emitSignal(const char* member, Arguments..
 } // namespace
 
 bool DbusService::isExchangePermitted() {
-    // Without settings nobody forbids it: the platform may report while this service is being
-    // built.
+    // The platform may report while this service is being built and has no settings yet. Nobody
+    // forbids an exchange then.
     return !locationSettings_ || locationSettings_->isNetworkPositioningEnabled();
 }
 

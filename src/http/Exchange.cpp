@@ -54,14 +54,14 @@ bool Exchange::start() {
 gpointer Exchange::threadFunc(gpointer exchange) noexcept {
     silenceXmlErrors();
     static_cast<Exchange*>(exchange)->runExchange();
-    returnFreeMemory(); // what this exchange has needed the next one may not need
+    returnFreeMemory(); // the next exchange may need less than this one
     return nullptr;
 }
 
 void Exchange::runExchange() {
     Outcome outcome = transferQueue();
-    // Before the main loop hears of the end: it may drop the requests then, and must be the last
-    // that holds them.
+    // Before the main loop hears of the end: from then on it holds the only references, so that
+    // requests end on its thread.
     queue_.clear();
     postToMainLoop(lifetime_, [this, outcome = std::move(outcome)] { end(outcome); });
 }

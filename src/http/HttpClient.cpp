@@ -97,13 +97,13 @@ void HttpClient::setHandleOptions(CURL* handle, const std::string& files) {
     // The message is one chunked POST, which HTTP/2 does not have; libcurl would accept h2.
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     // A name server that does not answer holds up the thread that asks it for minutes. libcurl
-    // would wait for that thread when its time-out has passed; so it leaves it to itself.
+    // would wait for that thread after its own time-out has passed. This lets it go on without.
     curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
 }
 
 int HttpClient::performTransfer(const std::vector<std::string>& headerLines, RequestBody& body,
                                 SlpResponseParser& parser) {
-    HeaderList headers; // before the handle, which reads the list and the buffer to its end
+    HeaderList headers; // declared before the handle, which reads the list until it ends
     for (const std::string& line : headerLines) {
         headers.append(line);
     }

@@ -47,8 +47,8 @@ struct Progress {
     std::size_t written = 0;
 };
 
-/// Copies `size` bytes. Short lines are the usual case: they are moved in one piece of fixed size,
-/// without a call, where both sides have room for what comes behind them.
+/// Copies `size` bytes. Most lines are short. Where both sides have room behind them, they are
+/// copied in one piece of fixed size, which needs no call.
 void copyLine(char* to, std::size_t room, std::string_view from, std::size_t size) noexcept {
     constexpr std::size_t kPiece = 64;
     if (size <= kPiece && room >= kPiece && from.size() >= kPiece) {
@@ -58,8 +58,8 @@ void copyLine(char* to, std::size_t room, std::string_view from, std::size_t siz
     }
 }
 
-/// Normalises whole lines while they fit into `out` for certain; stops in front of the first that
-/// may not, or behind the last line feed.
+/// Normalises whole lines while they certainly fit into `out`. Stops in front of the first line
+/// that may not fit, or behind the last line feed.
 Progress normalizeFittingLines(std::string_view chunk, std::span<char> out) noexcept {
     Progress progress;
     while (progress.taken < chunk.size()) {

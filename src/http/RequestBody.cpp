@@ -21,10 +21,10 @@ constexpr const char* kUnannouncedType = "position";
 constexpr long kDefaultWait = 5000; // milliseconds, as all of these
 constexpr const char* kFingerprintKey = "orvexd/wait_timeout/fingerprint";
 constexpr const char* kFingerprintWait = "90000";
-// The per-type key of an empty type ends in a slash; this one does not and is another key.
+// Not the key of an empty type, which ends in a slash.
 constexpr const char* kFallbackKey = "orvexd/wait_timeout";
 
-/// g_get_monotonic_time's clock, `wait` from now; far futures are cut to the clock's end.
+/// The time `wait` from now on g_get_monotonic_time's clock, at most the last time of that clock.
 gint64 deadlineAfter(std::chrono::milliseconds wait) {
     constexpr gint64 kLatest = std::numeric_limits<gint64>::max();
     constexpr gint64 kMicrosecondsPerMillisecond = 1000;
@@ -68,9 +68,9 @@ std::size_t RequestBody::readBody(std::span<char> buffer) {
     if (slice.raw || slice.size == 0) {
         return slice.size;
     }
-    // A slice of short lines grows to nearly twice its size, far beyond the reserve. The slices
-    // stay as they are, since a line feed at the start of one is special; what does not fit is sent
-    // next.
+    // A slice of short lines grows to nearly twice its size, which exceeds the reserve. The slice
+    // is not cut again, because a line feed at the start of a slice stays bare. The rest is sent
+    // with the next call.
     return normalizeLineEnds({scratch_.data(), slice.size}, buffer, carry_);
 }
 
@@ -144,13 +144,13 @@ void RequestBody::advanceToNextPart() {
         sent.raiseState(RequestState::Sent);
     }
     if (currentPart_ + 1 >= count) {
-        // A flag of its own, not the last request's state: an early response changes that.
+        // A flag of its own: an early response changes the last request's state.
         partsClosed_ = true;
         return;
     }
     ++currentPart_;
     RequestData& next = *queue_[static_cast<std::size_t>(currentPart_)];
-    next.writePartHeader(boundary_); // before data is accepted, which the header precedes
+    next.writePartHeader(boundary_); // before data is accepted: the header goes first
     next.raiseState(RequestState::Sending);
     next.setAcceptingData(true);
     owner_.postRequestData(next.connectionId(), next.requestId());

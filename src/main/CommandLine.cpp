@@ -16,7 +16,7 @@ using trilba::core::Directory;
 
 namespace {
 
-/// Goes to the background; a daemon that cannot serves as well.
+/// Goes to the background. A daemon that cannot do so serves in the foreground.
 void detach() {
     [[maybe_unused]] const int ignored = daemon(0, 0);
 }

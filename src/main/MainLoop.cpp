@@ -26,7 +26,7 @@ MainLoop& MainLoop::getInstance() {
 }
 
 bool MainLoop::checkEnvironment() {
-    // The platform reads the device identity from these; here they only have to be there.
+    // The platform reads the device identity from these. They only have to be set here.
     static constexpr std::array kVariables = {
         "KELVRA_UNIQUE_DEVICE_ID", "KELVRA_IMEI_FRAGMENT", "KELVRA_DEVICE_MANUFACTURER",
         "KELVRA_DEVICE_FIRMWARE_VERSION", "KELVRA_DEVICE_TERMINAL_MODEL"};

@@ -25,9 +25,9 @@ extern "C" gboolean quitOnSignal(gpointer /*data*/) noexcept {
     return G_SOURCE_REMOVE; // a second signal of the same kind ends the process
 }
 
-/// libdbus lets the buffer of its incoming messages grow with each large one and shrinks it again.
-/// From 128 KiB on, a message of 64 KiB included, such a buffer would be a mapping of its own,
-/// whose pages the kernel clears and takes back every time: a fifth of the time of an upload.
+/// libdbus grows the buffer of its incoming messages for each large message and shrinks it again. A
+/// message of 64 KiB needs 128 KiB, which glibc would take from the kernel as a mapping of its own
+/// and give back every time. That would cost a fifth of the time of an upload.
 void keepBuffersInHeap() {
 #ifdef __GLIBC__
     constexpr int kLargestBuffer = 1024 * 1024;
@@ -45,7 +45,7 @@ void prepareProcess() {
     orvexd::silenceXmlErrors();
 }
 
-/// These calls confirm the directories after the command line may have moved them.
+/// Asks for the directories once, after the command line may have changed them.
 void confirmDirectories() {
     std::string path;
     bool isSet = false;
@@ -76,8 +76,8 @@ int main(int argc, char** argv) {
     if (!mainLoop.init(argc, argv)) {
         return 1;
     }
-    // After init on purpose: the settings in force are those that the objects took from the still
-    // empty store. The file only has to be well formed; a wrong one ends the process.
+    // After init on purpose: the objects have taken their settings from the store while it was
+    // empty. The file only has to be well formed; a malformed one ends the process.
     loadConfiguration();
     g_unix_signal_add(SIGINT, quitOnSignal, nullptr);
     g_unix_signal_add(SIGTERM, quitOnSignal, nullptr);

@@ -36,7 +36,7 @@ OrvexNetworkManager::OrvexNetworkManager(INetworkOwner& owner)
     : owner_(owner), mainThread_(std::this_thread::get_id()) {}
 
 OrvexNetworkManager::~OrvexNetworkManager() {
-    // First of all: the platform calls this object until its manager is gone.
+    // Before all members: the platform calls this object until its manager is gone.
     connectionManager_.reset();
 }
 
@@ -98,11 +98,11 @@ std::uint32_t OrvexNetworkManager::currentStatus() const {
 }
 
 std::string OrvexNetworkManager::proxyFor() const {
-    // The worker asks. The pointer does not change between start and the destructor.
+    // The worker may use the pointer: it does not change between start and the destructor.
     if (!connectionManager_) {
         return {};
     }
-    ProxyQuery query{}; // all of the host is NUL, whatever the platform fills in
+    ProxyQuery query{}; // the host begins as NUL bytes
     query.size = kProxyQuerySize;
     query.port = kPresetProxyPort;
     if (connectionManager_->lookUpProxy(deployment::kServerUrl, &query) != 0) {

@@ -6,7 +6,7 @@ namespace orvexd {
 
 namespace {
 
-/// Chunks between these sizes are stored as they will be delivered.
+/// Chunks between these sizes are stored in the form in which they are delivered.
 constexpr std::size_t kLeastStoredChunk = std::size_t{4} * 1024;
 constexpr std::size_t kLargestStoredChunk = std::size_t{256} * 1024;
 
@@ -145,7 +145,7 @@ bool Answer::appendToPart(std::string_view bytes, bool partComplete) {
 
 /// Delivers the front of `bytes` to a client that waits, without storing it first, and stores what
 /// the chunk has no room for. Only in the middle of a part of which nothing is stored.
-/// @return false when the bytes have to go the usual way.
+/// @return false when the bytes have to be stored first.
 bool Answer::passThrough(std::string_view bytes) {
     if (cancelled_ || waitingForGetData_ || responseBuffers_.size() != 1) {
         return false;

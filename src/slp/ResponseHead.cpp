@@ -16,9 +16,9 @@ constexpr auto kNone = std::string_view::npos;
 constexpr long kFirstErrorStatus = 400;
 constexpr long kFirstServerError = 500;
 
-/// Looks at the status line. A blank that is missing counts as one in front of the head, so that
-/// the code or the text after it is read from the head's start.
-/// @return false when the head is not worth reading on.
+/// Looks at the status line. Where a blank is missing, the code or the text is read from the start
+/// of the head.
+/// @return false when the rest of the head does not matter any more.
 bool parseStatus(std::string_view head, std::optional<SlpError>& error) {
     if (!head.starts_with("HTTP")) {
         std::string text = "Malformed response from server: should start with HTTP, instead of: [";
@@ -66,7 +66,7 @@ ResponseHead parseResponseHead(std::string_view head) {
     const std::string_view line = upTo(head.substr(contentType), '\n');
     ResponseHead::Multipart multipart{contentTypeParameter(line, "start"),
                                       contentTypeParameter(line, "boundary")};
-    // The delimiter is a text, and a text ends at its first NUL.
+    // The body is searched for the delimiter as for a NUL-terminated text.
     multipart.boundary.resize(upTo(multipart.boundary, '\0').size());
     if (multipart.startId.empty()) {
         result.error = SlpError{failure::kFormat, "'start' attribute not found"};

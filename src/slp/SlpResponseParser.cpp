@@ -34,7 +34,7 @@ std::size_t SlpResponseParser::feed(std::string_view chunk) {
     if (chunk.empty()) {
         return 0;
     }
-    // A further head after that of an interim answer or of a proxy: what the first one lacked does
+    // A further head follows that of an interim answer or of a proxy. Faults of the first head do
     // not count.
     if (chunk.starts_with(kHeadStart) &&
         (pending_.starts_with(kHeadStart) || pending_.starts_with(kBlankLine))) {
@@ -51,7 +51,7 @@ std::size_t SlpResponseParser::feed(std::string_view chunk) {
 
 void SlpResponseParser::feedHead(std::string_view chunk) {
     if (pending_.starts_with(kBlankLine)) {
-        parseHead({}); // the head before named no boundary; its empty line ends an empty head
+        parseHead({}); // the head before named no boundary: its empty line ends an empty head
         return;
     }
     const std::size_t searched = pending_.size() - std::min(pending_.size(), kBlankLine.size() - 1);
@@ -145,8 +145,8 @@ void SlpResponseParser::completePart(std::string_view piece) {
     }
 }
 
-/// Takes the next bytes of the current part; `pending_` holds those before for the start part, and
-/// for a part whose header block is not complete.
+/// Takes the next bytes of the current part. `pending_` holds the bytes before them if the part is
+/// the start part, or if its header block is not complete.
 void SlpResponseParser::handlePart(std::string_view piece, bool partComplete) {
     if (currentRequest_ != nullptr) {
         deliver(piece, partComplete);
@@ -228,10 +228,11 @@ void SlpResponseParser::expectNextPart(const std::string& id) {
     }
 }
 
-/// Hands bytes to the current request, except a line break at their end while it is not known
-/// whether it belongs to the delimiter.
-/// @param first the bytes stand directly behind the header block: the request learns that its part
-/// has begun even when there are none.
+/// Delivers bytes to the current request. A line break at their end is held back, because it may
+/// belong to a delimiter that comes next.
+/// @param first the bytes stand directly behind the header block. The request hears that its part
+/// has
+///   begun even when there are no bytes.
 void SlpResponseParser::deliver(std::string_view bytes, bool partComplete, bool first) {
     std::string joined;
     if (!held_.empty()) {

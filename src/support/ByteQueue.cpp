@@ -8,7 +8,8 @@ namespace orvexd {
 
 namespace {
 
-/// A first block holds a short answer without waste, and doubles up to the largest.
+/// The first block is small, so that a short answer wastes nothing. It doubles up to the largest
+/// size.
 constexpr std::size_t kSmallestBlock = 256;
 
 } // namespace
@@ -32,7 +33,7 @@ std::size_t ByteQueue::roomIn(const Block& block) const noexcept {
     return std::min(block.bytes.capacity(), largestBlock_) - block.bytes.size();
 }
 
-/// What a block that has room for `capacity` bytes should have room for when `wanted` come in.
+/// The new capacity of a block of `capacity` bytes that has to hold `wanted` bytes.
 std::size_t ByteQueue::grown(std::size_t capacity, std::size_t wanted) const noexcept {
     const std::size_t size = std::max({kSmallestBlock, 2 * capacity, wanted});
     return size > largestBlock_ / 2 ? largestBlock_ : size;
@@ -96,8 +97,8 @@ std::size_t ByteQueue::takeInto(std::span<char> room) noexcept {
     return taken;
 }
 
-/// Whether the block is what is taken. One that is mostly empty would hold its memory for as long
-/// as the string is kept.
+/// Whether the block can be handed out as the string that is taken. A block that is mostly empty
+/// would waste memory for as long as the string is kept.
 bool ByteQueue::canHandOut(const Block& block, std::size_t count) noexcept {
     return block.begin == 0 && block.bytes.size() == count && block.bytes.capacity() <= 2 * count;
 }
