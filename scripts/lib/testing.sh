@@ -1,4 +1,18 @@
-# Runs suites of tests and leaves a JUnit report of each. To be sourced; wants $top, and $results for the reports.
+# Runs suites of tests and leaves a JUnit report of each. To be sourced behind common.sh.
+
+# Tests begin whose reports go into a directory. What fails sets $status.
+begin_tests() {
+  results=$1
+  status=0
+  rm -rf "$results"
+  mkdir -p "$results"
+}
+
+# Judges the tests of a build, and ends the script.
+end_tests() {
+  verdict count "$1" "$results"/*.xml || status=1
+  exit "$status"
+}
 
 verdict() {
   /usr/bin/python3 -B "$top/scripts/lib/verdict.py" "$@"
