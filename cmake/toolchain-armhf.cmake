@@ -1,4 +1,4 @@
-# Debian's cross compiler for 32-bit ARM, with the libraries that scripts/armhf-sysroot unpacks, and an
+# Debian's cross compiler for 32-bit ARM, with the libraries that scripts/lib/armhf-sysroot unpacks, and an
 # emulator that runs what was built: tests are found and run as in a native build.
 #
 # ORVEXD_ARMHF_SYSROOT: where the libraries are (default build/armhf-sysroot of this tree).
@@ -16,7 +16,7 @@ set(ORVEXD_ARMHF_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../build/armhf-sysroot" CACH
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ORVEXD_ARMHF_SYSROOT)
 get_filename_component(sysroot "${ORVEXD_ARMHF_SYSROOT}" ABSOLUTE)
 if(NOT EXISTS "${sysroot}/usr/lib/arm-linux-gnueabihf/pkgconfig")
-  message(FATAL_ERROR "${sysroot} has no ARM libraries: run scripts/armhf-sysroot first")
+  message(FATAL_ERROR "${sysroot} has no ARM libraries: run scripts/lib/armhf-sysroot first")
 endif()
 set(CMAKE_SYSROOT "${sysroot}")
 

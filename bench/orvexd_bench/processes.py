@@ -17,22 +17,6 @@ DEVICE = {
     "KELVRA_DEVICE_TERMINAL_MODEL": "bench",
 }
 
-BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow send_type="signal"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-"""
-
 # Kind 2: attached requests wait for a prepared one instead of starting exchanges themselves.
 PLATFORM_CONFIG = """[System]
 PlatformId=bench-linux
@@ -159,12 +143,9 @@ class Bus:
     """A dbus-daemon of type system on a socket of its own."""
 
     def __init__(self, directory):
-        config = directory / "bus.conf"
-        config.write_text(BUS_CONFIG.format(socket=directory / "bus"), "utf-8")
-        command = ["dbus-daemon", "--nofork", "--nopidfile", "--nosyslog", "--print-address"]
         # In a container it complains that it may not open more files.
         with open(directory / "bus.log", "w", encoding="utf-8") as log:
-            self.child = Child([*command, f"--config-file={config}"], stderr=log)
+            self.child = Child([TOP / "scripts/lib/private-bus", directory], stderr=log)
         self.address = self.child.line()
 
     @property
@@ -232,7 +213,7 @@ class Stage:
     def _await_name(self, child):
         address = {"DBUS_SYSTEM_BUS_ADDRESS": self.bus.address}
         subprocess.run(
-            ["/usr/bin/python3", TOP / "scripts/wait-for-name", NAME, str(child.pid)],
+            ["/usr/bin/python3", TOP / "scripts/lib/wait-for-name", NAME, str(child.pid)],
             check=True,
             env={**os.environ, **address},
         )

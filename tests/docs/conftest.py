@@ -1,7 +1,6 @@
 """What the commands of the documents find: programs, a bus, a server, a daemon."""
 
 import os
-import subprocess
 
 import pytest
 
@@ -50,20 +49,6 @@ def bus_address(tmp_path_factory):
 
 
 @pytest.fixture(scope="session")
-def root(tmp_path_factory):
-    """Stands for "/": what the packages install, below a folder."""
-    directory = tmp_path_factory.mktemp("root")
-    subprocess.run(
-        ["cmake", "--install", BUILD_DIR, "--prefix", "/usr"],
-        env={**os.environ, "DESTDIR": str(directory)},
-        stdout=subprocess.DEVNULL,
-        check=True,
-    )
-    (directory / "usr/share/orvexd").mkdir(parents=True, exist_ok=True)
-    return directory
-
-
-@pytest.fixture(scope="session")
 def folder_of(tmp_path_factory):
     """The folder in which the blocks of a document run: the tree, by links, and its own build/."""
     folders = {}
@@ -86,16 +71,14 @@ def folder_of(tmp_path_factory):
 
 
 @pytest.fixture
-def environment(bus_address, root):
+def environment(bus_address):
     """Stand-ins come first on the PATH, then the tested programs."""
     return {
         **os.environ,
         "PATH": f"{COMMANDS}:{BUILD_DIR}/bin:/usr/sbin:/usr/bin:/sbin:/bin",
         "LC_ALL": "C.UTF-8",
-        "USER": "somebody",
         "DBUS_SYSTEM_BUS_ADDRESS": bus_address,
         "ORVEXD_DEMO_STAGE": "run",
         "DOCS_TOP": str(ROOT),
-        "DOCS_ROOT": str(root),
         "DOCS_BUILD": str(BUILD_DIR),
     }

@@ -7,6 +7,7 @@ from harness.settings import ROOT
 
 README = "README.md"
 GUIDE = "docs/client-guide.md"
+DEVICE = "Install it on a device"
 
 Block = collections.namedtuple("Block", "document line language text")
 
@@ -25,6 +26,12 @@ def blocks(document, *languages):
             line = text.count("\n", 0, match.start()) + 1
             found.append(Block(document, line, match[1], match[2]))
     return found
+
+
+def device_blocks():
+    """Those of the README that install on a device; tests/packaging runs them, tests/docs the others."""
+    text = section(README, DEVICE)
+    return [block for block in blocks(README, "sh") if f"```sh\n{block.text}```" in text]
 
 
 def section(document, title):

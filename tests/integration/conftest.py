@@ -8,7 +8,7 @@ import pytest
 from harness import waiting
 from harness.become_root import become_root
 from harness.client import Client
-from harness.daemon import Daemon
+from harness.daemon import Daemon, DaemonDefect
 from harness.keys import fill_preinst, make_keys
 from harness.platform_file import Platform
 from harness.private_bus import PrivateBus
@@ -35,13 +35,25 @@ def pytest_collection_modifyitems(config, items):
             item.add_marker(pytest.mark.timeout(300 * TIME_FACTOR))
 
 
+def defect_of(failure, reporters):
+    """What is wrong with the daemon of a failed test, or None."""
+    if failure.errisinstance(DaemonDefect):
+        return str(failure.value).splitlines()[0]
+    daemons = (reporter for _, reporter in reporters if isinstance(reporter, Daemon))
+    return next(filter(None, (daemon.defect() for daemon in daemons)), None)
+
+
 @pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item):
+def pytest_runtest_makereport(item, call):
     """Adds what the daemon and the server have to say to the report of a failed test."""
     report = (yield).get_result()
     if not report.failed:
         return
-    for name, reporter in getattr(item, "reporters", []):
+    reporters = getattr(item, "reporters", [])
+    if defect := defect_of(call.excinfo, reporters):
+        # scripts/test tries no test with this property again.
+        item.user_properties.append(("defect", defect))
+    for name, reporter in reporters:
         try:
             report.sections.append((name, reporter.report()))
         except Exception as error:  # pylint: disable=broad-except

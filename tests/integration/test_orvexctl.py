@@ -262,9 +262,10 @@ def test_status_watch_prints_one_line_per_change_until_interrupted(start, platfo
     ]
 
 
-def test_status_watch_fails_when_the_daemon_ends(start, client):
+def test_status_watch_fails_when_the_daemon_ends(start, daemon, client):
     run = start("status", "--watch")
     run.wait_for_lines(1)
+    daemon.expect_end()
     client.quit()
     assert run.wait() == 3
 

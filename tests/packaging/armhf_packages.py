@@ -1,4 +1,4 @@
-"""The packages for 32-bit ARM. Run by name, after "scripts/package armhf"; see scripts/test-armhf."""
+"""The packages for 32-bit ARM. Run by name, after "scripts/package armhf"; see scripts/lib/test-armhf."""
 
 import re
 import subprocess

@@ -5,7 +5,15 @@ import shutil
 
 import pytest
 
-from debian_packages import NAMES, RUNTIME, CleanRoot, Package, clean_root_archive, native_architecture
+from debian_packages import (
+    NAMES,
+    RUNTIME,
+    CleanRoot,
+    Package,
+    clean_root_archive,
+    dependencies_of,
+    native_architecture,
+)
 
 
 @pytest.fixture(scope="session")
@@ -21,16 +29,13 @@ def runtime(packages):
 
 
 @pytest.fixture(scope="session")
-def archive(runtime):
+def make_root(tmp_path_factory):
+    """Makes Debians below folders; the name stands for the packages in them."""
     assert os.geteuid() == 0, "installing into a root folder takes root"
-    return clean_root_archive(runtime)
-
-
-@pytest.fixture(scope="session")
-def _make(archive, tmp_path_factory):
     roots = []
 
-    def make():
+    def make(name, contents):
+        archive = clean_root_archive(name, contents)
         roots.append(CleanRoot(tmp_path_factory.mktemp("clean") / "root", archive))
         return roots[-1]
 
@@ -41,14 +46,14 @@ def _make(archive, tmp_path_factory):
 
 
 @pytest.fixture
-def clean_root(_make):
-    """A Debian without the packages, of the test's own."""
-    return _make()
+def clean_root(make_root, runtime):
+    """A Debian with exactly what the packages name as dependencies, of the test's own."""
+    return make_root("clean-root", dependencies_of(runtime))
 
 
 @pytest.fixture(scope="session")
-def installed(_make, runtime):
+def installed(make_root, runtime):
     """A Debian with the packages, which tests leave as they found it."""
-    root = _make()
+    root = make_root("clean-root", dependencies_of(runtime))
     root.install(runtime)
     return root

@@ -19,10 +19,10 @@ NAMES = ("libtrilbacore1", "libtrilbacore-dev", "orvexctl", "orvexd")
 RUNTIME = ("libtrilbacore1", "orvexctl", "orvexd")
 
 
-def output_of(*command, **options):
+def output_of(*command, timeout=240, **options):
     """What a command prints; its complaints are part of the failure."""
     done = subprocess.run(
-        list(map(str, command)), capture_output=True, text=True, timeout=240, check=False, **options
+        list(map(str, command)), capture_output=True, text=True, timeout=timeout, check=False, **options
     )
     assert done.returncode == 0, f"{command}: {done.returncode}\n{done.stdout}{done.stderr}"
     return done.stdout
@@ -58,11 +58,22 @@ class Package:
         return {re.split(r"[ :|(]", each.strip())[0] for each in self.field("Depends").split(",")}
 
 
-def clean_root_archive(packages):
-    """A minimal Debian with exactly what the packages name as dependencies; made once."""
-    needed = set().union(*(package.dependencies() for package in packages))
-    include = ",".join(sorted(needed - set(NAMES)))
-    archive = ROOT / "build" / f"clean-root-{native_architecture()}.tar"
+def dependencies_of(packages):
+    """What these packages need of others."""
+    return set().union(*(package.dependencies() for package in packages)) - set(NAMES)
+
+
+def packages_to_build_with():
+    """What scripts/setup installs when it is asked for nothing more."""
+    setup = (ROOT / "scripts" / "setup").read_text("utf-8")
+    listed = re.search(r"^packages=\((.*?)^\)", setup, re.MULTILINE | re.DOTALL)[1]
+    return set(re.sub(r"#.*", "", listed).split())
+
+
+def clean_root_archive(name, packages):
+    """A minimal Debian with these packages of the distribution; made once for each name."""
+    include = ",".join(sorted(packages))
+    archive = ROOT / "build" / f"{name}-{native_architecture()}.tar"
     label = archive.with_suffix(".txt")
     if archive.exists() and label.exists() and label.read_text("utf-8") == include:
         return archive
@@ -76,6 +87,7 @@ def clean_root_archive(packages):
         *["mmdebstrap", "--quiet", "--mode=root", "--variant=essential", f"--include={include}"],
         *[f"--dpkgopt=path-exclude=/usr/share/{each}/*" for each in ("doc", "man", "locale")],
         *[suite, archive, sources],
+        timeout=1200,
     )
     label.write_text(include, "utf-8")
     return archive
@@ -91,18 +103,20 @@ class CleanRoot:
         (path / "packages").mkdir()
 
     def command(self, *command, user=None):
-        """The words that run a command inside."""
+        """The words that run a command inside, where /proc is mounted as in any container."""
         who = [f"--userspec={user}"] if user else []
-        return ["chroot", *who, str(self.path), *map(str, command)]
+        # The mount is gone with the last process that sees it; nothing outside does.
+        enter = ["unshare", "--mount", "sh", "-c", 'mount -t proc proc "$0/proc" && exec chroot "$@"']
+        return [*enter, str(self.path), *who, str(self.path), *map(str, command)]
 
-    def run(self, *command, user=None, **options):
+    def run(self, *command, user=None, environment=None, timeout=120, **options):
         return subprocess.run(
             self.command(*command, user=user),
             capture_output=True,
             text=True,
-            timeout=120,
+            timeout=timeout,
             check=False,
-            env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8"},
+            env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", **(environment or {})},
             **options,
         )
 

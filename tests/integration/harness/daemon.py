@@ -1,6 +1,7 @@
 """orvexd as a child process on a private bus."""
 
 import os
+import signal
 
 from gi.repository import Gio, GLib
 
@@ -16,6 +17,12 @@ DEVICE = {
     "KELVRA_DEVICE_FIRMWARE_VERSION": "fw-1.0",
     "KELVRA_DEVICE_TERMINAL_MODEL": "linux",
 }
+
+CRASHES = {-number for number in (signal.SIGABRT, signal.SIGBUS, signal.SIGILL, signal.SIGSEGV, signal.SIGTRAP)}
+
+
+class DaemonDefect(AssertionError):
+    """What no daemon may do, whatever the test is about."""
 
 
 def _sanitizer_options():
@@ -68,6 +75,7 @@ class Daemon:
         self._directory = directory
         self._watch = None
         self._runs = 0
+        self._end_is_wanted = False
 
     def start(self):
         """Starts it and waits until it owns the bus name and its main loop runs."""
@@ -87,6 +95,7 @@ class Daemon:
 
     def guard(self):
         """From now on every wait fails at once when it has ended."""
+        self._end_is_wanted = False
         if self._guard not in waiting.guards:
             waiting.guards.append(self._guard)
 
@@ -94,6 +103,7 @@ class Daemon:
         """Starts it and waits for nothing, for starts that are meant to fail."""
         assert DAEMON.exists(), f"{DAEMON} is not built"
         self._runs += 1
+        self._end_is_wanted = False
         self.warmed_up = False
         if self.ledger:
             self.ledger.open()
@@ -117,6 +127,7 @@ class Daemon:
 
     def expect_end(self):
         """From now on its end is what the test wants."""
+        self._end_is_wanted = True
         if self._guard in waiting.guards:
             waiting.guards.remove(self._guard)
 
@@ -127,20 +138,40 @@ class Daemon:
         return self.process.status
 
     def stop(self, seconds=10):
-        """SIGTERM; status 0 and not a word of output. Harmless after the daemon has ended."""
+        """SIGTERM; status 0 and not a word of output. Harmless after an end that the test wanted."""
         if self.process is None or self.process.pidfd < 0:
             return
+        wanted = self._end_is_wanted
         self.expect_end()
         ran = self.process.status is None
         status = self.process.stop(seconds)
         self._unwatch()
-        if ran:
-            assert status == 0, self.report()
+        if ran and status != 0:
+            raise DaemonDefect(f"the daemon ended badly\n{self.report()}")
+        if not ran and not wanted:
+            raise DaemonDefect(f"the daemon had ended before\n{self.report()}")
         self.expect_silence()
 
     def expect_silence(self):
         """Nothing was printed: no text of the daemon, of its libraries or of a sanitizer."""
-        assert self.process.stdout == "" and self.process.stderr == "", self.report()
+        if self._has_printed():
+            raise DaemonDefect(f"the daemon has printed something\n{self.report()}")
+
+    def defect(self):
+        """What is wrong with it whatever the test is about, or None."""
+        if self.process is None:
+            return None
+        if self._has_printed():
+            return "the daemon has printed something"
+        status = self.process.status
+        if status in CRASHES:
+            return f"the daemon has crashed, status {status}"
+        if status is not None and not self._end_is_wanted:
+            return "the daemon has ended"
+        return None
+
+    def _has_printed(self):
+        return self.process.stdout != "" or self.process.stderr != ""
 
     def abandon(self):
         """Kills it, whatever its state, and checks nothing."""
@@ -167,7 +198,7 @@ class Daemon:
 
     def _guard(self):
         if self.process.status is not None:
-            raise AssertionError(f"the daemon has ended\n{self.report()}")
+            raise DaemonDefect(f"the daemon has ended\n{self.report()}")
 
     def _unwatch(self):
         if self._watch is not None:

@@ -20,6 +20,11 @@ def become_root():
         os.execvp("unshare", ["unshare", "--user", "--map-root-user", sys.executable, *sys.argv])
 
 
+def say(text):
+    """Prints a line at once, also into a pipe."""
+    print(text, flush=True)
+
+
 class Stage:
     """A private bus, a test server, a platform file and a daemon in a directory of their own.
 
