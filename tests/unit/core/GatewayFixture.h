@@ -7,7 +7,6 @@
 #include "fakes/FakeThreads.h"
 #include "fakes/Gate.h"
 #include "fakes/MainContext.h"
-#include "request/RequestData.h"
 
 #include <algorithm>
 #include <chrono>
@@ -24,6 +23,11 @@
 
 namespace orvexd::test {
 
+/// Names a request as error signals do.
+inline std::string keyOf(std::uint32_t connectionId, std::uint32_t requestId) {
+    return std::to_string(connectionId) + ":" + std::to_string(requestId);
+}
+
 /// The service on the bus as the gateway core sees it: writes down what comes, a line for each
 /// event, and checks that it comes on the main loop's thread.
 class RecordingService : public IServiceEvents {
@@ -34,7 +38,7 @@ public:
         record("status " + std::to_string(status));
     }
     void emitRequestData(std::uint32_t connectionId, std::uint32_t requestId) override {
-        record("request data " + requestKey(connectionId, requestId));
+        record("request data " + keyOf(connectionId, requestId));
         if (onRequestData) {
             onRequestData(connectionId, requestId);
         }
@@ -45,14 +49,14 @@ public:
     }
     void deliverChunk(std::uint32_t connectionId, std::uint32_t requestId, const std::string& bytes,
                       DeliveryCode code) override {
-        record("chunk " + requestKey(connectionId, requestId) + " " +
+        record("chunk " + keyOf(connectionId, requestId) + " " +
                std::to_string(static_cast<std::uint32_t>(code)) + " [" + bytes + "]");
         if (onChunk) {
             onChunk(connectionId, requestId);
         }
     }
     void dropPending(std::uint32_t connectionId, std::uint32_t requestId) override {
-        record("drop " + requestKey(connectionId, requestId));
+        record("drop " + keyOf(connectionId, requestId));
     }
 
     bool has(const std::string& event) const {

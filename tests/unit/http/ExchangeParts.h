@@ -1,10 +1,9 @@
 #pragma once
 
-#include "http/IExchangeOwner.h"
+#include "http/RecordingOwner.h"
 #include "request/RequestData.h"
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -41,49 +40,5 @@ inline std::string partHead(const std::string& boundary, const std::string& cont
            "\r\nContent-Transfer-Encoding: " + kind.transferEncoding +
            "\r\nContent-Id: " + contentId + "\r\n\r\n";
 }
-
-/// The owner of an exchange that writes down what it is told, a line for each call.
-class RecordingOwner : public IExchangeOwner {
-public:
-    std::string proxyForServer() override {
-        if (proxyFault != 0) {
-            throw proxyFault;
-        }
-        return proxy;
-    }
-
-    void postRequestData(std::uint32_t connectionId, std::uint32_t requestId) override {
-        log.push_back("request data " + requestKey(connectionId, requestId));
-        if (onRequestData) {
-            onRequestData(connectionId, requestId);
-        }
-    }
-
-    void announceConnectionStatus() override {
-        log.emplace_back("announce status");
-        if (onAnnouncement) {
-            onAnnouncement();
-        }
-    }
-
-    void onExchangeFailed(int code, const std::string& errorText,
-                          const std::string& keyList) override {
-        log.push_back("failed " + std::to_string(code) + " [" + errorText + "] [" + keyList + "]");
-    }
-
-    void onExchangeFinished() override {
-        log.emplace_back("finished");
-        if (onFinished) {
-            onFinished();
-        }
-    }
-
-    std::string proxy;
-    int proxyFault = 0; ///< thrown instead of an answer
-    std::vector<std::string> log;
-    std::function<void(std::uint32_t, std::uint32_t)> onRequestData;
-    std::function<void()> onAnnouncement;
-    std::function<void()> onFinished;
-};
 
 } // namespace orvexd::test

@@ -5,8 +5,8 @@
 #include "fakes/FakeCurl.h"
 #include "fakes/FakePlatform.h"
 #include "fakes/MainContext.h"
-#include "http/ExchangeParts.h"
 #include "http/KeyPassphrase.h"
+#include "http/RecordingOwner.h"
 #include "http/RequestBody.h"
 #include "slp/SlpResponseParser.h"
 #include "support/Deployment.h"
@@ -72,7 +72,7 @@ protected:
     /// performTransfer on an empty body.
     int performTransfer(fake_curl::Script script, const std::vector<std::string>& lines = {}) {
         fake_curl::addScript(std::move(script));
-        const Queue queue;
+        const RequestBody::Queue queue;
         DataSignal signal;
         RequestBody body(queue, "limit", "prefix", signal, owner_, HttpClient::getConfiguration());
         SlpResponseParser parser(queue);

@@ -1,10 +1,9 @@
 // What must not depend on the machine's word: the daemon is at home on 32-bit ARM.
-#include "core/ServicePosts.h"
 #include "http/RequestBody.h"
 #include "protocol/Codes.h"
 #include "protocol/States.h"
+#include "request/Answer.h"
 #include "request/ConnectionParameters.h"
-#include "request/RequestData.h"
 #include "support/ByteQueue.h"
 
 #include "trilba/network/ProxyQuery.h"
@@ -29,10 +28,6 @@ using trilba::network::ProxyQuery;
 // On the bus every id, policy, status and code is an unsigned number of 32 bits.
 static_assert(std::is_same_v<dbus_uint32_t, std::uint32_t>);
 static_assert(sizeof(dbus_bool_t) == 4 && sizeof(dbus_int32_t) == 4);
-static_assert(std::is_same_v<decltype(&RequestData::connectionId),
-                             std::uint32_t (RequestData::*)() const noexcept>);
-static_assert(std::is_same_v<decltype(&RequestData::requestId),
-                             std::uint32_t (RequestData::*)() const noexcept>);
 static_assert(std::is_same_v<decltype(ConnectionParameters::chunkSize), std::uint32_t>);
 static_assert(std::is_same_v<std::underlying_type_t<DeliveryCode>, std::uint32_t>);
 static_assert(std::is_same_v<std::underlying_type_t<StatusBit>, std::uint32_t>);
