@@ -38,8 +38,8 @@ public:
 
     bool isStopped() const noexcept { return isStopped_; }
 
-    /// Counts work of the given context, which is `parser` or parses an entity for it. Stops both
-    /// when that is too much.
+    /// Counts work of the given context, which is `parser` or parses an entity for it, and stops it
+    /// when all is too much.
     void spend(std::size_t steps, xmlParserCtxt& context) noexcept {
         left_ -= std::min(left_, steps);
         if (left_ == 0) {
@@ -48,8 +48,8 @@ public:
     }
 
 private:
-    static constexpr std::size_t kMostSteps = 200'000'000;
-    static constexpr std::size_t kCall = 100; ///< a node, or the look-up of an entity
+    static constexpr std::size_t kMostSteps = 160'000'000;
+    static constexpr std::size_t kCall = 100; ///< a node
     static constexpr std::size_t kAttribute = 200;
     static constexpr std::size_t kMessage = 500;
 
@@ -57,14 +57,20 @@ private:
         return *static_cast<ParseWork*>(static_cast<xmlParserCtxt*>(context)->_private);
     }
 
-    /// Ends the parsing as the library does when it lacks memory. `xmlStopParser` would free the
-    /// input under functions that still read it: it must not be called from an error handler.
+    /// Ends the context's loops, wherever it stands. Some function may still set the state anew, so
+    /// the next callback halts the parser. `xmlStopParser` must not be called in other places: it
+    /// frees the input under functions that still read it.
     void stop(xmlParserCtxt& context) noexcept {
         isStopped_ = true;
-        for (xmlParserCtxt* stopped : {&context, &parser_}) {
-            stopped->instate = XML_PARSER_EOF;
-            stopped->disableSAX = 1;
+        context.instate = XML_PARSER_EOF;
+    }
+
+    /// In a callback for a piece of the document, `xmlStopParser` is safe.
+    bool haltsHere(xmlParserCtxt& context) noexcept {
+        if (isStopped_) {
+            xmlStopParser(&context);
         }
+        return isStopped_;
     }
 
     static void watch(xmlSAXHandler& handler) noexcept;
@@ -124,7 +130,7 @@ private:
         for (std::size_t number = 0; number < attributesHere; ++number) {
             work.spendOnAttribute(attributes + 5 * number, context);
         }
-        if (!work.isStopped_) {
+        if (!work.haltsHere(context)) {
             xmlSAX2StartElementNs(self, name, prefix, uri, namespaceCount, namespaces,
                                   attributeCount, defaultCount, attributes);
         }
@@ -139,7 +145,9 @@ private:
             work.inForce_ -= std::min(work.inForce_, std::size_t{1});
         }
         work.depth_ -= std::min(work.depth_, std::size_t{1});
-        xmlSAX2EndElementNs(self, name, prefix, uri);
+        if (!work.haltsHere(*static_cast<xmlParserCtxt*>(self))) {
+            xmlSAX2EndElementNs(self, name, prefix, uri);
+        }
     }
 
     static void characters(void* self, const xmlChar* text, int length) noexcept {
@@ -147,12 +155,17 @@ private:
         auto& context = *static_cast<xmlParserCtxt*>(self);
         of(self).spend(kPiece, context);
         of(self).spendOnNames(1, context); // short texts are kept with the names
-        xmlSAX2Characters(self, text, length);
+        if (!of(self).haltsHere(context)) {
+            xmlSAX2Characters(self, text, length);
+        }
     }
 
     static void comment(void* self, const xmlChar* text) noexcept {
-        of(self).spend(kCall, *static_cast<xmlParserCtxt*>(self));
-        xmlSAX2Comment(self, text);
+        auto& context = *static_cast<xmlParserCtxt*>(self);
+        of(self).spend(kCall, context);
+        if (!of(self).haltsHere(context)) {
+            xmlSAX2Comment(self, text);
+        }
     }
 
     /// Every instruction may name a catalog, and those form a list that is walked for each.
@@ -164,19 +177,26 @@ private:
         if (xmlStrEqual(target, XML_CATALOG_PI) != 0) {
             work.spend(4 * ++work.catalogs_, context);
         }
-        xmlSAX2ProcessingInstruction(self, target, data);
+        if (!work.haltsHere(context)) {
+            xmlSAX2ProcessingInstruction(self, target, data);
+        }
     }
 
     static void cdata(void* self, const xmlChar* text, int length) noexcept {
-        of(self).spend(kCall, *static_cast<xmlParserCtxt*>(self));
-        xmlSAX2CDataBlock(self, text, length);
+        auto& context = *static_cast<xmlParserCtxt*>(self);
+        of(self).spend(kCall, context);
+        if (!of(self).haltsHere(context)) {
+            xmlSAX2CDataBlock(self, text, length);
+        }
     }
 
     static void reference(void* self, const xmlChar* name) noexcept {
         auto& context = *static_cast<xmlParserCtxt*>(self);
         of(self).spend(kCall, context);
         of(self).spendOnNames(1, context);
-        xmlSAX2Reference(self, name);
+        if (!of(self).haltsHere(context)) {
+            xmlSAX2Reference(self, name);
+        }
     }
 
     static void attributeDeclaration(void* self, const xmlChar* element, const xmlChar* name,
@@ -189,10 +209,12 @@ private:
 
     /// Each reference may put in the whole entity, level by level of what that refers to.
     static xmlEntity* entity(void* self, const xmlChar* name) noexcept {
-        constexpr std::size_t kByte = 20;
+        constexpr std::size_t kReference = 200;
+        constexpr std::size_t kByte = 15;
         xmlEntity* found = xmlSAX2GetEntity(self, name);
         const std::size_t length = found == nullptr ? 0 : lengthOf(found->content);
-        of(self).spend(kCall + lengthOf(name) + kByte * length, *static_cast<xmlParserCtxt*>(self));
+        of(self).spend(kReference + lengthOf(name) + kByte * length,
+                       *static_cast<xmlParserCtxt*>(self));
         return found;
     }
 
@@ -212,13 +234,15 @@ private:
     static void fault(void* self, xmlError* error) noexcept {
         auto& context = *static_cast<xmlParserCtxt*>(self);
         ParseWork& work = of(self);
-        if (work.isStopped_ || (error->level == XML_ERR_FATAL && &context == &work.parser_)) {
-            work.stop(context);
-            return;
-        }
         work.spend(kMessage + 3 * (lengthOf(error->message) + lengthOf(error->str1) +
                                    lengthOf(error->str2) + lengthOf(error->str3)),
                    context);
+        if (work.isStopped_ || (error->level == XML_ERR_FATAL && &context == &work.parser_)) {
+            work.stop(context);
+        }
+        if (work.left_ == 0 && error->domain == XML_FROM_NAMESPACE) {
+            context.disableSAX = 1; // the loop over the attributes makes no further messages then
+        }
     }
 
     xmlParserCtxt& parser_;
@@ -258,13 +282,14 @@ XmlDocument parseWithinLimits(std::string_view text) {
         return nullptr;
     }
     ParseWork work(*parser);
-    work.spend(text.size(), *parser);
+    work.spend(2 * text.size(), *parser);
     if (work.isStopped()) {
         return nullptr;
     }
+    // To recover is to go on with the callbacks after a fault; they halt the parser then.
     XmlDocument document(xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()),
-                                           "", nullptr, 0));
-    return work.isStopped() ? nullptr : std::move(document);
+                                           "", nullptr, XML_PARSE_RECOVER));
+    return work.isStopped() || parser->wellFormed == 0 ? nullptr : std::move(document);
 }
 
 } // namespace orvexd
