@@ -57,17 +57,19 @@ private:
         return *static_cast<ParseWork*>(static_cast<xmlParserCtxt*>(context)->_private);
     }
 
-    /// Ends the context's loops, wherever it stands. Some function may still set the state anew, so
-    /// the next callback halts the parser. `xmlStopParser` must not be called in other places: it
-    /// frees the input under functions that still read it.
+    /// Ends the loops over the content. Some function may still set the state anew, so the next
+    /// callback halts the parser. `xmlStopParser` must not be called in other places: it frees the
+    /// input under functions that still read it.
     void stop(xmlParserCtxt& context) noexcept {
         isStopped_ = true;
-        context.instate = XML_PARSER_EOF;
+        if (!inDeclarations_) { // they are short, and blanks in a parameter entity would never end
+            context.instate = XML_PARSER_EOF;
+        }
     }
 
-    /// In a callback for a piece of the document, `xmlStopParser` is safe.
+    /// In a callback for a piece of the content, `xmlStopParser` is safe.
     bool haltsHere(xmlParserCtxt& context) noexcept {
-        if (isStopped_) {
+        if (isStopped_ && !inDeclarations_) {
             xmlStopParser(&context);
         }
         return isStopped_;
@@ -207,26 +209,63 @@ private:
         xmlSAX2AttributeDecl(self, element, name, type, kind, value, tree);
     }
 
-    /// Each reference may put in the whole entity, level by level of what that refers to.
+    /// The parser stands in front of the declarations.
+    static void beginDeclarations(void* self, const xmlChar* name, const xmlChar* publicId,
+                                  const xmlChar* systemId) noexcept {
+        of(self).inDeclarations_ = true;
+        xmlSAX2InternalSubset(self, name, publicId, systemId);
+    }
+
+    /// The parser stands behind the declarations. Nothing is loaded from elsewhere.
+    static void endDeclarations(void* self, const xmlChar* name, const xmlChar* publicId,
+                                const xmlChar* systemId) noexcept {
+        of(self).inDeclarations_ = false;
+        if (!of(self).haltsHere(*static_cast<xmlParserCtxt*>(self))) {
+            xmlSAX2ExternalSubset(self, name, publicId, systemId);
+        }
+    }
+
+    /// The parser looks up each internal entity that it has declared.
+    static void entityDeclaration(void* self, const xmlChar* name, int type,
+                                  const xmlChar* publicId, const xmlChar* systemId,
+                                  xmlChar* content) noexcept {
+        of(self).lookUpsLeft_ += content == nullptr ? 0 : 1;
+        xmlSAX2EntityDecl(self, name, type, publicId, systemId, content);
+    }
+
+    /// Beyond 10,000 entities in declarations, each counted once for each level that it is put
+    /// into, of which there are at most 41, the library may go round for ever.
+    void countLookUp(xmlParserCtxt& context) noexcept {
+        if (inDeclarations_ && --lookUpsLeft_ < 0) {
+            stop(context);
+        }
+    }
+
+    /// Each reference may put in the whole entity, level by level of what that refers to. No more
+    /// is put in after the end.
     static xmlEntity* entity(void* self, const xmlChar* name) noexcept {
         constexpr std::size_t kReference = 200;
         constexpr std::size_t kByte = 15;
+        auto& context = *static_cast<xmlParserCtxt*>(self);
+        ParseWork& work = of(self);
         xmlEntity* found = xmlSAX2GetEntity(self, name);
         const std::size_t length = found == nullptr ? 0 : lengthOf(found->content);
-        of(self).spend(kReference + lengthOf(name) + kByte * length,
-                       *static_cast<xmlParserCtxt*>(self));
-        return found;
+        work.countLookUp(context);
+        work.spend(kReference + lengthOf(name) + kByte * length, context);
+        return work.isStopped_ ? nullptr : found;
     }
 
     /// Parameter entities make the declarations longer.
     static xmlEntity* parameterEntity(void* self, const xmlChar* name) noexcept {
+        auto& context = *static_cast<xmlParserCtxt*>(self);
         ParseWork& work = of(self);
         xmlEntity* found = xmlSAX2GetParameterEntity(self, name);
+        work.countLookUp(context);
         work.declared_ += 1 + (found == nullptr ? 0 : lengthOf(found->content));
         if (work.declared_ > kMostDeclarations) {
-            work.stop(*static_cast<xmlParserCtxt*>(self));
+            work.stop(context);
         }
-        return found;
+        return work.isStopped_ ? nullptr : found;
     }
 
     /// The parser goes on after a fault although no document can come of it. A fault in an entity
@@ -254,6 +293,8 @@ private:
     std::size_t catalogs_ = 0;
     std::size_t declared_ = 0; ///< bytes of parameter entities that were put in
     bool hasDeclaredIds_ = false;
+    bool inDeclarations_ = false;
+    int lookUpsLeft_ = 240; ///< of entities, in the declarations
 };
 
 void ParseWork::watch(xmlSAXHandler& handler) noexcept {
@@ -265,6 +306,9 @@ void ParseWork::watch(xmlSAXHandler& handler) noexcept {
     handler.processingInstruction = instruction;
     handler.cdataBlock = cdata;
     handler.reference = reference;
+    handler.internalSubset = beginDeclarations;
+    handler.externalSubset = endDeclarations;
+    handler.entityDecl = entityDeclaration;
     handler.attributeDecl = attributeDeclaration;
     handler.getEntity = entity;
     handler.getParameterEntity = parameterEntity;
