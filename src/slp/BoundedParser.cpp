@@ -233,8 +233,9 @@ private:
         xmlSAX2EntityDecl(self, name, type, publicId, systemId, content);
     }
 
-    /// Beyond 10,000 entities in declarations, each counted once for each level that it is put
-    /// into, of which there are at most 41, the library may go round for ever.
+    /// When the library has counted 10,000 entities in the declarations, each of them once for
+    /// every level that it is put into (41 at most), it may find them too many, and then skip the
+    /// next blank in a parameter entity for ever.
     void countLookUp(xmlParserCtxt& context) noexcept {
         if (inDeclarations_ && --lookUpsLeft_ < 0) {
             stop(context);

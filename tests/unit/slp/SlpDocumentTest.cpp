@@ -405,7 +405,7 @@ const Costly kCostly[] = {
     {"Attributes", [] { return crowded("a", 100'000); }},
     {"ManyCrowdedElements", [] { return elements("<b" + attributes(4000) + "/>", 100); }},
     {"NamespacesForManyElements",
-     [] { return "<a" + attributes(10'000, "xmlns:a") + ">" + repeated("<b/>", 1'000'000); }},
+     [] { return "<a" + attributes(10'000, "xmlns:a") + ">" + repeated("<b/>", 300'000); }},
     {"PrefixesAndNamespaces",
      [] {
          return elements("<b" + attributes(5'000, "xmlns:a") +
@@ -437,7 +437,7 @@ const Costly kCostly[] = {
      }},
     {"Catalogs",
      [] { return repeated("<?oasis-xml-catalog catalog='c'?>", 50'000) + document(kResult); }},
-    {"Elements", [] { return elements("<a/>", 10'000'000); }},
+    {"Elements", [] { return elements("<a/>", 3'000'000); }},
     {"Enumeration",
      [] {
          return declaring("<!ATTLIST a b (c" +
@@ -462,15 +462,15 @@ const Costly kCostly[] = {
                               repeated("%p;", 7000),
                           document(kResult));
      }},
-    {"BlanksBehindAFaultInAParameterEntity",
+    {"EndlessBlanksInAParameterEntity", // the library itself would never come back
      [] {
          std::string bomb = "<!ENTITY e0 ''>";
          for (int level = 1; level < 6; ++level) {
              bomb += "<!ENTITY e" + std::to_string(level) + " '" +
-                     repeated("&e" + std::to_string(level - 1) + ";", 10) + "'>";
+                     repeated("&e" + std::to_string(level - 1) + ";", 7) + "'>";
          }
-         return declaring(bomb +
-                              "<!ENTITY % p '<!ATTLIST a b CDATA \"&e5;\" c CDATA \"\"> '>%p; %p;",
+         return declaring(bomb + "<!ENTITY % p '<!ATTLIST a b CDATA \"&e5;\" c CDATA \"\"> '>"
+                                 "<!ENTITY % q ' &#37;p; '>%q;",
                           document(kResult));
      }},
     {"UnknownEncoding",
