@@ -225,23 +225,6 @@ private:
         }
     }
 
-    /// The parser looks up each internal entity that it has declared.
-    static void entityDeclaration(void* self, const xmlChar* name, int type,
-                                  const xmlChar* publicId, const xmlChar* systemId,
-                                  xmlChar* content) noexcept {
-        of(self).lookUpsLeft_ += content == nullptr ? 0 : 1;
-        xmlSAX2EntityDecl(self, name, type, publicId, systemId, content);
-    }
-
-    /// When the library has counted 10,000 entities in the declarations, each of them once for
-    /// every level that it is put into (41 at most), it may find them too many, and then skip the
-    /// next blank in a parameter entity for ever.
-    void countLookUp(xmlParserCtxt& context) noexcept {
-        if (inDeclarations_ && --lookUpsLeft_ < 0) {
-            stop(context);
-        }
-    }
-
     /// Each reference may put in the whole entity, level by level of what that refers to. No more
     /// is put in after the end.
     static xmlEntity* entity(void* self, const xmlChar* name) noexcept {
@@ -251,7 +234,6 @@ private:
         ParseWork& work = of(self);
         xmlEntity* found = xmlSAX2GetEntity(self, name);
         const std::size_t length = found == nullptr ? 0 : lengthOf(found->content);
-        work.countLookUp(context);
         work.spend(kReference + lengthOf(name) + kByte * length, context);
         return work.isStopped_ ? nullptr : found;
     }
@@ -261,7 +243,6 @@ private:
         auto& context = *static_cast<xmlParserCtxt*>(self);
         ParseWork& work = of(self);
         xmlEntity* found = xmlSAX2GetParameterEntity(self, name);
-        work.countLookUp(context);
         work.declared_ += 1 + (found == nullptr ? 0 : lengthOf(found->content));
         if (work.declared_ > kMostDeclarations) {
             work.stop(context);
@@ -280,6 +261,11 @@ private:
         if (work.isStopped_ || (error->level == XML_ERR_FATAL && &context == &work.parser_)) {
             work.stop(context);
         }
+        if (error->code == XML_ERR_ENTITY_LOOP && work.inDeclarations_) {
+            // The library is about to end its loops itself, and would then skip the next blank of a
+            // parameter entity for ever. No function in between holds a pointer into the input.
+            xmlStopParser(&context);
+        }
         if (work.left_ == 0 && error->domain == XML_FROM_NAMESPACE) {
             context.disableSAX = 1; // the loop over the attributes makes no further messages then
         }
@@ -295,7 +281,6 @@ private:
     std::size_t declared_ = 0; ///< bytes of parameter entities that were put in
     bool hasDeclaredIds_ = false;
     bool inDeclarations_ = false;
-    int lookUpsLeft_ = 240; ///< of entities, in the declarations
 };
 
 void ParseWork::watch(xmlSAXHandler& handler) noexcept {
@@ -309,7 +294,6 @@ void ParseWork::watch(xmlSAXHandler& handler) noexcept {
     handler.reference = reference;
     handler.internalSubset = beginDeclarations;
     handler.externalSubset = endDeclarations;
-    handler.entityDecl = entityDeclaration;
     handler.attributeDecl = attributeDeclaration;
     handler.getEntity = entity;
     handler.getParameterEntity = parameterEntity;
