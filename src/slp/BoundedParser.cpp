@@ -68,7 +68,7 @@ private:
     }
 
     /// In a callback for a piece of the content, `xmlStopParser` is safe.
-    bool haltsHere(xmlParserCtxt& context) noexcept {
+    bool haltsHere(xmlParserCtxt& context) const noexcept {
         if (isStopped_ && !inDeclarations_) {
             xmlStopParser(&context);
         }
