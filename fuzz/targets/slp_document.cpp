@@ -3,8 +3,8 @@
 // Input: the document's bytes.
 //
 // Properties: what is accepted yields exactly the numbers and ids that another reading of the same
-// tree yields; what is refused is refused with the text that this reading names; nothing outside
-// the document is ever opened.
+// tree yields; a short document is the one that the library reads by itself; what is refused is
+// refused with the text that this reading names; nothing outside the document is ever opened.
 
 #include "slp/SlpDocument.h"
 #include "support/Check.h"
@@ -21,8 +21,8 @@
 namespace orvexd::fuzz {
 namespace {
 
-/// No document of this size is refused for its cost: the parser gets it in one piece.
-constexpr std::size_t kNeverCrowded = 2000;
+/// No document of this size is refused for its cost.
+constexpr std::size_t kNeverCostly = 10'000;
 
 struct Reading {
     ResultMap results;
@@ -127,6 +127,16 @@ Reading readTree(const xmlNode* root) {
     return reading;
 }
 
+std::string dumpOf(const XmlDocument& document) {
+    xmlChar* text = nullptr;
+    int length = 0;
+    if (document) {
+        xmlDocDumpMemory(document.get(), &text, &length);
+    }
+    const XmlText owner(text);
+    return owner ? asText(owner) : "none";
+}
+
 xmlParserInput* refuseToLoad(const char* /*url*/, const char* /*id*/, xmlParserCtxt* /*context*/) {
     check(false, "nothing outside the document is opened");
     return nullptr;
@@ -144,11 +154,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     using namespace orvexd;
     const fuzz::ExactCopy text({reinterpret_cast<const char*>(data), size});
     const XmlDocument document = readSlpDocument(text.view());
-    if (size < fuzz::kNeverCrowded) {
+    // The library may go round for ever in a parameter entity of a document that is refused here.
+    const bool mayBeEndless = !document && text.view().find('%') != std::string_view::npos;
+    if (size < fuzz::kNeverCostly && !mayBeEndless) {
         const XmlDocument whole(
             xmlReadMemory(text.view().data(), static_cast<int>(size), "", nullptr, 0));
-        fuzz::check((whole == nullptr) == (document == nullptr),
-                    "the pieces make the same document");
+        fuzz::check(fuzz::dumpOf(whole) == fuzz::dumpOf(document),
+                    "the document is the one that the library reads");
     }
     if (!document) {
         return 0;

@@ -1,7 +1,7 @@
 #include "core/OrvexMain.h"
 
 #include "config/ConfHandler.h"
-#include "config/Number.h"
+#include "config/MapWrapper.h"
 #include "protocol/Codes.h"
 #include "protocol/States.h"
 #include "request/RequestData.h"

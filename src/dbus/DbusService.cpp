@@ -1,7 +1,7 @@
 #include "dbus/DbusService.h"
 
 #include "config/ConfHandler.h"
-#include "config/Number.h"
+#include "config/MapWrapper.h"
 #include "core/OrvexMain.h"
 #include "dbus/BusLink.h"
 #include "dbus/IMainLoop.h"

@@ -1,7 +1,7 @@
 #include "http/HttpClient.h"
 
 #include "config/ConfHandler.h"
-#include "config/Number.h"
+#include "config/MapWrapper.h"
 #include "http/IExchangeOwner.h"
 #include "http/KeyPassphrase.h"
 #include "http/RequestBody.h"

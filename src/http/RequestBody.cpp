@@ -1,6 +1,6 @@
 #include "http/RequestBody.h"
 
-#include "config/Number.h"
+#include "config/MapWrapper.h"
 #include "http/IExchangeOwner.h"
 #include "http/LineEnds.h"
 #include "request/RequestData.h"

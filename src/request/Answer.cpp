@@ -229,6 +229,16 @@ void Answer::requestNextChunk() {
     (void)deliverStored(); // false only when there is nothing to deliver
 }
 
+void Answer::setCancelled(bool cancelled) {
+    const Lock guard(lock_);
+    cancelled_ = cancelled;
+}
+
+bool Answer::isCancelled() const {
+    const Lock guard(lock_);
+    return cancelled_;
+}
+
 bool Answer::isWaitingForGetData() const {
     const Lock guard(lock_);
     return waitingForGetData_;

@@ -159,9 +159,10 @@ public:
     [[nodiscard]] std::size_t highWater() const noexcept { return pressure_.highWater(); }
 
     /// A cancelled answer stores no more bytes, and its worker pauses for nobody. It still counts
-    /// parts, so that the request reaches Delivered. Any thread.
-    void setCancelled(bool cancelled) noexcept { cancelled_ = cancelled; }
-    [[nodiscard]] bool isCancelled() const noexcept { return cancelled_; }
+    /// parts, so that the request reaches Delivered. No chunk is posted after the call, so what the
+    /// caller posts next comes behind all of them. Any thread.
+    void setCancelled(bool cancelled);
+    [[nodiscard]] bool isCancelled() const;
 
 private:
     /// One response part on its way to the client.
@@ -185,7 +186,6 @@ private:
     const std::size_t chunkSize_;
     IChunkReceiver* const receiver_;
     std::atomic<RequestState>& state_;
-    std::atomic<bool> cancelled_ = false;
 
     /// How many of the parts announced under one id have not been seen yet, by id. Worker.
     std::unordered_map<std::string, std::size_t> outstandingById_;
@@ -195,6 +195,7 @@ private:
 
     mutable Mutex lock_;
     bool waitingForGetData_ = true;             // guarded by lock_
+    bool cancelled_ = false;                    // guarded by lock_
     std::list<ResponseBuffer> responseBuffers_; // guarded by lock_; one per part, oldest first
     BackPressure pressure_;                     // guarded by lock_
 };

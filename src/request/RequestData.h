@@ -2,7 +2,6 @@
 
 #include "protocol/States.h"
 #include "request/Answer.h"
-#include "request/ConnectionParameters.h"
 #include "request/OutgoingPart.h"
 
 #include <atomic>
@@ -33,8 +32,8 @@ inline void appendKey(std::string& list, const std::string& key) {
 /// state, and the two ways of its bytes, OutgoingPart and Answer.
 ///
 /// Shared by the gateway core (main loop), the transfer (worker) and the response parser (worker).
-/// Ids and parameters never change, state and cancellation are atomic, the number in the message
-/// and the content id belong to the worker, and the two ways guard their bytes themselves.
+/// Ids and parameters never change, the state is atomic, the number in the message and the content
+/// id belong to the worker, and the two ways guard themselves.
 class RequestData {
 public:
     /// @param connectionPolicy which network connections the request may use.
@@ -71,8 +70,8 @@ public:
     [[nodiscard]] RequestState state() const noexcept { return state_; }
 
     /// A cancelled request stores no more response bytes and delivers none.
-    void setCancelled(bool cancelled) noexcept { answer_.setCancelled(cancelled); }
-    [[nodiscard]] bool isCancelled() const noexcept { return answer_.isCancelled(); }
+    void setCancelled(bool cancelled) { answer_.setCancelled(cancelled); }
+    [[nodiscard]] bool isCancelled() const { return answer_.isCancelled(); }
 
     // -- place in the SLP message; worker -----------------------------------------------------
 

@@ -1,6 +1,6 @@
 #include "slp/ResponseHead.h"
 
-#include "config/Number.h"
+#include "config/MapWrapper.h"
 #include "protocol/Codes.h"
 #include "slp/TextSearch.h"
 

@@ -3,10 +3,8 @@
 #include "protocol/Codes.h"
 #include "slp/TextSearch.h"
 
-#include <algorithm>
 #include <charconv>
 #include <limits>
-#include <memory>
 #include <utility>
 
 namespace orvexd {
@@ -141,57 +139,7 @@ std::optional<SlpError> parseResponseElement(xmlNode& response, AttributeReader&
     return std::nullopt;
 }
 
-using XmlParser = std::unique_ptr<xmlParserCtxt, FreeWith<xmlFreeParserCtxt>>;
-
-/// Hands a document to the parser piece by piece and breaks off where its cost would grow with the
-/// square of its length, which would keep the worker busy for minutes while nothing could stop it:
-/// libxml2 compares each attribute or namespace of an element with all others of the element, so
-/// several hundred are the most. Declarations must end within the first piece: they may hold such
-/// elements in an entity, which is parsed without further reading, or attributes that every element
-/// gets unasked.
-struct Feed {
-    static constexpr int kMostAttributeSlots =
-        5000; // of the parser's tables: five for an attribute
-    static constexpr int kMostNamespaceSlots = 2000; // and two for a namespace
-    static constexpr std::size_t kPiece = 2000;
-
-    std::string_view rest;
-    const xmlParserCtxt& parser;
-    bool begun = false;
-
-    bool isTooCostly() const noexcept {
-        return parser.maxatts > kMostAttributeSlots || parser.nsMax > kMostNamespaceSlots ||
-               (begun && parser.inSubset != 0);
-    }
-
-    static int read(void* self, char* to, int room) noexcept {
-        auto& feed = *static_cast<Feed*>(self);
-        if (!feed.rest.empty() && feed.isTooCostly()) {
-            return -1;
-        }
-        const std::string_view piece =
-            feed.rest.substr(0, std::min(kPiece, static_cast<std::size_t>(room)));
-        std::copy(piece.begin(), piece.end(), to);
-        feed.rest.remove_prefix(piece.size());
-        feed.begun = true;
-        return static_cast<int>(piece.size());
-    }
-};
-
 } // namespace
-
-XmlDocument readSlpDocument(std::string_view text) {
-    silenceXmlErrors(); // the handlers are per thread, and this may be the thread's first document
-    if (!std::in_range<int>(text.size())) {
-        return nullptr;
-    }
-    const XmlParser parser(xmlNewParserCtxt());
-    if (!parser) {
-        return nullptr;
-    }
-    Feed feed{text, *parser};
-    return XmlDocument(xmlCtxtReadIO(parser.get(), Feed::read, nullptr, &feed, "", nullptr, 0));
-}
 
 std::optional<SlpError> parseSlpResponse(xmlNode* root, ResultMap& results) {
     if (!isNamed(root, "SimpleLocationProtocol")) {

@@ -3,6 +3,7 @@
 #include "slp/ResponseHead.h"
 #include "support/XmlHandles.h"
 
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <string>
@@ -14,13 +15,29 @@ namespace orvexd {
 /// Content ids of the response parts by the number that their request has in the SLP message.
 using ResultMap = std::map<int, std::vector<std::string>>;
 
-/// Parses the bytes of an SLP document; null when they are none. Nothing is printed.
-XmlDocument readSlpDocument(std::string_view text);
+/// The most attributes and namespace declarations that one element may have.
+inline constexpr std::size_t kMostAttributes = 12'000;
+
+/// The most bytes of an internal subset, its parameter entities put in. A document in an encoding
+/// that cannot be scanned must not be longer itself.
+inline constexpr std::size_t kMostDeclarations = 32'000;
+
+/// Looks for what the parser would work at for long without a call in between: very many attributes
+/// in one element, and long declarations. Malformed text may pass: the parser ends at its fault.
+[[nodiscard]] bool mayBeParsed(std::string_view text);
+
+/// Parses a document as `xmlReadMemory` without options does, but gives up when that is much more
+/// work than the document is long: libxml2 compares each attribute of an element with all others,
+/// searches all namespaces in force for each prefix, and copies what a declaration gives to every
+/// element. A few hundred kilobytes would keep the worker busy for minutes, and nothing stops it.
+/// Nothing is printed. Any thread.
+/// @return null when the text is no document or when its limits, named in orvexd(8), are passed.
+[[nodiscard]] XmlDocument readSlpDocument(std::string_view text);
 
 /// Adds what the document says to `results`.
 /// @param root root element of the document, may be null.
 /// @return what is wrong with the document, if anything; the results in front of the fault have
 /// been added then.
-std::optional<SlpError> parseSlpResponse(xmlNode* root, ResultMap& results);
+[[nodiscard]] std::optional<SlpError> parseSlpResponse(xmlNode* root, ResultMap& results);
 
 } // namespace orvexd

@@ -99,6 +99,16 @@ def test_fault_of_the_document_replaces_that_of_the_status_line(ask, client, ser
             id="harmless entity",
         ),
         pytest.param(slp_response(f"{RESULT}<!-- {'x' * 2_000_000} -->"), id="two megabytes"),
+        pytest.param(
+            slp_response(RESULT, 'status="ok"' + "".join(f' a{n}=""' for n in range(10_000))),
+            id="10,000 attributes",
+        ),
+        pytest.param(
+            f"<!-- {'x' * 10_000} -->"
+            + '<!DOCTYPE x [<!ENTITY ok "ok">]>'
+            + document("a").replace('"ok"', '"&ok;"'),
+            id="declarations far behind the start",
+        ),
     ],
 )
 def test_document_is_accepted(ask, client, text):
@@ -144,4 +154,23 @@ def test_later_start_part_adds_to_what_was_announced(ask, client):
     # Results add up: what the first document promised is still expected.
     assert request.first.wait() == (b"one", PART_COMPLETE)
     assert request.wait_for_failure() == MISSING
+    expect_no_error(client)
+
+
+# Takes libxml2 itself to a loop without end: entities of sevens in declarations of a parameter entity.
+ENDLESS = (
+    "<!DOCTYPE r [<!ENTITY a ''>"
+    + "".join(f"<!ENTITY {n} '{f'&{m};' * 7}'>" for m, n in zip("abcde", "bcdef"))
+    + "<!ENTITY % p '<!ATTLIST r a CDATA \"&f;\" b CDATA \"\"> '><!ENTITY % q ' &#37;p; '>%q;]>"
+)
+# Each of these instructions is put behind all others, one by one.
+CATALOGS = "<?oasis-xml-catalog catalog='x'?>" * 200_000
+
+
+@pytest.mark.parametrize("hostile", [ENDLESS, CATALOGS], ids=["endless", "catalogs"])
+def test_hostile_document_fails_at_once_and_other_calls_are_served(ask, client, hostile):
+    request = ask(start_part_with(hostile + document("a")) + "\r\n", GOOD_PART + DELIMITER + "--\r\n")
+
+    assert client.status()
+    assert request.wait_for_failure(seconds=3) == MISSING
     expect_no_error(client)

@@ -89,6 +89,12 @@ def large_documents():
         "100,000-attributes": slp_response(
             RESULT.replace("/>", "".join(f' a{n}=""' for n in range(100_000)) + "/>")
         ),
+        "garbage-behind-11,000-attributes": document("a").replace(
+            "SlpResponse ", "SlpResponse " + "".join(f'a{n}="" ' for n in range(11_000)), 1
+        )
+        + "garbage <",
+        "declarations-of-40,000-bytes": f"<!DOCTYPE x [{' ' * 40_000}]>" + document("a"),
+        "1,000,000-names": slp_response(RESULT + "".join(f"<a{n}/>" for n in range(1_000_000))),
         "element-name-of-20-megabytes": f"<{'x' * (20 << 20)}/>",
         "attribute-of-20-megabytes": f'<x y="{"z" * (20 << 20)}"/>',
     }.items():

@@ -3,7 +3,7 @@
 #include "protocol/Codes.h"
 #include "protocol/States.h"
 #include "request/Answer.h"
-#include "request/ConnectionParameters.h"
+#include "request/OutgoingPart.h"
 #include "support/ByteQueue.h"
 
 #include "trilba/network/ProxyQuery.h"
