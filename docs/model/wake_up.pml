@@ -1,5 +1,6 @@
 /* The wake-up between sendData and the read callback: the main loop stores data for a request and wakes
- * the worker, which takes the data or waits for it until a deadline.
+ * the worker, which takes the data or waits for it until a deadline. At the end the main loop may cancel and
+ * join the worker.
  *
  * One step of the model is one access to what both threads share. Names are those of the code's fields;
  * README.md maps them. What stands below "ghosts" exists in the model only, to tell right from wrong.
@@ -10,38 +11,32 @@
  * MUTATE_NOTIFY_WITHOUT_FLAG      safety   notifyData sets dataArrived_
  * MUTATE_NOTIFY_WITHOUT_BROADCAST safety   notifyData wakes the worker
  * MUTATE_NOTIFY_BEFORE_APPEND     safety   sendData stores the data before it wakes the worker
- * MUTATE_NOTIFY_UNDER_LOCK        safety   sendData wakes the worker with the request's lock_ released
+ * MUTATE_NOTIFY_UNDER_LOCK        safety   sendData wakes the worker with the part's lock_ released
  * MUTATE_RELEASE_BEFORE_WAIT      safety   the reader holds dataMutex_ from taking to waiting
  * MUTATE_WAIT_WITHOUT_RESET       ends     waitForData clears dataArrived_ before it waits
  * MUTATE_TRUST_WAKE_UP            ends     waitForData asks dataArrived_ after a wake-up
  * MUTATE_DEADLINE_WINS            safety   waitForData asks dataArrived_ at the deadline
- * MUTATE_DEADLINE_KEEPS_OPEN      ends     awaitData closes the part at the deadline
+ * MUTATE_DEADLINE_KEEPS_OPEN      ends     awaitData ends the part at the deadline
  * MUTATE_TEST_THEN_APPEND         safety   appendIfAccepting tests and appends in one step
  * MUTATE_APPEND_WITHOUT_LOCK      safety   appendIfAccepting holds lock_
- * MUTATE_TAKE_WITHOUT_LOCK        safety   takeRequestData holds lock_
- * MUTATE_TAKE_KEEPS_ACCEPTING     safety   takeRequestData ends the acceptance with the last byte
+ * MUTATE_TAKE_WITHOUT_LOCK        safety   take holds lock_
+ * MUTATE_TAKE_KEEPS_ACCEPTING     safety   take ends the acceptance with the last byte, in the same step
  * MUTATE_ACCEPT_BEFORE_HEADER     safety   the part header is written before data is accepted
  * MUTATE_ASK_BEFORE_ACCEPTING     safety   data is accepted before the client is asked for it
  * MUTATE_READ_AFTER_CANCEL        safety   readBody asks cancelRequested_ first
  * MUTATE_WAIT_AFTER_CANCEL        safety   takeSlice asks cancelRequested_ before it waits again
- * MUTATE_SEND_WITHOUT_LOCK        safety   sendData holds requestsLock_
- * MUTATE_FAIL_UNDER_MUTEX         safety   the reader releases dataMutex_ before a failure is reported
+ * MUTATE_SHUTDOWN_WITHOUT_CANCEL  safety   shutdown cancels the transfer before it joins the worker
+ * MUTATE_JOIN_UNDER_MUTEX         safety   shutdown joins the worker with dataMutex_ released
  */
 
 #define REQUESTS 2 /* in the exchange, each of another client */
 
-mtype = { Queued, Sending, Sent };
-
-/* OrvexMain */
-bool requestsLock_;
-
-/* RequestData */
-mtype state_[REQUESTS] = Queued;
+/* OutgoingPart */
 bool lock_[REQUESTS];
-byte outgoing_[REQUESTS];      /* messages stored and not taken yet */
+byte bytes_[REQUESTS];         /* messages stored and not taken yet */
 bool lastDataGiven_[REQUESTS];
-bool acceptingData_[REQUESTS];
-bool partHeader_[REQUESTS];    /* has been written */
+bool accepting_[REQUESTS];
+bool header_[REQUESTS];        /* has been written */
 
 /* DataSignal */
 bool dataMutex_;
@@ -56,14 +51,13 @@ bool asleep;               /* ... and has released dataMutex_ in waitUntil */
 bool woken;                /* ... and was woken since */
 bool deadlinePassed;
 bool requestData[REQUESTS];/* the client was asked, by the signal */
-bool deleted[REQUESTS];    /* the request has left requests_ */
 byte accepted[REQUESTS];   /* messages that sendData answered with 0 */
 byte taken[REQUESTS];      /* messages that went into the body */
+bool joining;              /* the main loop waits for the worker's end */
 bool ended;                /* the worker has ended */
 
 inline acquire(mutex) { atomic { !mutex -> mutex = true } }
 inline release(mutex) { mutex = false }
-inline use(r) { assert(!deleted[r]) }
 
 /* -- main loop's thread ------------------------------------------------------------------------ */
 
@@ -89,19 +83,19 @@ inline notifyData() {
 inline appendIfAccepting() {
   done = false;
 #ifdef MUTATE_TEST_THEN_APPEND
-  test = acceptingData_[r];
+  test = accepting_[r];
 #endif
 #ifndef MUTATE_APPEND_WITHOUT_LOCK
   acquire(lock_[r]);
 #endif
 #ifndef MUTATE_TEST_THEN_APPEND
-  test = acceptingData_[r];
+  test = accepting_[r];
 #endif
   if
   :: test ->
-     assert(partHeader_[r]); /* the header goes out in front of the first data */
-     stored = outgoing_[r];
-     outgoing_[r] = stored + 1;
+     assert(header_[r]); /* the header goes out in front of the first data */
+     stored = bytes_[r];
+     bytes_[r] = stored + 1;
      lastDataGiven_[r] = last;
      accepted[r]++;
      done = true
@@ -118,36 +112,30 @@ inline appendIfAccepting() {
 }
 
 inline sendData() {
-#ifndef MUTATE_SEND_WITHOUT_LOCK
-  acquire(requestsLock_);
-#endif
-  if
-  :: deleted[r] /* unknown request */
-  :: else ->
-     use(r);
-     asked = requestData[r];
+  asked = requestData[r];
 #ifdef MUTATE_NOTIFY_BEFORE_APPEND
-     notifyData();
+  notifyData();
 #endif
-     use(r);
-     appendIfAccepting();
+  appendIfAccepting();
 #if !defined(MUTATE_NOTIFY_BEFORE_APPEND) && !defined(MUTATE_NOTIFY_UNDER_LOCK)
-     if
-     :: done -> notifyData()
-     :: else
-     fi
-#endif
+  if
+  :: done -> notifyData()
+  :: else
   fi;
-#ifndef MUTATE_SEND_WITHOUT_LOCK
-  release(requestsLock_);
 #endif
   asked = false; done = false
 }
 
-inline cancelTransfer() {
+inline shutdown() {
+#ifndef MUTATE_SHUTDOWN_WITHOUT_CANCEL
   acquire(dataMutex_);
   cancelRequested_ = true; /* wakes nobody */
-  release(dataMutex_)
+#ifndef MUTATE_JOIN_UNDER_MUTEX
+  release(dataMutex_);
+#endif
+#endif
+  joining = true;
+  ended /* WorkerThread::join */
 }
 
 inline sendOne() {
@@ -161,14 +149,14 @@ inline sendOne() {
 
 proctype MainLoop() {
   byte r, stored;
-  bool last, asked, test, done, cancelled;
+  bool last, asked, test, done;
   byte sent[REQUESTS];
 
 end:
   do
   :: atomic { sent[0] < 2 -> r = 0; sent[0]++ }; sendOne()
   :: atomic { sent[1] < 1 -> r = 1; sent[1]++ }; sendOne()
-  :: atomic { !cancelled -> cancelled = true }; cancelTransfer()
+  :: shutdown(); break
   :: break /* clients may fall silent at any time */
   od
 }
@@ -183,7 +171,7 @@ inline waitUntil() {
   :: !patient && !deadlinePassed -> inTime = true
   :: deadlinePassed ->
      /* If nobody else could take a step, there must have been nothing to wake the worker for. */
-     assert(!patient || outgoing_[currentPart_] == 0);
+     assert(!patient || bytes_[currentPart_] == 0);
      inTime = false
   fi;
   asleep = false;
@@ -217,7 +205,7 @@ inline awaitData(r) {
   release(dataMutex_);
   acquire(dataMutex_);
 #endif
-  assert(!cancelRequested_); /* no wait begins after a cancellation */
+  assert(!cancelRequested_ && !joining); /* no wait begins after a cancellation, nor keeps a join waiting */
   atomic { waiting = true; deadlinePassed = false };
   waitForData();
   atomic { waiting = false; deadlinePassed = false; woken = false; inTime = false };
@@ -226,7 +214,7 @@ inline awaitData(r) {
   :: else ->
      assert(!dataArrived_); /* a part is not closed on a client that was in time */
 #ifndef MUTATE_DEADLINE_KEEPS_OPEN
-     acquire(lock_[r]);
+     acquire(lock_[r]); /* append({}, true) */
      lastDataGiven_[r] = true;
      release(lock_[r])
 #endif
@@ -234,21 +222,20 @@ inline awaitData(r) {
   arrived = false
 }
 
-inline takeRequestData(r) {
-  use(r);
+inline take(r) {
 #ifndef MUTATE_TAKE_WITHOUT_LOCK
   acquire(lock_[r]);
 #endif
-  held = outgoing_[r];
+  held = bytes_[r];
   if /* libcurl's buffer has room for all of it, or for less */
   :: size = held
   :: held > 1 -> size = 1
   fi;
-  atomic { outgoing_[r] = held - size; taken[r] = taken[r] + size };
-  finished = outgoing_[r] == 0 && lastDataGiven_[r];
+  atomic { bytes_[r] = held - size; taken[r] = taken[r] + size };
+  finished = bytes_[r] == 0 && lastDataGiven_[r];
 #ifndef MUTATE_TAKE_KEEPS_ACCEPTING
   if
-  :: finished -> acceptingData_[r] = false
+  :: finished -> accepting_[r] = false
   :: else
   fi;
 #endif
@@ -260,24 +247,21 @@ inline takeRequestData(r) {
 
 /* advanceToNextPart in two halves: there is no part to close behind the prefix. */
 inline closePart() {
-  use(currentPart_);
-  acceptingData_[currentPart_] = false;
-  assert(accepted[currentPart_] == taken[currentPart_]); /* nothing that was accepted is lost */
-  state_[currentPart_] = Sent
+  accepting_[currentPart_] = false;
+  assert(accepted[currentPart_] == taken[currentPart_]) /* nothing that was accepted is lost */
 }
 
 inline openPart() {
   currentPart_++;
 #ifndef MUTATE_ACCEPT_BEFORE_HEADER
-  partHeader_[currentPart_] = true;
+  header_[currentPart_] = true;
 #endif
-  state_[currentPart_] = Sending;
 #ifdef MUTATE_ASK_BEFORE_ACCEPTING
   requestData[currentPart_] = true;
 #endif
-  acceptingData_[currentPart_] = true;
+  accepting_[currentPart_] = true;
 #ifdef MUTATE_ACCEPT_BEFORE_HEADER
-  partHeader_[currentPart_] = true;
+  header_[currentPart_] = true;
 #endif
 #ifndef MUTATE_ASK_BEFORE_ACCEPTING
   requestData[currentPart_] = true
@@ -296,7 +280,7 @@ inline takeSlice() {
         if
         :: partsClosed_ -> atomic { size = 1; bodyComplete_ = true }; break /* closing delimiter */
         :: else ->
-           takeRequestData(currentPart_);
+           take(currentPart_);
            if
            :: finished ->
               closePart();
@@ -333,21 +317,8 @@ inline readBody() {
      fi
   fi;
   assert(!late || size == 0); /* nothing is sent by a callback that begins after a cancellation */
-#ifdef MUTATE_FAIL_UNDER_MUTEX
-  if
-  :: failed
-  :: else -> release(dataMutex_)
-  fi;
-#else
   release(dataMutex_);
-#endif
   atomic { size = 0; late = false }
-}
-
-inline onExchangeFailed() {
-  acquire(requestsLock_);
-  d_step { deleted[0] = true; deleted[1] = true };
-  release(requestsLock_)
 }
 
 proctype Worker() {
@@ -362,10 +333,7 @@ proctype Worker() {
   :: failed || complete -> break
   :: else -> readBody()
   od;
-  if
-  :: failed -> onExchangeFailed()
-  :: complete -> assert(accepted[0] == taken[0] && accepted[1] == taken[1])
-  fi;
+  assert(failed || accepted[0] == taken[0] && accepted[1] == taken[1]);
   ended = true
 }
 
