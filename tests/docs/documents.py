@@ -7,6 +7,7 @@ from harness.settings import ROOT
 
 README = "README.md"
 GUIDE = "docs/client-guide.md"
+ARCHITECTURE = "docs/architecture.md"
 
 Block = collections.namedtuple("Block", "document line language text")
 
