@@ -17,7 +17,7 @@ from workspace import Build, BuildFailed, Changed, Workspace
 
 _SUITE = re.compile(r"^TEST(?:_F|_P)?\(\s*(\w+)", re.MULTILINE)
 # Annotations and locks that only the thread sanitizer can miss.
-_SANITIZED_FILES = ("src/support/ThreadSanitizer.h", "src/support/Locks.h")
+_SANITIZED_FILES = ("src/support/Threads.h",)
 _CANARIES = ["unlocked", "one-lock-missing", "one-recursive-lock-missing", "locks-in-both-orders"]
 _QUIET_CANARIES = ["locked", "recursively-locked", "condition", "posted",
                    "locks-in-both-orders-by-a-suppressed-function"]
