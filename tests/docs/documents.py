@@ -5,9 +5,9 @@ import re
 
 from harness.settings import ROOT
 
+ARCHITECTURE = "docs/architecture.md"
 README = "README.md"
 GUIDE = "docs/client-guide.md"
-ARCHITECTURE = "docs/architecture.md"
 
 Block = collections.namedtuple("Block", "document line language text")
 
