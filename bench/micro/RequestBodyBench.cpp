@@ -3,6 +3,7 @@
 #include "Bodies.h"
 #include "OurParse.h"
 #include "http/HttpClient.h"
+#include "http/IExchangeOwner.h"
 
 #include <benchmark/benchmark.h>
 

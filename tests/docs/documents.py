@@ -5,6 +5,7 @@ import re
 
 from harness.settings import ROOT
 
+ARCHITECTURE = "docs/architecture.md"
 README = "README.md"
 GUIDE = "docs/client-guide.md"
 DEVICE = "Install it on a device"

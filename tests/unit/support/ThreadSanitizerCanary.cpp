@@ -10,7 +10,6 @@
 #include <dbus/dbus.h>
 #include <glib.h>
 #include <iostream>
-#include <memory>
 #include <string_view>
 
 namespace {
@@ -21,7 +20,7 @@ struct Shared {
     Mutex mutex;
     Mutex otherMutex;
     Condition condition;
-    RecursiveMutex recursiveMutex;
+    Lifetime lifetime;
     bool ready = false;
     int field = 0;
 };
@@ -54,13 +53,6 @@ gpointer countLocked(gpointer data) {
     return nullptr;
 }
 
-gpointer countRecursivelyLocked(gpointer data) {
-    auto& shared = *static_cast<Shared*>(data);
-    const RecursiveLock guard(shared.recursiveMutex);
-    ++shared.field;
-    return nullptr;
-}
-
 gpointer signalReady(gpointer data) {
     auto& shared = *static_cast<Shared*>(data);
     const Lock guard(shared.mutex);
@@ -78,19 +70,12 @@ void awaitReady(Shared& shared) {
     ++shared.field;
 }
 
-struct Post : MainLoopRecord {
-    Post(Shared& target, int content) : shared(target), value(content) {}
-    void run() override {
+gpointer postValue(gpointer data) {
+    auto& shared = *static_cast<Shared*>(data);
+    postToMainLoop(shared.lifetime, [&shared, value = 7] {
         shared.field += value;
         shared.ready = true;
-    }
-    Shared& shared;
-    int value;
-};
-
-gpointer postValue(gpointer data) {
-    postToMainLoop(std::chrono::milliseconds(0),
-                   std::make_unique<Post>(*static_cast<Shared*>(data), 7));
+    });
     return nullptr;
 }
 
@@ -118,9 +103,6 @@ bool run(std::string_view name) {
     if (name == "one-lock-missing") {
         return runBeside(shared, countLocked, [](Shared& here) { ++here.field; });
     }
-    if (name == "one-recursive-lock-missing") {
-        return runBeside(shared, countRecursivelyLocked, [](Shared& here) { ++here.field; });
-    }
     if (name == "locks-in-both-orders") {
         const tsan::LibraryFrame frame(dbus_connection_close); // no suppression names it
         lockInOneOrder(shared);
@@ -137,10 +119,6 @@ bool run(std::string_view name) {
     }
     if (name == "locked") {
         return runBeside(shared, countLocked, [](Shared& here) { (void)countLocked(&here); });
-    }
-    if (name == "recursively-locked") {
-        return runBeside(shared, countRecursivelyLocked,
-                         [](Shared& here) { (void)countRecursivelyLocked(&here); });
     }
     if (name == "condition") {
         return runBeside(shared, signalReady, awaitReady);
