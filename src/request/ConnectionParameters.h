@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/Statistics.h"
+
 #include <cstdint>
 #include <string>
 
@@ -14,6 +16,7 @@ struct ConnectionParameters {
     std::string transferEncoding; ///< Content-Transfer-Encoding of the request's part
     std::string contentType;      ///< Content-Type of the request's part
     std::uint32_t chunkSize = 0;  ///< largest number of response bytes in one delivery
+    [[no_unique_address]] Counted<Statistic::Connections> counted = {};
 };
 
 } // namespace orvexd

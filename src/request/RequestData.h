@@ -4,6 +4,7 @@
 #include "request/Answer.h"
 #include "request/ConnectionParameters.h"
 #include "request/OutgoingPart.h"
+#include "support/Statistics.h"
 
 #include <atomic>
 #include <cstdint>
@@ -135,6 +136,7 @@ private:
     std::string contentId_;          // worker
     OutgoingPart part_;
     Answer answer_;
+    [[no_unique_address]] Counted<Statistic::Requests> counted_;
 };
 
 } // namespace orvexd

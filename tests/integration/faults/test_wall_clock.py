@@ -13,7 +13,6 @@ import pytest
 from harness import curl, matrix, observe, shared
 from harness.daemon import Daemon
 from harness.fault import TRANSPORT, Answered, Failed, Fault, one_request, rows
-from harness.ledger import Ledger
 from harness.moment import ASKED, MOMENTS, ExchangeOver
 from harness.preload import SteppedClock
 from harness.settings import patience
@@ -32,7 +31,6 @@ def daemon(tmp_path_factory, bus, platform, preinst):
     directory = tmp_path_factory.mktemp("daemon")
     daemon = Daemon(directory, bus, platform.path, preinst)
     daemon.clock = SteppedClock(daemon, directory)
-    daemon.ledger = Ledger(daemon, directory)
     yield from shared.running(daemon)
 
 

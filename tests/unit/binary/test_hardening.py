@@ -88,6 +88,13 @@ class Hardening(unittest.TestCase):
         for one in objects:
             self.assertRegex(one, r"x86 feature:.*IBT.*SHSTK", one.splitlines()[0])
 
+    # What the tests count is for builds that nobody ships; see src/support/Statistics.h.
+    def test_nothing_is_counted(self):
+        self.assertNotIn(b"ORVEXD_STATISTICS", Path(DAEMON).read_bytes())
+        symbols = readelf("--syms", DAEMON)
+        self.assertIn("FUNC", symbols)
+        self.assertNotRegex(symbols, "(?i)statistic|Counted")
+
 
 if __name__ == "__main__":
     if len(sys.argv) < 3:
