@@ -45,10 +45,7 @@ def step_at(moment, step, scene):
     moment.reach(scene)
     scene.daemon.clock.step_to(step)
     moment.let_go(scene)
-    if moment.asks:
-        scene.requests[0].wait_until_asked()
-    if moment.unsent:
-        assert scene.requests[0].send(moment.unsent) == 0
+    moment.send_rest(scene)
 
 
 def step_while_waiting(step, scene):
