@@ -82,7 +82,7 @@ private:
     DataSignal dataSignal_;
     Lifetime lifetime_;
     MainLoopTimer endTimer_;
-    [[no_unique_address]] Counted<Statistic::Exchanges> counted_;
+    [[no_unique_address, maybe_unused]] Counted<Statistic::Exchanges> counted_;
     WorkerThread worker_; // last: it is joined before anything that it uses goes
 };
 

@@ -136,7 +136,7 @@ private:
     std::string contentId_;          // worker
     OutgoingPart part_;
     Answer answer_;
-    [[no_unique_address]] Counted<Statistic::Requests> counted_;
+    [[no_unique_address, maybe_unused]] Counted<Statistic::Requests> counted_;
 };
 
 } // namespace orvexd

@@ -1,7 +1,7 @@
 #pragma once
 
-// How many of the daemon's records exist at this moment, for tests. Only a build with the option
-// ORVEXD_STATISTICS counts them; a release never does, and has nothing of this header in it.
+// How many of the daemon's records exist now, for tests. Only a build with the option
+// ORVEXD_STATISTICS counts them; a release never does, and has nothing of this in it.
 
 #ifdef ORVEXD_STATISTICS
 #include <array>
@@ -53,7 +53,7 @@ public:
 };
 
 #else
-template <Statistic> class [[maybe_unused]] Counted {};
+template <Statistic> class Counted {};
 #endif
 
 } // namespace orvexd
