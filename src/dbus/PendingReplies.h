@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/BusHandles.h"
+#include "support/Statistics.h"
 
 #include <cstdint>
 #include <map>
@@ -21,7 +22,7 @@ public:
     void hold(std::uint32_t connectionId, std::uint32_t requestId, DBusMessage& call) {
         BusMessage reply(dbus_message_new_method_return(&call));
         if (reply) {
-            replies_.insert_or_assign({connectionId, requestId}, std::move(reply));
+            replies_.insert_or_assign({connectionId, requestId}, Held{std::move(reply)});
         } else {
             drop(connectionId, requestId);
         }
@@ -33,7 +34,7 @@ public:
         if (held == replies_.end()) {
             return nullptr;
         }
-        BusMessage reply = std::move(held->second);
+        BusMessage reply = std::move(held->second.reply);
         replies_.erase(held);
         return reply;
     }
@@ -47,7 +48,12 @@ public:
     void clear() { replies_.clear(); }
 
 private:
-    std::map<std::pair<std::uint32_t, std::uint32_t>, BusMessage> replies_;
+    struct Held {
+        BusMessage reply;
+        [[no_unique_address]] Counted<Statistic::HeldReplies> counted = {};
+    };
+
+    std::map<std::pair<std::uint32_t, std::uint32_t>, Held> replies_;
 };
 
 } // namespace orvexd

@@ -2,6 +2,7 @@
 
 #include "http/DataSignal.h"
 #include "support/MainLoopPost.h"
+#include "support/Statistics.h"
 #include "support/Threads.h"
 
 #include <glib.h>
@@ -83,6 +84,7 @@ private:
     DataSignal dataSignal_;
     Lifetime lifetime_;
     MainLoopTimer endTimer_;
+    [[no_unique_address, maybe_unused]] Counted<Statistic::Exchanges> counted_;
     WorkerThread worker_; // last: it is joined before anything that it uses goes
 };
 

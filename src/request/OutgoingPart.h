@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/ByteQueue.h"
+#include "support/Statistics.h"
 #include "support/Threads.h"
 
 #include <cstddef>
@@ -24,6 +25,7 @@ struct ConnectionParameters {
     std::string transferEncoding; ///< Content-Transfer-Encoding of the request's part
     std::string contentType;      ///< Content-Type of the request's part
     std::uint32_t chunkSize = 0;  ///< largest number of response bytes in one delivery
+    [[no_unique_address]] Counted<Statistic::Connections> counted = {};
 };
 
 /// The MIME part in which a request's data goes to the server, while the client still delivers it.

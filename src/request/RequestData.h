@@ -3,6 +3,7 @@
 #include "protocol/States.h"
 #include "request/Answer.h"
 #include "request/OutgoingPart.h"
+#include "support/Statistics.h"
 
 #include <atomic>
 #include <cstdint>
@@ -141,6 +142,7 @@ private:
     std::string contentId_;          // worker
     OutgoingPart part_;
     Answer answer_;
+    [[no_unique_address, maybe_unused]] Counted<Statistic::Requests> counted_;
 };
 
 } // namespace orvexd

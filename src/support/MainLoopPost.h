@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/Statistics.h"
 #include "support/Threads.h"
 
 #include <algorithm>
@@ -48,6 +49,7 @@ public:
 private:
     Lifetime::Watch target_;
     Action action_;
+    [[no_unique_address, maybe_unused]] Counted<Statistic::Posts> counted_;
 };
 
 /// Runs `action` on the main loop's thread unless the owner of `target` is gone by then. Any

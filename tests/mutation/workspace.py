@@ -57,6 +57,7 @@ class Build:
             ["cmake", "-S", self.workspace.tree, "-B", self.directory, "-G", "Ninja",
              "-DCMAKE_BUILD_TYPE=Debug",
              f"-DORVEXD_SANITIZE={self.sanitizer}",
+             "-DORVEXD_STATISTICS=ON",
              # A program that crashes at its start is killed, and no failure of the build.
              "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST",
              # Whether a mutation is pretty is not asked.

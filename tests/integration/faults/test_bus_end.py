@@ -39,6 +39,7 @@ class EndsAtOnce(Seen):
     def check(self, scene):
         scene.daemon.process.wait(AT_ONCE)
         assert time.monotonic() - scene.killed < patience(AT_ONCE)
+        scene.bus.process.wait(AT_ONCE)  # its sockets are closed before it has ended
 
 
 def kill_bus(scene, number=signal.SIGKILL):

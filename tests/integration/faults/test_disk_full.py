@@ -14,7 +14,6 @@ import pytest
 from harness import matrix, shared
 from harness.daemon import Daemon
 from harness.fault import Fault, rows, sending
-from harness.ledger import Ledger
 from harness.moment import ExchangeOver
 
 bus, server, platform, preinst, _, fresh, scene = matrix.FIXTURES
@@ -51,7 +50,6 @@ def daemon(tmp_path_factory, bus, platform, preinst):
         daemon.program = [*wrapper, *daemon.program]
         daemon.arguments[-1] = disk / "storage"
         daemon.environment |= {"HOME": str(disk / "home"), "TMPDIR": str(disk / "tmp")}
-    daemon.ledger = Ledger(daemon, directory)
     yield from shared.running(daemon)
 
 

@@ -44,7 +44,7 @@ def end(moment, ending, scene):
     *(
         Fault(
             f"{ending.name}-{moment.name}",
-            server={},
+            server=moment.server,
             act=functools.partial(end, moment, ending),
             sees=[EndsWithTheWait(), ending, HeldCallEnds()],
             ends=0,

@@ -82,13 +82,13 @@ def fetch_a_hundred_times(scene):
     """One call at most is held, the last one. The bus lets a client wait for 128 answers."""
     SENT.reach(scene)
     request = scene.requests[0]
-    before = scene.holdings()["held calls"]
+    before = scene.daemon.ledger.read()
     raw = scene.raw_client()
     ids = GLib.Variant("(uu)", (request.connection, request.id))
     calls = [raw.compose("getData", ids) for _ in range(100)]
     raw.send(*calls)
     raw.settle()
-    assert scene.holdings()["held calls"] == before + 1
+    scene.daemon.ledger.expect_more(before, held_calls=1)
     SENT.let_go(scene)
     answer = raw.answer(calls[-1].get_serial())
     assert bytes(values(answer)[0]) == QUESTION

@@ -13,7 +13,6 @@ from harness import matrix, shared
 from harness.daemon import Daemon
 from harness.ending import QUIT, SIGTERM
 from harness.fault import QUESTION, Answered, Fault, Seen, rows
-from harness.ledger import Ledger
 from harness.moment import ExchangeOver, Uploaded
 from harness.preload import ThreadGate, wait_until_thread_held
 
@@ -31,7 +30,6 @@ def daemon(tmp_path_factory, bus, platform, preinst):
     directory = tmp_path_factory.mktemp("daemon")
     daemon = Daemon(directory, bus, platform.path, preinst)
     daemon.gate = ThreadGate(daemon, directory)
-    daemon.ledger = Ledger(daemon, directory)
     yield from shared.running(daemon)
 
 

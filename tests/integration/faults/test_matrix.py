@@ -3,53 +3,86 @@
 import pytest
 from gi.repository import GLib
 
-from harness import curl, matrix, waiting
+from harness import curl, matrix, observe, waiting
 from harness.fault import PROTOCOL, TRANSPORT, Answered, Failed, Fault, Over, one_request
+from harness.moment import SENT
+from harness.settings import has_statistics
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 
 REFUSED = {"answer": {"status": 404, "multipart": {"parts": []}}}
+KIND_ONE_ONLY = 0
+
+counted = pytest.mark.skipif(not has_statistics(), reason="this build does not count")
 
 
-def held_call(scene):
-    """A call for a request that waits, which the scene knows nothing of; its ids."""
+def leave_behind(scene):
+    """A client's request that no exchange takes along, which the scene is not told of."""
     client = scene.client()
-    connection = client.connect(kind="other")
-    request = client.attach(connection, 2)
-    client.call_later("getData", GLib.Variant("u", connection), GLib.Variant("u", request))
-    client.settle()
-    return connection, request
+    client.attach(client.connect(kind="other"), KIND_ONE_ONLY)
 
 
-def test_ledger_counts_each_request_and_each_held_call(platform, scene):
-    platform.write(connections=[(2, True, False)])  # attached requests wait
-    scene.client().wait_for_status(1)
-    scene.prepare()
-    before = scene.holdings()
-
-    ids = [held_call(scene) for _ in range(3)]
-    after = scene.holdings()
-    assert after["requests"] == before["requests"] + 3
-    assert after["held calls"] == before["held calls"] + 3
-
-    for connection, _ in ids:
-        scene.clients[0].disconnect(connection)
-    scene.clients[0].settle()
-    assert scene.holdings() == before
+def leave_behind_in_secret(scene):
+    """As `leave_behind`, but the scene's clients do not know its ids either."""
+    connection = scene.client().connect(kind="other")
+    scene.raw_client().call("attach", GLib.Variant("(uuu)", (connection, KIND_ONE_ONLY, 0)))
 
 
-def test_row_that_leaves_a_request_behind_fails(platform, scene):
+@pytest.fixture
+def attached_requests_wait(platform, scene):
     platform.write(connections=[(2, True, False)])
     scene.client().wait_for_status(1)
     scene.settle_seconds = 0.2
 
+
+@counted
+@pytest.mark.usefixtures("attached_requests_wait")
+def test_ledger_counts_connections_requests_and_held_calls(scene):
+    scene.prepare()
+    ledger = scene.daemon.ledger
+    before = ledger.read()
+
+    requests = [scene.request(attached=True) for _ in range(3)]
+    for number in range(2):
+        scene.ask(number)
+    scene.clients[0].settle()
+    ledger.expect_more(before, requests=3, connections=3, held_calls=2)
+
+    for request in requests:
+        scene.clients[0].disconnect(request.connection)
+    scene.clients[0].settle()
+    ledger.expect_more(before)
+
+
+@counted
+def test_ledger_counts_a_running_exchange(scene):
+    scene.prepare()
+    ledger = scene.daemon.ledger
+    before = ledger.read()
+    scene.set_up(**SENT.set_up())
+    SENT.reach(scene)
+    ledger.expect_more(before, requests=1, connections=1, exchanges=1)
+    SENT.let_go(scene)
+    scene.fetch()
+    observe.wait_until_idle(scene.daemon.pid)
+    ledger.expect_more(before, connections=1)
+
+
+@pytest.mark.usefixtures("attached_requests_wait")
+@pytest.mark.parametrize(
+    "leave, seen",
+    [
+        pytest.param(leave_behind, "is still there", id="of-a-client"),
+        pytest.param(leave_behind_in_secret, "'requests': 1", marks=counted, id="in-secret"),
+    ],
+)
+def test_row_that_leaves_a_request_behind_fails(leave, seen, scene):
     def leak(scene):
-        held_call(scene)
+        leave(scene)
         one_request(scene)
 
-    row = Fault("leak", act=leak, sees=[Answered()])
-    with pytest.raises(AssertionError, match="waited|oid"):
-        row.play(scene)
+    with pytest.raises(AssertionError, match=seen):
+        Fault("leak", act=leak, sees=[Answered()]).play(scene)
 
 
 @pytest.mark.parametrize(

@@ -13,16 +13,16 @@ from harness.changes import (
     is_removed,
 )
 from harness.fault import TRANSPORT, Answered, Failed, Fault, Seen, one_request, rows
-from harness.states import (
-    InState,
+from harness.moment import (
+    ASKED,
+    ATTACHED_BEHIND,
+    PREPARED_BEHIND,
+    QUEUED,
+    RECEIVING,
+    SENT,
+    At,
     as_if_nothing_were,
-    asked_for_its_data,
-    attached_behind_an_exchange,
     lost,
-    prepared_behind_an_exchange,
-    queued_while_connecting,
-    receiving,
-    sent,
 )
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
@@ -38,14 +38,7 @@ UNUSABLE = {
 }
 BACK = Changed(Holds(), [KIND_ONE])
 
-COURSES = [
-    prepared_behind_an_exchange,
-    attached_behind_an_exchange,
-    queued_while_connecting,
-    asked_for_its_data,
-    sent,
-    receiving,
-]
+MOMENTS = PREPARED_BEHIND, ATTACHED_BEHIND, QUEUED, ASKED, SENT, RECEIVING
 
 
 class Acts(Seen):
@@ -79,25 +72,24 @@ def unusable_when_idle(name):
     return Fault(f"{name}-when-idle", act=only_look, sees=sees)
 
 
-def gone_in(state, name):
-    sees = [Changed(GONE[name], [NONE]), *lost(state, BACK), NothingElse()]
-    return Fault(f"{name}-when-{state.name}", act=state, sees=sees)
+def gone_at(at, name):
+    return at.row(name, [Changed(GONE[name], [NONE]), *lost(at, BACK), NothingElse()])
 
 
-def unusable_in(state, name):
-    sees = [Changed(UNUSABLE[name]), *as_if_nothing_were(state), NothingElse()]
-    return Fault(f"{name}-when-{state.name}", act=state, sees=sees)
+def unusable_at(moment, name):
+    sees = [Changed(UNUSABLE[name]), *as_if_nothing_were(moment), NothingElse()]
+    return At(moment).row(name, sees)
 
 
 ROWS = [gone_when_idle(name) for name in GONE]
 ROWS += [unusable_when_idle(name) for name in UNUSABLE]
 ROWS += [
-    gone_in(InState(course, asks), name)
-    for course in COURSES
+    gone_at(At(moment, asks), name)
+    for moment in MOMENTS
     for name in GONE
     for asks in (False, True)
 ]
-ROWS += [unusable_in(InState(course), name) for course in COURSES for name in UNUSABLE]
+ROWS += [unusable_at(moment, name) for moment in MOMENTS for name in UNUSABLE]
 
 
 @rows(*ROWS)

@@ -7,8 +7,8 @@ from gi.repository import GLib
 
 from harness import matrix
 from harness.changes import KIND_ONE, KIND_TWO, NONE, NothingElse, announced, replace
-from harness.fault import TRANSPORT, Answered, Fault, Seen, rows
-from harness.states import DATA, GO, InState, as_if_nothing_were, sent
+from harness.fault import QUESTION, TRANSPORT, Answered, Fault, Seen, rows
+from harness.moment import SENT, At, as_if_nothing_were
 from harness.waiting import wait_for
 
 pytestmark = pytest.mark.waits
@@ -72,10 +72,10 @@ def one_in_each_role(scene):
     client = scene.client()
     scene.platform.write(connections=[(2, True, False)])  # over this one, attached requests wait
     client.wait_for_status(KIND_TWO)
-    scene.server.queue({"on": [{"at": "upload-end", "do": "wait", "event": GO}]})
+    scene.server.queue(SENT.server)
     scene.request(kind="position", attached=True)
-    scene.request(kind="position").give(DATA)
-    scene.requests[WAITED_FOR].give(DATA)
+    scene.request(kind="position").give(QUESTION)
+    scene.requests[WAITED_FOR].give(QUESTION)
     scene.server.wait(scene.server.last, "upload-end")
     scene.platform.write(connections=[(1, True, False)])
     client.wait_for_status(KIND_ONE)
@@ -100,8 +100,8 @@ class GoOn(Seen):
     """The server goes on; the attached request gets an exchange of its own."""
 
     def check(self, scene):
-        scene.server.give(GO)
-        scene.requests[ATTACHED].give(DATA)
+        SENT.let_go(scene)
+        scene.requests[ATTACHED].give(QUESTION)
 
 
 # -- rows ------------------------------------------------------------------------------------------
@@ -113,17 +113,15 @@ BETWEEN_NONE_AND_ONE = Fault(
         Flaps([], NONE),
         FailedOnce(),
         GoOn(),
-        Answered([DATA], NOT_WAITED_FOR),
-        Answered([DATA], ATTACHED),
+        Answered([QUESTION], NOT_WAITED_FOR),
+        Answered([QUESTION], ATTACHED),
         NothingElse(),
     ],
 )
 
-SENT = InState(sent, asks=True)
-BETWEEN_KINDS = Fault(
+BETWEEN_KINDS = At(SENT, asks=True).row(
     "between-kind-2-and-kind-1",
-    act=SENT,
-    sees=[Flaps([(2, True, False)], KIND_TWO), *as_if_nothing_were(SENT), NothingElse()],
+    [Flaps([(2, True, False)], KIND_TWO), *as_if_nothing_were(SENT), NothingElse()],
 )
 
 

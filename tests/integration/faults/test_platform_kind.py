@@ -2,15 +2,15 @@
 
 from harness import matrix
 from harness.changes import FLAGGED, KIND_ONE, KIND_TWO, Changed, Holds, NothingElse
-from harness.fault import Fault, rows
-from harness.states import (
-    COURSES,
-    InState,
+from harness.fault import rows
+from harness.moment import (
+    ATTACHED_BEHIND,
+    PREPARED_BEHIND,
+    UNFINISHED,
+    WAITING,
+    At,
     Waits,
     as_if_nothing_were,
-    attached_behind_an_exchange,
-    prepared_behind_an_exchange,
-    waiting_for_a_connection,
 )
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
@@ -24,21 +24,21 @@ CHANGES = {
     "kind-1-behind-another": (Holds(connections=[(2, False, False), (1, True, False)]), KIND_ONE),
 }
 # Requests that cannot travel over the new connection. All others go on as if nothing were.
-WAITING = {
-    waiting_for_a_connection: {"kind-2", "kind-2-flagged", "kind-7", "kind-1-flagged"},
-    attached_behind_an_exchange: {"kind-2", "kind-2-flagged", "kind-7", "kind-1-flagged"},
-    prepared_behind_an_exchange: {"kind-2-flagged", "kind-7"},
+HELD_UP = {
+    WAITING: {"kind-2", "kind-2-flagged", "kind-7", "kind-1-flagged"},
+    ATTACHED_BEHIND: {"kind-2", "kind-2-flagged", "kind-7", "kind-1-flagged"},
+    PREPARED_BEHIND: {"kind-2-flagged", "kind-7"},
 }
 
 
-def row(state, change):
+def row(moment, change):
     how, status = CHANGES[change]
-    before = KIND_TWO if state.course is waiting_for_a_connection else KIND_ONE
-    sees = [Changed(how, statuses(before, status))]
-    if change in WAITING.get(state.course, ()):
-        sees += [Waits(state), Changed(BACK, statuses(status, KIND_ONE))]
-    sees += [*as_if_nothing_were(state), NothingElse()]
-    return Fault(f"{change}-when-{state.name}", act=state, sees=sees)
+    before = KIND_TWO if moment is WAITING else KIND_ONE
+    meanwhile = []
+    if change in HELD_UP.get(moment, ()):
+        meanwhile = [Waits(moment), Changed(BACK, statuses(status, KIND_ONE))]
+    goes_on = as_if_nothing_were(moment, *meanwhile)
+    return At(moment).row(change, [Changed(how, statuses(before, status)), *goes_on, NothingElse()])
 
 
 def statuses(before, after):
@@ -46,6 +46,6 @@ def statuses(before, after):
     return [after] if after != before else []
 
 
-@rows(*(row(InState(course), change) for course in COURSES for change in CHANGES))
+@rows(*(row(moment, change) for moment in UNFINISHED for change in CHANGES))
 def test_platform_kind(fault, scene):
     fault.play(scene)

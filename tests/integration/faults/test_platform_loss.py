@@ -2,24 +2,22 @@
 
 from harness import matrix
 from harness.changes import KIND_ONE, NONE, Changed, Holds, NothingElse
-from harness.fault import Fault, rows
-from harness.states import COURSES, InState, lost, received, received_and_over
+from harness.fault import rows
+from harness.moment import UNFINISHED, At, lost
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 
 LOST = Changed(Holds(connections=[]), [NONE])
 BACK = Changed(Holds(connections=[(1, True, False)]), [KIND_ONE])
+
+
+def row(at):
+    return at.row("lost", [LOST, *lost(at, BACK), NothingElse()])
+
+
+ROWS = [row(At(moment)) for moment in UNFINISHED]
 # A call for an answer that is there is answered at once: nobody can wait then.
-NOBODY_WAITS = received, received_and_over
-
-
-def row(state):
-    sees = [LOST, *lost(state, BACK), NothingElse()]
-    return Fault(f"lost-when-{state.name}", act=state, sees=sees)
-
-
-ROWS = [row(InState(course)) for course in COURSES]
-ROWS += [row(InState(course, asks=True)) for course in COURSES if course not in NOBODY_WAITS]
+ROWS += [row(At(moment, asks=True)) for moment in UNFINISHED if not moment.ready]
 
 
 @rows(*ROWS)

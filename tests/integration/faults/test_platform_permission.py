@@ -3,14 +3,14 @@
 from harness import matrix
 from harness.changes import KIND_ONE, Changed, Holds, NothingElse, Refuses
 from harness.fault import Fault, rows
-from harness.states import (
-    COURSES,
-    InState,
+from harness.moment import (
+    ATTACHED_BEHIND,
+    PREPARED_BEHIND,
+    UNFINISHED,
+    WAITING,
+    At,
     Waits,
     as_if_nothing_were,
-    attached_behind_an_exchange,
-    prepared_behind_an_exchange,
-    waiting_for_a_connection,
 )
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
@@ -21,18 +21,17 @@ CONNECTED = Changed(Holds(connections=[(1, True, False)]), [KIND_ONE])
 REFUSED = [Refuses(2205), Refuses(2205, attached=True)]
 
 
-def row(state):
-    sees = [WITHDRAWN, *REFUSED, *outcome(state), NothingElse()]
-    return Fault(f"withdrawn-when-{state.name}", act=state, sees=sees)
+def row(moment):
+    goes_on = as_if_nothing_were(moment, *held_up(moment))
+    return At(moment).row("withdrawn", [WITHDRAWN, *REFUSED, *goes_on, NothingElse()])
 
 
-def outcome(state):
-    """What becomes of the request: only the start of an exchange needs the permission."""
-    if state.course is waiting_for_a_connection:
-        return [CONNECTED, Waits(state), *REFUSED, GIVEN, *as_if_nothing_were(state)]
-    if state.course in (prepared_behind_an_exchange, attached_behind_an_exchange):
-        return [Waits(state), *REFUSED, GIVEN, *as_if_nothing_were(state)]
-    return as_if_nothing_were(state)
+def held_up(moment):
+    """Only the start of an exchange needs the permission."""
+    if moment in (WAITING, PREPARED_BEHIND, ATTACHED_BEHIND):
+        connected = [CONNECTED] if moment is WAITING else []
+        return [*connected, Waits(moment), *REFUSED, GIVEN]
+    return []
 
 
 def only_look(scene):
@@ -47,6 +46,6 @@ IDLE = Fault(
 )
 
 
-@rows(IDLE, *(row(InState(course)) for course in COURSES))
+@rows(IDLE, *map(row, UNFINISHED))
 def test_platform_permission(fault, scene):
     fault.play(scene)

@@ -21,7 +21,6 @@ from harness.fault import (
     rows,
     without_call,
 )
-from harness.ledger import Ledger
 from harness.settings import DAEMON, SERVER_HOST
 from harness.slp_server import TestServer
 
@@ -60,7 +59,6 @@ def daemon(tmp_path_factory, bus, platform, preinst):
     daemon = Daemon(directory, bus, platform.path, preinst)
     own_mounts = ["unshare", "--mount", "--propagation", "private"]
     daemon.program = [*own_mounts, "sh", "-ec", WITH_OWN_NAMES, directory, DAEMON]
-    daemon.ledger = Ledger(daemon, directory)
     yield from shared.running(daemon)
 
 

@@ -82,7 +82,7 @@ def vanish(moment, scene):
     Fault("no-type", server={}, act=silent(""), sees=[EndsAfter(WAIT), Answered([b""]), Uploaded(0)]),
     Fault(
         "half-sent",
-        server={},
+        server=BEGUN.server,
         act=fall_silent,
         sees=[EndsAfter(WAIT), Answered([QUESTION[:HALF]]), Uploaded(HALF)],
     ),
@@ -102,7 +102,7 @@ def vanish(moment, scene):
     ),
     Fault(
         "vanishes-half-sent",
-        server={},
+        server=BEGUN.server,
         act=functools.partial(vanish, BEGUN),
         sees=[EndsAfter(WAIT), Answered([QUESTION[:HALF]]), ExchangeOver()],
     ),

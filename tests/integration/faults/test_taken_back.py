@@ -75,10 +75,7 @@ def cancel(moment, scene):
     if not moment.unsent or moment.asks:
         assert request.send(b"now") == REFUSED
     moment.let_go(scene)
-    if moment.asks:
-        request.wait_until_asked()
-    if moment.unsent:
-        assert request.send(moment.unsent) == 0
+    moment.send_rest(scene)
 
 
 def cancelled(moment):

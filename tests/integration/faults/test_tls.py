@@ -13,7 +13,6 @@ from harness import curl, matrix, sandbox, shared
 from harness.daemon import Daemon
 from harness.fault import HOLD, TRANSPORT, Answered, Failed, Fault, Seen, early_call, rows
 from harness.keys import CLIENT_FILES, make_keys
-from harness.ledger import Ledger
 from harness.settings import DAEMON, PASSPHRASE
 
 bus, server, platform, preinst, _, fresh, scene = matrix.FIXTURES
@@ -30,7 +29,6 @@ def daemon(tmp_path_factory, bus, platform, preinst):
     directory = tmp_path_factory.mktemp("daemon")
     daemon = Daemon(directory, bus, platform.path, preinst)
     daemon.program = [sys.executable, sandbox.__file__, DAEMON]
-    daemon.ledger = Ledger(daemon, directory)
     yield from shared.running(daemon)
 
 

@@ -39,10 +39,7 @@ def go_on(moment, scene):
         scene.request(request.client, kind="position").give(GO)
     request.client.settle()
     moment.let_go(scene)
-    if moment.asks:
-        request.wait_until_asked()
-    if moment.unsent:
-        assert request.send(moment.unsent) == 0
+    moment.send_rest(scene)
 
 
 def outcome(moment):

@@ -13,7 +13,6 @@ import pytest
 from harness import curl, matrix, observe, shared
 from harness.daemon import Daemon
 from harness.fault import TRANSPORT, Answered, Failed, Fault, one_request, rows
-from harness.ledger import Ledger
 from harness.moment import ASKED, MOMENTS, ExchangeOver
 from harness.preload import SteppedClock
 from harness.settings import patience
@@ -32,7 +31,6 @@ def daemon(tmp_path_factory, bus, platform, preinst):
     directory = tmp_path_factory.mktemp("daemon")
     daemon = Daemon(directory, bus, platform.path, preinst)
     daemon.clock = SteppedClock(daemon, directory)
-    daemon.ledger = Ledger(daemon, directory)
     yield from shared.running(daemon)
 
 
@@ -47,10 +45,7 @@ def step_at(moment, step, scene):
     moment.reach(scene)
     scene.daemon.clock.step_to(step)
     moment.let_go(scene)
-    if moment.asks:
-        scene.requests[0].wait_until_asked()
-    if moment.unsent:
-        assert scene.requests[0].send(moment.unsent) == 0
+    moment.send_rest(scene)
 
 
 def step_while_waiting(step, scene):

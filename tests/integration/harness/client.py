@@ -56,6 +56,7 @@ class Client:
     def __init__(self, address):
         self.bus = connect(address)
         self.signals = []
+        self.requests = []  # the ids of all that it has made: connection, request
         self._subscription = self.bus.signal_subscribe(
             BUS_NAME,
             BUS_NAME,
@@ -94,11 +95,11 @@ class Client:
 
     def prepare(self, connection, policy=2, duration=0):
         """Creates a request that starts an exchange, and returns its id."""
-        return self.call("prepare", *_numbers(connection, policy, duration))[0]
+        return self._create("prepare", connection, policy, duration)
 
     def attach(self, connection, policy=2, duration=0):
         """Creates a request that travels with another, and returns its id."""
-        return self.call("attach", *_numbers(connection, policy, duration))[0]
+        return self._create("attach", connection, policy, duration)
 
     def sendData(self, connection, request, data, last=True):
         """Gives data of a request; the result is 0 or the number of the refusal."""
@@ -191,6 +192,11 @@ class Client:
             int(patience(10) * 1000),
             None,
         )
+
+    def _create(self, member, connection, policy, duration):
+        request = self.call(member, *_numbers(connection, policy, duration))[0]
+        self.requests.append((connection, request))
+        return request
 
     def _on_signal(self, _bus, _sender, _path, _interface, name, arguments):
         self.signals.append(Signal(name, arguments.unpack()))

@@ -7,6 +7,7 @@ from gi.repository import Gio, GLib
 
 from . import waiting
 from .bus_connection import connect
+from .ledger import Ledger
 from .process import Process
 from .settings import BUS_NAME, DAEMON, OBJECT_PATH, ROOT
 
@@ -70,7 +71,7 @@ class Daemon:
             **_sanitizer_options(),
         }
         self.process = None
-        self.ledger = None  # a test may keep one: see harness.ledger
+        self.ledger = Ledger(self.environment, directory)
         self.warmed_up = False  # whether it has made what it keeps for ever
         self._directory = directory
         self._watch = None
@@ -105,8 +106,7 @@ class Daemon:
         self._runs += 1
         self._end_is_wanted = False
         self.warmed_up = False
-        if self.ledger:
-            self.ledger.open()
+        self.ledger.open()
         name = "orvexd" if self._runs == 1 else f"orvexd-{self._runs}"
         self.process = Process(
             [*self.program, *self.arguments], self._directory, name, environment=self.environment
@@ -182,6 +182,10 @@ class Daemon:
 
     def report(self):
         return self.process.report() if self.process else "orvexd: not started"
+
+    def holdings(self):
+        """As `resources`, with what it holds for its clients where the build counts that."""
+        return self.resources() | self.ledger.read()
 
     def resources(self):
         """How many file descriptors and threads it holds now."""

@@ -1,29 +1,38 @@
-"""How many requests and held calls the daemon has, counted in its process (see tests/ledger)."""
+"""How much the daemon holds for its clients, where the build counts it (see src/support/Statistics.h)."""
 
+import pathlib
 import struct
 
-from .settings import BUILD_DIR
+from .settings import has_statistics
 
-LIBRARY = BUILD_DIR / "lib" / "libLedger.so"
-_NUMBERS = struct.Struct("=qq")
+KINDS = "requests", "connections", "held_calls", "exchanges", "posts"  # in the daemon's order
+_NUMBERS = struct.Struct(f"={len(KINDS)}q")
 
 
 class Ledger:
     """Keeps the ledger of a daemon that is not started yet, in this directory."""
 
-    def __init__(self, daemon, directory):
-        assert LIBRARY.exists(), f"{LIBRARY} is not built"
-        self._path = directory / "ledger"
-        preloaded = [str(LIBRARY), *daemon.environment.get("LD_PRELOAD", "").split()]
-        daemon.environment["LD_PRELOAD"] = " ".join(preloaded)
-        daemon.environment["ORVEXD_LEDGER"] = str(self._path)
-        self.open()
+    def __init__(self, environment, directory):
+        self._path = directory / "statistics"
+        if has_statistics():
+            environment["ORVEXD_STATISTICS"] = str(self._path)
 
     def open(self):
         """Begins anew, for a daemon that is about to start."""
-        self._path.write_bytes(_NUMBERS.pack(0, 0))
+        self._path.unlink(missing_ok=True)  # a process that still has it mapped keeps the old one
+        self._path.write_bytes(bytes(_NUMBERS.size))
 
     def read(self):
-        """The requests with a fixed number of other things, and the held calls."""
-        locks, calls = _NUMBERS.unpack(self._path.read_bytes())
-        return {"requests": locks, "held calls": calls}
+        """The numbers by their kinds; none where the build does not count."""
+        if not has_statistics():
+            return {}
+        return dict(zip(KINDS, _NUMBERS.unpack(self._path.read_bytes()), strict=True))
+
+    def expect_more(self, before, **more):
+        """So many more than `before`, and no more of other kinds, where the build counts."""
+        assert self.read() == {kind: count + more.get(kind, 0) for kind, count in before.items()}
+
+    def expect_kept(self, pid):
+        """The process writes into the ledger, if its build counts."""
+        maps = pathlib.Path(f"/proc/{pid}/maps").read_text("utf-8")
+        assert not has_statistics() or f" {self._path}\n" in maps, "nobody keeps the ledger"

@@ -8,19 +8,9 @@ A module of rows says
 import pytest
 
 from . import shared
-from .daemon import Daemon
-from .ledger import Ledger
 from .scene import Scene
 
-bus, server, platform, preinst, _, fresh = shared.FIXTURES
-
-
-@pytest.fixture(scope="module")
-def daemon(tmp_path_factory, bus, platform, preinst):
-    directory = tmp_path_factory.mktemp("daemon")
-    daemon = Daemon(directory, bus, platform.path, preinst)
-    daemon.ledger = Ledger(daemon, directory)
-    yield from shared.running(daemon)
+bus, server, platform, preinst, daemon, fresh = shared.FIXTURES
 
 
 @pytest.fixture

@@ -1,7 +1,6 @@
 """Moments in the life of a request: a row of the fault matrix brings one there and holds it.
 
-The request is the scene's first, of its first client. Where the server holds the exchange, the event
-"go" lets it go on.
+Where the server holds the exchange, the event "go" lets it go on.
 """
 
 import dataclasses
@@ -9,7 +8,7 @@ from typing import Any, Callable
 
 from . import observe
 from .client import PART_COMPLETE, PART_CONTINUES, RESPONSE_COMPLETE
-from .fault import QUESTION, Seen
+from .fault import QUESTION, TRANSPORT, Failed, Fault, Seen
 from .response import CLOSING, DELIMITER, answer, part, start_part, wait
 
 ANSWER = b"the answer"
@@ -27,21 +26,35 @@ class Moment:
     reach: Callable
     server: Any = None
     platform: dict | None = None
+    number: int = 0  # of the request in the scene; the moments of MOMENTS have no other
     exchange: bool = True  # one is running
     held: bool = False  # by the server, until "go"
     asks: bool = False  # the daemon is still to ask for the data
     unsent: bytes = b""  # what the daemon would still take
     ready: bool = False  # a call of getData would be answered at once
     left: tuple = ()  # the parts that are still to be fetched, as far as they are not
+    serve_others: Callable = lambda scene: None  # what the other requests need for it to go on
+    others: tuple = ()  # the requests whose answers come with it
 
     def set_up(self):
         """The fields of a row that has to do with the surroundings."""
         return {"server": self.server, "platform": self.platform}
 
+    def request(self, scene):
+        return scene.requests[self.number]
+
     def let_go(self, scene):
         """The server goes on."""
         if self.held:
             scene.server.give("go")
+        self.serve_others(scene)
+
+    def send_rest(self, scene):
+        """The daemon gets the data that it asks for, or has asked for."""
+        if self.asks:
+            self.request(scene).wait_until_asked()
+        if self.unsent:
+            assert self.request(scene).send(self.unsent) == 0
 
 
 class ExchangeOver(Seen):
@@ -87,8 +100,10 @@ def _asked(scene, **parameters):
 
 
 def _begun(scene):
+    number = scene.server.last + 1
     _asked(scene)
     assert scene.requests[0].send(QUESTION[:HALF], last=False) == 0
+    scene.server.wait(number, "upload")
 
 
 def _sent(scene, point="upload-end", **parameters):
@@ -128,6 +143,32 @@ def _fetched_late(scene):
     assert scene.next_chunk() == (ANSWER, RESPONSE_COMPLETE)
 
 
+def _prepared_behind(scene):
+    _sent(scene)
+    _request(scene)
+
+
+def _attached_behind(scene):
+    _sent(scene)
+    _request(scene, attached=True)
+
+
+def _queued_behind(scene):
+    _prepared_behind(scene)
+    _request(scene)
+    scene.server.give("go")
+    _fetch_first(scene)
+    scene.requests[1].wait_until_asked()
+
+
+def _fetch_first(scene):
+    assert scene.fetch(0) == [QUESTION]
+
+
+def _send_second(scene):
+    assert scene.requests[1].send(QUESTION) == 0
+
+
 # -- the moments -----------------------------------------------------------------------------------
 
 WAITING = Moment(
@@ -143,7 +184,13 @@ QUEUED = Moment(
     left=(QUESTION,),
 )
 ASKED = Moment("asked", _asked, server={}, unsent=QUESTION, left=(QUESTION,))
-BEGUN = Moment("half-sent", _begun, server={}, unsent=QUESTION[HALF:], left=(QUESTION,))
+BEGUN = Moment(
+    "half-sent",
+    _begun,
+    server={"on": [{"at": "upload", "part": 1, "do": "pause", "seconds": 0}]},
+    unsent=QUESTION[HALF:],
+    left=(QUESTION,),
+)
 SENT = Moment(
     "sent",
     _sent,
@@ -204,3 +251,126 @@ MOMENTS = (
     ANSWERED,
     FETCHED_LATE,
 )
+
+# -- moments with other requests about -------------------------------------------------------------
+
+_BEHIND = {
+    "server": SENT.server,
+    "number": 1,
+    "held": True,
+    "asks": True,
+    "unsent": QUESTION,
+    "left": (QUESTION,),
+    "serve_others": _fetch_first,
+}
+PREPARED_BEHIND = Moment("prepared-behind-an-exchange", _prepared_behind, **_BEHIND)
+ATTACHED_BEHIND = Moment("attached-behind-an-exchange", _attached_behind, **_BEHIND)
+# In an exchange that asks for another one's data first.
+QUEUED_BEHIND = Moment(
+    "queued-behind-another",
+    _queued_behind,
+    server=SENT.server,
+    number=2,
+    asks=True,
+    unsent=QUESTION,
+    left=(QUESTION,),
+    serve_others=_send_second,
+    others=(1,),
+)
+
+# All moments but that of a request whose exchange is over and whose answer was fetched.
+UNFINISHED = (*MOMENTS[:-1], PREPARED_BEHIND, ATTACHED_BEHIND, QUEUED_BEHIND)
+
+
+# -- rows ------------------------------------------------------------------------------------------
+
+
+class At:
+    """What the clients of a row do: bring a request to a moment; `asks`: and call getData."""
+
+    def __init__(self, moment, asks=False):
+        self.moment = moment
+        self.asks = asks
+
+    def row(self, name, sees):
+        """A row that begins like this."""
+        name += f"-when-{self.moment.name}" + ("-and-waited-for" if self.asks else "")
+        return Fault(name, **self.moment.set_up(), act=self, sees=sees)
+
+    def __call__(self, scene):
+        self.moment.reach(scene)
+        if self.asks:
+            scene.ask(self.moment.number)
+        for client in scene.clients:
+            client.settle()
+            client.signals.clear()
+
+
+@dataclasses.dataclass
+class OfMoment(Seen):
+    """Something that the moment's request has to do with."""
+
+    moment: Moment
+
+
+class GoesOn(OfMoment):
+    """Nothing is seen: the exchange goes on."""
+
+    def check(self, scene):
+        self.moment.let_go(scene)
+
+
+class TakesData(OfMoment):
+    """The daemon takes the data that the request needs."""
+
+    def check(self, scene):
+        self.moment.send_rest(scene)
+
+
+class AnswersIt(OfMoment):
+    """The rest of the answer comes."""
+
+    def check(self, scene):
+        assert scene.fetch(self.moment.number) == list(self.moment.left)
+        for number in self.moment.others:
+            assert scene.fetch(number) == [QUESTION]
+
+
+class GoesWithoutAnswer(OfMoment):
+    """The exchange ends, and the daemon knows the request no more."""
+
+    def check(self, scene):
+        for number in self.moment.others:
+            assert scene.fetch(number) == [QUESTION]
+        assert scene.server.wait(scene.server.last)["outcome"] == "answered"
+        observe.wait_until_idle(scene.daemon.pid)
+        request = self.moment.request(scene)
+        assert request.send(b"late") == 41
+        assert request.ask_error() == 41
+
+
+class Waits(OfMoment):
+    """The request is not asked for its data, also when the exchange before it has ended."""
+
+    def check(self, scene):
+        observe.wait_until_idle(scene.daemon.pid)
+        assert self.moment.request(scene).send(b"early") == 57
+
+
+def as_if_nothing_were(moment, *meanwhile):
+    """What is seen of a request that goes on; `meanwhile`: before it needs anything."""
+    ends = AnswersIt if moment.left else GoesWithoutAnswer
+    return [GoesOn(moment), *meanwhile, TakesData(moment), ends(moment)]
+
+
+def lost(at, back):
+    """What is seen of a request whose connection is lost; `back` repairs that."""
+    moment = at.moment
+    if moment in (WAITING, ATTACHED_BEHIND):
+        return as_if_nothing_were(moment, Waits(moment), back)
+    fails_alone = Failed(TRANSPORT, "Connection error", of=[moment.number])
+    if moment is PREPARED_BEHIND:
+        return [fails_alone, GoesOn(moment), GoesWithoutAnswer(moment)]
+    if at.asks:
+        return [fails_alone, GoesOn(moment), TakesData(moment), GoesWithoutAnswer(moment)]
+    return as_if_nothing_were(moment)  # the exchange goes on, and nobody waits for its answer

@@ -6,6 +6,7 @@ Environment:
   ORVEXD_TIME_FACTOR   multiplies every deadline, for sanitizers and valgrind (default 1)
 """
 
+import functools
 import os
 import pathlib
 import re
@@ -27,8 +28,18 @@ PASSPHRASE = "ovx-7Kq2"
 
 def is_sanitized():
     """Whether the build under test has a sanitizer, which keeps freed memory and needs much more."""
+    return _is_configured("ORVEXD_SANITIZE:STRING=.")
+
+
+def has_statistics():
+    """Whether the build under test counts the daemon's records; a release does not."""
+    return _is_configured("ORVEXD_STATISTICS:[A-Z]+=ON$")
+
+
+@functools.cache
+def _is_configured(pattern):
     cache = (BUILD_DIR / "CMakeCache.txt").read_text("utf-8")
-    return re.search("^ORVEXD_SANITIZE:STRING=.", cache, re.MULTILINE) is not None
+    return re.search(f"^{pattern}", cache, re.MULTILINE) is not None
 
 
 def patience(seconds):

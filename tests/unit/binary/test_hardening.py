@@ -88,6 +88,13 @@ class Hardening(unittest.TestCase):
         for one in objects:
             self.assertRegex(one, r"x86 feature:.*IBT.*SHSTK", one.splitlines()[0])
 
+    # What the tests count is for builds that nobody ships; see src/support/Statistics.h.
+    def test_nothing_is_counted(self):
+        self.assertFalse(b"ORVEXD_STATISTICS" in Path(DAEMON).read_bytes())
+        symbols = readelf("--syms", DAEMON)
+        self.assertIn("6orvexd", symbols)  # it is not stripped of them
+        self.assertEqual(re.findall(r"\S*(?:[Ss]tatistic|7Counted)\S*", symbols), [])
+
 
 if __name__ == "__main__":
     if len(sys.argv) < 3:

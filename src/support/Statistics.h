@@ -1,0 +1,59 @@
+#pragma once
+
+// How many of the daemon's records exist now, for tests. Only a build with the option
+// ORVEXD_STATISTICS counts them; a release never does, and has nothing of this in it.
+
+#ifdef ORVEXD_STATISTICS
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
+
+namespace orvexd {
+
+/// What is counted, in the order of the numbers.
+enum class Statistic { Requests, Connections, HeldReplies, Exchanges, Posts };
+
+#ifdef ORVEXD_STATISTICS
+
+using Statistics = std::array<std::atomic<std::int64_t>, 5>;
+
+/// The file that the environment variable names, as memory until the process ends; else null.
+inline Statistics* mapStatistics() noexcept {
+    const char* path = std::getenv("ORVEXD_STATISTICS");
+    const int file = path != nullptr ? open(path, O_RDWR | O_CLOEXEC) : -1;
+    if (file < 0) {
+        return nullptr;
+    }
+    void* memory = mmap(nullptr, sizeof(Statistics), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    close(file);
+    return memory != MAP_FAILED ? static_cast<Statistics*>(memory) : nullptr;
+}
+
+inline std::atomic<std::int64_t>& statistic(Statistic which) noexcept {
+    static Statistics unread{};
+    static Statistics* const mapped = mapStatistics();
+    return (mapped != nullptr ? *mapped : unread)[static_cast<std::size_t>(which)];
+}
+
+/// A member by which each object of its class is counted for as long as it lives.
+template <Statistic kWhich> class Counted {
+public:
+    Counted() noexcept { ++statistic(kWhich); }
+    ~Counted() { --statistic(kWhich); }
+    Counted(const Counted& /*other*/) noexcept : Counted() {}
+    Counted(Counted&& /*other*/) noexcept : Counted() {}
+    Counted& operator=(const Counted&) noexcept = default;
+    Counted& operator=(Counted&&) noexcept = default;
+};
+
+#else
+template <Statistic> class Counted {};
+#endif
+
+} // namespace orvexd
