@@ -307,15 +307,11 @@ TEST_F(OrvexNetworkManagerTest, NotificationsThatOutliveItAreDropped) {
     EXPECT_EQ(owner_.calls, Calls{});
 }
 
-TEST_F(OrvexNetworkManagerTest, AnsweredOnAnyThreadWhileNotificationsArrive) {
+TEST_F(OrvexNetworkManagerTest, TheWorkerMayAskForTheProxyWhileNotificationsArrive) {
     start({entry(1, true, false)});
     std::atomic<bool> done = false;
     std::thread worker([&] {
         while (!done) {
-            const std::uint32_t status = manager_->currentStatus();
-            EXPECT_TRUE(status == 3 || status == 5 || status == 0) << status;
-            (void)manager_->hasActiveConnection();
-            (void)manager_->hasFlaggedConnection();
             (void)manager_->proxyFor();
         }
     });
