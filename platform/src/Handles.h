@@ -39,8 +39,9 @@ public:
         return *this;
     }
     ~Descriptor() {
-        if (number_ >= 0)
+        if (number_ >= 0) {
             close(number_);
+        }
     }
 
     explicit operator bool() const noexcept { return number_ >= 0; }

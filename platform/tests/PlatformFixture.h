@@ -29,8 +29,9 @@ inline bool runLoopUntil(const std::function<bool()>& done,
     };
     g_source_set_callback(deadline, onDeadline, &over, nullptr);
     g_source_attach(deadline, nullptr);
-    while (!done() && !over)
+    while (!done() && !over) {
         g_main_context_iteration(nullptr, TRUE);
+    }
     g_source_destroy(deadline);
     g_source_unref(deadline);
     return done();
@@ -42,8 +43,9 @@ public:
     void onConnectionsChanged() override {
         ++count;
         thread = std::this_thread::get_id();
-        if (then)
+        if (then) {
             then();
+        }
     }
     void onSecondaryNotification() override { ++secondary; }
 
