@@ -1,8 +1,7 @@
-#include "http/RequestBody.h"
-
 #include "Bodies.h"
 #include "OurParse.h"
 #include "http/HttpClient.h"
+#include "http/RequestBody.h"
 
 #include <benchmark/benchmark.h>
 

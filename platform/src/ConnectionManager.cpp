@@ -1,12 +1,12 @@
 #include "ConnectionManager.h"
 
+#include "LibraryMutex.h"
+#include "PlatformFile.h"
+
 #include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <utility>
-
-#include "LibraryMutex.h"
-#include "PlatformFile.h"
 
 namespace trilba::network {
 

@@ -1,11 +1,11 @@
 #include "trilba/core/Directory.h"
 
+#include "LibraryMutex.h"
+
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <system_error>
-
-#include "LibraryMutex.h"
 
 namespace trilba::core {
 

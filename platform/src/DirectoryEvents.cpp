@@ -1,10 +1,9 @@
 #include "DirectoryEvents.h"
 
-#include <glib-unix.h>
-#include <sys/inotify.h>
-
 #include <array>
 #include <cstring>
+#include <glib-unix.h>
+#include <sys/inotify.h>
 
 namespace trilba {
 

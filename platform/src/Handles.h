@@ -1,9 +1,8 @@
 #pragma once
 
 #include <glib.h>
-#include <unistd.h>
-
 #include <memory>
+#include <unistd.h>
 #include <utility>
 
 namespace trilba {

@@ -1,17 +1,16 @@
 #include "PlatformFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "LibraryMutex.h"
 
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <mutex>
 #include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
-
-#include "LibraryMutex.h"
 
 namespace trilba {
 

@@ -1,9 +1,9 @@
 #include "Settings.h"
 
+#include "Handles.h"
+
 #include <limits>
 #include <utility>
-
-#include "Handles.h"
 
 namespace trilba {
 

@@ -1,18 +1,17 @@
 #pragma once
 
-#include <glib.h>
-#include <gtest/gtest.h>
+#include "trilba/network/IConnectionManager.h"
 
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <glib.h>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <thread>
-
-#include "trilba/network/IConnectionManager.h"
 
 namespace trilba::test {
 

@@ -1,15 +1,14 @@
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <thread>
-#include <vector>
-
 #include "PlatformFixture.h"
 #include "trilba/Debug.h"
 #include "trilba/core/Directory.h"
 #include "trilba/core/ISystemLocationSettings.h"
 #include "trilba/core/SystemInfo.h"
+
+#include <atomic>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
 
 namespace trilba::test {
 

@@ -1,9 +1,9 @@
 // Every way in which the file can change is noticed, and nothing runs while it does not.
 
+#include "PlatformFixture.h"
+
 #include <algorithm>
 #include <vector>
-
-#include "PlatformFixture.h"
 
 namespace trilba::test {
 

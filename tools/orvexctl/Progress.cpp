@@ -2,12 +2,11 @@
 
 #include "GioHandles.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <initializer_list>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 namespace orvexd::ctl {
 namespace {

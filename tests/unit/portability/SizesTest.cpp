@@ -6,7 +6,6 @@
 #include "request/ConnectionParameters.h"
 #include "request/RequestData.h"
 #include "support/ByteQueue.h"
-
 #include "trilba/network/ProxyQuery.h"
 
 #include <chrono>
