@@ -54,7 +54,7 @@ static_assert(sizeof(gint64) == 8);
 static_assert(sizeof(std::time_t) == 8 && sizeof(timeval::tv_sec) == 8);
 static_assert(sizeof(off_t) == 8);
 
-TEST(SizesTest, proxyQueryIsTheSameBytesOnEveryMachine) {
+TEST(Sizes, ProxyQueryIsTheSameBytesOnEveryMachine) {
     ProxyQuery query;
     std::strcpy(query.host, "proxy"); // NOLINT(clang-analyzer-security.insecureAPI.strcpy)
     query.port = 0x01020304;
@@ -71,7 +71,7 @@ TEST(SizesTest, proxyQueryIsTheSameBytesOnEveryMachine) {
     EXPECT_EQ(bytes, expected);
 }
 
-TEST(SizesTest, longestWaitOf32BitsBecomesADeadlineInMicroseconds) {
+TEST(Sizes, LongestWaitOf32BitsBecomesADeadlineInMicroseconds) {
     Parameters parameters;
     parameters.set("orvexd/wait_timeout/position", "2147483647");
     const std::chrono::microseconds wait = RequestBody::waitTimeout("position", parameters);
