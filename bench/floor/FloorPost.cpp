@@ -4,6 +4,8 @@
 
 #include "http/HttpClient.h"
 #include "request/Answer.h"
+#include "request/ConnectionParameters.h"
+#include "request/RequestData.h"
 #include "slp/SlpComposer.h"
 #include "support/CurlHandles.h"
 #include "support/Deployment.h"
