@@ -42,7 +42,7 @@ public:
     DBusHandlerResult quit(DBusMessage* call);
 
     /// Delay of quitDelayed.
-    std::chrono::seconds shutdownDelay() const noexcept { return shutdownDelay_; }
+    [[nodiscard]] std::chrono::seconds shutdownDelay() const noexcept { return shutdownDelay_; }
 
     // -- IServiceEvents -----------------------------------------------------------------------
 

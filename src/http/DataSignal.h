@@ -36,7 +36,7 @@ public:
     public:
         explicit Reader(DataSignal& signal) : signal_(signal), guard_(signal.dataMutex_) {}
 
-        bool isCancelRequested() const noexcept { return signal_.cancelRequested_; }
+        [[nodiscard]] bool isCancelRequested() const noexcept { return signal_.cancelRequested_; }
 
         /// Waits for data with the mutex released.
         /// @param deadline microseconds on g_get_monotonic_time's clock.

@@ -159,7 +159,7 @@ struct Feed {
     const xmlParserCtxt& parser;
     bool begun = false;
 
-    bool isTooCostly() const noexcept {
+    [[nodiscard]] bool isTooCostly() const noexcept {
         return parser.maxatts > kMostAttributeSlots || parser.nsMax > kMostNamespaceSlots ||
                (begun && parser.inSubset != 0);
     }

@@ -40,11 +40,11 @@ public:
     /// got what was announced for it.
     void finish();
 
-    bool hasError() const noexcept { return hasError_; }
+    [[nodiscard]] bool hasError() const noexcept { return hasError_; }
     /// Code of the last error, 0 when there was none. Stays when a further head clears the error.
-    int errorCode() const noexcept { return error_.code; }
+    [[nodiscard]] int errorCode() const noexcept { return error_.code; }
     /// Text of the last error; may hold any bytes of the server.
-    std::string errorText() const { return error_.text; }
+    [[nodiscard]] std::string errorText() const { return error_.text; }
 
 private:
     void feedHead(std::string_view chunk);

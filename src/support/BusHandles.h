@@ -24,9 +24,9 @@ public:
     BusError& operator=(BusError&&) = delete;
 
     DBusError* get() noexcept { return &error_; }
-    bool isSet() const noexcept { return dbus_error_is_set(&error_) != FALSE; }
-    const char* name() const noexcept { return error_.name; }
-    const char* message() const noexcept { return error_.message; }
+    [[nodiscard]] bool isSet() const noexcept { return dbus_error_is_set(&error_) != FALSE; }
+    [[nodiscard]] const char* name() const noexcept { return error_.name; }
+    [[nodiscard]] const char* message() const noexcept { return error_.message; }
 
 private:
     DBusError error_{};

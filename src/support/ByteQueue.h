@@ -26,8 +26,8 @@ public:
     ByteQueue(ByteQueue&& other) noexcept;
     ByteQueue& operator=(ByteQueue&& other) noexcept;
 
-    std::size_t size() const noexcept { return size_; }
-    bool empty() const noexcept { return size_ == 0; }
+    [[nodiscard]] std::size_t size() const noexcept { return size_; }
+    [[nodiscard]] bool empty() const noexcept { return size_ == 0; }
 
     /// Copies `bytes` to the end. On bad_alloc the queue holds what it held before.
     void append(std::string_view bytes);
@@ -39,7 +39,7 @@ public:
     std::string take(std::size_t maxBytes);
 
     /// True when the last two bytes are a carriage return and a line feed.
-    bool endsWithLineBreak() const noexcept;
+    [[nodiscard]] bool endsWithLineBreak() const noexcept;
 
     /// Drops the last `count` bytes; `count` must not exceed the size.
     void dropBack(std::size_t count) noexcept;
@@ -51,12 +51,12 @@ private:
         std::string bytes;
         std::size_t begin = 0; // bytes before it have been taken
 
-        std::size_t size() const noexcept { return bytes.size() - begin; }
-        const char* data() const noexcept { return bytes.data() + begin; }
+        [[nodiscard]] std::size_t size() const noexcept { return bytes.size() - begin; }
+        [[nodiscard]] const char* data() const noexcept { return bytes.data() + begin; }
     };
 
-    std::size_t roomIn(const Block& block) const noexcept;
-    std::size_t grown(std::size_t capacity, std::size_t wanted) const noexcept;
+    [[nodiscard]] std::size_t roomIn(const Block& block) const noexcept;
+    [[nodiscard]] std::size_t grown(std::size_t capacity, std::size_t wanted) const noexcept;
     void growBack(std::size_t wanted);
     static bool canHandOut(const Block& block, std::size_t count) noexcept;
     void takeFromFront(std::size_t count) noexcept;

@@ -22,7 +22,7 @@ public:
     }
 
     /// Null while no line was appended.
-    curl_slist* get() const noexcept { return list_.get(); }
+    [[nodiscard]] curl_slist* get() const noexcept { return list_.get(); }
 
 private:
     std::unique_ptr<curl_slist, FreeWith<curl_slist_free_all>> list_;
