@@ -63,13 +63,15 @@ public:
     ErrorSlot& operator=(ErrorSlot&&) = delete;
 
     GError** out() noexcept { return &error_; }
-    bool isCancelled() const noexcept {
+    [[nodiscard]] bool isCancelled() const noexcept {
         return g_error_matches(error_, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE;
     }
-    std::string text() const { return error_ != nullptr ? error_->message : "unknown error"; }
+    [[nodiscard]] std::string text() const {
+        return error_ != nullptr ? error_->message : "unknown error";
+    }
 
     /// The daemon's errors end with "(CODE) unspecifiedError"; only the number means something.
-    bool isUnknownRequest() const {
+    [[nodiscard]] bool isUnknownRequest() const {
         return text().find(": (" + std::to_string(kUnknownRequest) + ") ") != std::string::npos;
     }
 

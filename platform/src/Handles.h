@@ -44,7 +44,7 @@ public:
     }
 
     explicit operator bool() const noexcept { return number_ >= 0; }
-    int get() const noexcept { return number_; }
+    [[nodiscard]] int get() const noexcept { return number_; }
 
 private:
     int number_;

@@ -6,7 +6,6 @@
 #include "request/ConnectionParameters.h"
 #include "request/RequestData.h"
 #include "support/ByteQueue.h"
-#include "trilba/network/ProxyQuery.h"
 
 #include <chrono>
 #include <cstdint>
@@ -17,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 #include <sys/types.h>
+#include <trilba/network/ProxyQuery.h>
 #include <type_traits>
 #include <vector>
 
