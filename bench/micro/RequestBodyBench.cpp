@@ -1,6 +1,7 @@
 #include "Bodies.h"
 #include "OurParse.h"
 #include "http/HttpClient.h"
+#include "http/IExchangeOwner.h"
 #include "http/RequestBody.h"
 
 #include <benchmark/benchmark.h>
