@@ -68,8 +68,8 @@ private:
     DBusHandlerResult handle(Handler handler, DBusMessage& message);
 
     bool connectToBus();
-    bool requestName();
-    bool subscribe();
+    static bool requestName();
+    static bool subscribe();
     bool installFilter();
     void leaveBus();
 
