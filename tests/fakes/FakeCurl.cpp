@@ -195,7 +195,7 @@ CURLcode curl_easy_setopt(CURL* curl, CURLoption option, ...) {
     }
     auto& handle = *static_cast<Handle*>(curl);
     std::va_list arguments;
-    va_start(arguments, option); // NOLINT(clang-diagnostic-varargs): the signature is libcurl's
+    va_start(arguments, option);
     std::string value;
     if (option < CURLOPTTYPE_OBJECTPOINT) {
         value = std::to_string(va_arg(arguments, long));
