@@ -10,10 +10,11 @@
 #include <unistd.h>
 
 // The C library's own entries, so that nothing has to be looked up while memory is asked for.
-extern "C" void* __libc_malloc(std::size_t size); // NOLINT(*-reserved-identifier)
-extern "C" void* __libc_calloc(std::size_t count,
-                               std::size_t size);               // NOLINT(*-reserved-identifier)
-extern "C" void* __libc_realloc(void* block, std::size_t size); // NOLINT(*-reserved-identifier)
+// NOLINTBEGIN(*-reserved-identifier,*-identifier-naming)
+extern "C" void* __libc_malloc(std::size_t size);
+extern "C" void* __libc_calloc(std::size_t count, std::size_t size);
+extern "C" void* __libc_realloc(void* block, std::size_t size);
+// NOLINTEND(*-reserved-identifier,*-identifier-naming)
 
 namespace {
 
@@ -49,9 +50,9 @@ extern "C" void* malloc(std::size_t size) {
     return __libc_malloc(size);
 }
 
-extern "C" void* calloc(std::size_t count_, std::size_t size) {
+extern "C" void* calloc(std::size_t number, std::size_t size) {
     count();
-    return __libc_calloc(count_, size);
+    return __libc_calloc(number, size);
 }
 
 extern "C" void* realloc(void* block, std::size_t size) {

@@ -3,6 +3,7 @@
 // the body stands in memory before the clock starts.
 
 #include "http/HttpClient.h"
+#include "request/Answer.h"
 #include "request/RequestData.h"
 #include "slp/SlpComposer.h"
 #include "support/CurlHandles.h"

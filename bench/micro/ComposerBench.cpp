@@ -1,7 +1,6 @@
-#include "slp/SlpComposer.h"
-
 #include "OurParse.h"
 #include "http/HttpClient.h"
+#include "slp/SlpComposer.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,6 +1,5 @@
-#include "request/RequestData.h"
-
 #include "OurParse.h"
+#include "request/RequestData.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,6 +1,5 @@
-#include "http/LineEnds.h"
-
 #include "Bodies.h"
+#include "http/LineEnds.h"
 
 #include <benchmark/benchmark.h>
 #include <cstring>

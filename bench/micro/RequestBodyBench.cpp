@@ -1,9 +1,8 @@
-#include "http/RequestBody.h"
-
 #include "Bodies.h"
 #include "OurParse.h"
 #include "http/HttpClient.h"
 #include "http/IExchangeOwner.h"
+#include "http/RequestBody.h"
 
 #include <benchmark/benchmark.h>
 

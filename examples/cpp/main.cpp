@@ -63,13 +63,15 @@ public:
     ErrorSlot& operator=(ErrorSlot&&) = delete;
 
     GError** out() noexcept { return &error_; }
-    bool isCancelled() const noexcept {
+    [[nodiscard]] bool isCancelled() const noexcept {
         return g_error_matches(error_, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE;
     }
-    std::string text() const { return error_ != nullptr ? error_->message : "unknown error"; }
+    [[nodiscard]] std::string text() const {
+        return error_ != nullptr ? error_->message : "unknown error";
+    }
 
     /// The daemon's errors end with "(CODE) unspecifiedError"; only the number means something.
-    bool isUnknownRequest() const {
+    [[nodiscard]] bool isUnknownRequest() const {
         return text().find(": (" + std::to_string(kUnknownRequest) + ") ") != std::string::npos;
     }
 
@@ -125,19 +127,22 @@ private:
 };
 
 ExampleClient::ExampleClient(const char* path) : question_{path, std::ios::binary} {
-    if (!question_)
+    if (!question_) {
         throw std::runtime_error{std::string{"Cannot read "} + path};
+    }
 }
 
 ExampleClient::~ExampleClient() {
-    if (gateway_ == nullptr)
+    if (gateway_ == nullptr) {
         return;
+    }
     g_signal_handlers_disconnect_by_data(gateway_.get(), this);
     // Step 6. Always, also after an error: nobody else tells the daemon that this client is gone,
     // and its requests would stay.
-    if (connection_)
+    if (connection_) {
         orvexd_gateway_call_disconnect_sync(gateway_.get(), *connection_, G_DBUS_CALL_FLAGS_NONE,
                                             -1, nullptr, nullptr);
+    }
 }
 
 void ExampleClient::run() {
@@ -151,10 +156,12 @@ void ExampleClient::run() {
 
     g_timeout_add_seconds(kPatienceSeconds, outOfPatience, this);
     g_main_loop_run(loop_.get());
-    while (fetching_) // the cancelled call still has to come home
+    while (fetching_) { // the cancelled call still has to come home
         g_main_context_iteration(nullptr, TRUE);
-    if (!failure_.empty())
+    }
+    if (!failure_.empty()) {
         throw std::runtime_error{failure_};
+    }
 }
 
 // Step 1: a proxy, and ears for its signals before anything can cause one. The proxy must not load
@@ -164,8 +171,9 @@ void ExampleClient::reachDaemon() {
     gateway_.reset(orvexd_gateway_proxy_new_for_bus_sync(
         G_BUS_TYPE_SYSTEM, G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES, "com.kelvra.orvexd",
         "/com/kelvra/orvexd", nullptr, error.out()));
-    if (gateway_ == nullptr)
+    if (gateway_ == nullptr) {
         throw std::runtime_error{"Cannot reach the daemon: " + error.text()};
+    }
     g_signal_connect(gateway_.get(), "request-data", G_CALLBACK(requestData), this);
     g_signal_connect(gateway_.get(), "error-signal", G_CALLBACK(errorSignal), this);
 }
@@ -177,8 +185,9 @@ void ExampleClient::openConnection() {
     if (orvexd_gateway_call_connect_sync(
             gateway_.get(), byteArray(kElementName), byteArray(kType), byteArray(kVersion),
             byteArray(kTransferEncoding), byteArray(kContentType), kChunkSize,
-            G_DBUS_CALL_FLAGS_NONE, -1, &connection, nullptr, error.out()) == FALSE)
+            G_DBUS_CALL_FLAGS_NONE, -1, &connection, nullptr, error.out()) == FALSE) {
         throw std::runtime_error{"connect: " + error.text()};
+    }
     connection_ = connection;
 }
 
@@ -189,8 +198,9 @@ void ExampleClient::createRequest() {
     guint request = 0;
     if (orvexd_gateway_call_prepare_sync(gateway_.get(), *connection_, kPolicy, kOpenDuration,
                                          G_DBUS_CALL_FLAGS_NONE, -1, &request, nullptr,
-                                         error.out()) == FALSE)
+                                         error.out()) == FALSE) {
         throw std::runtime_error{"prepare: " + error.text()};
+    }
     request_ = request;
 }
 
@@ -198,8 +208,9 @@ void ExampleClient::createRequest() {
 void ExampleClient::requestData(OrvexdGateway* /*gateway*/, guint connection, guint request,
                                 gpointer self) noexcept {
     auto& client = *static_cast<ExampleClient*>(self);
-    if (connection == client.connection_ && request == client.request_ && !client.ended_)
+    if (connection == client.connection_ && request == client.request_ && !client.ended_) {
         client.sendQuestion();
+    }
 }
 
 // Pieces of bounded size, each after the result of the one before.
@@ -209,20 +220,24 @@ void ExampleClient::sendQuestion() {
     while (!last) {
         question_.read(piece.data(), piece.size());
         last = question_.eof();
-        if (question_.bad())
+        if (question_.bad()) {
             return end("Cannot read the question");
+        }
         const std::string_view bytes{piece.data(), static_cast<std::size_t>(question_.gcount())};
 
         ErrorSlot error;
         gint result = 0;
         if (orvexd_gateway_call_send_data_sync(
                 gateway_.get(), byteArray(bytes), last ? TRUE : FALSE, *connection_, *request_,
-                G_DBUS_CALL_FLAGS_NONE, -1, &result, nullptr, error.out()) == FALSE)
+                G_DBUS_CALL_FLAGS_NONE, -1, &result, nullptr, error.out()) == FALSE) {
             return end("sendData: " + error.text());
-        if (result == kUnknownRequest)
+        }
+        if (result == kUnknownRequest) {
             return waitForReason();
-        if (result != 0)
+        }
+        if (result != 0) {
             return end("sendData: the daemon answers " + std::to_string(result));
+        }
     }
 }
 
@@ -243,17 +258,19 @@ void ExampleClient::chunkArrived(GObject* gateway, GAsyncResult* result, gpointe
     guint deliveryCode = 0;
     if (orvexd_gateway_call_get_data_finish(ORVEXD_GATEWAY(gateway), &data, &deliveryCode, result,
                                             error.out()) == FALSE) {
-        if (error.isUnknownRequest())
+        if (error.isUnknownRequest()) {
             client.waitForReason();
-        else if (!error.isCancelled())
+        } else if (!error.isCancelled()) {
             client.end("getData: " + error.text());
+        }
         return;
     }
     const VariantRef owner{data};
-    if (!client.ended_)
+    if (!client.ended_) {
         client.takeChunk(
             {static_cast<const char*>(g_variant_get_data(data)), g_variant_get_size(data)},
             deliveryCode);
+    }
 }
 
 // A chunk may be empty; only its code says whether there is more.
@@ -275,15 +292,17 @@ void ExampleClient::takeChunk(std::string_view bytes, guint deliveryCode) {
 void ExampleClient::errorSignal(OrvexdGateway* /*gateway*/, guint code, const char* message,
                                 const char* requests, gpointer self) noexcept {
     auto& client = *static_cast<ExampleClient*>(self);
-    if (!client.request_ || client.ended_)
+    if (!client.request_ || client.ended_) {
         return;
+    }
     const std::string own =
         std::to_string(*client.connection_) + ':' + std::to_string(*client.request_);
     std::istringstream keys{requests};
     for (std::string key; keys >> key;) {
-        if (key == own)
+        if (key == own) {
             return client.end("The request failed with code " + std::to_string(code) + ": " +
                               message);
+        }
     }
 }
 
@@ -309,8 +328,9 @@ gboolean ExampleClient::outOfPatience(gpointer self) noexcept {
 }
 
 void ExampleClient::end(const std::string& failure) {
-    if (ended_)
+    if (ended_) {
         return;
+    }
     ended_ = true;
     failure_ = failure;
     g_cancellable_cancel(stop_.get());

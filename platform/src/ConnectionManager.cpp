@@ -1,12 +1,12 @@
 #include "ConnectionManager.h"
 
+#include "LibraryMutex.h"
+#include "PlatformFile.h"
+
 #include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <utility>
-
-#include "LibraryMutex.h"
-#include "PlatformFile.h"
 
 namespace trilba::network {
 
@@ -36,8 +36,9 @@ bool ConnectionManager::hasActiveConnection() {
 
 void ConnectionManager::registerObserver(IConnectionManagerObserver* observer) {
     const std::lock_guard hold(libraryMutex());
-    if (observer != nullptr && !isRegistered(observer))
+    if (observer != nullptr && !isRegistered(observer)) {
         observers_.push_back(observer);
+    }
 }
 
 void ConnectionManager::unregisterObserver(IConnectionManagerObserver* observer) {
@@ -50,21 +51,25 @@ bool ConnectionManager::findConnection(const std::string& name, ConnectionInfo& 
     const auto found =
         std::find_if(settings->connections.begin(), settings->connections.end(),
                      [&](const ConnectionInfo& entry) { return entry.name == name; });
-    if (found == settings->connections.end())
+    if (found == settings->connections.end()) {
         return false;
+    }
     connection = *found;
     return true;
 }
 
 int ConnectionManager::lookUpProxy(const std::string& /*url*/, ProxyQuery* query) {
-    if (query == nullptr || query->size != sizeof(ProxyQuery))
+    if (query == nullptr || query->size != sizeof(ProxyQuery)) {
         return kProxyBadQuery;
+    }
     const auto settings = PlatformFile::read(path_).settings;
     const std::string& host = settings->proxyHost;
-    if (host.empty())
+    if (host.empty()) {
         return kProxyNone;
-    if (host.size() >= ProxyQuery::kHostCapacity)
+    }
+    if (host.size() >= ProxyQuery::kHostCapacity) {
         return kProxyHostTooLong;
+    }
     std::memset(query->host, 0, sizeof query->host);
     std::memcpy(query->host, host.data(), host.size());
     query->port = settings->proxyPort.value_or(query->port);
@@ -78,8 +83,9 @@ void ConnectionManager::onFileChanged() {
 
 void ConnectionManager::readList() {
     auto [settings, lookAgain] = PlatformFile::read(path_);
-    if (lookAgain)
+    if (lookAgain) {
         watcher_.lookAgainIn(PlatformFile::kEmptyCountsAsHalfWritten);
+    }
     const std::lock_guard hold(libraryMutex());
     settings_ = std::move(settings);
 }
@@ -94,12 +100,14 @@ void ConnectionManager::notify() {
     for (IConnectionManagerObserver* observer : observers) {
         {
             const std::lock_guard hold(libraryMutex());
-            if (!isRegistered(observer))
+            if (!isRegistered(observer)) {
                 continue;
+            }
         }
         observer->onConnectionsChanged();
-        if (alive.expired()) // the observer deleted the manager
+        if (alive.expired()) { // the observer deleted the manager
             return;
+        }
     }
 }
 

@@ -1,12 +1,12 @@
 #pragma once
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "FileWatcher.h"
 #include "Settings.h"
 #include "trilba/network/IConnectionManager.h"
+
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace trilba::network {
 

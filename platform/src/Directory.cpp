@@ -1,11 +1,11 @@
 #include "trilba/core/Directory.h"
 
+#include "LibraryMutex.h"
+
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <system_error>
-
-#include "LibraryMutex.h"
 
 namespace trilba::core {
 
@@ -46,8 +46,9 @@ std::string Directory::getPreinstalledFilesPath() {
 }
 
 bool Directory::setDefaultStoragePath(const std::string& path, bool create) {
-    if (create && !makeDirectory(path))
+    if (create && !makeDirectory(path)) {
         return false;
+    }
     const std::lock_guard hold(libraryMutex());
     directories().storage = path;
     directories().storageIsSet = true;

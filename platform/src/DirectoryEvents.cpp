@@ -1,10 +1,9 @@
 #include "DirectoryEvents.h"
 
-#include <glib-unix.h>
-#include <sys/inotify.h>
-
 #include <array>
 #include <cstring>
+#include <glib-unix.h>
+#include <sys/inotify.h>
 
 namespace trilba {
 
@@ -23,12 +22,14 @@ void DirectoryEvents::watch(const std::vector<fs::path>& directories) {
     source_.reset();
     directories_.clear();
     queue_ = Descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    if (!queue_)
+    if (!queue_) {
         return;
+    }
     for (const fs::path& directory : directories) {
         const int watch = inotify_add_watch(queue_.get(), directory.c_str(), kNames | kItself);
-        if (watch >= 0)
+        if (watch >= 0) {
             directories_[watch] = directory;
+        }
     }
     const auto onReadable = +[](gint, GIOCondition, gpointer self) noexcept -> gboolean {
         static_cast<DirectoryEvents*>(self)->read();
@@ -51,13 +52,15 @@ void DirectoryEvents::read() {
         position += sizeof event + event.len;
         if ((event.mask & IN_Q_OVERFLOW) != 0) {
             // Something was missed: any name may have changed, each directory may be another.
-            for (const auto& [watch, directory] : directories_)
+            for (const auto& [watch, directory] : directories_) {
                 handler_(directory);
+            }
             continue;
         }
         const auto directory = directories_.find(event.wd);
-        if (directory == directories_.end())
+        if (directory == directories_.end()) {
             continue;
+        }
         const bool isGone = (event.mask & kGone) != 0;
         handler_(isGone || event.len == 0 ? directory->second : directory->second / name);
     }

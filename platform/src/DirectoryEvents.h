@@ -1,12 +1,12 @@
 #pragma once
 
+#include "Handles.h"
+
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <utility>
 #include <vector>
-
-#include "Handles.h"
 
 namespace trilba {
 

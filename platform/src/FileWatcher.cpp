@@ -33,13 +33,15 @@ void FileWatcher::lookAgainIn(std::chrono::milliseconds delay) {
 void FileWatcher::watchAgain() {
     for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
         auto points = watchPoints(path_);
-        if (points == points_ && !directoryGone_)
+        if (points == points_ && !directoryGone_) {
             return;
+        }
         points_ = std::move(points);
         directoryGone_ = false;
         std::vector<fs::path> directories;
-        for (const WatchPoint& point : points_)
+        for (const WatchPoint& point : points_) {
             directories.push_back(point.directory);
+        }
         events_.watch(directories);
     }
 }
@@ -48,12 +50,14 @@ void FileWatcher::onEvent(const fs::path& changed) {
     const auto isDirectory = [&](const WatchPoint& p) { return changed == p.directory; };
     const auto isName = [&](const WatchPoint& p) { return changed == p.directory / p.name; };
     const bool directory = std::any_of(points_.begin(), points_.end(), isDirectory);
-    if (!directory && std::none_of(points_.begin(), points_.end(), isName))
+    if (!directory && std::none_of(points_.begin(), points_.end(), isName)) {
         return;
+    }
     directoryGone_ = directoryGone_ || directory;
     const gint64 now = g_get_monotonic_time();
-    if (latest_ == 0)
+    if (latest_ == 0) {
         latest_ = now + microseconds(kLongestDelay);
+    }
     tellAt(std::min(now + microseconds(kQuiet), latest_));
 }
 

@@ -1,14 +1,14 @@
 #pragma once
 
+#include "DirectoryEvents.h"
+#include "Handles.h"
+#include "WatchPoints.h"
+
 #include <chrono>
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
-
-#include "DirectoryEvents.h"
-#include "Handles.h"
-#include "WatchPoints.h"
 
 namespace trilba {
 

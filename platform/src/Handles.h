@@ -1,9 +1,8 @@
 #pragma once
 
 #include <glib.h>
-#include <unistd.h>
-
 #include <memory>
+#include <unistd.h>
 #include <utility>
 
 namespace trilba {
@@ -39,12 +38,13 @@ public:
         return *this;
     }
     ~Descriptor() {
-        if (number_ >= 0)
+        if (number_ >= 0) {
             close(number_);
+        }
     }
 
     explicit operator bool() const noexcept { return number_ >= 0; }
-    int get() const noexcept { return number_; }
+    [[nodiscard]] int get() const noexcept { return number_; }
 
 private:
     int number_;

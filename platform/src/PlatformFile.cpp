@@ -1,17 +1,16 @@
 #include "PlatformFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "LibraryMutex.h"
 
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <mutex>
 #include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
-
-#include "LibraryMutex.h"
 
 namespace trilba {
 
@@ -26,8 +25,9 @@ public:
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
     ~FileDescriptor() {
-        if (number_ >= 0)
+        if (number_ >= 0) {
             close(number_);
+        }
     }
 
     [[nodiscard]] int get() const noexcept { return number_; }
@@ -63,12 +63,13 @@ Content contentOf(int file) {
     std::array<char, 4096> block; // NOLINT(cppcoreguidelines-pro-type-member-init): read fills it
     while (text.size() <= kLargestFile) {
         const ssize_t count = ::read(file, block.data(), block.size());
-        if (count > 0)
+        if (count > 0) {
             text.append(block.data(), static_cast<std::size_t>(count));
-        else if (count == 0)
+        } else if (count == 0) {
             return {text.empty() ? conditionOfEmpty(file) : Condition::Good, std::move(text)};
-        else if (errno != EINTR)
+        } else if (errno != EINTR) {
             break;
+        }
     }
     return {Condition::Unreadable};
 }
@@ -76,11 +77,13 @@ Content contentOf(int file) {
 Content contentOf(const std::string& path) {
     // Not blocking: a FIFO without a writer would hold the caller.
     const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (file.get() < 0)
+    if (file.get() < 0) {
         return {errno == ENOENT || errno == ENOTDIR ? Condition::Missing : Condition::Unreadable};
+    }
     struct stat status = {};
-    if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
+    if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return {Condition::Unreadable};
+    }
     return contentOf(file.get());
 }
 
@@ -96,8 +99,9 @@ public:
     void keep(std::uint64_t reading, const std::string& path,
               const std::shared_ptr<const Settings>& settings) {
         const std::lock_guard hold(libraryMutex());
-        if (reading < kept_)
+        if (reading < kept_) {
             return;
+        }
         kept_ = reading;
         path_ = path;
         settings_ = settings;
@@ -146,8 +150,9 @@ PlatformFile::Reading PlatformFile::read(const std::string& path) {
     const Content content = contentOf(path);
     const bool lookAgain = content.condition == Condition::HalfWritten;
     auto settings = settingsOf(content);
-    if (!settings)
+    if (!settings) {
         return {lastGood().of(path), lookAgain};
+    }
     auto fresh = std::make_shared<const Settings>(std::move(*settings));
     lastGood().keep(reading, path, fresh);
     return {std::move(fresh), lookAgain};

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "Settings.h"
+
 #include <chrono>
 #include <memory>
 #include <string>
-
-#include "Settings.h"
 
 namespace trilba {
 

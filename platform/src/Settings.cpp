@@ -1,9 +1,9 @@
 #include "Settings.h"
 
+#include "Handles.h"
+
 #include <limits>
 #include <utility>
-
-#include "Handles.h"
 
 namespace trilba {
 
@@ -20,11 +20,13 @@ public:
     [[nodiscard]] bool exists() const { return g_key_file_has_group(file_, name_.c_str()); }
 
     [[nodiscard]] std::optional<std::string> text(const char* key) const {
-        if (!has(key))
+        if (!has(key)) {
             return std::nullopt;
+        }
         const Text value(g_key_file_get_string(file_, name_.c_str(), key, nullptr));
-        if (!value)
+        if (!value) {
             throw MalformedValue{};
+        }
         return g_strchomp(value.get());
     }
 
@@ -37,11 +39,13 @@ public:
     }
 
     [[nodiscard]] TextList list(const char* key) const {
-        if (!has(key))
+        if (!has(key)) {
             return nullptr;
+        }
         TextList values(g_key_file_get_string_list(file_, name_.c_str(), key, nullptr, nullptr));
-        if (!values)
+        if (!values) {
             throw MalformedValue{};
+        }
         return values;
     }
 
@@ -52,12 +56,14 @@ private:
 
     template <typename T, typename Get>
     [[nodiscard]] std::optional<T> typed(const char* key, Get get) const {
-        if (!has(key))
+        if (!has(key)) {
             return std::nullopt;
+        }
         GError* fault = nullptr;
         const auto value = get(file_, name_.c_str(), key, &fault);
-        if (const Error error(fault); error)
+        if (const Error error(fault); error) {
             throw MalformedValue{};
+        }
         return static_cast<T>(value);
     }
 
@@ -77,20 +83,23 @@ void readConnections(GKeyFile* file, Settings& settings) {
     for (char** name = names.get(); name != nullptr && *name != nullptr; ++name) {
         const std::string trimmed = g_strstrip(*name);
         const Group group(file, "Connection " + trimmed);
-        if (group.exists())
+        if (group.exists()) {
             settings.connections.add({trimmed, group.number("Kind").value_or(0),
                                       group.truth("Active").value_or(false),
                                       group.truth("Flagged").value_or(false)});
+        }
     }
 }
 
 void readProxy(const Group& group, Settings& settings) {
     settings.proxyHost = group.text("Host").value_or("");
     const auto port = group.number("Port");
-    if (!port)
+    if (!port) {
         return;
-    if (*port < 1 || *port > std::numeric_limits<std::uint16_t>::max())
+    }
+    if (*port < 1 || *port > std::numeric_limits<std::uint16_t>::max()) {
         throw MalformedValue{};
+    }
     settings.proxyPort = static_cast<std::uint32_t>(*port);
 }
 
@@ -104,8 +113,9 @@ std::string withoutTrailingComments(std::string_view text) {
     for (const char c : text) {
         const bool mayBegin = before == ' ' || before == '\t' || before == '\n';
         inComment = c != '\n' && (inComment || (c == ';' && mayBegin));
-        if (!inComment)
+        if (!inComment) {
             kept += c;
+        }
         before = c;
     }
     return kept;
@@ -115,13 +125,15 @@ std::string withoutTrailingComments(std::string_view text) {
 
 std::optional<Settings> parseSettings(std::string_view text) {
     // A NUL is never text; blocks of them are what a crash leaves of a file that was being written.
-    if (text.find('\0') != std::string_view::npos)
+    if (text.find('\0') != std::string_view::npos) {
         return std::nullopt;
+    }
     const KeyFile file(g_key_file_new());
     const std::string lines = withoutTrailingComments(text);
     if (!g_key_file_load_from_data(file.get(), lines.data(), lines.size(), G_KEY_FILE_NONE,
-                                   nullptr))
+                                   nullptr)) {
         return std::nullopt;
+    }
     try {
         Settings settings;
         readSystem(Group(file.get(), "System"), settings);

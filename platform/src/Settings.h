@@ -1,11 +1,11 @@
 #pragma once
 
+#include "trilba/network/ConnectionInfoContainer.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-
-#include "trilba/network/ConnectionInfoContainer.h"
 
 namespace trilba {
 

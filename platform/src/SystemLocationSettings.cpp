@@ -1,8 +1,8 @@
 #include "SystemLocationSettings.h"
 
-#include <memory>
-
 #include "PlatformFile.h"
+
+#include <memory>
 
 namespace trilba::core {
 

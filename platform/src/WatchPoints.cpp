@@ -24,8 +24,9 @@ public:
 
 private:
     void goBy(const fs::path& path) {
-        if (path.is_absolute())
+        if (path.is_absolute()) {
             here_ = "/";
+        }
         const fs::path names = path.relative_path();
         ahead_.insert(ahead_.begin(), names.begin(), names.end());
     }
@@ -34,8 +35,9 @@ private:
     bool step() {
         const fs::path name = ahead_.front();
         ahead_.pop_front();
-        if (name.empty() || name == ".")
+        if (name.empty() || name == ".") {
             return true;
+        }
         if (name == "..") {
             here_ = here_.parent_path();
             return true;
@@ -50,8 +52,9 @@ private:
             return true;
         }
         points_.push_back({here_, name});
-        if (type != fs::file_type::symlink || ++links_ > kMostLinks)
+        if (type != fs::file_type::symlink || ++links_ > kMostLinks) {
             return false;
+        }
         goBy(fs::read_symlink(here_ / name, ignored_));
         return true;
     }

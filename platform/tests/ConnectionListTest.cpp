@@ -130,8 +130,9 @@ TEST_F(ConnectionListTest, ContainerIsAPlainList) {
     connections.add({"a", 1, true, false});
     connections.add({"b", 2, false, true});
     std::string names;
-    for (const ConnectionInfo& entry : connections)
+    for (const ConnectionInfo& entry : connections) {
         names += entry.name;
+    }
     EXPECT_EQ(names, "ab");
     EXPECT_EQ(connections.size(), 2U);
     EXPECT_THROW(static_cast<void>(connections.at(2)), std::out_of_range);

@@ -1,8 +1,8 @@
 #include "trilba/core/Directory.h"
 
-#include <iostream>
-
 #include "PlatformFixture.h"
+
+#include <iostream>
 
 namespace trilba::test {
 

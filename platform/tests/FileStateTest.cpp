@@ -1,9 +1,9 @@
 // Which state is in force when the file is not simply there and well formed.
 
-#include <sys/stat.h>
-
 #include "PlatformFixture.h"
 #include "trilba/core/SystemInfo.h"
+
+#include <sys/stat.h>
 
 namespace trilba::test {
 

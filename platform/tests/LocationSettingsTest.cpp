@@ -1,6 +1,5 @@
-#include "trilba/core/ISystemLocationSettings.h"
-
 #include "PlatformFixture.h"
+#include "trilba/core/ISystemLocationSettings.h"
 
 namespace trilba::test {
 

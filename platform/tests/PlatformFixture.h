@@ -1,18 +1,17 @@
 #pragma once
 
-#include <glib.h>
-#include <gtest/gtest.h>
+#include "trilba/network/IConnectionManager.h"
 
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <glib.h>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <thread>
-
-#include "trilba/network/IConnectionManager.h"
 
 namespace trilba::test {
 
@@ -29,8 +28,9 @@ inline bool runLoopUntil(const std::function<bool()>& done,
     };
     g_source_set_callback(deadline, onDeadline, &over, nullptr);
     g_source_attach(deadline, nullptr);
-    while (!done() && !over)
+    while (!done() && !over) {
         g_main_context_iteration(nullptr, TRUE);
+    }
     g_source_destroy(deadline);
     g_source_unref(deadline);
     return done();
@@ -42,8 +42,9 @@ public:
     void onConnectionsChanged() override {
         ++count;
         thread = std::this_thread::get_id();
-        if (then)
+        if (then) {
             then();
+        }
     }
     void onSecondaryNotification() override { ++secondary; }
 

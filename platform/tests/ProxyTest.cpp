@@ -1,8 +1,7 @@
+#include "PlatformFixture.h"
 #include "trilba/network/ProxyQuery.h"
 
 #include <cstring>
-
-#include "PlatformFixture.h"
 
 namespace trilba::test {
 

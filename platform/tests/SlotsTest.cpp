@@ -1,12 +1,11 @@
 // The order of the virtual operations is what a caller compiled elsewhere relies on.
 
-#include <gtest/gtest.h>
+#include "trilba/core/ISystemLocationSettings.h"
+#include "trilba/network/IConnectionManager.h"
 
 #include <bit>
 #include <cstddef>
-
-#include "trilba/core/ISystemLocationSettings.h"
-#include "trilba/network/IConnectionManager.h"
+#include <gtest/gtest.h>
 
 namespace trilba::test {
 

@@ -1,9 +1,8 @@
+#include "trilba/Debug.h"
+
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-
 #include <string_view>
-
-#include "trilba/Debug.h"
 
 namespace {
 

@@ -1,15 +1,14 @@
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <thread>
-#include <vector>
-
 #include "PlatformFixture.h"
 #include "trilba/Debug.h"
 #include "trilba/core/Directory.h"
 #include "trilba/core/ISystemLocationSettings.h"
 #include "trilba/core/SystemInfo.h"
+
+#include <atomic>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
 
 namespace trilba::test {
 
@@ -72,18 +71,21 @@ TEST_F(ThreadsTest, ProcessMayForkBeforeAManagerIsCreated) {
 class Askers {
 public:
     explicit Askers(const std::function<void()>& ask) {
-        for (int i = 0; i < 3; ++i)
+        for (int i = 0; i < 3; ++i) {
             threads_.emplace_back([this, ask] {
-                while (!stop_)
+                while (!stop_) {
                     ask();
+                }
             });
+        }
     }
     Askers(const Askers&) = delete;
     Askers& operator=(const Askers&) = delete;
     ~Askers() {
         stop_ = true;
-        for (auto& thread : threads_)
+        for (auto& thread : threads_) {
             thread.join();
+        }
     }
 
 private:
@@ -120,16 +122,19 @@ TEST_F(ConcurrencyTest, AnswersOfOneQuestionComeFromOneStateOfTheFile) {
         const Askers askers([this] {
             network::ProxyQuery query;
             if (manager_->lookUpProxy("https://server.example:443/", &query) != 0 ||
-                query.port != (std::string(query.host) == "a" ? 1111U : 2222U))
+                query.port != (std::string(query.host) == "a" ? 1111U : 2222U)) {
                 ++mixed_;
+            }
             network::ConnectionInfoContainer list;
             manager_->getConnections(list);
-            if (list.size() != 1 || list.at(0).kind != (list.at(0).name == "a" ? 1111 : 2222))
+            if (list.size() != 1 || list.at(0).kind != (list.at(0).name == "a" ? 1111 : 2222)) {
                 ++mixed_;
+            }
             std::string id;
             core::SystemInfo::getPlatformId(id);
-            if (id != "a" && id != "bb")
+            if (id != "a" && id != "bb") {
                 ++mixed_;
+            }
             ++asked_;
         });
         changeOften();
@@ -145,8 +150,9 @@ TEST_F(ConcurrencyTest, DirectoriesMayBeSetAndAskedAtTheSameTime) {
         bool isSet = false;
         std::string storage;
         core::Directory::getDefaultStoragePath(storage, isSet);
-        if (core::Directory::getPreinstalledFilesPath().empty() || storage.empty() || !isSet)
+        if (core::Directory::getPreinstalledFilesPath().empty() || storage.empty() || !isSet) {
             ++mixed_;
+        }
         ++asked_;
     });
     for (int round = 0; round < 1000 || asked_ == 0; ++round) {

@@ -1,9 +1,9 @@
 // Every way in which the file can change is noticed, and nothing runs while it does not.
 
+#include "PlatformFixture.h"
+
 #include <algorithm>
 #include <vector>
-
-#include "PlatformFixture.h"
 
 namespace trilba::test {
 
@@ -189,8 +189,9 @@ TEST_F(WatchTest, FileThatNeverComesToRestIsReadAllTheSame) {
     };
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     bool told = false;
-    while (!told && std::chrono::steady_clock::now() < deadline)
+    while (!told && std::chrono::steady_clock::now() < deadline) {
         told = runLoopUntil(rewrite, std::chrono::milliseconds(5));
+    }
     EXPECT_TRUE(told);
 }
 
@@ -199,8 +200,9 @@ TEST_F(WatchTest, QuietTimeIsKeptAlsoWhenEarlierChangesAreLongTold) {
     write(listOf("a"));
     start();
     auto spent = 0ns;
-    while (spent < 400ms) // beyond the longest delay of the first change
+    while (spent < 400ms) { // beyond the longest delay of the first change
         spent += timeToNotify();
+    }
     EXPECT_GE(std::max({timeToNotify(), timeToNotify(), timeToNotify()}), 50ms);
 }
 

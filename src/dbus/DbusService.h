@@ -42,7 +42,7 @@ public:
     DBusHandlerResult quit(DBusMessage* call);
 
     /// Delay of quitDelayed, at least 1 s.
-    std::chrono::seconds shutdownDelay() const noexcept { return shutdownDelay_; }
+    [[nodiscard]] std::chrono::seconds shutdownDelay() const noexcept { return shutdownDelay_; }
 
     // -- IServiceEvents -----------------------------------------------------------------------
 
@@ -68,8 +68,8 @@ private:
     DBusHandlerResult handle(Handler handler, DBusMessage& message);
 
     bool connectToBus();
-    bool requestName();
-    bool subscribe();
+    static bool requestName();
+    static bool subscribe();
     bool installFilter();
     void leaveBus();
 

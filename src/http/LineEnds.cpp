@@ -22,7 +22,7 @@ public:
         }
     }
 
-    std::size_t written() const noexcept { return written_; }
+    [[nodiscard]] std::size_t written() const noexcept { return written_; }
 
 private:
     std::span<char> out_;

@@ -59,12 +59,12 @@ private:
         std::string bytes;
         std::size_t begin = 0; // bytes before it have been taken
 
-        std::size_t size() const noexcept { return bytes.size() - begin; }
-        const char* data() const noexcept { return bytes.data() + begin; }
+        [[nodiscard]] std::size_t size() const noexcept { return bytes.size() - begin; }
+        [[nodiscard]] const char* data() const noexcept { return bytes.data() + begin; }
     };
 
-    std::size_t roomIn(const Block& block) const noexcept;
-    std::size_t grown(std::size_t capacity, std::size_t wanted) const noexcept;
+    [[nodiscard]] std::size_t roomIn(const Block& block) const noexcept;
+    [[nodiscard]] std::size_t grown(std::size_t capacity, std::size_t wanted) const noexcept;
     void growBack(std::size_t wanted);
     static bool canHandOut(const Block& block, std::size_t count) noexcept;
     void takeFromFront(std::size_t count) noexcept;

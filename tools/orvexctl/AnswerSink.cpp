@@ -31,10 +31,11 @@ AnswerSink AnswerSink::toFile(const std::string& path) {
 }
 
 AnswerSink AnswerSink::toPattern(std::string pattern) {
-    if (pattern.find(kNumber) == std::string::npos)
+    if (pattern.find(kNumber) == std::string::npos) {
         throw Failure::usage(
             "--output-pattern needs %d where the number of the part is to stand, for "
             "example answer-%d.bin.");
+    }
     AnswerSink sink;
     sink.pattern_ = std::move(pattern);
     return sink;
@@ -50,8 +51,9 @@ void AnswerSink::write(VariantRef bytes, GCancellable* cancellable,
                             GObject* stream, GAsyncResult* result) -> Outcome<Done> {
         ErrorSlot error;
         if (g_output_stream_write_all_finish(G_OUTPUT_STREAM(stream), result, nullptr,
-                                             error.out()) == FALSE)
+                                             error.out()) == FALSE) {
             return Failure::fromFile("write " + name, *error);
+        }
         return Done{};
     };
     g_output_stream_write_all_async(stream_.get(), data, size, G_PRIORITY_DEFAULT, cancellable,
@@ -60,8 +62,9 @@ void AnswerSink::write(VariantRef bytes, GCancellable* cancellable,
 }
 
 void AnswerSink::endPart() {
-    if (pattern_.empty())
+    if (pattern_.empty()) {
         return;
+    }
     close();
     ++part_;
 }
@@ -71,23 +74,27 @@ void AnswerSink::end() {
 }
 
 void AnswerSink::openPart() {
-    if (stream_ != nullptr)
+    if (stream_ != nullptr) {
         return;
+    }
     name_ = pattern_;
     const std::string number = std::to_string(part_);
     for (auto at = name_.find(kNumber); at != std::string::npos;
-         at = name_.find(kNumber, at + number.size()))
+         at = name_.find(kNumber, at + number.size())) {
         name_.replace(at, kNumber.size(), number);
+    }
     stream_ = createFile(name_);
 }
 
 void AnswerSink::close() {
     const ObjectRef<GOutputStream> stream = std::move(stream_);
-    if (stream == nullptr)
+    if (stream == nullptr) {
         return;
+    }
     ErrorSlot error;
-    if (g_output_stream_close(stream.get(), nullptr, error.out()) == FALSE)
+    if (g_output_stream_close(stream.get(), nullptr, error.out()) == FALSE) {
         throw Failure::fromFile("write " + name_, *error);
+    }
 }
 
 } // namespace orvexd::ctl

@@ -43,13 +43,15 @@ ExitStatus Application::dispatch(const std::vector<std::string>& words) {
         printLine("orvexctl " ORVEXCTL_VERSION);
         return ExitStatus::Success;
     }
-    if (rest.empty())
+    if (rest.empty()) {
         throw Failure::usage("which command? See 'orvexctl --help'.");
+    }
     const auto command =
         std::find_if(commands_.begin(), commands_.end(),
                      [&](const auto& candidate) { return candidate->name() == rest.front(); });
-    if (command == commands_.end())
+    if (command == commands_.end()) {
         throw Failure::usage("there is no command '" + rest.front() + "'. See 'orvexctl --help'.");
+    }
     return (*command)->run({rest.begin() + 1, rest.end()});
 }
 

@@ -12,8 +12,9 @@ ExitStatus CancelCommand::run(const std::vector<std::string>& words) {
         "show."};
     parser.setDescription("The daemon does not tell whether there was such a request.\n");
     const auto rest = parser.parse(words);
-    if (rest.size() != 2)
+    if (rest.size() != 2) {
         throw Failure::usage("cancel needs two ids. See 'orvexctl cancel --help'.");
+    }
     const std::uint32_t connection = parseNumber(rest[0], "CONNECTION");
     const std::uint32_t request = parseNumber(rest[1], "REQUEST");
 

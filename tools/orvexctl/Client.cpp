@@ -19,8 +19,9 @@ GVariant* byteArray(const std::string& text) {
 }
 
 void throwIfSet(const ErrorSlot& error) {
-    if (error)
+    if (error) {
         throw Failure::fromBus(*error);
+    }
 }
 
 } // namespace
@@ -69,8 +70,9 @@ std::uint32_t Client::connectionStatus() {
     GVariant* boxed = nullptr;
     g_variant_get(reply.get(), "(v)", &boxed);
     const VariantRef status{boxed};
-    if (g_variant_is_of_type(status.get(), G_VARIANT_TYPE_UINT32) == FALSE)
+    if (g_variant_is_of_type(status.get(), G_VARIANT_TYPE_UINT32) == FALSE) {
         throw Failure::fromCode(2002);
+    }
     return g_variant_get_uint32(status.get());
 }
 
@@ -95,8 +97,9 @@ void Client::openConnection(const ConnectionValues& values, Handler<std::uint32_
         ErrorSlot error;
         guint id = 0;
         if (orvexd_gateway_call_connect_finish(ORVEXD_GATEWAY(gateway), &id, result, error.out()) ==
-            FALSE)
+            FALSE) {
             return Failure::fromBus(*error);
+        }
         return id;
     };
     orvexd_gateway_call_connect(gateway_.get(), byteArray(values.elementName),
@@ -115,8 +118,9 @@ void Client::createRequest(std::uint32_t connection, const RequestValues& values
     const auto finish = [read](GObject* gateway, GAsyncResult* result) -> Outcome<std::uint32_t> {
         ErrorSlot error;
         guint id = 0;
-        if (read(ORVEXD_GATEWAY(gateway), &id, result, error.out()) == FALSE)
+        if (read(ORVEXD_GATEWAY(gateway), &id, result, error.out()) == FALSE) {
             return Failure::fromBus(*error);
+        }
         return id;
     };
     call(gateway_.get(), connection, values.policy, values.openDuration,
@@ -130,10 +134,12 @@ void Client::sendPiece(std::uint32_t connection, std::uint32_t request, GBytes* 
         ErrorSlot error;
         gint code = 0;
         if (orvexd_gateway_call_send_data_finish(ORVEXD_GATEWAY(gateway), &code, result,
-                                                 error.out()) == FALSE)
+                                                 error.out()) == FALSE) {
             return Failure::fromBus(*error);
-        if (code != 0)
+        }
+        if (code != 0) {
             return Failure::fromCode(static_cast<std::uint32_t>(code));
+        }
         return Done{};
     };
     orvexd_gateway_call_send_data(
@@ -149,8 +155,9 @@ void Client::fetchChunk(std::uint32_t connection, std::uint32_t request, GCancel
         GVariant* bytes = nullptr;
         guint code = 0;
         if (orvexd_gateway_call_get_data_finish(ORVEXD_GATEWAY(gateway), &bytes, &code, result,
-                                                error.out()) == FALSE)
+                                                error.out()) == FALSE) {
             return Failure::fromBus(*error);
+        }
         return Chunk{VariantRef{bytes}, static_cast<Delivery>(code)};
     };
     orvexd_gateway_call_get_data(gateway_.get(), connection, request,
@@ -163,8 +170,9 @@ void Client::closeConnection(std::uint32_t connection, Handler<Done> handler) {
     const auto finish = [](GObject* gateway, GAsyncResult* result) -> Outcome<Done> {
         ErrorSlot error;
         if (orvexd_gateway_call_disconnect_finish(ORVEXD_GATEWAY(gateway), result, error.out()) ==
-            FALSE)
+            FALSE) {
             return Failure::fromBus(*error);
+        }
         return Done{};
     };
     orvexd_gateway_call_disconnect(gateway_.get(), connection, G_DBUS_CALL_FLAGS_NO_AUTO_START,
@@ -187,30 +195,34 @@ void Client::flush() {
 
 void Client::statusChanged(OrvexdGateway* /*gateway*/, guint status, gpointer self) noexcept {
     const auto& client = *static_cast<Client*>(self);
-    if (client.onStatusChanged)
+    if (client.onStatusChanged) {
         client.onStatusChanged(status);
+    }
 }
 
 void Client::requestData(OrvexdGateway* /*gateway*/, guint connection, guint request,
                          gpointer self) noexcept {
     const auto& client = *static_cast<Client*>(self);
-    if (client.onRequestData)
+    if (client.onRequestData) {
         client.onRequestData(connection, request);
+    }
 }
 
 void Client::errorSignal(OrvexdGateway* /*gateway*/, guint code, const char* message,
                          const char* keys, gpointer self) noexcept {
     const auto& client = *static_cast<Client*>(self);
-    if (client.onError)
+    if (client.onError) {
         client.onError(Failure::fromCode(code, message), keys);
+    }
 }
 
 void Client::cancelled(GDBusConnection* /*bus*/, const char* /*sender*/, const char* /*path*/,
                        const char* /*interface*/, const char* /*name*/, GVariant* arguments,
                        gpointer self) noexcept {
     const auto& client = *static_cast<Client*>(self);
-    if (!client.onCancelled || g_variant_is_of_type(arguments, G_VARIANT_TYPE("(uu)")) == FALSE)
+    if (!client.onCancelled || g_variant_is_of_type(arguments, G_VARIANT_TYPE("(uu)")) == FALSE) {
         return;
+    }
     guint connection = 0;
     guint request = 0;
     g_variant_get(arguments, "(uu)", &connection, &request);
@@ -222,8 +234,9 @@ void Client::ownerChanged(GObject* /*gateway*/, GParamSpec* /*property*/, gpoint
     const TextRef name{g_dbus_proxy_get_name_owner(G_DBUS_PROXY(client.gateway_.get()))};
     const std::string before = client.owner_;
     client.owner_ = name == nullptr ? "" : name.get();
-    if (!before.empty() && client.owner_ != before)
+    if (!before.empty() && client.owner_ != before) {
         client.gone();
+    }
 }
 
 void Client::busClosed(GDBusConnection* /*bus*/, gboolean /*vanished*/, GError* /*error*/,
@@ -232,8 +245,9 @@ void Client::busClosed(GDBusConnection* /*bus*/, gboolean /*vanished*/, GError* 
 }
 
 void Client::gone() const {
-    if (onGone)
+    if (onGone) {
         onGone();
+    }
 }
 
 } // namespace orvexd::ctl

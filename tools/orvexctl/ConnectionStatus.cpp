@@ -11,12 +11,15 @@ constexpr std::uint32_t kRestricted = 4;
 
 std::string connectionStatusWords(std::uint32_t status) {
     std::string words = (status & kConnected) != 0 ? "connected" : "not connected";
-    if ((status & kKindOne) != 0)
+    if ((status & kKindOne) != 0) {
         words += ", kind 1";
-    if ((status & kRestricted) != 0)
+    }
+    if ((status & kRestricted) != 0) {
         words += ", restricted";
-    if ((status & ~(kConnected | kKindOne | kRestricted)) != 0)
+    }
+    if ((status & ~(kConnected | kKindOne | kRestricted)) != 0) {
         words += ", unknown bits";
+    }
     return words;
 }
 

@@ -69,34 +69,39 @@ constexpr std::string_view kFailedStart =
 
 std::string describe(std::string_view text, std::string_view detail) {
     std::string sentence{text};
-    if (!detail.empty())
+    if (!detail.empty()) {
         sentence.append(" The daemon says: \"").append(printable(detail)).append("\".");
+    }
     return sentence;
 }
 
 /// The number in "(41) unspecifiedError".
 std::optional<std::uint32_t> codeOf(std::string_view message) {
     const auto end = message.find(')');
-    if (!message.starts_with('(') || end == std::string_view::npos)
+    if (!message.starts_with('(') || end == std::string_view::npos) {
         return std::nullopt;
+    }
     const std::string_view digits = message.substr(1, end - 1);
     std::uint32_t code = 0;
     const auto [stop, error] = std::from_chars(digits.begin(), digits.end(), code);
-    if (error != std::errc{} || stop != digits.end())
+    if (error != std::errc{} || stop != digits.end()) {
         return std::nullopt;
+    }
     return code;
 }
 
 /// @return the daemon's code in an error reply of its own.
 std::optional<std::uint32_t> codeOf(const GError& error) {
     const TextRef name{g_dbus_error_get_remote_error(&error)};
-    if (name == nullptr || std::string_view{name.get()} != "com.kelvra.orvexd.Error")
+    if (name == nullptr || std::string_view{name.get()} != "com.kelvra.orvexd.Error") {
         return std::nullopt;
+    }
     // GIO puts "GDBus.Error:NAME: " in front of the text.
     const std::string prefix = "GDBus.Error:" + std::string{name.get()} + ": ";
     std::string_view message{error.message};
-    if (message.starts_with(prefix))
+    if (message.starts_with(prefix)) {
         message.remove_prefix(prefix.size());
+    }
     return codeOf(message);
 }
 
@@ -104,10 +109,12 @@ std::optional<std::uint32_t> codeOf(const GError& error) {
 /// names.
 bool isFailedStart(const GError& error) {
     const TextRef name{g_dbus_error_get_remote_error(&error)};
-    if (name != nullptr && std::string_view{name.get()}.starts_with("org.freedesktop.systemd1."))
+    if (name != nullptr && std::string_view{name.get()}.starts_with("org.freedesktop.systemd1.")) {
         return true;
-    if (error.domain != G_DBUS_ERROR)
+    }
+    if (error.domain != G_DBUS_ERROR) {
         return false;
+    }
     switch (error.code) {
     case G_DBUS_ERROR_TIMED_OUT: // the bus says so only when a service does not come up
     case G_DBUS_ERROR_SPAWN_EXEC_FAILED:
@@ -124,8 +131,9 @@ bool isFailedStart(const GError& error) {
 }
 
 ExitStatus statusOf(const GError& error) {
-    if (isFailedStart(error))
+    if (isFailedStart(error)) {
         return ExitStatus::NoDaemon;
+    }
     if (error.domain == G_IO_ERROR) {
         switch (error.code) {
         case G_IO_ERROR_TIMED_OUT:
@@ -198,8 +206,9 @@ Failure Failure::fromCode(std::uint32_t code, std::string_view detail) {
 }
 
 Failure Failure::fromBus(const GError& error) {
-    if (const auto code = codeOf(error))
+    if (const auto code = codeOf(error)) {
         return fromCode(*code);
+    }
     const ExitStatus status = statusOf(error);
     std::string text{isFailedStart(error) ? kFailedStart : adviceOn(status)};
     text.append(" (").append(printable(error.message)).append(")");

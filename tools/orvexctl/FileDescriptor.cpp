@@ -13,9 +13,10 @@ int openFile(const std::string& path, int flags) {
     constexpr mode_t kMode = 0666;
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-vararg): open is declared so
     const int fd = open(path.c_str(), flags | O_CLOEXEC, kMode);
-    if (fd < 0)
+    if (fd < 0) {
         throw Failure{ExitStatus::Local,
                       "Cannot open " + printable(path) + ": " + g_strerror(errno) + "."};
+    }
     return fd;
 }
 

@@ -46,8 +46,9 @@ public:
     void run() {
         const StopSignals signals{[this](int /*signal*/) { g_main_loop_quit(loop_.get()); }};
         g_main_loop_run(loop_.get());
-        if (failure_)
+        if (failure_) {
             throw Failure{*failure_};
+        }
     }
 
 private:
@@ -72,8 +73,9 @@ private:
             g_dbus_connection_call_finish(G_DBUS_CONNECTION(bus), result, error.out())};
         // Everything else is no reason to stop: the daemon may have left meanwhile. A cancelled
         // call means that the printer is gone.
-        if (!error || !g_error_matches(&*error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED))
+        if (!error || !g_error_matches(&*error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED)) {
             return;
+        }
         static_cast<SignalPrinter*>(self)->stop(Failure::fromBus(*error));
     }
 
@@ -118,8 +120,9 @@ ExitStatus MonitorCommand::run(const std::vector<std::string>& words) {
                           "  requestData, cancel      connection, request\n"
                           "  errorSignal              code, message, requests (a list of keys)\n");
     parser.addFlag("json", 'j', "Print one JSON object per line", json);
-    if (!parser.parse(words).empty())
+    if (!parser.parse(words).empty()) {
         throw Failure::usage("monitor takes no arguments. See 'orvexctl monitor --help'.");
+    }
     const ObjectRef<GDBusConnection> bus = connectToSystemBus();
     SignalPrinter{bus.get(), json}.run();
     return ExitStatus::Success;

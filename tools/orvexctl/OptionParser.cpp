@@ -64,15 +64,17 @@ std::vector<std::string> OptionParser::parse(const std::vector<std::string>& wor
         arguments.push_back(copies.back().get());
     };
     append(program_);
-    for (const std::string& word : words)
+    for (const std::string& word : words) {
         append(word);
+    }
     auto count = static_cast<int>(arguments.size());
     arguments.push_back(nullptr);
     char** list = arguments.data();
 
     ErrorSlot error;
-    if (g_option_context_parse(context_.get(), &count, &list, error.out()) == FALSE)
+    if (g_option_context_parse(context_.get(), &count, &list, error.out()) == FALSE) {
         throw Failure::usage(printable(error->message) + ". See '" + program_ + " --help'.");
+    }
     return {list + 1, list + count};
 }
 
@@ -80,8 +82,9 @@ gboolean OptionParser::take(const char* option, const char* value, gpointer self
                             GError** error) noexcept {
     try {
         for (const Entry& entry : static_cast<OptionParser*>(self)->entries_) {
-            if (entry.longName == option || entry.shortName == option)
+            if (entry.longName == option || entry.shortName == option) {
                 entry.target(value == nullptr ? "" : value);
+            }
         }
         return TRUE;
     } catch (const std::exception& failure) {
@@ -95,9 +98,10 @@ std::uint32_t parseNumber(const std::string& text, const std::string& what, std:
     std::uint32_t number = 0;
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc{} || stop != end || number < smallest || number > largest)
+    if (error != std::errc{} || stop != end || number < smallest || number > largest) {
         throw Failure::usage(what + " must be a number from " + std::to_string(smallest) + " to " +
                              std::to_string(largest));
+    }
     return number;
 }
 

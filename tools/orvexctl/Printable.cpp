@@ -28,10 +28,11 @@ std::string printable(std::string_view text) {
         const std::size_t length =
             valid ? static_cast<std::size_t>(g_unichar_to_utf8(letter, nullptr)) : 1;
         const std::string_view bytes = text.substr(0, length);
-        if (valid && g_unichar_isprint(letter) != FALSE)
+        if (valid && g_unichar_isprint(letter) != FALSE) {
             out.append(bytes);
-        else
+        } else {
             appendEscaped(out, bytes);
+        }
         text.remove_prefix(length);
     }
     return out;

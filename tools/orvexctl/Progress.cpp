@@ -2,12 +2,11 @@
 
 #include "GioHandles.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <initializer_list>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 namespace orvexd::ctl {
 namespace {
@@ -29,8 +28,9 @@ long columns() {
 /// @return the first candidate that fits, else the beginning of the last one.
 std::string fitting(std::initializer_list<std::string> candidates, long width) {
     for (const std::string& candidate : candidates) {
-        if (g_utf8_strlen(candidate.c_str(), -1) <= width)
+        if (g_utf8_strlen(candidate.c_str(), -1) <= width) {
             return candidate;
+        }
     }
     const TextRef start{g_utf8_substring(std::data(candidates)[candidates.size() - 1].c_str(), 0,
                                          std::max(width, 0L))};
@@ -40,13 +40,15 @@ std::string fitting(std::initializer_list<std::string> candidates, long width) {
 } // namespace
 
 Progress::Progress(bool shown) : shown_{shown}, start_{std::chrono::steady_clock::now()} {
-    if (shown_)
+    if (shown_) {
         redraw_.every(kRedrawPeriod, [this] { draw(); });
+    }
 }
 
 Progress::~Progress() {
-    if (!shown_)
+    if (!shown_) {
         return;
+    }
     draw();
     std::fputc('\n', stderr);
 }

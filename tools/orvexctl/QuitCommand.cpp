@@ -12,8 +12,9 @@ ExitStatus QuitCommand::run(const std::vector<std::string>& words) {
         "The daemon finishes a wait for data first, which may take up to 90 seconds.\n");
     parser.addFlag("delayed", 'd',
                    "Only after 60 seconds, and not if a client begins new work before", delayed);
-    if (!parser.parse(words).empty())
+    if (!parser.parse(words).empty()) {
         throw Failure::usage("quit takes no arguments. See 'orvexctl quit --help'.");
+    }
     Client client;
     client.quit(delayed);
     return ExitStatus::Success;

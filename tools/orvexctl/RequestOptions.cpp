@@ -26,8 +26,9 @@ constexpr const char* kDescription =
     "      --content-type text/xml --input fingerprint.xml --output position.xml\n";
 
 void require(const std::string& value, const char* option) {
-    if (value.empty())
+    if (value.empty()) {
         throw Failure::usage(std::string{option} + " is needed. See 'orvexctl request --help'.");
+    }
 }
 
 } // namespace
@@ -71,18 +72,21 @@ RequestOptions RequestOptions::parse(const std::vector<std::string>& words) {
     parser.addNumber("timeout", 'T', "Give up after so long without progress, 0 is never (120)",
                      "SECONDS", timeout);
     parser.addFlag("quiet", 'q', "Show no progress", options.quiet);
-    if (const auto rest = parser.parse(words); !rest.empty())
+    if (const auto rest = parser.parse(words); !rest.empty()) {
         throw Failure::usage("request takes options only; '" + rest.front() +
                              "' is one word too many.");
+    }
 
     require(options.connection.elementName, "--element");
     require(options.connection.type, "--type");
     require(options.connection.version, "--request-version");
     require(options.connection.contentType, "--content-type");
-    if (!output.empty() && !options.outputPattern.empty())
+    if (!output.empty() && !options.outputPattern.empty()) {
         throw Failure::usage("--output and --output-pattern exclude each other.");
-    if (!output.empty())
+    }
+    if (!output.empty()) {
         options.output = output;
+    }
     options.timeout = std::chrono::seconds{timeout};
     return options;
 }

@@ -59,10 +59,11 @@ std::function<void(Outcome<Result>)> RequestSession::then(void (RequestSession::
     ++underWay_;
     return [this, step](Outcome<Result> outcome) {
         --underWay_;
-        if (auto* const failure = std::get_if<Failure>(&outcome))
+        if (auto* const failure = std::get_if<Failure>(&outcome)) {
             failed(*failure);
-        else
+        } else {
             (this->*step)(std::move(std::get<Result>(outcome)));
+        }
         leaveWhenIdle();
     };
 }
@@ -78,21 +79,24 @@ RequestSession::thenOpen(void (RequestSession::*step)(std::uint32_t)) {
 
 ExitStatus RequestSession::run() {
     progressed();
-    if (options_.timeout.count() != 0)
+    if (options_.timeout.count() != 0) {
         watchForSilence(options_.timeout);
+    }
     progress_.setState("connecting");
     progress_.setTotal(source_.size());
     client_.openConnection(options_.connection, thenOpen(&RequestSession::connected));
     g_main_loop_run(loop_.get());
-    if (failure_)
+    if (failure_) {
         throw Failure{*failure_};
+    }
     return status_;
 }
 
 void RequestSession::connected(std::uint32_t connection) {
     connection_ = connection;
-    if (ended_)
+    if (ended_) {
         return close();
+    }
     progressed();
     client_.createRequest(connection, options_.request, thenOpen(&RequestSession::created));
 }
@@ -100,26 +104,31 @@ void RequestSession::connected(std::uint32_t connection) {
 void RequestSession::created(std::uint32_t request) {
     request_ = request;
     progress_.setKey(keyOf(request));
-    if (ended_)
+    if (ended_) {
         return close();
+    }
     progressed();
     progress_.setState("waiting");
-    if (const auto error = earlyErrors_.find(keyOf(request)); error != earlyErrors_.end())
+    if (const auto error = earlyErrors_.find(keyOf(request)); error != earlyErrors_.end()) {
         return fail(error->second);
+    }
     fetchChunk();
-    if (earlyWanted_.contains(request))
+    if (earlyWanted_.contains(request)) {
         dataWanted(*connection_, request);
+    }
 }
 
 void RequestSession::dataWanted(std::uint32_t connection, std::uint32_t request) {
-    if (connection != connection_ || ended_)
+    if (connection != connection_ || ended_) {
         return;
+    }
     if (!request_) {
         earlyWanted_.insert(request);
         return;
     }
-    if (request != request_ || upload_ != Upload::NotWanted)
+    if (request != request_ || upload_ != Upload::NotWanted) {
         return;
+    }
     progressed();
     upload_ = Upload::Running;
     progress_.setState("sending");
@@ -131,8 +140,9 @@ void RequestSession::readPiece() {
 }
 
 void RequestSession::sendPiece(BytesRef bytes) {
-    if (ended_ || explain_.isRunning())
+    if (ended_ || explain_.isRunning()) {
         return;
+    }
     pieceSize_ = g_bytes_get_size(bytes.get());
     lastPiece_ = pieceSize_ == 0;
     client_.sendPiece(*connection_, *request_, bytes.get(), lastPiece_,
@@ -141,15 +151,19 @@ void RequestSession::sendPiece(BytesRef bytes) {
 
 void RequestSession::pieceSent(Done /*done*/) {
     progress_.addSent(pieceSize_);
-    if (lastPiece_)
+    if (lastPiece_) {
         upload_ = Upload::Complete;
-    if (ended_ || explain_.isRunning())
+    }
+    if (ended_ || explain_.isRunning()) {
         return;
+    }
     progressed();
-    if (!lastPiece_)
+    if (!lastPiece_) {
         return readPiece();
-    if (answered_)
+    }
+    if (answered_) {
         return endWhenComplete();
+    }
     progress_.setState("waiting for the answer");
 }
 
@@ -158,11 +172,13 @@ void RequestSession::fetchChunk() {
 }
 
 void RequestSession::writeChunk(Chunk chunk) {
-    if (ended_)
+    if (ended_) {
         return;
+    }
     progressed();
-    if (upload_ != Upload::Running)
+    if (upload_ != Upload::Running) {
         progress_.setState("receiving");
+    }
     delivery_ = chunk.delivery;
     progress_.addReceived(g_variant_get_size(chunk.bytes.get()));
     try {
@@ -175,8 +191,9 @@ void RequestSession::writeChunk(Chunk chunk) {
 void RequestSession::chunkWritten(Done /*done*/) {
     // While an explanation is awaited the request has failed, whatever the server makes of its
     // torso.
-    if (ended_ || explain_.isRunning())
+    if (ended_ || explain_.isRunning()) {
         return;
+    }
     progressed();
     try {
         if (delivery_ == Delivery::ResponseComplete) {
@@ -184,8 +201,9 @@ void RequestSession::chunkWritten(Done /*done*/) {
             answered_ = true;
             return endWhenComplete();
         }
-        if (delivery_ == Delivery::PartComplete)
+        if (delivery_ == Delivery::PartComplete) {
             sink_.endPart();
+        }
     } catch (const Failure& failure) {
         return fail(failure);
     }
@@ -195,37 +213,42 @@ void RequestSession::chunkWritten(Done /*done*/) {
 void RequestSession::endWhenComplete() {
     // The daemon closes the part of a slow client, and the server may answer such a torso: the
     // request has succeeded only when the daemon took the whole input.
-    if (upload_ == Upload::Running)
+    if (upload_ == Upload::Running) {
         return;
+    }
     progress_.setState("done");
     end();
 }
 
 void RequestSession::errorReported(const Failure& failure, const std::string& keys) {
-    if (ended_ || !connection_)
+    if (ended_ || !connection_) {
         return;
+    }
     std::istringstream list{keys};
     for (std::string key; list >> key;) {
-        if (!request_)
+        if (!request_) {
             earlyErrors_.emplace(key, failure);
-        else if (key == keyOf(*request_))
+        } else if (key == keyOf(*request_)) {
             return fail(failure);
+        }
     }
 }
 
 void RequestSession::cancelled(std::uint32_t connection, std::uint32_t request) {
     // The daemon would not tell: it just stays silent from now on.
-    if (connection == connection_ && request == request_)
+    if (connection == connection_ && request == request_) {
         fail(Failure{ExitStatus::Cancelled,
                      "Another client cancelled the request. 'orvexctl monitor' shows who does so; "
                      "send it again."});
+    }
 }
 
 void RequestSession::daemonGone() {
     gone_ = true;
     // Everything has arrived on both sides, only the file is not written yet.
-    if (delivery_ == Delivery::ResponseComplete && upload_ != Upload::Running)
+    if (delivery_ == Delivery::ResponseComplete && upload_ != Upload::Running) {
         return;
+    }
     fail(Failure::daemonGone());
 }
 
@@ -241,23 +264,27 @@ void RequestSession::interrupted(int signal) {
 }
 
 void RequestSession::failed(const Failure& failure) {
-    if (ended_)
+    if (ended_) {
         return close();
-    if (explain_.isRunning())
+    }
+    if (explain_.isRunning()) {
         return;
-    if (answered_ && needsExplanation(failure))
+    }
+    if (answered_ && needsExplanation(failure)) {
         fail(Failure::fromCode(kNotAccepting));
-    else if (needsExplanation(failure))
+    } else if (needsExplanation(failure)) {
         explain_.once(kExplanationTime, [this, failure] { fail(failure); });
-    else if (failure.status() == ExitStatus::NoDaemon && connection_)
+    } else if (failure.status() == ExitStatus::NoDaemon && connection_) {
         daemonGone();
-    else
+    } else {
         fail(failure);
+    }
 }
 
 void RequestSession::fail(const Failure& failure) {
-    if (ended_)
+    if (ended_) {
         return;
+    }
     failure_ = failure;
     progress_.setState("failed");
     end();
@@ -275,15 +302,17 @@ void RequestSession::end() {
 
 void RequestSession::close() {
     // The reply under way may bring the id that is to be closed.
-    if (opening_ || closing_)
+    if (opening_ || closing_) {
         return;
+    }
     closing_ = true;
     if (gone_ || !connection_) {
         closed_ = true;
         return leaveWhenIdle();
     }
-    if (request_)
+    if (request_) {
         abandonRequest();
+    }
     ++underWay_;
     client_.closeConnection(*connection_, [this](const Outcome<Done>& /*outcome*/) {
         --underWay_;
@@ -293,10 +322,12 @@ void RequestSession::close() {
 }
 
 void RequestSession::abandonRequest() {
-    if (!answered_)
+    if (!answered_) {
         client_.cancel(*connection_, *request_);
-    if (upload_ != Upload::Running)
+    }
+    if (upload_ != Upload::Running) {
         return;
+    }
     // The daemon would wait for the rest, and everybody's requests with it.
     const BytesRef nothing{g_bytes_new_static(nullptr, 0)};
     ++underWay_;
@@ -308,8 +339,9 @@ void RequestSession::abandonRequest() {
 }
 
 void RequestSession::leaveWhenIdle() {
-    if (closed_ && underWay_ == 0)
+    if (closed_ && underWay_ == 0) {
         g_main_loop_quit(loop_.get());
+    }
 }
 
 void RequestSession::progressed() {
@@ -320,8 +352,9 @@ void RequestSession::watchForSilence(std::chrono::milliseconds delay) {
     silence_.once(delay, [this] {
         const auto silent = std::chrono::duration_cast<std::chrono::milliseconds>(
             std::chrono::steady_clock::now() - lastProgress_);
-        if (silent < options_.timeout)
+        if (silent < options_.timeout) {
             return watchForSilence(options_.timeout - silent);
+        }
         fail(
             Failure{ExitStatus::TimedOut,
                     "No progress for " + std::to_string(options_.timeout.count()) +

@@ -57,8 +57,9 @@ void addKeys(JsonBuilder* json, const std::string& keys) {
     json_builder_set_member_name(json, "requests");
     json_builder_begin_array(json);
     std::istringstream list{keys};
-    for (std::string key; list >> key;)
+    for (std::string key; list >> key;) {
         json_builder_add_string_value(json, key.c_str());
+    }
     json_builder_end_array(json);
 }
 
@@ -79,15 +80,18 @@ void addArguments(JsonBuilder* json, const SignalEvent& event) {
 }
 
 std::string argumentsForPeople(const SignalEvent& event) {
-    if (isStatus(event))
+    if (isStatus(event)) {
         return connectionStatusWords(numberAt(event, 0)) + " (" +
                std::to_string(numberAt(event, 0)) + ")";
-    if (isAboutRequest(event))
+    }
+    if (isAboutRequest(event)) {
         return "request " + std::to_string(numberAt(event, 0)) + ":" +
                std::to_string(numberAt(event, 1));
-    if (isError(event))
+    }
+    if (isError(event)) {
         return "code " + std::to_string(numberAt(event, 0)) + ", \"" + printable(textAt(event, 1)) +
                "\", requests \"" + printable(textAt(event, 2)) + "\"";
+    }
     return printable(argumentsText(event));
 }
 

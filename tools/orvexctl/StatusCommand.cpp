@@ -26,8 +26,9 @@ void watch(Client& client) {
     };
     // The daemon also announces the status when it has not changed.
     const auto show = [&](std::uint32_t status) {
-        if (last == status)
+        if (last == status) {
             return;
+        }
         last = status;
         try {
             print(status);
@@ -39,12 +40,14 @@ void watch(Client& client) {
     client.onGone = [&] { stop(Failure::daemonGone()); };
     const StopSignals signals{[&](int /*signal*/) { g_main_loop_quit(loop.get()); }};
     show(client.connectionStatus());
-    if (!failure)
+    if (!failure) {
         g_main_loop_run(loop.get());
+    }
     client.onStatusChanged = nullptr;
     client.onGone = nullptr;
-    if (failure)
+    if (failure) {
         throw Failure{*failure};
+    }
 }
 
 } // namespace
@@ -59,13 +62,15 @@ ExitStatus StatusCommand::run(const std::vector<std::string>& words) {
                           "  3  connected, kind 1\n"
                           "  5  connected, restricted\n");
     parser.addFlag("watch", 'w', "Go on with one line per change, until interrupted", watching);
-    if (!parser.parse(words).empty())
+    if (!parser.parse(words).empty()) {
         throw Failure::usage("status takes no arguments. See 'orvexctl status --help'.");
+    }
     Client client;
-    if (watching)
+    if (watching) {
         watch(client);
-    else
+    } else {
         print(client.connectionStatus());
+    }
     return ExitStatus::Success;
 }
 

@@ -30,11 +30,13 @@ StopSignals::~StopSignals() {
     if (delivered_) {
         // timeout(1) sends its signal twice, to the process and to its group. GLib would give the
         // default action back with the last source of a signal.
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
             g_unix_signal_add(signal, ignore, nullptr);
+        }
     }
-    for (const guint source : sources_)
+    for (const guint source : sources_) {
         g_source_remove(source);
+    }
 }
 
 } // namespace orvexd::ctl

@@ -31,8 +31,9 @@ void Timer::whenIdle(std::function<void()> action) {
 }
 
 void Timer::stop() noexcept {
-    if (source_ != 0)
+    if (source_ != 0) {
         g_source_remove(source_);
+    }
     source_ = 0;
     action_ = nullptr;
 }

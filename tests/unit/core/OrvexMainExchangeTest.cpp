@@ -27,7 +27,7 @@ protected:
 
 // -- the road of a request ----------------------------------------------------------------------
 
-TEST_F(OrvexMainExchangeTest, carriesARequestFromPrepareToItsLastChunk) {
+TEST_F(OrvexMainExchangeTest, CarriesARequestFromPrepareToItsLastChunk) {
     answerExchange(1);
     prepare(1);
     gateway().getData(1, 1);
@@ -36,7 +36,7 @@ TEST_F(OrvexMainExchangeTest, carriesARequestFromPrepareToItsLastChunk) {
                                           "chunk 1:1 2303 [answer 1]", "drop 1:1"));
 }
 
-TEST_F(OrvexMainExchangeTest, carriesManyRequestsPreparedOnesFirst) {
+TEST_F(OrvexMainExchangeTest, CarriesManyRequestsPreparedOnesFirst) {
     for (int i = 0; i < 3; ++i) {
         attach(1);
     }
@@ -52,7 +52,7 @@ TEST_F(OrvexMainExchangeTest, carriesManyRequestsPreparedOnesFirst) {
                 ElementsAre("chunk 1:4 2303 [answer 1]", "chunk 1:1 2303 [answer 2]"));
 }
 
-TEST_F(OrvexMainExchangeTest, printsNothingAboutTextsThatAreNotUtf8) {
+TEST_F(OrvexMainExchangeTest, PrintsNothingAboutTextsThatAreNotUtf8) {
     const std::uint32_t connectionId = open(1024, "caf\xE9");
     answerExchange(1);
     testing::internal::CaptureStderr();
@@ -61,7 +61,7 @@ TEST_F(OrvexMainExchangeTest, printsNothingAboutTextsThatAreNotUtf8) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(OrvexMainExchangeTest, numbersTheRequestsOfEachExchangeFromOne) {
+TEST_F(OrvexMainExchangeTest, NumbersTheRequestsOfEachExchangeFromOne) {
     answerExchange(1);
     prepare(1);
     finishExchange();
@@ -72,7 +72,7 @@ TEST_F(OrvexMainExchangeTest, numbersTheRequestsOfEachExchangeFromOne) {
     EXPECT_THAT(service_.only("error"), IsEmpty());
 }
 
-TEST_F(OrvexMainExchangeTest, deliversAnAnswerThatComesBeforeTheUploadHasEnded) {
+TEST_F(OrvexMainExchangeTest, DeliversAnAnswerThatComesBeforeTheUploadHasEnded) {
     HttpClient::setParameter("orvexd/wait_timeout/position", "30000");
     service_.onRequestData = nullptr;
     attach(1);
@@ -97,7 +97,7 @@ TEST_F(OrvexMainExchangeTest, deliversAnAnswerThatComesBeforeTheUploadHasEnded) 
     EXPECT_THAT(service_.only("error"), IsEmpty());
 }
 
-TEST_F(OrvexMainExchangeTest, announcesTheReportedStatusBeforeThePartOfAnyTypeButPosition) {
+TEST_F(OrvexMainExchangeTest, AnnouncesTheReportedStatusBeforeThePartOfAnyTypeButPosition) {
     open(1024, "fingerprint");
     answerExchange(2);
     attach(2);
@@ -114,7 +114,7 @@ TEST_F(OrvexMainExchangeTest, announcesTheReportedStatusBeforeThePartOfAnyTypeBu
 
 // -- silent clients -----------------------------------------------------------------------------
 
-TEST_F(OrvexMainExchangeTest, doesNotFailForASilentClient) {
+TEST_F(OrvexMainExchangeTest, DoesNotFailForASilentClient) {
     service_.onRequestData = nullptr;
     answerExchange(1);
     prepare(1);
@@ -125,7 +125,7 @@ TEST_F(OrvexMainExchangeTest, doesNotFailForASilentClient) {
     expectEvent("chunk 1:1 2303 [answer 1]");
 }
 
-TEST_F(OrvexMainExchangeTest, acceptsDataOrRefusesItWhileThePartIsClosedButLosesNone) {
+TEST_F(OrvexMainExchangeTest, AcceptsDataOrRefusesItWhileThePartIsClosedButLosesNone) {
     HttpClient::setParameter("orvexd/wait_timeout/position", "0");
     constexpr std::uint32_t kParts = 300;
     for (std::uint32_t i = 1; i < kParts; ++i) {
@@ -160,14 +160,14 @@ TEST_F(OrvexMainExchangeTest, acceptsDataOrRefusesItWhileThePartIsClosedButLoses
 
 // -- failures -----------------------------------------------------------------------------------
 
-TEST_F(OrvexMainExchangeTest, reportsATransportFailureAs2204) {
+TEST_F(OrvexMainExchangeTest, ReportsATransportFailureAs2204) {
     attach(1);
     failExchange(CURLE_OPERATION_TIMEDOUT);
     prepare(1);
     expectEvent(failed(2204, "Timeout was reached", "1:2 1:1"));
 }
 
-TEST_F(OrvexMainExchangeTest, reportsARejectedAnswerAs2001) {
+TEST_F(OrvexMainExchangeTest, ReportsARejectedAnswerAs2001) {
     fake_curl::addScript([](fake_curl::Transfer& transfer) {
         transfer.respond("HTTP/1.1 404 Not Found\r\nContent-Type: text/html\r\n\r\n", {"<p/>"});
         return CURLE_OK;
@@ -176,7 +176,7 @@ TEST_F(OrvexMainExchangeTest, reportsARejectedAnswerAs2001) {
     expectEvent(failed(2001, "missing MIME parts", "1:1"));
 }
 
-TEST_F(OrvexMainExchangeTest, reportsA43OfTheServerAs2204Too) {
+TEST_F(OrvexMainExchangeTest, ReportsA43OfTheServerAs2204Too) {
     fake_curl::addScript([this](fake_curl::Transfer& transfer) {
         EXPECT_TRUE(transfer.readAll(sent_));
         transfer.respond("HTTP/1.1 404 Gone\r\n"
@@ -189,7 +189,7 @@ TEST_F(OrvexMainExchangeTest, reportsA43OfTheServerAs2204Too) {
         failed(2204, "Gone\r\nContent-Type: multipart/related; boundary=b; start=head", "1:1"));
 }
 
-TEST_F(OrvexMainExchangeTest, listsTheFailedRequestsInQueueOrder) {
+TEST_F(OrvexMainExchangeTest, ListsTheFailedRequestsInQueueOrder) {
     for (int i = 0; i < 10; ++i) {
         attach(1); // 1 to 10
     }
@@ -199,7 +199,7 @@ TEST_F(OrvexMainExchangeTest, listsTheFailedRequestsInQueueOrder) {
 }
 
 TEST_F(OrvexMainExchangeTest,
-       dropsEveryRequestOfAFailedExchangeAndReleasesItsHeldCallsAfterTheError) {
+       DropsEveryRequestOfAFailedExchangeAndReleasesItsHeldCallsAfterTheError) {
     attach(1);
     failExchange();
     prepare(1);
@@ -212,7 +212,7 @@ TEST_F(OrvexMainExchangeTest,
 }
 
 TEST_F(OrvexMainExchangeTest,
-       dropsAnsweredRequestsOfEarlierExchangesWithAFailureButDoesNotNameThem) {
+       DropsAnsweredRequestsOfEarlierExchangesWithAFailureButDoesNotNameThem) {
     answerExchange(1);
     prepare(1);
     finishExchange();
@@ -225,7 +225,7 @@ TEST_F(OrvexMainExchangeTest,
     EXPECT_FALSE(exists(1, 1));
 }
 
-TEST_F(OrvexMainExchangeTest, keepsRequestsThatWaitWhenAnExchangeFails) {
+TEST_F(OrvexMainExchangeTest, KeepsRequestsThatWaitWhenAnExchangeFails) {
     holdExchange([](fake_curl::Transfer&) { return CURLE_RECV_ERROR; });
     prepare(1);
     reachExchange();
@@ -238,7 +238,7 @@ TEST_F(OrvexMainExchangeTest, keepsRequestsThatWaitWhenAnExchangeFails) {
     EXPECT_TRUE(exists(1, 2));
 }
 
-TEST_F(OrvexMainExchangeTest, tellsWhyInTheSameTurnInWhichItsRequestsBecomeUnknown) {
+TEST_F(OrvexMainExchangeTest, TellsWhyInTheSameTurnInWhichItsRequestsBecomeUnknown) {
     failExchange();
     prepare(1);
     EXPECT_TRUE(iterateUntil([this] { return !exists(1, 1); }));
@@ -246,7 +246,7 @@ TEST_F(OrvexMainExchangeTest, tellsWhyInTheSameTurnInWhichItsRequestsBecomeUnkno
     finishExchange();
 }
 
-TEST_F(OrvexMainExchangeTest, dropsDeliveredRequestsAndThoseNotAllowedAlsoInTheTimeAfterASuccess) {
+TEST_F(OrvexMainExchangeTest, DropsDeliveredRequestsAndThoseNotAllowedAlsoInTheTimeAfterASuccess) {
     answerExchange(1);
     gateway().getData(1, prepare(1));
     awaitOutcome(); // 50 ms before the end
@@ -265,7 +265,7 @@ TEST_F(OrvexMainExchangeTest, dropsDeliveredRequestsAndThoseNotAllowedAlsoInTheT
     finishExchange();
 }
 
-TEST_F(OrvexMainExchangeTest, signalsAFailureAlsoWhenEveryRequestWasDelivered) {
+TEST_F(OrvexMainExchangeTest, SignalsAFailureAlsoWhenEveryRequestWasDelivered) {
     holdExchange([this](fake_curl::Transfer& transfer) {
         EXPECT_TRUE(transfer.readAll(sent_));
         answer(transfer, 1);
@@ -277,7 +277,7 @@ TEST_F(OrvexMainExchangeTest, signalsAFailureAlsoWhenEveryRequestWasDelivered) {
     EXPECT_THAT(service_.only("chunk"), ElementsAre("chunk 1:1 2303 [answer 1]"));
 }
 
-TEST_F(OrvexMainExchangeTest, completesAPartThatWasCutOffAndDeliversIt) {
+TEST_F(OrvexMainExchangeTest, CompletesAPartThatWasCutOffAndDeliversIt) {
     holdExchange([this](fake_curl::Transfer& transfer) {
         EXPECT_TRUE(transfer.readAll(sent_));
         const std::string body = answerBody(1);
@@ -293,7 +293,7 @@ TEST_F(OrvexMainExchangeTest, completesAPartThatWasCutOffAndDeliversIt) {
     EXPECT_THAT(service_.only("chunk"), ElementsAre("chunk 2:1 2301 [an]"));
 }
 
-TEST_F(OrvexMainExchangeTest, endsInAFailureReportWhenTheWorkerRunsOutOfMemory) {
+TEST_F(OrvexMainExchangeTest, EndsInAFailureReportWhenTheWorkerRunsOutOfMemory) {
     fake_curl::addScript([](fake_curl::Transfer& transfer) {
         const failing_memory::FailOnce fail(1); // the stand-in's copy succeeds
         EXPECT_EQ(transfer.write("HTTP/1.1 200 A head that does not fit into a short string\r\n"),
@@ -311,7 +311,7 @@ TEST_F(OrvexMainExchangeTest, endsInAFailureReportWhenTheWorkerRunsOutOfMemory) 
     EXPECT_TRUE(exists(1, 2)); // and the next one is as any other
 }
 
-TEST_F(OrvexMainExchangeTest, survivesALibcurlThatHasNoHandle) {
+TEST_F(OrvexMainExchangeTest, SurvivesALibcurlThatHasNoHandle) {
     fake_curl::failInit(true);
     prepare(1);
     expectEvent(failed(2204, curl_easy_strerror(CURLE_BAD_FUNCTION_ARGUMENT), "1:1"));
@@ -319,7 +319,7 @@ TEST_F(OrvexMainExchangeTest, survivesALibcurlThatHasNoHandle) {
 
 // -- from one exchange to the next --------------------------------------------------------------
 
-TEST_F(OrvexMainExchangeTest, startsTheNextExchangeWhenOneHasEndedAndRequestsWait) {
+TEST_F(OrvexMainExchangeTest, StartsTheNextExchangeWhenOneHasEndedAndRequestsWait) {
     holdExchange(answerScript(1));
     prepare(1);
     reachExchange();
@@ -333,7 +333,7 @@ TEST_F(OrvexMainExchangeTest, startsTheNextExchangeWhenOneHasEndedAndRequestsWai
     EXPECT_EQ(fake_threads::started(), 2);
 }
 
-TEST_F(OrvexMainExchangeTest, waitsForTheSweepBeforeItStartsAfterASuccess) {
+TEST_F(OrvexMainExchangeTest, WaitsForTheSweepBeforeItStartsAfterASuccess) {
     answerExchange(1);
     prepare(1);
     awaitOutcome();
@@ -345,7 +345,7 @@ TEST_F(OrvexMainExchangeTest, waitsForTheSweepBeforeItStartsAfterASuccess) {
     finishExchange();
 }
 
-TEST_F(OrvexMainExchangeTest, startsAtOnceAfterAFailure) {
+TEST_F(OrvexMainExchangeTest, StartsAtOnceAfterAFailure) {
     failExchange();
     prepare(1);
     awaitOutcome();
@@ -357,7 +357,7 @@ TEST_F(OrvexMainExchangeTest, startsAtOnceAfterAFailure) {
     EXPECT_THAT(service_.only("error"), ElementsAre(failed(2204, kRefused, "1:1")));
 }
 
-TEST_F(OrvexMainExchangeTest, isNotSweptByTheLateEndOfTheFailedOneBefore) {
+TEST_F(OrvexMainExchangeTest, IsNotSweptByTheLateEndOfTheFailedOneBefore) {
     failExchange();
     prepare(1);
     awaitOutcome(); // its end timer has not run yet
@@ -376,7 +376,7 @@ TEST_F(OrvexMainExchangeTest, isNotSweptByTheLateEndOfTheFailedOneBefore) {
     finishExchange();
 }
 
-TEST_F(OrvexMainExchangeTest, sweepsUpAfterAFailureWhenTheNextOneFoundNoWorker) {
+TEST_F(OrvexMainExchangeTest, SweepsUpAfterAFailureWhenTheNextOneFoundNoWorker) {
     failExchange();
     prepare(1);
     awaitOutcome();
@@ -388,7 +388,7 @@ TEST_F(OrvexMainExchangeTest, sweepsUpAfterAFailureWhenTheNextOneFoundNoWorker) 
     finishExchange();
 }
 
-TEST_F(OrvexMainExchangeTest, looksForSendableRequestsWhileTheWorkerDropsThoseThatFailed) {
+TEST_F(OrvexMainExchangeTest, LooksForSendableRequestsWhileTheWorkerDropsThoseThatFailed) {
     constexpr std::uint32_t kRequests = 100;
     constexpr int kRounds = 8; // for the thread sanitizer, which has to meet both at it
     for (int round = 0; round < kRounds; ++round) {
@@ -410,7 +410,7 @@ TEST_F(OrvexMainExchangeTest, looksForSendableRequestsWhileTheWorkerDropsThoseTh
     }
 }
 
-TEST_F(OrvexMainExchangeTest, startsOnlyOneWorkerAtATime) {
+TEST_F(OrvexMainExchangeTest, StartsOnlyOneWorkerAtATime) {
     holdExchange(answerScript(1));
     prepare(1);
     reachExchange();
@@ -425,7 +425,7 @@ TEST_F(OrvexMainExchangeTest, startsOnlyOneWorkerAtATime) {
     EXPECT_EQ(fake_threads::started(), 2);
 }
 
-TEST_F(OrvexMainExchangeTest, joinsEachWorker) {
+TEST_F(OrvexMainExchangeTest, JoinsEachWorker) {
     for (int i = 0; i < 3; ++i) {
         answerExchange(1);
         prepare(1);
@@ -435,7 +435,7 @@ TEST_F(OrvexMainExchangeTest, joinsEachWorker) {
     EXPECT_EQ(fake_threads::joined(), 3);
 }
 
-TEST_F(OrvexMainExchangeTest, staysInOrderOverManyExchangesInARow) {
+TEST_F(OrvexMainExchangeTest, StaysInOrderOverManyExchangesInARow) {
     for (std::uint32_t i = 1; i <= 20; ++i) {
         if (i % 3 == 0) {
             failExchange();
@@ -457,7 +457,7 @@ TEST_F(OrvexMainExchangeTest, staysInOrderOverManyExchangesInARow) {
 
 // -- sweeps -------------------------------------------------------------------------------------
 
-TEST_F(OrvexMainExchangeTest, dropsDeliveredAndCancelledRequestsAtItsEnd) {
+TEST_F(OrvexMainExchangeTest, DropsDeliveredAndCancelledRequestsAtItsEnd) {
     for (int i = 0; i < 9; ++i) {
         open();
     }
@@ -474,7 +474,7 @@ TEST_F(OrvexMainExchangeTest, dropsDeliveredAndCancelledRequestsAtItsEnd) {
     EXPECT_TRUE(exists(3, 3)); // not fetched
 }
 
-TEST_F(OrvexMainExchangeTest, queuesTenThousandRequestsInTransferOrderAtLinearCost) {
+TEST_F(OrvexMainExchangeTest, QueuesTenThousandRequestsInTransferOrderAtLinearCost) {
     constexpr std::uint32_t kRequests = 10000;
     std::string expected = "1:" + std::to_string(kRequests + 1);
     for (std::uint32_t id = 1; id <= kRequests; ++id) {

@@ -15,14 +15,14 @@ class OrvexMainNetworkTest : public GatewayTest {};
 
 // -- status -------------------------------------------------------------------------------------
 
-TEST_F(OrvexMainNetworkTest, reportsNothingAtTheBeginning) {
+TEST_F(OrvexMainNetworkTest, ReportsNothingAtTheBeginning) {
     fake_platform::connect(1);
     gateway();
     drainMainContext();
     EXPECT_THAT(service_.log, IsEmpty());
 }
 
-TEST_F(OrvexMainNetworkTest, announcesAStatusThatAQuestionFindsChanged) {
+TEST_F(OrvexMainNetworkTest, AnnouncesAStatusThatAQuestionFindsChanged) {
     fake_platform::connect(1);
     EXPECT_EQ(gateway().connectionStatus(), 3U);
     EXPECT_EQ(gateway().connectionStatus(), 3U);
@@ -31,13 +31,13 @@ TEST_F(OrvexMainNetworkTest, announcesAStatusThatAQuestionFindsChanged) {
     EXPECT_THAT(service_.log, ElementsAre("status 3"));
 }
 
-TEST_F(OrvexMainNetworkTest, doesNotAnnounceTheStatusZeroItBeganWith) {
+TEST_F(OrvexMainNetworkTest, DoesNotAnnounceTheStatusZeroItBeganWith) {
     EXPECT_EQ(gateway().connectionStatus(), 0U);
     drainMainContext();
     EXPECT_THAT(service_.log, IsEmpty());
 }
 
-TEST_F(OrvexMainNetworkTest, announcesEachChangeOnce) {
+TEST_F(OrvexMainNetworkTest, AnnouncesEachChangeOnce) {
     gateway();
     connectTo(1);
     fake_platform::notifyObservers();
@@ -49,7 +49,7 @@ TEST_F(OrvexMainNetworkTest, announcesEachChangeOnce) {
     EXPECT_THAT(service_.log, ElementsAre("status 3", "status 1", "status 5", "status 0"));
 }
 
-TEST_F(OrvexMainNetworkTest, doesNotAnnounceAStatusThatAQuestionHasFoundAlready) {
+TEST_F(OrvexMainNetworkTest, DoesNotAnnounceAStatusThatAQuestionHasFoundAlready) {
     fake_platform::connect(1);
     (void)gateway().connectionStatus();
     fake_platform::notifyObservers();
@@ -57,7 +57,7 @@ TEST_F(OrvexMainNetworkTest, doesNotAnnounceAStatusThatAQuestionHasFoundAlready)
     EXPECT_THAT(service_.log, ElementsAre("status 3"));
 }
 
-TEST_F(OrvexMainNetworkTest, hasStatusZeroWithoutAPlatformManager) {
+TEST_F(OrvexMainNetworkTest, HasStatusZeroWithoutAPlatformManager) {
     fake_platform::change([](auto& state) { state.managerExists = false; });
     EXPECT_EQ(gateway().connectionStatus(), 0U);
     EXPECT_EQ(gateway().proxyForServer(), "");
@@ -67,7 +67,7 @@ TEST_F(OrvexMainNetworkTest, hasStatusZeroWithoutAPlatformManager) {
     EXPECT_TRUE(service_.has("error 2204 [Connection error] [1:1]"));
 }
 
-TEST_F(OrvexMainNetworkTest, connectsAfreshAfterAChangeOfStatus) {
+TEST_F(OrvexMainNetworkTest, ConnectsAfreshAfterAChangeOfStatus) {
     fake_platform::connect(1);
     open();
     answerExchange(1);
@@ -80,7 +80,7 @@ TEST_F(OrvexMainNetworkTest, connectsAfreshAfterAChangeOfStatus) {
     EXPECT_EQ(fake_curl::lastOption(CURLOPT_FRESH_CONNECT), "0");
 }
 
-TEST_F(OrvexMainNetworkTest, connectsAfreshAfterANotificationThatChangesNothing) {
+TEST_F(OrvexMainNetworkTest, ConnectsAfreshAfterANotificationThatChangesNothing) {
     fake_platform::connect(1);
     open();
     answerExchange(1);
@@ -93,7 +93,7 @@ TEST_F(OrvexMainNetworkTest, connectsAfreshAfterANotificationThatChangesNothing)
     EXPECT_EQ(fake_curl::lastOption(CURLOPT_FRESH_CONNECT), "1");
 }
 
-TEST_F(OrvexMainNetworkTest, connectsAfreshWhenItHearsThatANetworkIsThere) {
+TEST_F(OrvexMainNetworkTest, ConnectsAfreshWhenItHearsThatANetworkIsThere) {
     fake_platform::connect(1);
     open();
     answerExchange(1);
@@ -106,7 +106,7 @@ TEST_F(OrvexMainNetworkTest, connectsAfreshWhenItHearsThatANetworkIsThere) {
     EXPECT_EQ(fake_curl::lastOption(CURLOPT_FRESH_CONNECT), "1");
 }
 
-TEST_F(OrvexMainNetworkTest, takesNotificationsOfAForeignThreadToTheMainLoop) {
+TEST_F(OrvexMainNetworkTest, TakesNotificationsOfAForeignThreadToTheMainLoop) {
     gateway();
     fake_platform::connect(1);
     std::thread platform(fake_platform::notifyObservers);
@@ -116,7 +116,7 @@ TEST_F(OrvexMainNetworkTest, takesNotificationsOfAForeignThreadToTheMainLoop) {
     EXPECT_THAT(service_.log, ElementsAre("status 3"));
 }
 
-TEST_F(OrvexMainNetworkTest, asksThePlatformForTheProxyOfTheServer) {
+TEST_F(OrvexMainNetworkTest, AsksThePlatformForTheProxyOfTheServer) {
     fake_platform::connect(1);
     fake_platform::change([](auto& state) {
         state.proxy = [](const std::string&, trilba::network::ProxyQuery& query) {
@@ -131,7 +131,7 @@ TEST_F(OrvexMainNetworkTest, asksThePlatformForTheProxyOfTheServer) {
     EXPECT_EQ(fake_curl::lastOption(CURLOPT_PROXY), "proxy.example:8080");
 }
 
-TEST_F(OrvexMainNetworkTest, looksForTheNetworkWhenANewStatusMayHelpARequest) {
+TEST_F(OrvexMainNetworkTest, LooksForTheNetworkWhenANewStatusMayHelpARequest) {
     fake_platform::connect(1);
     open();
     attach(1); // waits: kind 1 has not been reported
@@ -141,7 +141,7 @@ TEST_F(OrvexMainNetworkTest, looksForTheNetworkWhenANewStatusMayHelpARequest) {
     finishExchange();
 }
 
-TEST_F(OrvexMainNetworkTest, onlyStoresAStatusWhenItMayNotLookForTheNetwork) {
+TEST_F(OrvexMainNetworkTest, OnlyStoresAStatusWhenItMayNotLookForTheNetwork) {
     fake_platform::connect(1);
     open();
     attach(1);
@@ -151,7 +151,7 @@ TEST_F(OrvexMainNetworkTest, onlyStoresAStatusWhenItMayNotLookForTheNetwork) {
     EXPECT_THAT(service_.log, ElementsAre("status 3"));
 }
 
-TEST_F(OrvexMainNetworkTest, doesNotLookForTheNetworkForAStatusThatIsKnown) {
+TEST_F(OrvexMainNetworkTest, DoesNotLookForTheNetworkForAStatusThatIsKnown) {
     fake_platform::connect(1);
     open();
     (void)gateway().connectionStatus();
@@ -162,7 +162,7 @@ TEST_F(OrvexMainNetworkTest, doesNotLookForTheNetworkForAStatusThatIsKnown) {
     EXPECT_EQ(fake_threads::started(), 0);
 }
 
-TEST_F(OrvexMainNetworkTest, doesNotLookForTheNetworkForTheStatusZero) {
+TEST_F(OrvexMainNetworkTest, DoesNotLookForTheNetworkForTheStatusZero) {
     fake_platform::connect(1);
     open();
     (void)gateway().connectionStatus();
@@ -190,7 +190,7 @@ void PrintTo(const PolicyCase& policyCase,
 
 class OrvexMainPolicyTest : public GatewayTest, public testing::WithParamInterface<PolicyCase> {};
 
-TEST_P(OrvexMainPolicyTest, decidesAboutTheConnection) {
+TEST_P(OrvexMainPolicyTest, DecidesAboutTheConnection) {
     if (GetParam().kind != 0) {
         fake_platform::connect(GetParam().kind, GetParam().flagged);
     }
@@ -215,7 +215,7 @@ INSTANTIATE_TEST_SUITE_P(, OrvexMainPolicyTest,
                                          PolicyCase{"otherKindFlagged", 5, true, {3}}),
                          [](const auto& test) { return test.param.name; });
 
-TEST_F(OrvexMainNetworkTest, announcesAChangeThatThePolicyFinds) {
+TEST_F(OrvexMainNetworkTest, AnnouncesAChangeThatThePolicyFinds) {
     fake_platform::connect(2, true);
     EXPECT_FALSE(gateway().connectionAllowed(2));
     drainMainContext();
@@ -224,7 +224,7 @@ TEST_F(OrvexMainNetworkTest, announcesAChangeThatThePolicyFinds) {
 
 // -- a connection comes -------------------------------------------------------------------------
 
-TEST_F(OrvexMainNetworkTest, startsAnExchangeForAttachedRequestsWhenKindOneComes) {
+TEST_F(OrvexMainNetworkTest, StartsAnExchangeForAttachedRequestsWhenKindOneComes) {
     open();
     attach(1, kKindOneOnly);
     answerExchange(1);
@@ -234,7 +234,7 @@ TEST_F(OrvexMainNetworkTest, startsAnExchangeForAttachedRequestsWhenKindOneComes
     EXPECT_THAT(service_.log, ElementsAre("status 3", "request data 1:1"));
 }
 
-TEST_F(OrvexMainNetworkTest, startsNoExchangeForAttachedRequestsWhenAnotherKindComes) {
+TEST_F(OrvexMainNetworkTest, StartsNoExchangeForAttachedRequestsWhenAnotherKindComes) {
     open();
     attach(1, kAny);
     connectTo(2);
@@ -243,7 +243,7 @@ TEST_F(OrvexMainNetworkTest, startsNoExchangeForAttachedRequestsWhenAnotherKindC
     EXPECT_TRUE(exists(1, 1));
 }
 
-TEST_F(OrvexMainNetworkTest, startsTheExchangeOfAWaitingPreparedRequestWithEachNotification) {
+TEST_F(OrvexMainNetworkTest, StartsTheExchangeOfAWaitingPreparedRequestWithEachNotification) {
     fake_platform::connect(2);
     service_.permitted = false;
     open();
@@ -257,13 +257,13 @@ TEST_F(OrvexMainNetworkTest, startsTheExchangeOfAWaitingPreparedRequestWithEachN
     finishExchange();
 }
 
-TEST_F(OrvexMainNetworkTest, startsNoExchangeWithoutASendableRequest) {
+TEST_F(OrvexMainNetworkTest, StartsNoExchangeWithoutASendableRequest) {
     open();
     connectTo(1);
     EXPECT_EQ(fake_threads::started(), 0);
 }
 
-TEST_F(OrvexMainNetworkTest, startsOneExchangeOnlyWhileItIsTold) {
+TEST_F(OrvexMainNetworkTest, StartsOneExchangeOnlyWhileItIsTold) {
     open();
     attach(1);
     holdExchange(answerScript(1));
@@ -280,7 +280,7 @@ TEST_F(OrvexMainNetworkTest, startsOneExchangeOnlyWhileItIsTold) {
     EXPECT_EQ(fake_threads::started(), 2);
 }
 
-TEST_F(OrvexMainNetworkTest, hasNoSendableRequestWhenAllAreInAnExchange) {
+TEST_F(OrvexMainNetworkTest, HasNoSendableRequestWhenAllAreInAnExchange) {
     open();
     EXPECT_FALSE(gateway().hasSendableRequest());
     attach(1);
@@ -296,7 +296,7 @@ TEST_F(OrvexMainNetworkTest, hasNoSendableRequestWhenAllAreInAnExchange) {
     finishExchange();
 }
 
-TEST_F(OrvexMainNetworkTest, takesAPreparedRequestForSendableWhenItsPolicyAllowsTheConnection) {
+TEST_F(OrvexMainNetworkTest, TakesAPreparedRequestForSendableWhenItsPolicyAllowsTheConnection) {
     fake_platform::connect(1);
     service_.permitted = false;
     open();
@@ -308,7 +308,7 @@ TEST_F(OrvexMainNetworkTest, takesAPreparedRequestForSendableWhenItsPolicyAllows
     EXPECT_TRUE(gateway().hasSendableRequest());
 }
 
-TEST_F(OrvexMainNetworkTest, takesAnAttachedRequestForSendableWhileKindOneIsReported) {
+TEST_F(OrvexMainNetworkTest, TakesAnAttachedRequestForSendableWhileKindOneIsReported) {
     fake_platform::connect(1);
     service_.permitted = false;
     open();
@@ -320,7 +320,7 @@ TEST_F(OrvexMainNetworkTest, takesAnAttachedRequestForSendableWhileKindOneIsRepo
 
 // -- flagged connections ------------------------------------------------------------------------
 
-TEST_F(OrvexMainNetworkTest, usesAFlaggedConnectionForAPreparedRequestThatAcceptsAny) {
+TEST_F(OrvexMainNetworkTest, UsesAFlaggedConnectionForAPreparedRequestThatAcceptsAny) {
     fake_platform::connect(2, true);
     open();
     answerExchange(1);
@@ -329,7 +329,7 @@ TEST_F(OrvexMainNetworkTest, usesAFlaggedConnectionForAPreparedRequestThatAccept
     finishExchange();
 }
 
-TEST_F(OrvexMainNetworkTest, takesAttachedRequestsThatAcceptAnyAlongOverAFlaggedConnection) {
+TEST_F(OrvexMainNetworkTest, TakesAttachedRequestsThatAcceptAnyAlongOverAFlaggedConnection) {
     fake_platform::connect(2, true);
     open();
     attach(1, kNotFlagged);
@@ -341,7 +341,7 @@ TEST_F(OrvexMainNetworkTest, takesAttachedRequestsThatAcceptAnyAlongOverAFlagged
     EXPECT_TRUE(exists(1, 1));
 }
 
-TEST_F(OrvexMainNetworkTest, queuesNothingForAttachedRequestsWhileAnyConnectionIsFlagged) {
+TEST_F(OrvexMainNetworkTest, QueuesNothingForAttachedRequestsWhileAnyConnectionIsFlagged) {
     open();
     attach(1, kNotFlagged);
     fake_platform::change([](auto& state) {
@@ -356,7 +356,7 @@ TEST_F(OrvexMainNetworkTest, queuesNothingForAttachedRequestsWhileAnyConnectionI
     EXPECT_EQ(fake_threads::started(), 0);
 }
 
-TEST_F(OrvexMainNetworkTest, queuesAttachedRequestsThatAcceptAnyThoughAConnectionIsFlagged) {
+TEST_F(OrvexMainNetworkTest, QueuesAttachedRequestsThatAcceptAnyThoughAConnectionIsFlagged) {
     open();
     attach(1, kNotFlagged);
     attach(1, kAny);
@@ -369,7 +369,7 @@ TEST_F(OrvexMainNetworkTest, queuesAttachedRequestsThatAcceptAnyThoughAConnectio
     EXPECT_THAT(service_.only("request data"), ElementsAre("request data 1:1", "request data 1:2"));
 }
 
-TEST_F(OrvexMainNetworkTest, sweepsNothingWhenNobodyWantsTheFlaggedConnection) {
+TEST_F(OrvexMainNetworkTest, SweepsNothingWhenNobodyWantsTheFlaggedConnection) {
     fake_platform::connect(1);
     open();
     answerExchange(1);
@@ -389,7 +389,7 @@ TEST_F(OrvexMainNetworkTest, sweepsNothingWhenNobodyWantsTheFlaggedConnection) {
 
 // -- requests that the connection does not suit -------------------------------------------------
 
-TEST_F(OrvexMainNetworkTest, dropsPreparedRequestsThatAreNotAllowedAndKeepsAttachedOnes) {
+TEST_F(OrvexMainNetworkTest, DropsPreparedRequestsThatAreNotAllowedAndKeepsAttachedOnes) {
     fake_platform::connect(1);
     service_.permitted = false;
     for (int i = 0; i < 10; ++i) {
@@ -412,7 +412,7 @@ TEST_F(OrvexMainNetworkTest, dropsPreparedRequestsThatAreNotAllowedAndKeepsAttac
 }
 
 // The calls that waited for their answers used to stay for ever.
-TEST_F(OrvexMainNetworkTest, givesUpTheHeldCallsOfRequestsThatAreNotAllowedBehindTheError) {
+TEST_F(OrvexMainNetworkTest, GivesUpTheHeldCallsOfRequestsThatAreNotAllowedBehindTheError) {
     fake_platform::connect(1);
     service_.permitted = false;
     open();
@@ -429,7 +429,7 @@ TEST_F(OrvexMainNetworkTest, givesUpTheHeldCallsOfRequestsThatAreNotAllowedBehin
                             "drop 1:1", "drop 1:2"));
 }
 
-TEST_F(OrvexMainNetworkTest, reportsRequestsThatAreNotAllowedBeforeTheWorkerStarts) {
+TEST_F(OrvexMainNetworkTest, ReportsRequestsThatAreNotAllowedBeforeTheWorkerStarts) {
     fake_platform::connect(1);
     service_.permitted = false;
     open();
@@ -447,7 +447,7 @@ TEST_F(OrvexMainNetworkTest, reportsRequestsThatAreNotAllowedBeforeTheWorkerStar
                             "request data 1:2"));
 }
 
-TEST_F(OrvexMainNetworkTest, reportsRequestsThatAreNotAllowedAlsoWhenNothingIsQueued) {
+TEST_F(OrvexMainNetworkTest, ReportsRequestsThatAreNotAllowedAlsoWhenNothingIsQueued) {
     fake_platform::connect(1);
     service_.permitted = false;
     open();
@@ -463,7 +463,7 @@ TEST_F(OrvexMainNetworkTest, reportsRequestsThatAreNotAllowedAlsoWhenNothingIsQu
 
 // -- the connection goes ------------------------------------------------------------------------
 
-TEST_F(OrvexMainNetworkTest, failsWaitingPreparedRequestsWhenTheConnectionGoes) {
+TEST_F(OrvexMainNetworkTest, FailsWaitingPreparedRequestsWhenTheConnectionGoes) {
     fake_platform::connect(1);
     service_.permitted = false;
     for (int i = 0; i < 10; ++i) {
@@ -481,7 +481,7 @@ TEST_F(OrvexMainNetworkTest, failsWaitingPreparedRequestsWhenTheConnectionGoes) 
     EXPECT_TRUE(exists(1, 3)); // attached ones wait on
 }
 
-TEST_F(OrvexMainNetworkTest, saysNothingWhenTheConnectionGoesAndNobodyIsConcerned) {
+TEST_F(OrvexMainNetworkTest, SaysNothingWhenTheConnectionGoesAndNobodyIsConcerned) {
     fake_platform::connect(1);
     open();
     attach(1);
@@ -490,7 +490,7 @@ TEST_F(OrvexMainNetworkTest, saysNothingWhenTheConnectionGoesAndNobodyIsConcerne
     EXPECT_THAT(service_.log, IsEmpty()); // the status was never reported
 }
 
-TEST_F(OrvexMainNetworkTest, failsTheCallersThatWaitForDataWhenTheConnectionGoes) {
+TEST_F(OrvexMainNetworkTest, FailsTheCallersThatWaitForDataWhenTheConnectionGoes) {
     fake_platform::connect(1);
     open();
     open();
@@ -511,7 +511,7 @@ TEST_F(OrvexMainNetworkTest, failsTheCallersThatWaitForDataWhenTheConnectionGoes
     expectEvent("chunk 2:1 2303 [answer 2]");
 }
 
-TEST_F(OrvexMainNetworkTest, failsAWaitingCallerOnlyOnce) {
+TEST_F(OrvexMainNetworkTest, FailsAWaitingCallerOnlyOnce) {
     fake_platform::connect(1);
     open();
     holdExchange(answerScript(1));
@@ -526,7 +526,7 @@ TEST_F(OrvexMainNetworkTest, failsAWaitingCallerOnlyOnce) {
     finishExchange();
 }
 
-TEST_F(OrvexMainNetworkTest, failsWaitingRequestsAlsoWhenANotificationChangesNothing) {
+TEST_F(OrvexMainNetworkTest, FailsWaitingRequestsAlsoWhenANotificationChangesNothing) {
     service_.permitted = false;
     open();
     EXPECT_EQ(thrownBy([this] { prepare(1); }), 2204); // there never was a connection
@@ -535,13 +535,13 @@ TEST_F(OrvexMainNetworkTest, failsWaitingRequestsAlsoWhenANotificationChangesNot
     EXPECT_THAT(service_.log, ElementsAre("drop 1:1", "error 2204 [Connection error] [1:1]"));
 }
 
-TEST_F(OrvexMainNetworkTest, knowsTheListThatThePlatformLastNotified) {
+TEST_F(OrvexMainNetworkTest, KnowsTheListThatThePlatformLastNotified) {
     open();
     fake_platform::connect(1); // without a notification
     EXPECT_EQ(gateway().connectionStatus(), 0U);
 }
 
-TEST_F(OrvexMainNetworkTest, takesALostConnectionForAnExchangeThatBegan) {
+TEST_F(OrvexMainNetworkTest, TakesALostConnectionForAnExchangeThatBegan) {
     open();
     attach(1);
     EXPECT_TRUE(gateway().startExchange());
@@ -549,7 +549,7 @@ TEST_F(OrvexMainNetworkTest, takesALostConnectionForAnExchangeThatBegan) {
     EXPECT_TRUE(exists(1, 1));
 }
 
-TEST_F(OrvexMainNetworkTest, startsNoExchangeWithoutPermission) {
+TEST_F(OrvexMainNetworkTest, StartsNoExchangeWithoutPermission) {
     fake_platform::connect(1);
     service_.permitted = false;
     EXPECT_FALSE(gateway().startExchange());

@@ -13,18 +13,18 @@ class OrvexMainRequestsTest : public GatewayTest {};
 
 // -- connections --------------------------------------------------------------------------------
 
-TEST_F(OrvexMainRequestsTest, numberConnectionsFromOne) {
+TEST_F(OrvexMainRequestsTest, NumberConnectionsFromOne) {
     EXPECT_EQ(open(), 1U);
     EXPECT_EQ(open(), 2U);
 }
 
-TEST_F(OrvexMainRequestsTest, neverGiveAConnectionIdAgain) {
+TEST_F(OrvexMainRequestsTest, NeverGiveAConnectionIdAgain) {
     open();
     gateway().closeConnection(1);
     EXPECT_EQ(open(), 2U);
 }
 
-TEST_F(OrvexMainRequestsTest, ignoreTheClosingOfAnUnknownConnection) {
+TEST_F(OrvexMainRequestsTest, IgnoreTheClosingOfAnUnknownConnection) {
     gateway().closeConnection(7);
     gateway().closeConnection(0);
     EXPECT_EQ(open(), 1U);
@@ -32,7 +32,7 @@ TEST_F(OrvexMainRequestsTest, ignoreTheClosingOfAnUnknownConnection) {
     EXPECT_THAT(service_.log, IsEmpty());
 }
 
-TEST_F(OrvexMainRequestsTest, carryTheSixValuesOfTheirConnection) {
+TEST_F(OrvexMainRequestsTest, CarryTheSixValuesOfTheirConnection) {
     fake_platform::connect(1);
     answerExchange(1);
     const auto connection = gateway().openConnection("Ele", "typ", "ver", "enc", "con", 3);
@@ -46,7 +46,7 @@ TEST_F(OrvexMainRequestsTest, carryTheSixValuesOfTheirConnection) {
 
 // -- identity -----------------------------------------------------------------------------------
 
-TEST_F(OrvexMainRequestsTest, collectTheIdentityWhenTheCoreIsMade) {
+TEST_F(OrvexMainRequestsTest, CollectTheIdentityWhenTheCoreIsMade) {
     fake_platform::change([](auto& state) {
         state.imsi = "262";
         state.imei = "490";
@@ -59,7 +59,7 @@ TEST_F(OrvexMainRequestsTest, collectTheIdentityWhenTheCoreIsMade) {
     EXPECT_EQ(fake_platform::state().identityQueries, 1);
 }
 
-TEST_F(OrvexMainRequestsTest, collectTheIdentityAgainAtEveryConnectWhileAnImsiOrImeiIsMissing) {
+TEST_F(OrvexMainRequestsTest, CollectTheIdentityAgainAtEveryConnectWhileAnImsiOrImeiIsMissing) {
     gateway();
     open();
     EXPECT_EQ(fake_platform::state().identityQueries, 2);
@@ -75,13 +75,13 @@ TEST_F(OrvexMainRequestsTest, collectTheIdentityAgainAtEveryConnectWhileAnImsiOr
     EXPECT_EQ(fake_platform::state().identityQueries, 4);
 }
 
-TEST_F(OrvexMainRequestsTest, needNoFirmwareIdForACompleteIdentity) {
+TEST_F(OrvexMainRequestsTest, NeedNoFirmwareIdForACompleteIdentity) {
     fake_platform::change([](auto& state) { state.imsi = state.imei = "1"; });
     open();
     EXPECT_EQ(fake_platform::state().identityQueries, 1);
 }
 
-TEST_F(OrvexMainRequestsTest, dropAnIdentityThatThePlatformNoLongerGives) {
+TEST_F(OrvexMainRequestsTest, DropAnIdentityThatThePlatformNoLongerGives) {
     fake_platform::change([](auto& state) { state.imsi = "262"; });
     gateway();
     fake_platform::change([](auto& state) { state.imsi = ""; });
@@ -89,7 +89,7 @@ TEST_F(OrvexMainRequestsTest, dropAnIdentityThatThePlatformNoLongerGives) {
     EXPECT_EQ(HttpClient::getConfiguration().get("imsi", "absent"), "");
 }
 
-TEST_F(OrvexMainRequestsTest, mayConnectWhileTheWorkerReadsTheIdentity) {
+TEST_F(OrvexMainRequestsTest, MayConnectWhileTheWorkerReadsTheIdentity) {
     fake_platform::connect(1);
     const auto connection = open();
     for (int i = 0; i < 5; ++i) {
@@ -105,7 +105,7 @@ TEST_F(OrvexMainRequestsTest, mayConnectWhileTheWorkerReadsTheIdentity) {
 
 // -- prepare and attach -------------------------------------------------------------------------
 
-TEST_F(OrvexMainRequestsTest, areNumberedFromOneOverAllConnections) {
+TEST_F(OrvexMainRequestsTest, AreNumberedFromOneOverAllConnections) {
     open();
     open();
     EXPECT_EQ(attach(1), 1U);
@@ -113,7 +113,7 @@ TEST_F(OrvexMainRequestsTest, areNumberedFromOneOverAllConnections) {
     EXPECT_EQ(attach(1), 3U);
 }
 
-TEST_F(OrvexMainRequestsTest, neverGiveARequestIdAgain) {
+TEST_F(OrvexMainRequestsTest, NeverGiveARequestIdAgain) {
     open();
     attach(1);
     gateway().cancelRequest(1, 1);
@@ -123,7 +123,7 @@ TEST_F(OrvexMainRequestsTest, neverGiveARequestIdAgain) {
     EXPECT_EQ(attach(2), 3U);
 }
 
-TEST_F(OrvexMainRequestsTest, ofAnUnknownConnectionAreRefusedWith1001) {
+TEST_F(OrvexMainRequestsTest, OfAnUnknownConnectionAreRefusedWith1001) {
     EXPECT_EQ(thrownBy([this] { prepare(1); }), 1001);
     EXPECT_EQ(thrownBy([this] { attach(1); }), 1001);
     open();
@@ -131,21 +131,21 @@ TEST_F(OrvexMainRequestsTest, ofAnUnknownConnectionAreRefusedWith1001) {
     EXPECT_EQ(thrownBy([this] { attach(2); }), 1001);
 }
 
-TEST_F(OrvexMainRequestsTest, ofAnUnknownConnectionUseUpNoId) {
+TEST_F(OrvexMainRequestsTest, OfAnUnknownConnectionUseUpNoId) {
     (void)thrownBy([this] { attach(1); });
     (void)thrownBy([this] { prepare(1); });
     open();
     EXPECT_EQ(attach(1), 1U);
 }
 
-TEST_F(OrvexMainRequestsTest, lookForTheConnectionBeforeTheyLookForTheNetwork) {
+TEST_F(OrvexMainRequestsTest, LookForTheConnectionBeforeTheyLookForTheNetwork) {
     fake_platform::connect(2, true);
     EXPECT_EQ(thrownBy([this] { prepare(1, kNotFlagged); }), 1001);
     drainMainContext();
     EXPECT_THAT(service_.log, IsEmpty()); // not even the status was asked for
 }
 
-TEST_F(OrvexMainRequestsTest, preparedForAFlaggedConnectionAreRefusedBeforeTheyExist) {
+TEST_F(OrvexMainRequestsTest, PreparedForAFlaggedConnectionAreRefusedBeforeTheyExist) {
     fake_platform::connect(2, true);
     open();
     EXPECT_EQ(thrownBy([this] { prepare(1, kNotFlagged); }), 2204);
@@ -155,7 +155,7 @@ TEST_F(OrvexMainRequestsTest, preparedForAFlaggedConnectionAreRefusedBeforeTheyE
     EXPECT_THAT(service_.only("error"), IsEmpty());
 }
 
-TEST_F(OrvexMainRequestsTest, attachedWaitForAnExchange) {
+TEST_F(OrvexMainRequestsTest, AttachedWaitForAnExchange) {
     fake_platform::connect(2);
     open();
     attach(1);
@@ -165,7 +165,7 @@ TEST_F(OrvexMainRequestsTest, attachedWaitForAnExchange) {
     EXPECT_THAT(service_.log, IsEmpty());
 }
 
-TEST_F(OrvexMainRequestsTest, attachedStartAnExchangeOnlyOnceKindOneHasBeenReported) {
+TEST_F(OrvexMainRequestsTest, AttachedStartAnExchangeOnlyOnceKindOneHasBeenReported) {
     fake_platform::connect(1);
     open();
     attach(1);
@@ -178,7 +178,7 @@ TEST_F(OrvexMainRequestsTest, attachedStartAnExchangeOnlyOnceKindOneHasBeenRepor
     EXPECT_THAT(service_.only("request data"), ElementsAre("request data 1:1", "request data 1:2"));
 }
 
-TEST_F(OrvexMainRequestsTest, preparedStartAnExchange) {
+TEST_F(OrvexMainRequestsTest, PreparedStartAnExchange) {
     fake_platform::connect(2);
     open();
     answerExchange(1);
@@ -190,7 +190,7 @@ TEST_F(OrvexMainRequestsTest, preparedStartAnExchange) {
     EXPECT_FALSE(gateway().isTransferRunning());
 }
 
-TEST_F(OrvexMainRequestsTest, preparedWhilePositioningIsWithdrawnAreRefusedAndStay) {
+TEST_F(OrvexMainRequestsTest, PreparedWhilePositioningIsWithdrawnAreRefusedAndStay) {
     fake_platform::connect(1);
     service_.permitted = false;
     open();
@@ -201,7 +201,7 @@ TEST_F(OrvexMainRequestsTest, preparedWhilePositioningIsWithdrawnAreRefusedAndSt
     EXPECT_EQ(fake_threads::started(), 0);
 }
 
-TEST_F(OrvexMainRequestsTest, thatWaitedForThePermissionGoWithTheNextExchange) {
+TEST_F(OrvexMainRequestsTest, ThatWaitedForThePermissionGoWithTheNextExchange) {
     fake_platform::connect(1);
     service_.permitted = false;
     open();
@@ -213,7 +213,7 @@ TEST_F(OrvexMainRequestsTest, thatWaitedForThePermissionGoWithTheNextExchange) {
     EXPECT_THAT(service_.only("request data"), ElementsAre("request data 1:1", "request data 1:2"));
 }
 
-TEST_F(OrvexMainRequestsTest, withoutANetworkGetAnIdAndAnErrorSignal) {
+TEST_F(OrvexMainRequestsTest, WithoutANetworkGetAnIdAndAnErrorSignal) {
     open();
     EXPECT_EQ(prepare(1, kNotFlagged), 1U);
     EXPECT_EQ(prepare(1, kAny), 2U);
@@ -224,7 +224,7 @@ TEST_F(OrvexMainRequestsTest, withoutANetworkGetAnIdAndAnErrorSignal) {
     EXPECT_FALSE(exists(1, 2));
 }
 
-TEST_F(OrvexMainRequestsTest, withoutANetworkAreRefusedWhenTheyNeedKindOne) {
+TEST_F(OrvexMainRequestsTest, WithoutANetworkAreRefusedWhenTheyNeedKindOne) {
     open();
     EXPECT_EQ(thrownBy([this] { prepare(1, 0); }), 2204);
     EXPECT_EQ(thrownBy([this] { prepare(1, 1); }), 2204);
@@ -233,7 +233,7 @@ TEST_F(OrvexMainRequestsTest, withoutANetworkAreRefusedWhenTheyNeedKindOne) {
     EXPECT_THAT(service_.log, IsEmpty());
 }
 
-TEST_F(OrvexMainRequestsTest, areRefusedWhenNoWorkerCanBeStartedAndStay) {
+TEST_F(OrvexMainRequestsTest, AreRefusedWhenNoWorkerCanBeStartedAndStay) {
     fake_platform::connect(1);
     open();
     fake_threads::failStart(true);
@@ -250,7 +250,7 @@ TEST_F(OrvexMainRequestsTest, areRefusedWhenNoWorkerCanBeStartedAndStay) {
                 ElementsAre("request data 1:1", "request data 1:3", "request data 1:2"));
 }
 
-TEST_F(OrvexMainRequestsTest, thatFoundNoWorkerCanBeCancelledAtOnce) {
+TEST_F(OrvexMainRequestsTest, ThatFoundNoWorkerCanBeCancelledAtOnce) {
     fake_platform::connect(1);
     open();
     fake_threads::failStart(true);
@@ -259,7 +259,7 @@ TEST_F(OrvexMainRequestsTest, thatFoundNoWorkerCanBeCancelledAtOnce) {
     EXPECT_FALSE(exists(1, 1)); // its state is that of the beginning
 }
 
-TEST_F(OrvexMainRequestsTest, duringAnExchangeWaitForTheNextOne) {
+TEST_F(OrvexMainRequestsTest, DuringAnExchangeWaitForTheNextOne) {
     fake_platform::connect(1);
     open();
     holdExchange(answerScript(1));
@@ -279,13 +279,13 @@ TEST_F(OrvexMainRequestsTest, duringAnExchangeWaitForTheNextOne) {
 
 // -- sendData -----------------------------------------------------------------------------------
 
-TEST_F(OrvexMainRequestsTest, takeDataOnlyWhenItIsAskedFor) {
+TEST_F(OrvexMainRequestsTest, TakeDataOnlyWhenItIsAskedFor) {
     open();
     attach(1);
     EXPECT_EQ(gateway().sendData("x", true, 1, 1), 57);
 }
 
-TEST_F(OrvexMainRequestsTest, reportUnknownDataInOrderConnectionThenRequestThenAcceptance) {
+TEST_F(OrvexMainRequestsTest, ReportUnknownDataInOrderConnectionThenRequestThenAcceptance) {
     EXPECT_EQ(gateway().sendData("x", true, 1, 1), 1001);
     open();
     EXPECT_EQ(gateway().sendData("x", true, 1, 1), 41);
@@ -295,7 +295,7 @@ TEST_F(OrvexMainRequestsTest, reportUnknownDataInOrderConnectionThenRequestThenA
     EXPECT_EQ(gateway().sendData("x", true, 2, 1), 41); // another connection's request
 }
 
-TEST_F(OrvexMainRequestsTest, takeDataWhileTheirPartIsCurrent) {
+TEST_F(OrvexMainRequestsTest, TakeDataWhileTheirPartIsCurrent) {
     fake_platform::connect(1);
     HttpClient::setParameter("orvexd/wait_timeout/position", "30000");
     open();
@@ -312,7 +312,7 @@ TEST_F(OrvexMainRequestsTest, takeDataWhileTheirPartIsCurrent) {
     EXPECT_THAT(sent_, testing::HasSubstr("Content-Id: part1\r\n\r\nfirst second\r\n--"));
 }
 
-TEST_F(OrvexMainRequestsTest, takeDataForTheCurrentPartOnly) {
+TEST_F(OrvexMainRequestsTest, TakeDataForTheCurrentPartOnly) {
     fake_platform::connect(2);
     HttpClient::setParameter("orvexd/wait_timeout/position", "30000");
     open();
@@ -329,7 +329,7 @@ TEST_F(OrvexMainRequestsTest, takeDataForTheCurrentPartOnly) {
     finishExchange();
 }
 
-TEST_F(OrvexMainRequestsTest, takeBackTheEndMarkWithALaterPiece) {
+TEST_F(OrvexMainRequestsTest, TakeBackTheEndMarkWithALaterPiece) {
     fake_platform::connect(1);
     HttpClient::setParameter("orvexd/wait_timeout/position", "30000");
     open();
@@ -353,7 +353,7 @@ TEST_F(OrvexMainRequestsTest, takeBackTheEndMarkWithALaterPiece) {
     EXPECT_THAT(sent_, testing::HasSubstr("\r\n\r\none two three\r\n--"));
 }
 
-TEST_F(OrvexMainRequestsTest, ofAClosedConnectionTakeNoData) {
+TEST_F(OrvexMainRequestsTest, OfAClosedConnectionTakeNoData) {
     fake_platform::connect(1);
     HttpClient::setParameter("orvexd/wait_timeout/position", "100");
     open();
@@ -371,7 +371,7 @@ TEST_F(OrvexMainRequestsTest, ofAClosedConnectionTakeNoData) {
 
 // -- getData ------------------------------------------------------------------------------------
 
-TEST_F(OrvexMainRequestsTest, thatAreUnknownGiveNoData) {
+TEST_F(OrvexMainRequestsTest, ThatAreUnknownGiveNoData) {
     EXPECT_EQ(thrownBy([this] { gateway().getData(1, 1); }), 41);
     open();
     EXPECT_EQ(thrownBy([this] { gateway().getData(1, 1); }), 41);
@@ -382,7 +382,7 @@ TEST_F(OrvexMainRequestsTest, thatAreUnknownGiveNoData) {
     EXPECT_THAT(service_.log, IsEmpty());
 }
 
-TEST_F(OrvexMainRequestsTest, giveOneChunkForEachQuestion) {
+TEST_F(OrvexMainRequestsTest, GiveOneChunkForEachQuestion) {
     fake_platform::connect(1);
     open(4);
     answerExchange(1);
@@ -397,7 +397,7 @@ TEST_F(OrvexMainRequestsTest, giveOneChunkForEachQuestion) {
                 ElementsAre("chunk 1:1 2301 [answ]", "chunk 1:1 2303 [er 1]"));
 }
 
-TEST_F(OrvexMainRequestsTest, keepTheOrderOfChunksThatArePostedInQuickSuccession) {
+TEST_F(OrvexMainRequestsTest, KeepTheOrderOfChunksThatArePostedInQuickSuccession) {
     fake_platform::connect(1);
     open(1);
     answerExchange(1);
@@ -416,7 +416,7 @@ TEST_F(OrvexMainRequestsTest, keepTheOrderOfChunksThatArePostedInQuickSuccession
                             "chunk 1:1 2301 [ ]", "chunk 1:1 2303 [1]"));
 }
 
-TEST_F(OrvexMainRequestsTest, deliveredInTheirExchangeAreForgottenAtItsEnd) {
+TEST_F(OrvexMainRequestsTest, DeliveredInTheirExchangeAreForgottenAtItsEnd) {
     fake_platform::connect(1);
     open();
     answerExchange(1);
@@ -428,7 +428,7 @@ TEST_F(OrvexMainRequestsTest, deliveredInTheirExchangeAreForgottenAtItsEnd) {
     EXPECT_EQ(thrownBy([this] { gateway().getData(1, 1); }), 41);
 }
 
-TEST_F(OrvexMainRequestsTest, deliveredAfterTheirExchangeStayUntilTheNextSweep) {
+TEST_F(OrvexMainRequestsTest, DeliveredAfterTheirExchangeStayUntilTheNextSweep) {
     fake_platform::connect(1);
     open();
     answerExchange(1);
@@ -449,13 +449,13 @@ TEST_F(OrvexMainRequestsTest, deliveredAfterTheirExchangeStayUntilTheNextSweep) 
 
 // -- cancel -------------------------------------------------------------------------------------
 
-TEST_F(OrvexMainRequestsTest, thatAreUnknownCannotBeCancelled) {
+TEST_F(OrvexMainRequestsTest, ThatAreUnknownCannotBeCancelled) {
     gateway().cancelRequest(1, 1);
     drainMainContext();
     EXPECT_THAT(service_.log, IsEmpty());
 }
 
-TEST_F(OrvexMainRequestsTest, thatWaitGoAtOnceWhenCancelled) {
+TEST_F(OrvexMainRequestsTest, ThatWaitGoAtOnceWhenCancelled) {
     open();
     attach(1);
     gateway().getData(1, 1);
@@ -465,7 +465,7 @@ TEST_F(OrvexMainRequestsTest, thatWaitGoAtOnceWhenCancelled) {
     EXPECT_THAT(service_.log, ElementsAre("drop 1:1"));
 }
 
-TEST_F(OrvexMainRequestsTest, thatAreTransferredGoWithTheExchangesEndWhenCancelled) {
+TEST_F(OrvexMainRequestsTest, ThatAreTransferredGoWithTheExchangesEndWhenCancelled) {
     fake_platform::connect(1);
     open();
     holdExchange(answerScript(1));
@@ -482,7 +482,7 @@ TEST_F(OrvexMainRequestsTest, thatAreTransferredGoWithTheExchangesEndWhenCancell
     EXPECT_THAT(service_.only("error"), IsEmpty());
 }
 
-TEST_F(OrvexMainRequestsTest, thatAreAnsweredStayWhenCancelledUntilAnExchangeEnds) {
+TEST_F(OrvexMainRequestsTest, ThatAreAnsweredStayWhenCancelledUntilAnExchangeEnds) {
     fake_platform::connect(1);
     open();
     answerExchange(1);
@@ -500,7 +500,7 @@ TEST_F(OrvexMainRequestsTest, thatAreAnsweredStayWhenCancelledUntilAnExchangeEnd
 
 // -- closing a connection -----------------------------------------------------------------------
 
-TEST_F(OrvexMainRequestsTest, ofAClosedConnectionGoInTheOrderOfTheirIds) {
+TEST_F(OrvexMainRequestsTest, OfAClosedConnectionGoInTheOrderOfTheirIds) {
     open();
     for (int i = 0; i < 11; ++i) {
         attach(1);
@@ -512,7 +512,7 @@ TEST_F(OrvexMainRequestsTest, ofAClosedConnectionGoInTheOrderOfTheirIds) {
                             "drop 1:7", "drop 1:8", "drop 1:9", "drop 1:10", "drop 1:11"));
 }
 
-TEST_F(OrvexMainRequestsTest, ofConnectionElevenSurviveTheClosingOfConnectionOne) {
+TEST_F(OrvexMainRequestsTest, OfConnectionElevenSurviveTheClosingOfConnectionOne) {
     for (int i = 0; i < 11; ++i) {
         open();
     }
@@ -527,7 +527,7 @@ TEST_F(OrvexMainRequestsTest, ofConnectionElevenSurviveTheClosingOfConnectionOne
     EXPECT_EQ(thrownBy([this] { attach(1); }), 1001);
 }
 
-TEST_F(OrvexMainRequestsTest, ofAClosedConnectionLiveCancelledUntilTheirExchangeEnds) {
+TEST_F(OrvexMainRequestsTest, OfAClosedConnectionLiveCancelledUntilTheirExchangeEnds) {
     fake_platform::connect(1);
     open();
     open();
@@ -550,14 +550,14 @@ TEST_F(OrvexMainRequestsTest, ofAClosedConnectionLiveCancelledUntilTheirExchange
 
 // -- open duration ------------------------------------------------------------------------------
 
-TEST_F(OrvexMainRequestsTest, leaveTheDefaultOpenDurationOfTen) {
+TEST_F(OrvexMainRequestsTest, LeaveTheDefaultOpenDurationOfTen) {
     EXPECT_EQ(gateway().connectionOpenDuration(), 10U);
     open();
     attach(1, kAny, 0);
     EXPECT_EQ(gateway().connectionOpenDuration(), 10U);
 }
 
-TEST_F(OrvexMainRequestsTest, raiseTheOpenDurationBelowTheMaximumOnly) {
+TEST_F(OrvexMainRequestsTest, RaiseTheOpenDurationBelowTheMaximumOnly) {
     open();
     attach(1, kAny, 60);
     EXPECT_EQ(gateway().connectionOpenDuration(), 10U);
@@ -569,13 +569,13 @@ TEST_F(OrvexMainRequestsTest, raiseTheOpenDurationBelowTheMaximumOnly) {
     EXPECT_EQ(gateway().connectionOpenDuration(), 59U);
 }
 
-TEST_F(OrvexMainRequestsTest, mayAskForLessThanTheDefaultOpenDuration) {
+TEST_F(OrvexMainRequestsTest, MayAskForLessThanTheDefaultOpenDuration) {
     open();
     attach(1, kAny, 5);
     EXPECT_EQ(gateway().connectionOpenDuration(), 5U);
 }
 
-TEST_F(OrvexMainRequestsTest, neverLowerTheOpenDuration) {
+TEST_F(OrvexMainRequestsTest, NeverLowerTheOpenDuration) {
     open();
     attach(1, kAny, 30);
     attach(1, kAny, 20);
@@ -583,7 +583,7 @@ TEST_F(OrvexMainRequestsTest, neverLowerTheOpenDuration) {
     EXPECT_EQ(gateway().connectionOpenDuration(), 30U);
 }
 
-TEST_F(OrvexMainRequestsTest, raiseTheOpenDurationWhenPreparedToo) {
+TEST_F(OrvexMainRequestsTest, RaiseTheOpenDurationWhenPreparedToo) {
     open();
     prepare(1, kAny, 60);
     EXPECT_EQ(gateway().connectionOpenDuration(), 10U);
@@ -591,14 +591,14 @@ TEST_F(OrvexMainRequestsTest, raiseTheOpenDurationWhenPreparedToo) {
     EXPECT_EQ(gateway().connectionOpenDuration(), 42U);
 }
 
-TEST_F(OrvexMainRequestsTest, thatAreRefusedLeaveTheOpenDuration) {
+TEST_F(OrvexMainRequestsTest, ThatAreRefusedLeaveTheOpenDuration) {
     open();
     (void)thrownBy([this] { prepare(1, kKindOneOnly, 42); });
     (void)thrownBy([this] { attach(9, kAny, 42); });
     EXPECT_EQ(gateway().connectionOpenDuration(), 10U);
 }
 
-TEST_F(OrvexMainRequestsTest, readTheOpenDurationsFromTheCoresOwnMap) {
+TEST_F(OrvexMainRequestsTest, ReadTheOpenDurationsFromTheCoresOwnMap) {
     OrvexMain::setParameter("network/default_connection_open_duration", "12");
     OrvexMain::setParameter("network/max_connection_open_duration", "100");
     EXPECT_EQ(gateway().connectionOpenDuration(), 12U);
@@ -609,7 +609,7 @@ TEST_F(OrvexMainRequestsTest, readTheOpenDurationsFromTheCoresOwnMap) {
     EXPECT_EQ(gateway().connectionOpenDuration(), 99U);
 }
 
-TEST_F(OrvexMainRequestsTest, haveTheOpenDurationsThatTheFileStoreHeldWhenTheCoreWasMade) {
+TEST_F(OrvexMainRequestsTest, HaveTheOpenDurationsThatTheFileStoreHeldWhenTheCoreWasMade) {
     ConfHandler::setParameter("network/default_connection_open_duration", "13");
     ConfHandler::setParameter("network/max_connection_open_duration", "");
     ConfHandler::setParameter("orvexd/connect_timeout", "14");
@@ -622,7 +622,7 @@ TEST_F(OrvexMainRequestsTest, haveTheOpenDurationsThatTheFileStoreHeldWhenTheCor
     EXPECT_EQ(HttpClient::getConfiguration().get("orvexd/connect_timeout"), "14");
 }
 
-TEST_F(OrvexMainRequestsTest, ignoreAnEmptyParameterThatIsOnlySetWhenThereIsOne) {
+TEST_F(OrvexMainRequestsTest, IgnoreAnEmptyParameterThatIsOnlySetWhenThereIsOne) {
     OrvexMain::setParameterIfSet("network/default_connection_open_duration", "8");
     OrvexMain::setParameterIfSet("network/default_connection_open_duration", "");
     EXPECT_EQ(gateway().connectionOpenDuration(), 8U);

@@ -18,7 +18,7 @@ protected:
     }
 };
 
-TEST_F(OrvexMainShutdownTest, forgetsConnectionsAndRequests) {
+TEST_F(OrvexMainShutdownTest, ForgetsConnectionsAndRequests) {
     attach(1);
     gateway().shutdown();
     EXPECT_EQ(gateway().sendData("x", true, 1, 1), 1001);
@@ -26,13 +26,13 @@ TEST_F(OrvexMainShutdownTest, forgetsConnectionsAndRequests) {
     EXPECT_EQ(thrownBy([this] { attach(1); }), 1001);
 }
 
-TEST_F(OrvexMainShutdownTest, mayBeRepeated) {
+TEST_F(OrvexMainShutdownTest, MayBeRepeated) {
     gateway().shutdown();
     gateway().shutdown();
     EXPECT_EQ(fake_threads::joined(), 0);
 }
 
-TEST_F(OrvexMainShutdownTest, startsNoExchangeAnyMore) {
+TEST_F(OrvexMainShutdownTest, StartsNoExchangeAnyMore) {
     gateway().shutdown();
     EXPECT_FALSE(gateway().startExchange());
     const auto connection = open();
@@ -41,7 +41,7 @@ TEST_F(OrvexMainShutdownTest, startsNoExchangeAnyMore) {
     EXPECT_EQ(fake_threads::started(), 0);
 }
 
-TEST_F(OrvexMainShutdownTest, endsARunningExchange) {
+TEST_F(OrvexMainShutdownTest, EndsARunningExchange) {
     holdExchange([](fake_curl::Transfer& transfer) {
         EXPECT_TRUE(transfer.read().aborted);
         return CURLE_ABORTED_BY_CALLBACK;
@@ -61,7 +61,7 @@ TEST_F(OrvexMainShutdownTest, endsARunningExchange) {
     EXPECT_THAT(service_.only("error"), IsEmpty()); // the main loop is about to stop
 }
 
-TEST_F(OrvexMainShutdownTest, cancelsAWorkerThatHasNotTakenItsFirstStep) {
+TEST_F(OrvexMainShutdownTest, CancelsAWorkerThatHasNotTakenItsFirstStep) {
     fake_threads::holdUntilJoined(true);
     bool aborted = false;
     fake_curl::addScript([&](fake_curl::Transfer& transfer) {
@@ -75,7 +75,7 @@ TEST_F(OrvexMainShutdownTest, cancelsAWorkerThatHasNotTakenItsFirstStep) {
     EXPECT_FALSE(gateway().isTransferRunning());
 }
 
-TEST_F(OrvexMainShutdownTest, joinsAWorkerThatIsAtItsEnd) {
+TEST_F(OrvexMainShutdownTest, JoinsAWorkerThatIsAtItsEnd) {
     answerExchange(1);
     prepare(1);
     awaitOutcome(); // the flag is down, the end has not been dealt with
@@ -85,7 +85,7 @@ TEST_F(OrvexMainShutdownTest, joinsAWorkerThatIsAtItsEnd) {
     EXPECT_EQ(fake_threads::started(), 1);
 }
 
-TEST_F(OrvexMainShutdownTest, lastsUntilTheWaitForAClientEnds) {
+TEST_F(OrvexMainShutdownTest, LastsUntilTheWaitForAClientEnds) {
     HttpClient::setParameter("orvexd/wait_timeout/slow", "200");
     service_.onRequestData = nullptr;
     const auto connection = open(1024, "slow");
@@ -104,7 +104,7 @@ TEST_F(OrvexMainShutdownTest, lastsUntilTheWaitForAClientEnds) {
     EXPECT_GE(waited, 200000);
 }
 
-TEST_F(OrvexMainShutdownTest, isDoneByTheDestructorToo) {
+TEST_F(OrvexMainShutdownTest, IsDoneByTheDestructorToo) {
     fake_threads::holdUntilJoined(true);
     bool aborted = false;
     fake_curl::addScript([&](fake_curl::Transfer& transfer) {
@@ -118,7 +118,7 @@ TEST_F(OrvexMainShutdownTest, isDoneByTheDestructorToo) {
     EXPECT_EQ(fake_curl::globalBalance(), 0);
 }
 
-TEST_F(OrvexMainShutdownTest, leavesNoPostThatFindsTheCoreGone) {
+TEST_F(OrvexMainShutdownTest, LeavesNoPostThatFindsTheCoreGone) {
     failExchange();
     prepare(1); // posts the status, too
     gateway_.reset();
@@ -126,7 +126,7 @@ TEST_F(OrvexMainShutdownTest, leavesNoPostThatFindsTheCoreGone) {
     EXPECT_THAT(service_.log, IsEmpty());
 }
 
-TEST_F(OrvexMainShutdownTest, leavesNoTimerThatFindsTheCoreGone) {
+TEST_F(OrvexMainShutdownTest, LeavesNoTimerThatFindsTheCoreGone) {
     failExchange();
     prepare(1);
     awaitOutcome();
@@ -136,14 +136,14 @@ TEST_F(OrvexMainShutdownTest, leavesNoTimerThatFindsTheCoreGone) {
     EXPECT_THAT(service_.log, IsEmpty());
 }
 
-TEST_F(OrvexMainShutdownTest, endsTheNotificationsOfThePlatform) {
+TEST_F(OrvexMainShutdownTest, EndsTheNotificationsOfThePlatform) {
     EXPECT_EQ(fake_platform::observerCount(), 1U);
     gateway_.reset();
     EXPECT_EQ(fake_platform::observerCount(), 0U);
     EXPECT_EQ(fake_platform::liveObjects(), 0);
 }
 
-TEST_F(OrvexMainShutdownTest, dropsANotificationThatIsStillOnItsWay) {
+TEST_F(OrvexMainShutdownTest, DropsANotificationThatIsStillOnItsWay) {
     std::thread platform(fake_platform::notifyObservers);
     platform.join();
     gateway_.reset();
@@ -151,7 +151,7 @@ TEST_F(OrvexMainShutdownTest, dropsANotificationThatIsStillOnItsWay) {
     EXPECT_THAT(service_.log, IsEmpty());
 }
 
-TEST_F(OrvexMainShutdownTest, mayFollowEveryStepOfAnExchange) {
+TEST_F(OrvexMainShutdownTest, MayFollowEveryStepOfAnExchange) {
     // Wherever the worker happens to be: it is joined, and nothing is left behind.
     for (int round = 0; round < 50; ++round) {
         answerExchange(1);

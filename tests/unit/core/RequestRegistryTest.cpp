@@ -45,7 +45,7 @@ protected:
     RequestRegistry registry_;
 };
 
-TEST_F(RequestRegistryTest, findsARequestByItsIds) {
+TEST_F(RequestRegistryTest, FindsARequestByItsIds) {
     const Pointer request = add(3, 17);
     EXPECT_EQ(registry_.find(3, 17), request);
     EXPECT_EQ(registry_.find(31, 7), nullptr);
@@ -53,7 +53,7 @@ TEST_F(RequestRegistryTest, findsARequestByItsIds) {
     EXPECT_EQ(registry_.find(3, 17), nullptr);
 }
 
-TEST_F(RequestRegistryTest, groupsTheWaitingByPreparationAndPolicy) {
+TEST_F(RequestRegistryTest, GroupsTheWaitingByPreparationAndPolicy) {
     add(1, 1, true, AnyConnection);
     add(1, 2, true, NotFlagged);
     add(1, 3, false, KindOneOnly);
@@ -67,21 +67,21 @@ TEST_F(RequestRegistryTest, groupsTheWaitingByPreparationAndPolicy) {
     EXPECT_FALSE(registry_.hasWaiting(false, Policy::AnyConnection));
 }
 
-TEST_F(RequestRegistryTest, namesAValueOfEachPolicy) {
+TEST_F(RequestRegistryTest, NamesAValueOfEachPolicy) {
     for (const Policy policy : RequestRegistry::kPolicies) {
         const Pointer request = add(1, 1, true, RequestRegistry::valueOf(policy));
         EXPECT_EQ(RequestRegistry::policyOf(*request), policy);
     }
 }
 
-TEST_F(RequestRegistryTest, listsInTheOrderOfConnectionAndRequest) {
+TEST_F(RequestRegistryTest, ListsInTheOrderOfConnectionAndRequest) {
     for (const Pointer& request : {add(10, 2), add(2, 5), add(1, 30), add(1, 4)}) {
         registry_.setInExchange(request);
     }
     EXPECT_THAT(ids(registry_.inExchange()), ElementsAre(4, 30, 5, 2));
 }
 
-TEST_F(RequestRegistryTest, knowsTheRequestsOfAConnectionOnly) {
+TEST_F(RequestRegistryTest, KnowsTheRequestsOfAConnectionOnly) {
     add(1, 1);
     add(11, 2);
     add(1, 3, false);
@@ -90,7 +90,7 @@ TEST_F(RequestRegistryTest, knowsTheRequestsOfAConnectionOnly) {
     EXPECT_THAT(ids(registry_.ofConnection(2)), IsEmpty());
 }
 
-TEST_F(RequestRegistryTest, requestsInAnExchangeDoNotWait) {
+TEST_F(RequestRegistryTest, RequestsInAnExchangeDoNotWait) {
     const Pointer request = add(1, 1);
     registry_.setInExchange(request);
     EXPECT_FALSE(registry_.hasWaiting(true));
@@ -101,7 +101,7 @@ TEST_F(RequestRegistryTest, requestsInAnExchangeDoNotWait) {
     EXPECT_THAT(ids(registry_.inExchange()), IsEmpty());
 }
 
-TEST_F(RequestRegistryTest, removesFromTheExchangeWhatFulfilsThePredicate) {
+TEST_F(RequestRegistryTest, RemovesFromTheExchangeWhatFulfilsThePredicate) {
     for (const Pointer& request : {add(1, 1), add(1, 2), add(1, 3)}) {
         registry_.setInExchange(request);
     }
@@ -112,7 +112,7 @@ TEST_F(RequestRegistryTest, removesFromTheExchangeWhatFulfilsThePredicate) {
     EXPECT_THAT(ids(registry_.inExchange()), ElementsAre(2));
 }
 
-TEST_F(RequestRegistryTest, aRequestWithTheSameIdsMakesRoom) {
+TEST_F(RequestRegistryTest, ARequestWithTheSameIdsMakesRoom) {
     registry_.setInExchange(add(1, 1));
     const Pointer second = add(1, 1, false, AnyConnection);
     EXPECT_EQ(registry_.find(1, 1), second);
@@ -120,7 +120,7 @@ TEST_F(RequestRegistryTest, aRequestWithTheSameIdsMakesRoom) {
     EXPECT_THAT(ids(registry_.waiting(false, Policy::AnyConnection)), ElementsAre(1));
 }
 
-TEST_F(RequestRegistryTest, clearedHoldsNothing) {
+TEST_F(RequestRegistryTest, ClearedHoldsNothing) {
     registry_.setInExchange(add(1, 1));
     add(1, 2);
     registry_.clear();

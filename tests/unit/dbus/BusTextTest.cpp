@@ -52,7 +52,7 @@ TEST(BusText, IsMeasuredWhenItIsValid) {
 
 TEST(BusText, IsNeverCutInsideACharacter) {
     const std::string four = "\xF0\x9F\x98\x80";
-    for (const std::size_t before : {1, 3, 4}) {
+    for (const std::size_t before : {1U, 3U, 4U}) {
         const std::string front(kLongestText - before, 'x');
         EXPECT_TRUE(toBusText(front + four) == (before < four.size() ? front : front + four))
             << before << " bytes before the limit";

@@ -1,6 +1,5 @@
-#include "dbus/ServiceFixture.h"
-
 #include "dbus/BusLink.h"
+#include "dbus/ServiceFixture.h"
 
 #include <gtest/gtest.h>
 #include <string>

@@ -36,17 +36,17 @@ std::string boundaryFromSeed(unsigned seed) {
     return boundary;
 }
 
-TEST(BoundaryTest, hasSeventyCharacters) {
+TEST(Boundary, HasSeventyCharacters) {
     EXPECT_EQ(generateBoundary().size(), 70U);
 }
 
-TEST(BoundaryTest, consistsOfTheSixtySixSymbolsOnly) {
+TEST(Boundary, ConsistsOfTheSixtySixSymbolsOnly) {
     for (int round = 0; round < 200; ++round) {
         EXPECT_EQ(generateBoundary().find_first_not_of(kAlphabet), std::string::npos);
     }
 }
 
-TEST(BoundaryTest, seedsTheGeneratorWithTheTimeOfDayOnEveryCall) {
+TEST(Boundary, SeedsTheGeneratorWithTheTimeOfDayOnEveryCall) {
     // The seed is taken between two readings of the clock; normally they agree.
     std::set<std::string> seen;
     while (seen.size() < 40) { // as many milliseconds; together they hold every symbol
@@ -65,7 +65,7 @@ TEST(BoundaryTest, seedsTheGeneratorWithTheTimeOfDayOnEveryCall) {
     }
 }
 
-TEST(BoundaryTest, isTheSameForTwoExchangesOfTheSameMillisecond) {
+TEST(Boundary, IsTheSameForTwoExchangesOfTheSameMillisecond) {
     for (int round = 0; round < 10000; ++round) {
         const unsigned before = currentSeed();
         const std::string first = generateBoundary();

@@ -19,41 +19,41 @@ protected:
     DataSignal signal_;
 };
 
-TEST_F(DataSignalTest, knowsNoCancellationAtFirst) {
+TEST_F(DataSignalTest, KnowsNoCancellationAtFirst) {
     EXPECT_FALSE(DataSignal::Reader(signal_).isCancelRequested());
 }
 
-TEST_F(DataSignalTest, showsACancellationToTheReader) {
+TEST_F(DataSignalTest, ShowsACancellationToTheReader) {
     signal_.requestCancel();
     EXPECT_TRUE(DataSignal::Reader(signal_).isCancelRequested());
 }
 
-TEST_F(DataSignalTest, keepsACancellation) {
+TEST_F(DataSignalTest, KeepsACancellation) {
     signal_.requestCancel();
     signal_.notifyData();
     EXPECT_TRUE(DataSignal::Reader(signal_).isCancelRequested());
     EXPECT_TRUE(DataSignal::Reader(signal_).isCancelRequested());
 }
 
-TEST_F(DataSignalTest, endsAWaitAtItsDeadline) {
+TEST_F(DataSignalTest, EndsAWaitAtItsDeadline) {
     DataSignal::Reader reader(signal_);
     const gint64 deadline = in(std::chrono::milliseconds(20));
     EXPECT_FALSE(reader.waitForData(deadline));
     EXPECT_GE(g_get_monotonic_time(), deadline);
 }
 
-TEST_F(DataSignalTest, doesNotWaitWhenTheDeadlineHasPassed) {
+TEST_F(DataSignalTest, DoesNotWaitWhenTheDeadlineHasPassed) {
     DataSignal::Reader reader(signal_);
     EXPECT_FALSE(reader.waitForData(in(std::chrono::seconds(-1))));
 }
 
-TEST_F(DataSignalTest, forgetsDataThatCameBeforeTheWait) {
+TEST_F(DataSignalTest, ForgetsDataThatCameBeforeTheWait) {
     signal_.notifyData();
     DataSignal::Reader reader(signal_);
     EXPECT_FALSE(reader.waitForData(in(std::chrono::milliseconds(-1))));
 }
 
-TEST_F(DataSignalTest, wakesTheWaitingReader) {
+TEST_F(DataSignalTest, WakesTheWaitingReader) {
     std::optional<DataSignal::Reader> reader(std::in_place, signal_);
     // The reader holds the mutex until it waits, so the notification comes in the wait.
     std::thread sender([this] { signal_.notifyData(); });
@@ -62,7 +62,7 @@ TEST_F(DataSignalTest, wakesTheWaitingReader) {
     sender.join();
 }
 
-TEST_F(DataSignalTest, everyNotificationEndsAWait) {
+TEST_F(DataSignalTest, EveryNotificationEndsAWait) {
     constexpr int kWaits = 2000;
     std::atomic<int> begun = 0;
     std::atomic<bool> failed = false;
@@ -84,7 +84,7 @@ TEST_F(DataSignalTest, everyNotificationEndsAWait) {
     sender.join();
 }
 
-TEST_F(DataSignalTest, doesNotWakeTheReaderForACancellation) {
+TEST_F(DataSignalTest, DoesNotWakeTheReaderForACancellation) {
     std::optional<DataSignal::Reader> reader(std::in_place, signal_);
     std::thread canceller([this] { signal_.requestCancel(); });
     const gint64 end = in(kPatience);

@@ -110,7 +110,7 @@ std::string answerTo(int requests) {
 
 // -- the road of an exchange --------------------------------------------------------------------
 
-TEST_F(ExchangeTest, gathersTheItemsThatTheCallbacksAreGiven) {
+TEST_F(ExchangeTest, GathersTheItemsThatTheCallbacksAreGiven) {
     runExchange([](Transfer& transfer) {
         EXPECT_TRUE(transfer.read(16381, 4).bytes.starts_with("\r\n--"));
         EXPECT_EQ(transfer.write("HTTP/1.1 200 OK\r\n", 1), 17U);
@@ -120,7 +120,7 @@ TEST_F(ExchangeTest, gathersTheItemsThatTheCallbacksAreGiven) {
     });
 }
 
-TEST_F(ExchangeTest, takesEveryByteOfTheResponseWhateverItHolds) {
+TEST_F(ExchangeTest, TakesEveryByteOfTheResponseWhateverItHolds) {
     runExchange([](Transfer& transfer) {
         EXPECT_EQ(transfer.write("not HTTP\r\n\r\n"), 12U);
         EXPECT_EQ(transfer.write(std::string_view("\0\xff--b", 5)), 5U);
@@ -130,7 +130,7 @@ TEST_F(ExchangeTest, takesEveryByteOfTheResponseWhateverItHolds) {
 
 // -- the exchange -------------------------------------------------------------------------------
 
-TEST_F(ExchangeTest, sendsTheHeaderLinesInTheirOrder) {
+TEST_F(ExchangeTest, SendsTheHeaderLinesInTheirOrder) {
     std::string body;
     runExchange([&](Transfer& transfer) {
         EXPECT_TRUE(transfer.readAll(body));
@@ -142,7 +142,7 @@ TEST_F(ExchangeTest, sendsTheHeaderLinesInTheirOrder) {
                   "\"; start=\"slpHeaderPart\"\nTransfer-Encoding: chunked\nExpect:");
 }
 
-TEST_F(ExchangeTest, sendsTheSlpPartThenEachRequestThenTheClosingDelimiter) {
+TEST_F(ExchangeTest, SendsTheSlpPartThenEachRequestThenTheClosingDelimiter) {
     std::string body;
     fake_curl::addScript([&](Transfer& transfer) {
         EXPECT_TRUE(transfer.readAll(body));
@@ -165,7 +165,7 @@ TEST_F(ExchangeTest, sendsTheSlpPartThenEachRequestThenTheClosingDelimiter) {
     EXPECT_EQ(body.substr(body.size() - end.size()), end);
 }
 
-TEST_F(ExchangeTest, usesOneBoundaryThroughoutAnExchange) {
+TEST_F(ExchangeTest, UsesOneBoundaryThroughoutAnExchange) {
     std::string body;
     runExchange([&](Transfer& transfer) {
         EXPECT_TRUE(transfer.readAll(body));
@@ -179,7 +179,7 @@ TEST_F(ExchangeTest, usesOneBoundaryThroughoutAnExchange) {
     EXPECT_EQ(count, 3U);
 }
 
-TEST_F(ExchangeTest, reportsNothingButTheEndOfASuccessfulExchange) {
+TEST_F(ExchangeTest, ReportsNothingButTheEndOfASuccessfulExchange) {
     const auto request = addRequest(1);
     fake_curl::addScript([](Transfer& transfer) {
         std::string body;
@@ -193,7 +193,7 @@ TEST_F(ExchangeTest, reportsNothingButTheEndOfASuccessfulExchange) {
     EXPECT_THAT(owner_.log, ElementsAre("request data 1:1", "finished"));
 }
 
-TEST_F(ExchangeTest, reportsATransportFailureWithTheUnfinishedRequestsInQueueOrder) {
+TEST_F(ExchangeTest, ReportsATransportFailureWithTheUnfinishedRequestsInQueueOrder) {
     for (const std::uint32_t id : {12U, 7U, 9U}) {
         addRequest(id, id != 7);
     }
@@ -202,7 +202,7 @@ TEST_F(ExchangeTest, reportsATransportFailureWithTheUnfinishedRequestsInQueueOrd
     EXPECT_THAT(owner_.log, ElementsAre("failed 43 [Couldn't connect to server] [1:9 1:12 1:7]"));
 }
 
-TEST_F(ExchangeTest, leavesDeliveredRequestsOutOfTheReport) {
+TEST_F(ExchangeTest, LeavesDeliveredRequestsOutOfTheReport) {
     const auto first = addRequest(1);
     addRequest(2);
     fake_curl::addScript([&](Transfer&) {
@@ -214,7 +214,7 @@ TEST_F(ExchangeTest, leavesDeliveredRequestsOutOfTheReport) {
                 ElementsAre("failed 43 [Failure when receiving data from the peer] [1:2]"));
 }
 
-TEST_F(ExchangeTest, reportsAFailureAlsoWhenNoRequestIsUnfinished) {
+TEST_F(ExchangeTest, ReportsAFailureAlsoWhenNoRequestIsUnfinished) {
     const auto first = addRequest(1);
     fake_curl::addScript([&](Transfer&) {
         first->setState(RequestState::Delivered);
@@ -225,7 +225,7 @@ TEST_F(ExchangeTest, reportsAFailureAlsoWhenNoRequestIsUnfinished) {
                 ElementsAre("failed 43 [Failure when receiving data from the peer] []"));
 }
 
-TEST_F(ExchangeTest, reportsTheParsersErrorOfASuccessfulTransfer) {
+TEST_F(ExchangeTest, ReportsTheParsersErrorOfASuccessfulTransfer) {
     runExchange([](Transfer& transfer) {
         transfer.respond("HTTP/1.1 200 OK\r\nContent-Type: text/html\r\n\r\n", {"<html/>"});
         return CURLE_OK;
@@ -233,7 +233,7 @@ TEST_F(ExchangeTest, reportsTheParsersErrorOfASuccessfulTransfer) {
     EXPECT_THAT(owner_.log, ElementsAre("failed 1003 [missing MIME parts] [1:1]"));
 }
 
-TEST_F(ExchangeTest, reportsAnHttpStatusThatACompleteAnswerCarries) {
+TEST_F(ExchangeTest, ReportsAnHttpStatusThatACompleteAnswerCarries) {
     runExchange([](Transfer& transfer) {
         const std::string head(kHead);
         transfer.respond("HTTP/1.1 503 Busy" + head.substr(head.find("\r\n")), {answerTo(1)});
@@ -244,7 +244,7 @@ TEST_F(ExchangeTest, reportsAnHttpStatusThatACompleteAnswerCarries) {
     EXPECT_TRUE(owner_.log[0].ends_with("] [1:1]"));
 }
 
-TEST_F(ExchangeTest, prefersTheTransportFailureToTheParsersError) {
+TEST_F(ExchangeTest, PrefersTheTransportFailureToTheParsersError) {
     runExchange([](Transfer& transfer) {
         transfer.respond("HTTP/1.1 500 No\r\n\r\n", {});
         return CURLE_PARTIAL_FILE;
@@ -254,7 +254,7 @@ TEST_F(ExchangeTest, prefersTheTransportFailureToTheParsersError) {
                             "] [1:1]"));
 }
 
-TEST_F(ExchangeTest, completesAPartThatAFailedTransferCutsOff) {
+TEST_F(ExchangeTest, CompletesAPartThatAFailedTransferCutsOff) {
     const auto request = addRequest(1);
     fake_curl::addScript([](Transfer& transfer) {
         const std::string answer = answerTo(1);
@@ -266,7 +266,7 @@ TEST_F(ExchangeTest, completesAPartThatAFailedTransferCutsOff) {
     EXPECT_THAT(owner_.log, SizeIs(1));
 }
 
-TEST_F(ExchangeTest, doesNotCarryAnErrorTextIntoTheNextExchange) {
+TEST_F(ExchangeTest, DoesNotCarryAnErrorTextIntoTheNextExchange) {
     runExchange(failWith(CURLE_COULDNT_CONNECT));
     EXPECT_NE(client_.errorText(), "");
     runExchange([](Transfer& transfer) {
@@ -278,7 +278,7 @@ TEST_F(ExchangeTest, doesNotCarryAnErrorTextIntoTheNextExchange) {
     EXPECT_EQ(client_.errorText(), "");
 }
 
-TEST_F(ExchangeTest, runsFromItsStartUntilItsOutcomeHasReachedTheMainLoop) {
+TEST_F(ExchangeTest, RunsFromItsStartUntilItsOutcomeHasReachedTheMainLoop) {
     addRequest(1);
     EXPECT_FALSE(exchange().isTransferRunning());
     fake_curl::addScript(succeed);
@@ -290,7 +290,7 @@ TEST_F(ExchangeTest, runsFromItsStartUntilItsOutcomeHasReachedTheMainLoop) {
     EXPECT_FALSE(exchange().isTransferRunning());
 }
 
-TEST_F(ExchangeTest, knowsAFailureFromASuccess) {
+TEST_F(ExchangeTest, KnowsAFailureFromASuccess) {
     runExchange(failWith(CURLE_RECV_ERROR));
     EXPECT_TRUE(exchange().hasFailed());
     runExchange([](Transfer& transfer) {
@@ -300,7 +300,7 @@ TEST_F(ExchangeTest, knowsAFailureFromASuccess) {
     EXPECT_FALSE(exchange().hasFailed());
 }
 
-TEST_F(ExchangeTest, reportsItsFailureOnTheMainLoopOnly) {
+TEST_F(ExchangeTest, ReportsItsFailureOnTheMainLoopOnly) {
     addRequest(1);
     fake_curl::addScript(failWith(CURLE_RECV_ERROR));
     ASSERT_TRUE(exchange().start());
@@ -310,7 +310,7 @@ TEST_F(ExchangeTest, reportsItsFailureOnTheMainLoopOnly) {
     EXPECT_THAT(owner_.log, SizeIs(1));
 }
 
-TEST_F(ExchangeTest, holdsNoRequestAnyMoreWhenItStopsRunning) {
+TEST_F(ExchangeTest, HoldsNoRequestAnyMoreWhenItStopsRunning) {
     std::weak_ptr<RequestData> request = addRequest(1);
     fake_curl::addScript(succeed);
     ASSERT_TRUE(exchange().start());
@@ -319,7 +319,7 @@ TEST_F(ExchangeTest, holdsNoRequestAnyMoreWhenItStopsRunning) {
     EXPECT_TRUE(request.expired());
 }
 
-TEST_F(ExchangeTest, onlyAnnouncesItsEndWhenItHasNoRequests) {
+TEST_F(ExchangeTest, OnlyAnnouncesItsEndWhenItHasNoRequests) {
     runExchange();
     EXPECT_EQ(fake_curl::initCount(), 0);
     EXPECT_FALSE(exchange().isTransferRunning());
@@ -327,7 +327,7 @@ TEST_F(ExchangeTest, onlyAnnouncesItsEndWhenItHasNoRequests) {
     EXPECT_THAT(owner_.log, ElementsAre("finished"));
 }
 
-TEST_F(ExchangeTest, announcesTheEndFiftyMillisecondsLater) {
+TEST_F(ExchangeTest, AnnouncesTheEndFiftyMillisecondsLater) {
     const gint64 start = g_get_monotonic_time();
     runExchange();
     EXPECT_THAT(owner_.log, IsEmpty());
@@ -335,7 +335,7 @@ TEST_F(ExchangeTest, announcesTheEndFiftyMillisecondsLater) {
     EXPECT_GE(g_get_monotonic_time() - start, 50000);
 }
 
-TEST_F(ExchangeTest, announcesNothingWhenItIsGone) {
+TEST_F(ExchangeTest, AnnouncesNothingWhenItIsGone) {
     addRequest(1);
     fake_curl::addScript(failWith(CURLE_RECV_ERROR));
     ASSERT_TRUE(exchange().start());
@@ -346,21 +346,21 @@ TEST_F(ExchangeTest, announcesNothingWhenItIsGone) {
     EXPECT_THAT(owner_.log, IsEmpty());
 }
 
-TEST_F(ExchangeTest, mayBeDestroyedWhenItsEndIsAnnounced) {
+TEST_F(ExchangeTest, MayBeDestroyedWhenItsEndIsAnnounced) {
     owner_.onFinished = [this] { exchange_.reset(); };
     runExchange();
     awaitEnd();
     EXPECT_EQ(exchange_, nullptr);
 }
 
-TEST_F(ExchangeTest, runsOnAThreadOfItsName) {
+TEST_F(ExchangeTest, RunsOnAThreadOfItsName) {
     addRequest(1);
     fake_curl::addScript(succeed);
     ASSERT_TRUE(exchange().start());
     EXPECT_EQ(fake_threads::lastName(), "HttpClient");
 }
 
-TEST_F(ExchangeTest, putsItsRequestsBackToTheirBeginningWhenThereIsNoThread) {
+TEST_F(ExchangeTest, PutsItsRequestsBackToTheirBeginningWhenThereIsNoThread) {
     const auto request = addRequest(1);
     EXPECT_EQ(request->state(), RequestState::Queued);
     fake_threads::failStart(true);
@@ -379,21 +379,21 @@ std::string keysInQueueOrder(RecordingOwner& owner) {
     return report.substr(begin, report.size() - begin - 1);
 }
 
-TEST_F(ExchangeTest, queuesPreparedRequestsBeforeAttachedOnes) {
+TEST_F(ExchangeTest, QueuesPreparedRequestsBeforeAttachedOnes) {
     addRequest(7, false);
     addRequest(5, true);
     runExchange();
     EXPECT_EQ(keysInQueueOrder(owner_), "1:5 1:7");
 }
 
-TEST_F(ExchangeTest, queuesAPreparedRequestBeforeAnAttachedOneOfLowerId) {
+TEST_F(ExchangeTest, QueuesAPreparedRequestBeforeAnAttachedOneOfLowerId) {
     addRequest(5, false);
     addRequest(7, true);
     runExchange();
     EXPECT_EQ(keysInQueueOrder(owner_), "1:7 1:5");
 }
 
-TEST_F(ExchangeTest, queuesRequestsOfAKindByAscendingId) {
+TEST_F(ExchangeTest, QueuesRequestsOfAKindByAscendingId) {
     addRequest(9, false);
     addRequest(4, false);
     addRequest(8, true);
@@ -403,13 +403,13 @@ TEST_F(ExchangeTest, queuesRequestsOfAKindByAscendingId) {
     EXPECT_EQ(keysInQueueOrder(owner_), "1:2 1:8 1:10 1:4 1:9");
 }
 
-TEST_F(ExchangeTest, marksAQueuedRequest) {
+TEST_F(ExchangeTest, MarksAQueuedRequest) {
     EXPECT_EQ(addRequest(1)->state(), RequestState::Queued);
 }
 
 // -- cancellation -------------------------------------------------------------------------------
 
-TEST_F(ExchangeTest, abortsAnUploadThatWasCancelledBeforeItsFirstStep) {
+TEST_F(ExchangeTest, AbortsAnUploadThatWasCancelledBeforeItsFirstStep) {
     addRequest(1);
     fake_curl::addScript([](Transfer& transfer) {
         EXPECT_TRUE(transfer.read().aborted);
@@ -432,7 +432,7 @@ bool writeWithoutMemory(Transfer& transfer, const std::string& bytes, int after,
     return !failed;
 }
 
-TEST_F(ExchangeTest, endsInAFailureReportWhenMemoryRunsOutInTheResponsesHead) {
+TEST_F(ExchangeTest, EndsInAFailureReportWhenMemoryRunsOutInTheResponsesHead) {
     bool failed = true;
     int failures = -1;
     for (; failed; ++failures) {
@@ -452,7 +452,7 @@ TEST_F(ExchangeTest, endsInAFailureReportWhenMemoryRunsOutInTheResponsesHead) {
     EXPECT_GT(failures, 0);
 }
 
-TEST_F(ExchangeTest, endsInAFailureReportWhenMemoryRunsOutInTheResponsesBody) {
+TEST_F(ExchangeTest, EndsInAFailureReportWhenMemoryRunsOutInTheResponsesBody) {
     const std::string answer = answerTo(1);
     bool failed = true;
     int failures = -1;
@@ -476,7 +476,7 @@ TEST_F(ExchangeTest, endsInAFailureReportWhenMemoryRunsOutInTheResponsesBody) {
     EXPECT_GT(failures, 0);
 }
 
-TEST_F(ExchangeTest, endsInAFailureReportWhenMemoryRunsOutInTheUpload) {
+TEST_F(ExchangeTest, EndsInAFailureReportWhenMemoryRunsOutInTheUpload) {
     runExchange([](Transfer& transfer) {
         const failing_memory::FailOnce fail(1); // the stand-in's buffer succeeds
         const bool aborted = transfer.read().aborted;
@@ -488,7 +488,7 @@ TEST_F(ExchangeTest, endsInAFailureReportWhenMemoryRunsOutInTheUpload) {
                 ElementsAre("failed 43 [Operation was aborted by an application callback] [1:1]"));
 }
 
-TEST_F(ExchangeTest, reports2001WhenMemoryRunsOutBeforeTheTransfer) {
+TEST_F(ExchangeTest, Reports2001WhenMemoryRunsOutBeforeTheTransfer) {
     addRequest(1);
     {
         const failing_memory::FailOnce fail;
@@ -500,7 +500,7 @@ TEST_F(ExchangeTest, reports2001WhenMemoryRunsOutBeforeTheTransfer) {
     EXPECT_THAT(owner_.log, ElementsAre("failed 2001 [std::bad_alloc] [1:1]", "finished"));
 }
 
-TEST_F(ExchangeTest, reports2001WhenThePlatformThrowsSomethingOfItsOwn) {
+TEST_F(ExchangeTest, Reports2001WhenThePlatformThrowsSomethingOfItsOwn) {
     owner_.proxyFault = 7;
     addRequest(1);
     runExchange();

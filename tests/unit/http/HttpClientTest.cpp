@@ -108,14 +108,14 @@ fake_curl::Script failWith(CURLcode code) {
 
 // -- life and parameters ------------------------------------------------------------------------
 
-TEST_F(HttpClientTest, initialisesLibcurlWithTlsAndCleansUp) {
+TEST_F(HttpClientTest, InitialisesLibcurlWithTlsAndCleansUp) {
     EXPECT_EQ(fake_curl::globalBalance(), globalBalance_ + 1);
     EXPECT_EQ(fake_curl::globalFlags(), CURL_GLOBAL_SSL);
     client_.reset();
     EXPECT_EQ(fake_curl::globalBalance(), globalBalance_);
 }
 
-TEST_F(HttpClientTest, copiesTheFourTimeoutsThatAreInTheStoreWhenItIsMade) {
+TEST_F(HttpClientTest, CopiesTheFourTimeoutsThatAreInTheStoreWhenItIsMade) {
     client_.reset();
     for (const char* key :
          {"orvexd/wait_timeout/fingerprint", "orvexd/wait_timeout/", "orvexd/connect_timeout",
@@ -132,7 +132,7 @@ TEST_F(HttpClientTest, copiesTheFourTimeoutsThatAreInTheStoreWhenItIsMade) {
     EXPECT_EQ(map.get("orvexd/wait_timeout/position2"), "");
 }
 
-TEST_F(HttpClientTest, keepsAParameterWhenTheStoreHasAnEmptyValue) {
+TEST_F(HttpClientTest, KeepsAParameterWhenTheStoreHasAnEmptyValue) {
     client_.reset();
     HttpClient::setParameter("orvexd/connect_timeout", "7");
     ConfHandler::setParameter("orvexd/connect_timeout", "");
@@ -140,7 +140,7 @@ TEST_F(HttpClientTest, keepsAParameterWhenTheStoreHasAnEmptyValue) {
     EXPECT_EQ(HttpClient::getConfiguration().get("orvexd/connect_timeout"), "7");
 }
 
-TEST_F(HttpClientTest, doesNotSeeValuesThatAreStoredAfterItWasMade) {
+TEST_F(HttpClientTest, DoesNotSeeValuesThatAreStoredAfterItWasMade) {
     ConfHandler::setParameter("orvexd/connect_timeout", "1");
     ConfHandler::setParameter("orvexd/transfer_timeout", "2");
     performTransfer(succeed);
@@ -148,7 +148,7 @@ TEST_F(HttpClientTest, doesNotSeeValuesThatAreStoredAfterItWasMade) {
     EXPECT_EQ(fake_curl::lastOption(CURLOPT_TIMEOUT), "60");
 }
 
-TEST_F(HttpClientTest, replacesAParameterThatIsSetAgain) {
+TEST_F(HttpClientTest, ReplacesAParameterThatIsSetAgain) {
     HttpClient::setParameter("key", "one");
     HttpClient::setParameter("key", "two");
     EXPECT_EQ(HttpClient::getConfiguration().get("key"), "two");
@@ -156,19 +156,19 @@ TEST_F(HttpClientTest, replacesAParameterThatIsSetAgain) {
     EXPECT_EQ(HttpClient::getConfiguration().get("key", "default"), "");
 }
 
-TEST_F(HttpClientTest, setsAnEmptyParameterOnlyUnconditionally) {
+TEST_F(HttpClientTest, SetsAnEmptyParameterOnlyUnconditionally) {
     HttpClient::setParameterIfSet("key", "one");
     HttpClient::setParameterIfSet("key", "");
     EXPECT_EQ(HttpClient::getConfiguration().get("key"), "one");
 }
 
-TEST_F(HttpClientTest, sharesTheParameterMapAmongAllClients) {
+TEST_F(HttpClientTest, SharesTheParameterMapAmongAllClients) {
     EXPECT_EQ(&HttpClient::getConfiguration(), &HttpClient::getConfiguration());
 }
 
 // -- options ------------------------------------------------------------------------------------
 
-TEST_F(HttpClientTest, setsTheHandlesOptionsInTheirOrder) {
+TEST_F(HttpClientTest, SetsTheHandlesOptionsInTheirOrder) {
     fake_platform::change([](auto& state) { state.preinstalledFilesPath = "/keys"; });
     EXPECT_EQ(setupHandle(), 0);
     const std::vector<NamedOption> expected = {
@@ -188,7 +188,7 @@ TEST_F(HttpClientTest, setsTheHandlesOptionsInTheirOrder) {
     EXPECT_EQ(options(), expected);
 }
 
-TEST_F(HttpClientTest, setsTheTransfersOptionsInTheirOrder) {
+TEST_F(HttpClientTest, SetsTheTransfersOptionsInTheirOrder) {
     owner_.proxy = "proxy.example:8080";
     EXPECT_EQ(performTransfer(succeed, {"First: 1", "Second:"}), 0);
     const std::vector<NamedOption> expected = {
@@ -212,14 +212,14 @@ TEST_F(HttpClientTest, setsTheTransfersOptionsInTheirOrder) {
     EXPECT_EQ(std::vector<NamedOption>(all.begin() + kHandleOptions, all.end()), expected);
 }
 
-TEST_F(HttpClientTest, setsUpTheHandleBeforeTheTransfer) {
+TEST_F(HttpClientTest, SetsUpTheHandleBeforeTheTransfer) {
     performTransfer(succeed);
     ASSERT_THAT(options(), SizeIs(kHandleOptions + 15));
     EXPECT_EQ(options().front().id, CURLOPT_NOSIGNAL);
     EXPECT_EQ(options()[kHandleOptions].id, CURLOPT_HTTPHEADER);
 }
 
-TEST_F(HttpClientTest, installsNoTlsHook) {
+TEST_F(HttpClientTest, InstallsNoTlsHook) {
     performTransfer(succeed);
     EXPECT_THAT(fake_curl::options(),
                 Each(Field(&fake_curl::Option::id, Ne(CURLOPT_SSL_CTX_FUNCTION))));
@@ -227,7 +227,7 @@ TEST_F(HttpClientTest, installsNoTlsHook) {
                 Each(Field(&fake_curl::Option::id, Ne(CURLOPT_SSL_CIPHER_LIST))));
 }
 
-TEST_F(HttpClientTest, takesThePassphraseFromTheHandleWhenTheUploadBegins) {
+TEST_F(HttpClientTest, TakesThePassphraseFromTheHandleWhenTheUploadBegins) {
     performTransfer([](fake_curl::Transfer& transfer) {
         EXPECT_EQ(fake_curl::lastOption(CURLOPT_KEYPASSWD), KeyPassphrase().text());
         transfer.read();
@@ -236,7 +236,7 @@ TEST_F(HttpClientTest, takesThePassphraseFromTheHandleWhenTheUploadBegins) {
     });
 }
 
-TEST_F(HttpClientTest, givesEveryHandleThePassphraseAnew) {
+TEST_F(HttpClientTest, GivesEveryHandleThePassphraseAnew) {
     for (int i = 0; i < 2; ++i) {
         performTransfer([](fake_curl::Transfer& transfer) {
             EXPECT_EQ(fake_curl::lastOption(CURLOPT_KEYPASSWD), KeyPassphrase().text());
@@ -246,17 +246,17 @@ TEST_F(HttpClientTest, givesEveryHandleThePassphraseAnew) {
     }
 }
 
-TEST_F(HttpClientTest, usesNoProxyWhenThePlatformNamesNone) {
+TEST_F(HttpClientTest, UsesNoProxyWhenThePlatformNamesNone) {
     performTransfer(succeed);
     EXPECT_EQ(fake_curl::lastOption(CURLOPT_PROXY), "");
     EXPECT_THAT(options(), testing::Contains(NamedOption{CURLOPT_PROXY, ""}));
 }
 
-TEST_F(HttpClientTest, postsToAnHttpsServerWithAnExplicitPort) {
+TEST_F(HttpClientTest, PostsToAnHttpsServerWithAnExplicitPort) {
     EXPECT_THAT(deployment::kServerUrl, testing::MatchesRegex("https://[^/:]+:[0-9]+(/.*)?"));
 }
 
-TEST_F(HttpClientTest, leavesAHandleThatExistsAsItIs) {
+TEST_F(HttpClientTest, LeavesAHandleThatExistsAsItIs) {
     EXPECT_EQ(setupHandle(), 0);
     const auto before = options();
     EXPECT_EQ(setupHandle(), 0);
@@ -264,7 +264,7 @@ TEST_F(HttpClientTest, leavesAHandleThatExistsAsItIs) {
     EXPECT_EQ(options(), before);
 }
 
-TEST_F(HttpClientTest, reports57WhenLibcurlHasNoHandleToGive) {
+TEST_F(HttpClientTest, Reports57WhenLibcurlHasNoHandleToGive) {
     fake_curl::failInit(true);
     EXPECT_EQ(setupHandle(), 57);
     EXPECT_THAT(options(), IsEmpty());
@@ -279,7 +279,7 @@ struct TimeoutCase {
 class HttpClientTimeoutTest : public HttpClientTest,
                               public testing::WithParamInterface<TimeoutCase> {};
 
-TEST_P(HttpClientTimeoutTest, isReadAsADecimalNumber) {
+TEST_P(HttpClientTimeoutTest, IsReadAsADecimalNumber) {
     HttpClient::setParameter("orvexd/connect_timeout", GetParam().value);
     performTransfer(succeed);
     EXPECT_EQ(fake_curl::lastOption(CURLOPT_CONNECTTIMEOUT), GetParam().seconds);
@@ -301,7 +301,7 @@ INSTANTIATE_TEST_SUITE_P(
                     TimeoutCase{"negative", "-3", "-3"}, TimeoutCase{"hexadecimal", "0x10", "0"}),
     [](const auto& test) { return test.param.name; });
 
-TEST_F(HttpClientTest, connectsAfreshOnceAfterEachRequestForIt) {
+TEST_F(HttpClientTest, ConnectsAfreshOnceAfterEachRequestForIt) {
     client().requestFreshConnect();
     client().requestFreshConnect();
     performTransfer(succeed);
@@ -315,7 +315,7 @@ TEST_F(HttpClientTest, connectsAfreshOnceAfterEachRequestForIt) {
 
 // -- the transfer -------------------------------------------------------------------------------
 
-TEST_F(HttpClientTest, usesAHandleForOneTransferOnly) {
+TEST_F(HttpClientTest, UsesAHandleForOneTransferOnly) {
     EXPECT_EQ(performTransfer([](Transfer&) {
                   EXPECT_EQ(fake_curl::liveHandles(), 1);
                   return CURLE_OK;
@@ -326,14 +326,14 @@ TEST_F(HttpClientTest, usesAHandleForOneTransferOnly) {
     EXPECT_EQ(fake_curl::initCount(), 2);
 }
 
-TEST_F(HttpClientTest, leavesNoHandleBehindAFailedTransfer) {
+TEST_F(HttpClientTest, LeavesNoHandleBehindAFailedTransfer) {
     EXPECT_EQ(performTransfer(failWith(CURLE_OPERATION_TIMEDOUT)), 43);
     EXPECT_EQ(fake_curl::liveHandles(), 0);
     EXPECT_EQ(performTransfer(succeed), 0);
     EXPECT_EQ(fake_curl::initCount(), 2);
 }
 
-TEST_F(HttpClientTest, reports43AndLibcurlsTextForEachOfItsFailures) {
+TEST_F(HttpClientTest, Reports43AndLibcurlsTextForEachOfItsFailures) {
     for (const CURLcode code :
          {CURLE_UNSUPPORTED_PROTOCOL, CURLE_COULDNT_RESOLVE_PROXY, CURLE_COULDNT_RESOLVE_HOST,
           CURLE_COULDNT_CONNECT, CURLE_WEIRD_SERVER_REPLY, CURLE_WRITE_ERROR,
@@ -344,7 +344,7 @@ TEST_F(HttpClientTest, reports43AndLibcurlsTextForEachOfItsFailures) {
     }
 }
 
-TEST_F(HttpClientTest, reports43WhenThereIsNoHandle) {
+TEST_F(HttpClientTest, Reports43WhenThereIsNoHandle) {
     fake_curl::failInit(true);
     EXPECT_EQ(performTransfer(succeed), 43);
     EXPECT_EQ(client().errorText(), curl_easy_strerror(CURLE_BAD_FUNCTION_ARGUMENT));
@@ -368,25 +368,25 @@ protected:
     int socket_;
 };
 
-TEST_F(SocketOptionTest, clampsTheSegmentSizeOfTheConnection) {
+TEST_F(SocketOptionTest, ClampsTheSegmentSizeOfTheConnection) {
     ASSERT_NE(segmentSize(), 1200);
     EXPECT_EQ(HttpClient::socketOptionCallback(nullptr, socket_, CURLSOCKTYPE_IPCXN),
               CURL_SOCKOPT_OK);
     EXPECT_EQ(segmentSize(), 1200);
 }
 
-TEST_F(SocketOptionTest, leavesSocketsOfAnotherPurposeAlone) {
+TEST_F(SocketOptionTest, LeavesSocketsOfAnotherPurposeAlone) {
     const int before = segmentSize();
     EXPECT_EQ(HttpClient::socketOptionCallback(nullptr, socket_, CURLSOCKTYPE_ACCEPT),
               CURL_SOCKOPT_OK);
     EXPECT_EQ(segmentSize(), before);
 }
 
-TEST_F(SocketOptionTest, goesOnWhenTheSystemRefuses) {
+TEST_F(SocketOptionTest, GoesOnWhenTheSystemRefuses) {
     EXPECT_EQ(HttpClient::socketOptionCallback(nullptr, -1, CURLSOCKTYPE_IPCXN), CURL_SOCKOPT_OK);
 }
 
-TEST(SslContextTest, hookRestrictsTheCipherList) {
+TEST(SslContext, HookRestrictsTheCipherList) {
     const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(
         SSL_CTX_new(TLS_client_method()), &SSL_CTX_free);
     ASSERT_TRUE(context);

@@ -22,16 +22,16 @@ std::string deployedPassphrase() {
     return text;
 }
 
-TEST(KeyPassphraseTest, isTheDeployedOne) {
+TEST(KeyPassphrase, IsTheDeployedOne) {
     EXPECT_EQ(KeyPassphrase().text(), deployedPassphrase());
 }
 
-TEST(KeyPassphraseTest, hasEightCharactersAndEndsInNul) {
+TEST(KeyPassphrase, HasEightCharactersAndEndsInNul) {
     const KeyPassphrase passphrase;
     EXPECT_EQ(std::strlen(passphrase.text()), 8U);
 }
 
-TEST(KeyPassphraseTest, isTheLowByteOfEachWordXoredWithTheRunningKeyAndShiftedBySix) {
+TEST(KeyPassphrase, IsTheLowByteOfEachWordXoredWithTheRunningKeyAndShiftedBySix) {
     std::string text;
     std::uint32_t key = deployment::kPassphraseKey;
     for (const std::uint32_t word : deployment::kPassphraseWords) {
@@ -41,7 +41,7 @@ TEST(KeyPassphraseTest, isTheLowByteOfEachWordXoredWithTheRunningKeyAndShiftedBy
     EXPECT_EQ(KeyPassphrase().text(), text);
 }
 
-TEST(KeyPassphraseTest, isWipedWhenItGoesOutOfScope) {
+TEST(KeyPassphrase, IsWipedWhenItGoesOutOfScope) {
     alignas(KeyPassphrase) std::array<unsigned char, sizeof(KeyPassphrase)> memory{};
     memory.fill(0xaa);
     std::destroy_at(std::construct_at(reinterpret_cast<KeyPassphrase*>(memory.data())));

@@ -20,42 +20,42 @@ std::string expected(const std::string& chunk) {
     return text;
 }
 
-TEST(LineEndsTest, turnABareLineFeedIntoCrLf) {
+TEST(LineEnds, TurnABareLineFeedIntoCrLf) {
     EXPECT_EQ(normalizeLineEnds("a\nb"), "a\r\nb");
 }
 
-TEST(LineEndsTest, leaveACrLfPairAlone) {
+TEST(LineEnds, LeaveACrLfPairAlone) {
     EXPECT_EQ(normalizeLineEnds("a\r\nb\r\n"), "a\r\nb\r\n");
 }
 
-TEST(LineEndsTest, leaveALineFeedAtPositionZeroBare) {
+TEST(LineEnds, LeaveALineFeedAtPositionZeroBare) {
     EXPECT_EQ(normalizeLineEnds("\nb"), "\nb");
     EXPECT_EQ(normalizeLineEnds("\n"), "\n");
 }
 
-TEST(LineEndsTest, completeEachOfSeveralLineFeedsInARow) {
+TEST(LineEnds, CompleteEachOfSeveralLineFeedsInARow) {
     EXPECT_EQ(normalizeLineEnds("a\n\n\nb"), "a\r\n\r\n\r\nb");
     EXPECT_EQ(normalizeLineEnds("\n\n"), "\n\r\n");
 }
 
-TEST(LineEndsTest, leaveALoneCarriageReturnAlone) {
+TEST(LineEnds, LeaveALoneCarriageReturnAlone) {
     EXPECT_EQ(normalizeLineEnds("a\rb\r"), "a\rb\r");
 }
 
-TEST(LineEndsTest, ofNothingAreNothing) {
+TEST(LineEnds, OfNothingAreNothing) {
     EXPECT_EQ(normalizeLineEnds(""), "");
 }
 
-TEST(LineEndsTest, keepNulAndHighBytes) {
+TEST(LineEnds, KeepNulAndHighBytes) {
     const std::string bytes("\0\xff\n\0", 4);
     EXPECT_EQ(normalizeLineEnds(bytes), std::string("\0\xff\r\n\0", 5));
 }
 
-TEST(LineEndsTest, ofLineFeedsOnlyNearlyDoubleTheText) {
+TEST(LineEnds, OfLineFeedsOnlyNearlyDoubleTheText) {
     EXPECT_EQ(normalizeLineEnds(std::string(64500, '\n')).size(), 128999U);
 }
 
-TEST(LineEndsTest, beyondTheBufferGoIntoTheOverflow) {
+TEST(LineEnds, BeyondTheBufferGoIntoTheOverflow) {
     std::array<char, 4> out{};
     std::string overflow;
     EXPECT_EQ(normalizeLineEnds("ab\ncd\n", out, overflow), 4U);
@@ -63,7 +63,7 @@ TEST(LineEndsTest, beyondTheBufferGoIntoTheOverflow) {
     EXPECT_EQ(overflow, "cd\r\n");
 }
 
-TEST(LineEndsTest, maySplitACarriageReturnFromItsLineFeed) {
+TEST(LineEnds, MaySplitACarriageReturnFromItsLineFeed) {
     std::array<char, 3> out{};
     std::string overflow;
     EXPECT_EQ(normalizeLineEnds("ab\n", out, overflow), 3U);
@@ -71,13 +71,13 @@ TEST(LineEndsTest, maySplitACarriageReturnFromItsLineFeed) {
     EXPECT_EQ(overflow, "\n");
 }
 
-TEST(LineEndsTest, areAppendedToWhatTheOverflowHolds) {
+TEST(LineEnds, AreAppendedToWhatTheOverflowHolds) {
     std::string overflow = "before";
     EXPECT_EQ(normalizeLineEnds("a\n", {}, overflow), 0U);
     EXPECT_EQ(overflow, "beforea\r\n");
 }
 
-TEST(LineEndsTest, ofRandomTextInRandomBuffersFollowTheRule) {
+TEST(LineEnds, OfRandomTextInRandomBuffersFollowTheRule) {
     std::mt19937 random(4711);
     for (int round = 0; round < 3000; ++round) {
         std::string chunk(random() % 40, ' ');
@@ -97,7 +97,7 @@ TEST(LineEndsTest, ofRandomTextInRandomBuffersFollowTheRule) {
     }
 }
 
-TEST(LineEndsTest, ofLongerLinesFollowTheRuleToo) {
+TEST(LineEnds, OfLongerLinesFollowTheRuleToo) {
     std::mt19937 random(1147);
     for (int round = 0; round < 2000; ++round) {
         std::string chunk(random() % 600, 'x');

@@ -170,7 +170,7 @@ const PartKind kText = {.type = "position", .transferEncoding = "8bit", .content
 
 // -- the body's bytes ---------------------------------------------------------------------------
 
-TEST_F(RequestBodyTest, ofOneRequestIsPrefixPartAndClosingDelimiter) {
+TEST_F(RequestBodyTest, OfOneRequestIsPrefixPartAndClosingDelimiter) {
     addPart("data");
     EXPECT_EQ(read().bytes, prefix_);
     EXPECT_THAT(owner_.log, ElementsAre("request data 1:1"));
@@ -181,36 +181,36 @@ TEST_F(RequestBodyTest, ofOneRequestIsPrefixPartAndClosingDelimiter) {
     EXPECT_EQ(read(), (Read{"", false})); // and stays at its end
 }
 
-TEST_F(RequestBodyTest, ofTwoRequestsHasTheirPartsInQueueOrder) {
+TEST_F(RequestBodyTest, OfTwoRequestsHasTheirPartsInQueueOrder) {
     addPart("first");
     addPart("second", kText);
     EXPECT_EQ(readAll(), plainBody());
     EXPECT_THAT(owner_.log, ElementsAre("request data 1:1", "request data 1:2"));
 }
 
-TEST_F(RequestBodyTest, ofManyRequestsHasAllOfThem) {
+TEST_F(RequestBodyTest, OfManyRequestsHasAllOfThem) {
     for (int i = 0; i < 1500; ++i) {
         addPart("data " + std::to_string(i), i % 2 == 0 ? kText : PartKind{});
     }
     EXPECT_EQ(readAll(), plainBody());
 }
 
-TEST_F(RequestBodyTest, ofAnEmptyPartHasItsHeaderOnly) {
+TEST_F(RequestBodyTest, OfAnEmptyPartHasItsHeaderOnly) {
     addPart("");
     EXPECT_EQ(readAll(), plainBody());
 }
 
-TEST_F(RequestBodyTest, hasItsBinaryPartsByteForByte) {
+TEST_F(RequestBodyTest, HasItsBinaryPartsByteForByte) {
     addPart(std::string("\n\0\r\n\n\xff", 6));
     EXPECT_EQ(readAll(), plainBody());
 }
 
-TEST_F(RequestBodyTest, turnsBareLineFeedsOfAPartThatIsNotBinary) {
+TEST_F(RequestBodyTest, TurnsBareLineFeedsOfAPartThatIsNotBinary) {
     addPart("a\nb\r\nc", kText);
     EXPECT_EQ(readAll(), prefix_ + partHead(kBoundary, "part1", kText) + "a\r\nb\r\nc" + kClosing);
 }
 
-TEST_F(RequestBodyTest, sendsOnlyTheExactEncodingBinaryRaw) {
+TEST_F(RequestBodyTest, SendsOnlyTheExactEncodingBinaryRaw) {
     for (const char* encoding : {"Binary", "binary ", "8bit", "base64", ""}) {
         const PartKind kind = {.transferEncoding = encoding};
         addPart("a\nb", kind);
@@ -222,13 +222,13 @@ TEST_F(RequestBodyTest, sendsOnlyTheExactEncodingBinaryRaw) {
     EXPECT_EQ(readAll(), expected + kClosing);
 }
 
-TEST_F(RequestBodyTest, takesThePrefixForText) {
+TEST_F(RequestBodyTest, TakesThePrefixForText) {
     prefix_ = "\r\n--limit\r\n\r\n<a>\n <b/>\n</a>\n";
     addPart("");
     EXPECT_EQ(read().bytes, "\r\n--limit\r\n\r\n<a>\r\n <b/>\r\n</a>\r\n");
 }
 
-TEST_F(RequestBodyTest, endsWithTheClosingDelimiterAfterABinaryPartToo) {
+TEST_F(RequestBodyTest, EndsWithTheClosingDelimiterAfterABinaryPartToo) {
     addPart("\n");
     addPart("\n", kText);
     EXPECT_TRUE(readAll().ends_with("\r\n--limit--\r\n"));
@@ -236,13 +236,13 @@ TEST_F(RequestBodyTest, endsWithTheClosingDelimiterAfterABinaryPartToo) {
 
 // -- slices -------------------------------------------------------------------------------------
 
-TEST_F(RequestBodyTest, slicesAreTheCapacityLessTheReserve) {
+TEST_F(RequestBodyTest, SlicesAreTheCapacityLessTheReserve) {
     EXPECT_EQ(RequestBody::sliceLimit(65524), 64500U);
     EXPECT_EQ(RequestBody::sliceLimit(2049), 1025U);
     EXPECT_EQ(RequestBody::sliceLimit(2048), 1024U);
 }
 
-TEST_F(RequestBodyTest, slicesOfASmallBufferAreHalfOfItAndNeverEmpty) {
+TEST_F(RequestBodyTest, SlicesOfASmallBufferAreHalfOfItAndNeverEmpty) {
     EXPECT_EQ(RequestBody::sliceLimit(2047), 1023U);
     EXPECT_EQ(RequestBody::sliceLimit(1024), 512U);
     EXPECT_EQ(RequestBody::sliceLimit(3), 1U);
@@ -250,7 +250,7 @@ TEST_F(RequestBodyTest, slicesOfASmallBufferAreHalfOfItAndNeverEmpty) {
     EXPECT_EQ(RequestBody::sliceLimit(1), 1U);
 }
 
-TEST_F(RequestBodyTest, givesALongPartInSlices) {
+TEST_F(RequestBodyTest, GivesALongPartInSlices) {
     addPart(std::string(200000, 'x'));
     std::vector<std::size_t> sizes;
     for (Read piece = read(); !piece.bytes.empty(); piece = read()) {
@@ -260,7 +260,7 @@ TEST_F(RequestBodyTest, givesALongPartInSlices) {
     EXPECT_THAT(sizes, ElementsAre(prefix_.size(), 64500, 64500, 64500, rest, 13));
 }
 
-TEST_F(RequestBodyTest, givesALongPrefixInSlices) {
+TEST_F(RequestBodyTest, GivesALongPrefixInSlices) {
     prefix_ = std::string(std::size_t{64500} * 2 + 7, 'p');
     addPart("");
     EXPECT_EQ(read().bytes.size(), 64500U);
@@ -271,14 +271,14 @@ TEST_F(RequestBodyTest, givesALongPrefixInSlices) {
     EXPECT_THAT(owner_.log, ElementsAre("request data 1:1"));
 }
 
-TEST_F(RequestBodyTest, asksTheFirstClientWhenAPrefixOfExactlyOneSliceIsTaken) {
+TEST_F(RequestBodyTest, AsksTheFirstClientWhenAPrefixOfExactlyOneSliceIsTaken) {
     prefix_ = std::string(64500, 'p');
     addPart("");
     EXPECT_EQ(read().bytes.size(), 64500U);
     EXPECT_THAT(owner_.log, ElementsAre("request data 1:1"));
 }
 
-TEST_F(RequestBodyTest, leavesALineFeedAtTheStartOfASliceBare) {
+TEST_F(RequestBodyTest, LeavesALineFeedAtTheStartOfASliceBare) {
     const std::size_t head = partHead(kBoundary, "part1", kText).size();
     addPart(std::string(64500 - head, 'x') + "\nrest", kText);
     EXPECT_EQ(read().bytes, prefix_);
@@ -286,7 +286,7 @@ TEST_F(RequestBodyTest, leavesALineFeedAtTheStartOfASliceBare) {
     EXPECT_EQ(read().bytes, "\nrest");
 }
 
-TEST_F(RequestBodyTest, givesTextThatOutgrowsTheBufferInTwoCalls) {
+TEST_F(RequestBodyTest, GivesTextThatOutgrowsTheBufferInTwoCalls) {
     const std::size_t head = partHead(kBoundary, "part1", kText).size();
     addPart(std::string(64500 - head, '\n') + "x", kText);
     (void)read();
@@ -297,7 +297,7 @@ TEST_F(RequestBodyTest, givesTextThatOutgrowsTheBufferInTwoCalls) {
     EXPECT_EQ(read().bytes, "x"); // the slices stand where they would without the detour
 }
 
-TEST_F(RequestBodyTest, doesNotTurnTheRestOfAnOutgrownSliceAgain) {
+TEST_F(RequestBodyTest, DoesNotTurnTheRestOfAnOutgrownSliceAgain) {
     prefix_ = std::string(3072, '\n');
     addPart("");
     std::string expected = "\n";
@@ -314,7 +314,7 @@ TEST_F(RequestBodyTest, doesNotTurnTheRestOfAnOutgrownSliceAgain) {
     EXPECT_EQ(sent, expected);
 }
 
-TEST_F(RequestBodyTest, sendsTheClosingDelimiterThroughASmallBuffer) {
+TEST_F(RequestBodyTest, SendsTheClosingDelimiterThroughASmallBuffer) {
     addPart("");
     std::string closing;
     (void)read();
@@ -325,7 +325,7 @@ TEST_F(RequestBodyTest, sendsTheClosingDelimiterThroughASmallBuffer) {
     EXPECT_EQ(closing, kClosing);
 }
 
-TEST_F(RequestBodyTest, abortsForABufferWithoutRoom) {
+TEST_F(RequestBodyTest, AbortsForABufferWithoutRoom) {
     addPart("");
     EXPECT_TRUE(read(0).aborted);
 }
@@ -333,7 +333,7 @@ TEST_F(RequestBodyTest, abortsForABufferWithoutRoom) {
 class RequestBodyCapacityTest : public RequestBodyTest,
                                 public testing::WithParamInterface<std::size_t> {};
 
-TEST_P(RequestBodyCapacityTest, followsTheRulePieceByPiece) {
+TEST_P(RequestBodyCapacityTest, FollowsTheRulePieceByPiece) {
     prefix_ = "\r\n--limit\r\n\n\n<slp>\n  <x/>\n</slp>\n";
     addPart("\n\nline\nline\r\n\n", kText);
     addPart("\n\nline\nline\r\n\n");
@@ -351,7 +351,7 @@ INSTANTIATE_TEST_SUITE_P(, RequestBodyCapacityTest,
                          testing::Values(1, 2, 3, 4, 5, 13, 64, 1000, 1023, 1024, 1025, 2047, 2048,
                                          2049, 4096, 16384, 65524, 70000));
 
-TEST_F(RequestBodyTest, followsTheRuleForRandomBodiesInBuffersOfRandomSize) {
+TEST_F(RequestBodyTest, FollowsTheRuleForRandomBodiesInBuffersOfRandomSize) {
     std::mt19937 random(815);
     for (int round = 0; round < 150; ++round) {
         queue_.clear();
@@ -382,7 +382,7 @@ TEST_F(RequestBodyTest, followsTheRuleForRandomBodiesInBuffersOfRandomSize) {
 
 // -- requests on their way ----------------------------------------------------------------------
 
-TEST_F(RequestBodyTest, asksAClientOnlyWhenItsPartIsNext) {
+TEST_F(RequestBodyTest, AsksAClientOnlyWhenItsPartIsNext) {
     addPart("a");
     addPart("b");
     (void)read();
@@ -400,7 +400,7 @@ TEST_F(RequestBodyTest, asksAClientOnlyWhenItsPartIsNext) {
     EXPECT_FALSE(request(2).isAcceptingData());
 }
 
-TEST_F(RequestBodyTest, neverLowersAStateThatAnEarlyResponseHasReached) {
+TEST_F(RequestBodyTest, NeverLowersAStateThatAnEarlyResponseHasReached) {
     addPart("a");
     addPart("b");
     request(2).setState(RequestState::PartReceived);
@@ -413,14 +413,14 @@ TEST_F(RequestBodyTest, neverLowersAStateThatAnEarlyResponseHasReached) {
     EXPECT_FALSE(request(2).isAcceptingData());
 }
 
-TEST_F(RequestBodyTest, writesThePartsHeaderWhenThePartBecomesCurrent) {
+TEST_F(RequestBodyTest, WritesThePartsHeaderWhenThePartBecomesCurrent) {
     addPart("a");
     EXPECT_EQ(request(1).transferEncoding(), "");
     (void)read();
     EXPECT_EQ(request(1).transferEncoding(), "binary");
 }
 
-TEST_F(RequestBodyTest, announcesTheStatusOnceBeforeAPartsFirstBytes) {
+TEST_F(RequestBodyTest, AnnouncesTheStatusOnceBeforeAPartsFirstBytes) {
     parameters_.set("orvexd/wait_timeout/other", "0");
     addPart("a", {.type = "other"});
     addPart(std::string(200000, 'b'), {.type = ""});
@@ -429,20 +429,20 @@ TEST_F(RequestBodyTest, announcesTheStatusOnceBeforeAPartsFirstBytes) {
                                         "announce status"));
 }
 
-TEST_F(RequestBodyTest, announcesNothingForTheTypePosition) {
+TEST_F(RequestBodyTest, AnnouncesNothingForTheTypePosition) {
     addPart("a", {.type = "position"});
     addPart("b", {.type = "Position"});
     (void)readAll();
     EXPECT_THAT(owner_.log, ElementsAre("request data 1:1", "request data 1:2", "announce status"));
 }
 
-TEST_F(RequestBodyTest, announcesTheStatusForTheTypePositionWithAZeroByteBehindIt) {
+TEST_F(RequestBodyTest, AnnouncesTheStatusForTheTypePositionWithAZeroByteBehindIt) {
     addPart("a", {.type = std::string("position\0", 9)});
     (void)readAll();
     EXPECT_THAT(owner_.log, ElementsAre("request data 1:1", "announce status"));
 }
 
-TEST_F(RequestBodyTest, announcesTheStatusForASilentClientOnceToo) {
+TEST_F(RequestBodyTest, AnnouncesTheStatusForASilentClientOnceToo) {
     parameters_.set("orvexd/wait_timeout/other", "0");
     addSilentPart({.type = "other"});
     (void)readAll();
@@ -451,13 +451,13 @@ TEST_F(RequestBodyTest, announcesTheStatusForASilentClientOnceToo) {
 
 // -- waiting for clients ------------------------------------------------------------------------
 
-TEST_F(RequestBodyTest, closesThePartOfASilentClientEmpty) {
+TEST_F(RequestBodyTest, ClosesThePartOfASilentClientEmpty) {
     addSilentPart();
     EXPECT_EQ(readAll(), prefix_ + partHead(kBoundary, "part1") + kClosing);
     EXPECT_EQ(request(1).state(), RequestState::Sent);
 }
 
-TEST_F(RequestBodyTest, closesThePartOfAClientThatFallsSilentWithWhatItHas) {
+TEST_F(RequestBodyTest, ClosesThePartOfAClientThatFallsSilentWithWhatItHas) {
     addSilentPart();
     addPart("next");
     (void)read();
@@ -466,7 +466,7 @@ TEST_F(RequestBodyTest, closesThePartOfAClientThatFallsSilentWithWhatItHas) {
                              "next" + kClosing);
 }
 
-TEST_F(RequestBodyTest, givesWhatThereIsBeforeItWaits) {
+TEST_F(RequestBodyTest, GivesWhatThereIsBeforeItWaits) {
     parameters_.set("orvexd/wait_timeout/position", "60000");
     addSilentPart();
     (void)read();
@@ -477,7 +477,7 @@ TEST_F(RequestBodyTest, givesWhatThereIsBeforeItWaits) {
     EXPECT_EQ(read().bytes, kClosing);
 }
 
-TEST_F(RequestBodyTest, takesAnEmptyLastPieceForTheEndOfThePart) {
+TEST_F(RequestBodyTest, TakesAnEmptyLastPieceForTheEndOfThePart) {
     parameters_.set("orvexd/wait_timeout/position", "60000");
     addSilentPart();
     (void)read();
@@ -487,7 +487,7 @@ TEST_F(RequestBodyTest, takesAnEmptyLastPieceForTheEndOfThePart) {
     EXPECT_EQ(read().bytes, kClosing);
 }
 
-TEST_F(RequestBodyTest, waitsForTheTimeOfTheRequestsType) {
+TEST_F(RequestBodyTest, WaitsForTheTimeOfTheRequestsType) {
     parameters_.set("orvexd/wait_timeout/slow", "80");
     addSilentPart({.type = "slow"});
     (void)read();
@@ -496,13 +496,13 @@ TEST_F(RequestBodyTest, waitsForTheTimeOfTheRequestsType) {
     EXPECT_GE(g_get_monotonic_time() - start, 80000);
 }
 
-TEST_F(RequestBodyTest, doesNotWaitForANegativeTime) {
+TEST_F(RequestBodyTest, DoesNotWaitForANegativeTime) {
     parameters_.set("orvexd/wait_timeout/position", "-60000");
     addSilentPart();
     EXPECT_TRUE(readAll().ends_with(kClosing));
 }
 
-TEST_F(RequestBodyTest, isWokenByDataInTheLongestOfWaits) {
+TEST_F(RequestBodyTest, IsWokenByDataInTheLongestOfWaits) {
     parameters_.set("orvexd/wait_timeout/slow", "99999999999999999999"); // beyond the clock
     addSilentPart({.type = "slow"});
     (void)read();
@@ -520,7 +520,7 @@ TEST_F(RequestBodyTest, isWokenByDataInTheLongestOfWaits) {
     EXPECT_EQ(read().bytes, kClosing);
 }
 
-TEST_F(RequestBodyTest, waitsAgainAfterDataOfAnotherRequest) {
+TEST_F(RequestBodyTest, WaitsAgainAfterDataOfAnotherRequest) {
     parameters_.set("orvexd/wait_timeout/slow", "50");
     addSilentPart({.type = "slow"});
     (void)read();
@@ -534,14 +534,14 @@ TEST_F(RequestBodyTest, waitsAgainAfterDataOfAnotherRequest) {
 
 // -- cancellation -------------------------------------------------------------------------------
 
-TEST_F(RequestBodyTest, abortsAtTheFirstReadAfterACancellation) {
+TEST_F(RequestBodyTest, AbortsAtTheFirstReadAfterACancellation) {
     addPart("a");
     signal_.requestCancel();
     EXPECT_TRUE(read().aborted);
     EXPECT_THAT(owner_.log, IsEmpty());
 }
 
-TEST_F(RequestBodyTest, abortsInTheMiddleOfAPart) {
+TEST_F(RequestBodyTest, AbortsInTheMiddleOfAPart) {
     addPart(std::string(100000, 'x'));
     (void)read();
     (void)read();
@@ -549,7 +549,7 @@ TEST_F(RequestBodyTest, abortsInTheMiddleOfAPart) {
     EXPECT_TRUE(read().aborted);
 }
 
-TEST_F(RequestBodyTest, abortsBeforeItGivesTheRestOfAnOutgrownSlice) {
+TEST_F(RequestBodyTest, AbortsBeforeItGivesTheRestOfAnOutgrownSlice) {
     prefix_ = std::string(64500, '\n');
     addPart("");
     EXPECT_EQ(read().bytes.size(), kUploadBuffer);
@@ -557,14 +557,14 @@ TEST_F(RequestBodyTest, abortsBeforeItGivesTheRestOfAnOutgrownSlice) {
     EXPECT_TRUE(read().aborted);
 }
 
-TEST_F(RequestBodyTest, abortsAtTheEndOfTheBodyToo) {
+TEST_F(RequestBodyTest, AbortsAtTheEndOfTheBodyToo) {
     addPart("");
     (void)readAll();
     signal_.requestCancel();
     EXPECT_TRUE(read().aborted);
 }
 
-TEST_F(RequestBodyTest, noticesACancellationOnlyWhenItsWaitEnds) {
+TEST_F(RequestBodyTest, NoticesACancellationOnlyWhenItsWaitEnds) {
     parameters_.set("orvexd/wait_timeout/slow", "150");
     addSilentPart({.type = "slow"});
     (void)read();
@@ -576,7 +576,7 @@ TEST_F(RequestBodyTest, noticesACancellationOnlyWhenItsWaitEnds) {
     canceller.join();
 }
 
-TEST_F(RequestBodyTest, noticesACancellationWhenDataEndsTheWait) {
+TEST_F(RequestBodyTest, NoticesACancellationWhenDataEndsTheWait) {
     parameters_.set("orvexd/wait_timeout/slow", "60000");
     addSilentPart({.type = "slow"});
     (void)read();
@@ -594,7 +594,7 @@ TEST_F(RequestBodyTest, noticesACancellationWhenDataEndsTheWait) {
 
 // -- data against the closing of its part -------------------------------------------------------
 
-TEST_F(RequestBodyTest, neverLosesDataThatItHasAccepted) {
+TEST_F(RequestBodyTest, NeverLosesDataThatItHasAccepted) {
     constexpr std::uint32_t kParts = 400;
     parameters_.set("orvexd/wait_timeout/position", "0");
     for (std::uint32_t i = 0; i < kParts; ++i) {

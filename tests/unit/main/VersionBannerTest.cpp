@@ -1,6 +1,5 @@
-#include "main/CommandLine.h"
-
 #include "fakes/FakePlatform.h"
+#include "main/CommandLine.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -6,8 +6,6 @@
 #include "request/OutgoingPart.h"
 #include "support/ByteQueue.h"
 
-#include "trilba/network/ProxyQuery.h"
-
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -17,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 #include <sys/types.h>
+#include <trilba/network/ProxyQuery.h>
 #include <type_traits>
 #include <vector>
 
@@ -50,7 +49,7 @@ static_assert(sizeof(gint64) == 8);
 static_assert(sizeof(std::time_t) == 8 && sizeof(timeval::tv_sec) == 8);
 static_assert(sizeof(off_t) == 8);
 
-TEST(SizesTest, proxyQueryIsTheSameBytesOnEveryMachine) {
+TEST(Sizes, ProxyQueryIsTheSameBytesOnEveryMachine) {
     ProxyQuery query;
     std::strcpy(query.host, "proxy"); // NOLINT(clang-analyzer-security.insecureAPI.strcpy)
     query.port = 0x01020304;
@@ -67,7 +66,7 @@ TEST(SizesTest, proxyQueryIsTheSameBytesOnEveryMachine) {
     EXPECT_EQ(bytes, expected);
 }
 
-TEST(SizesTest, longestWaitOf32BitsBecomesADeadlineInMicroseconds) {
+TEST(Sizes, LongestWaitOf32BitsBecomesADeadlineInMicroseconds) {
     Parameters parameters;
     parameters.set("orvexd/wait_timeout/position", "2147483647");
     const std::chrono::microseconds wait = RequestBody::waitTimeout("position", parameters);

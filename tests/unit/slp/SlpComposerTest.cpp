@@ -1,8 +1,7 @@
 #include "slp/SlpComposer.h"
 
-#include "request/RequestData.h"
-
 #include "fakes/FakePlatform.h"
+#include "request/RequestData.h"
 #include "support/Deployment.h"
 
 #include <gtest/gtest.h>

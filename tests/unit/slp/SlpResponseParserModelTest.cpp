@@ -1,9 +1,10 @@
 // The parser against the rules written down plainly (ReferenceParser), and against what a
 // well-formed response promises wherever it may be cut. Every run draws the same cases.
 
+#include "slp/SlpResponseParser.h"
+
 #include "slp/RecordedExchange.h"
 #include "slp/ReferenceParser.h"
-#include "slp/SlpResponseParser.h"
 
 #include <algorithm>
 #include <array>

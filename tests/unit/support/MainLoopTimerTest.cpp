@@ -1,7 +1,6 @@
-#include "support/MainLoopPost.h"
-
 #include "fakes/MainContext.h"
 #include "support/GlibComplaints.h"
+#include "support/MainLoopPost.h"
 
 #include <gtest/gtest.h>
 #include <memory>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <string>
-
 #include "trilba/Export.h"
+
+#include <string>
 
 namespace trilba::core {
 

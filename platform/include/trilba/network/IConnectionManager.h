@@ -1,12 +1,12 @@
 #pragma once
 
-#include <cstddef>
-#include <string>
-
 #include "trilba/Export.h"
 #include "trilba/network/ConnectionInfoContainer.h"
 #include "trilba/network/IConnectionManagerObserver.h"
 #include "trilba/network/ProxyQuery.h"
+
+#include <cstddef>
+#include <string>
 
 namespace trilba::network {
 
