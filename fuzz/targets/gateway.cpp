@@ -17,6 +17,7 @@
 #include "fakes/FakeCurl.h"
 #include "fakes/FakePlatform.h"
 #include "fakes/FakeThreads.h"
+#include "models/RequestFate.h"
 #include "request/RequestData.h"
 #include "support/Check.h"
 #include "support/Input.h"
@@ -41,6 +42,8 @@
 
 namespace orvexd::fuzz {
 namespace {
+
+using test::RequestFate;
 
 constexpr std::chrono::milliseconds kEndDelay(50);
 
@@ -112,30 +115,27 @@ private:
 
 // -- what is known about a request and an exchange -----------------------------------------------
 
+void obey(const char* broken) {
+    check(broken == nullptr, broken);
+}
+
 enum class Place { Waiting, InExchange, Answered, Gone };
 
 struct Request {
     std::uint32_t connection;
     std::uint32_t id;
-    bool prepared;
     std::uint32_t policy;
-    std::uint32_t chunkSize;
+    RequestFate fate; ///< what its client knows; the rest is known here only
 
     Place place = Place::Waiting;
-    bool ended = false;        ///< cancelled or disconnected by its client
-    bool named = false;        ///< an error signal has named it
-    bool silent = false;       ///< swept away with its answer by a later failure
-    bool whole = false;        ///< the last chunk has come
     bool bodyCut = false;      ///< the server answered without reading the whole body
     std::string accepted = {}; ///< data that was taken from the client
-    std::size_t asked = 0;
-    std::size_t chunks = 0;
     std::string received = {};
     std::string answer = {}; ///< what the server says, all parts together
     bool answerWhole = true; ///< the server got to say all of it
 
     bool goesBefore(const Request& other) const {
-        return prepared != other.prepared ? prepared : id < other.id;
+        return fate.prepared != other.fate.prepared ? fate.prepared : id < other.id;
     }
 };
 
@@ -259,7 +259,8 @@ bool Gateway::isAllowed(std::uint32_t policy) const {
 // -- events --------------------------------------------------------------------------------------
 
 void Gateway::emitRequestData(std::uint32_t connectionId, std::uint32_t requestId) {
-    const Request& request = find(connectionId, requestId);
+    Request& request = find(connectionId, requestId);
+    obey(request.fate.onAsked());
     check(request.place != Place::Waiting, "only a request in an exchange is asked for data");
 }
 
@@ -269,26 +270,22 @@ void Gateway::emitErrorSignal(std::uint32_t code, const std::string& message,
     std::vector<Request*> named;
     for (std::string key; keys >> key;) {
         const std::size_t colon = key.find(':');
-        Request& request = find(static_cast<std::uint32_t>(std::stoul(key)),
-                                static_cast<std::uint32_t>(std::stoul(key.substr(colon + 1))));
-        check(std::find(named.begin(), named.end(), &request) == named.end(),
-              "an error names a request once");
-        named.push_back(&request);
+        named.push_back(&find(static_cast<std::uint32_t>(std::stoul(key)),
+                              static_cast<std::uint32_t>(std::stoul(key.substr(colon + 1)))));
+        obey(named.back()->fate.onNamed(message));
     }
-    const bool notAllowed = message == "Current network connection not allowed";
     const bool lost = message == "Connection error";
-    if (notAllowed || lost) {
+    if (lost || message == "Current network connection not allowed") {
         check(code == 2204 && !named.empty(), "a network error has its code and names requests");
         for (Request* request : named) {
             if (request->place == Place::Waiting) {
-                check(request->prepared, "attached requests wait for another network");
+                check(request->fate.prepared, "attached requests wait for another network");
                 check(lost || !isAllowed(request->policy), "an allowed request is not dropped");
                 request->place = Place::Gone;
             } else {
-                check(lost && request->asked > request->chunks,
+                check(lost && request->fate.openCalls > 0,
                       "a lost connection ends only what somebody waits for");
             }
-            request->named = true;
         }
         return;
     }
@@ -297,32 +294,24 @@ void Gateway::emitErrorSignal(std::uint32_t code, const std::string& message,
     failed_.erase(failed_.begin());
     check(code == 2001 || code == 2204, "an exchange error has its code");
     for (const Request* request : exchange.members) {
-        const bool isNamed = std::find(named.begin(), named.end(), request) != named.end();
-        check(isNamed || request->whole || request->ended || request->named,
-              "a failed exchange names all that it had not answered");
-        check(!isNamed || !request->whole, "a whole answer has not failed");
+        check(request->fate.ended, "a failed exchange names all that it had not answered");
     }
-    for (Request* request : named) {
+    for (const Request* request : named) {
+        check(!request->fate.whole, "a whole answer has not failed");
         check(std::find(exchange.members.begin(), exchange.members.end(), request) !=
                   exchange.members.end(),
               "a failed exchange names its own requests");
-        request->named = true;
     }
 }
 
 void Gateway::deliverChunk(std::uint32_t connectionId, std::uint32_t requestId,
                            const std::string& bytes, DeliveryCode code) {
     Request& request = find(connectionId, requestId);
-    check(!request.whole, "nothing comes behind the last chunk");
-    check(!request.named, "a failed request gets no answer");
-    check(++request.chunks <= request.asked, "a call is answered once");
-    check(bytes.size() <= request.chunkSize, "a chunk is no larger than wanted");
+    obey(request.fate.onChunk(bytes.size(), static_cast<std::uint32_t>(code)));
     request.received += bytes;
     check(request.answer.starts_with(request.received), "the bytes are the server's");
-    if (code == DeliveryCode::ResponseComplete) {
-        request.whole = true;
-        check(!request.answerWhole || request.received == request.answer, "the answer is whole");
-    }
+    check(!request.fate.whole || !request.answerWhole || request.received == request.answer,
+          "the answer is whole");
 }
 
 // -- main loop -----------------------------------------------------------------------------------
@@ -381,7 +370,10 @@ void Gateway::create(Input& input, bool prepared) {
     if (!refused) { // whatever comes of it, the request exists from now on
         const std::uint32_t id = ++lastRequest_;
         requests_[id] = std::make_unique<Request>(
-            Request{connection, id, prepared, policy, chunkSizes_[connection - 1]});
+            Request{connection,
+                    id,
+                    policy,
+                    {.chunkSize = chunkSizes_[connection - 1], .prepared = prepared}});
     }
     try {
         const std::uint32_t id = prepared ? core_->prepareRequest(connection, policy, 5)
@@ -398,8 +390,9 @@ void Gateway::create(Input& input, bool prepared) {
 void Gateway::send(Request& request, bool last) {
     const std::string data = "data " + std::to_string(++sent_) + "\n";
     const int result = core_->sendData(data, last, request.connection, request.id);
-    if (!connections_[request.connection - 1]) {
-        check(result == 1001, "a closed connection sends nothing");
+    const bool isOpen = connections_[request.connection - 1];
+    obey(request.fate.onSent(result, isOpen));
+    if (!isOpen) {
         return;
     }
     switch (request.place) {
@@ -423,21 +416,21 @@ void Gateway::send(Request& request, bool last) {
 }
 
 void Gateway::ask(Request& request) {
+    ++request.fate.openCalls;
     try {
         core_->getData(request.connection, request.id);
         check(request.place != Place::Gone, "a request that is gone is unknown");
-        ++request.asked;
     } catch (int code) {
-        check(code == 41, "an unknown request has its code");
+        obey(request.fate.onRefused(code));
         // Swept up with its exchange, whose error may still be under way, or once it was answered.
-        check(request.place == Place::Gone || (request.place == Place::Answered &&
-                                               (request.whole || request.ended || request.named)),
+        check(request.place == Place::Gone ||
+                  (request.place == Place::Answered && request.fate.ended),
               "a request does not vanish");
     }
 }
 
 void Gateway::endByClient(Request& request) {
-    request.ended = true;
+    request.fate.ended = true;
     if (request.place == Place::Waiting) {
         request.place = Place::Gone;
     }
@@ -614,7 +607,7 @@ void Gateway::finishTransfer(CURLcode code) {
 
 void Gateway::failExchange(Exchange ended) {
     for (const auto& [id, request] : requests_) {
-        request->silent = request->silent || request->place == Place::Answered;
+        request->fate.ended = request->fate.ended || request->place == Place::Answered;
         if (request->place != Place::Waiting) {
             request->place = Place::Gone;
         }
@@ -753,13 +746,12 @@ void Gateway::complete() {
     check(failed_.empty(), "each failed exchange is reported");
     for (const auto& [id, request] : requests_) {
         check(request->place != Place::Waiting, "nobody waits when nothing stands in the way");
-        const bool over = request->whole || request->ended || request->named || request->silent;
-        for (std::size_t left = over || request->chunkSize == 0 ? 0 : 1000;
-             left > 0 && !request->whole; --left) {
+        const RequestFate& fate = request->fate;
+        for (std::size_t left = fate.chunkSize == 0 ? 0 : 1000; left > 0 && !fate.ended; --left) {
             ask(*request);
             settle();
         }
-        check(over || request->whole || request->chunkSize == 0, "every request has its end");
+        check(fate.ended || fate.chunkSize == 0, "every request has its end");
     }
 }
 

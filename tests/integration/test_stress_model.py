@@ -11,19 +11,21 @@ sys.path.append(str(ROOT / "tests" / "stress"))
 
 # pylint: disable=wrong-import-position
 from stress.mood import FIXED, random_mood
-from stress.request import COMPLETE, CONTINUES, CONNECTION_ERROR, NOT_ALLOWED
+from stress.request import COMPLETE, CONTINUES, CONNECTION_ERROR
 from stress.request import Connection, Request, Violation
 
 
 def make_request(kind="other", encoding="binary", chunk_size=1000, prepared=True):
-    return Request(Connection(1, "tag", kind, encoding, chunk_size), 7, prepared, [])
+    request = Request(Connection(1, "tag", kind, encoding, chunk_size), 7, prepared, [])
+    request.open_calls = 2
+    return request
 
 
 @pytest.fixture(name="request_")
 def fixture_request():
     """A request whose data have been sent."""
     request = make_request()
-    request.on_asked()
+    request.on("asked")
     request.on_sent(b"0123", 0)
     request.on_sent(b"456\r\n", 0)
     return request
@@ -31,8 +33,9 @@ def fixture_request():
 
 def test_echo_ends_a_request(request_):
     request_.on_chunk(b"01234", CONTINUES)
-    assert not request_.ended
+    assert not request_.over
     request_.on_chunk(b"56\r\n", COMPLETE)
+    assert request_.ended
     assert request_.outcome == "answered"
 
 
@@ -91,70 +94,60 @@ def test_position_names_the_digest_of_the_question():
         request.on_chunk(b'bytes="4" sha256="00" </positionResponse>', COMPLETE)
 
 
-def test_nothing_comes_behind_the_last_chunk(request_):
-    request_.on_chunk(b"0123456\r\n", COMPLETE)
-    with pytest.raises(Violation, match="behind the last one"):
-        request_.on_chunk(b"", CONTINUES)
+LOST, FAILED = ("named", CONNECTION_ERROR.encode()), ("named", b"Timeout was reached")
+NOT_ALLOWED = ("named", b"Current network connection not allowed")
+RULES = {  # the last event is the violation
+    "data-are-asked-for-once": (("asked",), ("asked",), "twice"),
+    "senddata-has-three-results": (("sent", 43, True), "another result"),
+    "closed-connection-sends-nothing": (("sent", 0, False), "closed connection"),
+    "getdata-is-refused-as-unknown-only": (("refused", 57), "another code"),
+    "nothing-comes-behind-the-last-chunk": (("chunk", 9, 2303), ("chunk", 0, 2301), "the last one"),
+    "nothing-comes-behind-an-error": (FAILED, ("chunk", 0, 2301), "behind an error"),
+    "a-call-has-one-chunk": (*[("chunk", 1, 2302)] * 3, "no getData"),
+    "chunk-has-one-of-three-codes-from-2301": (("chunk", 1, 2300), "delivery code"),
+    "chunk-has-one-of-three-codes-to-2303": (("chunk", 1, 2304), "delivery code"),
+    "chunk-is-no-larger-than-wanted": (("chunk", 1001, 2301), "larger than wanted"),
+    "exchange-names-a-request-once": (FAILED, FAILED, "named twice"),
+    "lost-connection-names-a-request-once": (LOST, LOST, "named twice"),
+    "nothing-names-what-a-failed-exchange-named": (FAILED, LOST, "after"),
+    "nothing-names-what-was-not-allowed": (NOT_ALLOWED, LOST, "after"),
+    "what-is-being-exchanged-is-allowed": (("asked",), NOT_ALLOWED, "being exchanged"),
+}
 
 
-def test_nothing_comes_behind_an_error(request_):
-    request_.on_named("Timeout was reached")
-    with pytest.raises(Violation, match="has failed"):
-        request_.on_chunk(b"0123", CONTINUES)
-
-
-def test_chunk_is_no_larger_than_wanted():
-    request = make_request(chunk_size=3)
-    with pytest.raises(Violation, match="larger than wanted"):
-        request.on_chunk(b"0123", CONTINUES)
-
-
-def test_data_are_asked_for_once(request_):
-    with pytest.raises(Violation, match="twice"):
-        request_.on_asked()
-
-
-def test_exchange_names_a_request_once(request_):
-    request_.on_named("Timeout was reached")
-    with pytest.raises(Violation, match="named twice"):
-        request_.on_named("missing MIME parts")
-
-
-def test_lost_connection_and_then_its_exchange_may_name_a_request(request_):
-    request_.on_named(CONNECTION_ERROR)
-    request_.on_named("Timeout was reached")
-    assert request_.outcome == f"named: {CONNECTION_ERROR}"
-
-
-def test_exchange_and_then_a_lost_connection_may_not(request_):
-    request_.on_named("Timeout was reached")
-    with pytest.raises(Violation, match="after"):
-        request_.on_named(CONNECTION_ERROR)
+@pytest.mark.parametrize("events", RULES.values(), ids=RULES)
+def test_rule(events):
+    request = make_request()
+    *before, violation, text = events
+    for event in before:
+        request.on(*event)
+    with pytest.raises(Violation, match=text):
+        request.on(*violation)
 
 
 def test_attached_request_waits_for_another_network():
-    request = make_request(prepared=False)
-    with pytest.raises(Violation, match="waits for another network"):
-        request.on_named(NOT_ALLOWED)
+    with pytest.raises(Violation, match="but attached"):
+        make_request(prepared=False).on(*NOT_ALLOWED)
 
 
-@pytest.mark.parametrize("code", [2, 1001, 57])
-def test_getdata_is_refused_with_one_code_only(request_, code):
-    with pytest.raises(Violation, match="was refused with"):
-        request_.on_refused(code)
+def test_lost_connection_and_then_its_exchange_may_name_a_request(request_):
+    request_.on(*LOST)
+    request_.on(*FAILED)
+    assert request_.outcome == f"named: {CONNECTION_ERROR}"
 
 
-def test_vanished_request_wants_an_explanation(request_):
-    request_.on_refused(41)
+@pytest.mark.parametrize("unknown", [("refused", 41), ("sent", 41, True)])
+def test_vanished_request_wants_an_explanation(request_, unknown):
+    request_.on(*unknown)
     assert request_.needs_explanation(0)
-    request_.on_named("Timeout was reached")
-    assert not request_.needs_explanation(0)
+    request_.on(*FAILED)
+    assert request_.ended and not request_.needs_explanation(0)
 
 
 def test_request_that_its_client_ended_may_vanish(request_):
-    request_.ended_by = "cancelled"
-    request_.on_refused(41)
-    assert not request_.needs_explanation(0)
+    request_.end("cancelled")
+    request_.on("refused", 41)
+    assert not request_.gone
 
 
 def test_same_seed_gives_the_same_moods():

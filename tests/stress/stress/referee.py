@@ -210,7 +210,7 @@ class Referee:
                 failed = any(
                     abs(when - request.gone_since) < patience(10) for when in actor.failure_times
                 )
-                request.silent = True
+                request.end("swept away with its answer")
                 self._server.answered[request.trace()] -= 1
                 if not failed or self._server.answered[request.trace()] < 0:
                     self._found(f"a request was lost\n  {request.tell()}")

@@ -1,18 +1,21 @@
 """What one request has gone through, as its client sees it, and what may come next."""
 
+import ctypes
 import hashlib
 import re
 import time
 
-from harness.settings import patience
+from harness.settings import BUILD_DIR, patience
 
 from .mood import FIXED
 
-CONTINUES, PART_COMPLETE, COMPLETE = 2301, 2302, 2303
-UNKNOWN_CONNECTION, UNKNOWN_REQUEST, NOT_ACCEPTING = 1001, 41, 57
+CONTINUES, COMPLETE = 2301, 2303
+UNKNOWN_CONNECTION, UNKNOWN_REQUEST = 1001, 41
 CONNECTION_ERROR, NOT_ALLOWED = "Connection error", "Current network connection not allowed"
 EXPLANATION_SECONDS = 10  # after which a request that is gone must have been explained
 _PATTERN = bytes(range(251))
+_FLAGS = ("prepared", "asked", "whole", "lost", "not_allowed", "failed", "ended", "gone")
+_rules = ctypes.CDLL(str(BUILD_DIR / "lib" / "libRequestFate.so"))
 
 
 class Violation(AssertionError):
@@ -53,36 +56,43 @@ class Connection:
         self.nameless = 0  # requests that may exist although their ids were never told
 
 
-class Request:
-    """The model of one request. Each `on_...` raises Violation when that may not happen now."""
+class Request(ctypes.Structure):
+    """The model of one request: its fate, with the members of tests/models/RequestFate.h, and its
+    bytes. Each `on...` raises Violation when that may not happen now."""
+
+    _fields_ = [("chunk_size", ctypes.c_uint32), ("open_calls", ctypes.c_uint32)]
+    _fields_ += [(name, ctypes.c_bool) for name in _FLAGS]
 
     def __init__(self, connection, number, prepared, pieces):
+        super().__init__(chunk_size=connection.chunk_size, prepared=prepared)
         self.connection = connection
         self.id = number
-        self.prepared = prepared
         self.pieces = pieces  # still to be sent
         self.stalls = False  # never sends anything
-        self.asked = False  # for its data
-        self.ended_by = None  # what its own client did
-        self.whole = False
-        self.named = []  # messages of the errors that named it
+        self.ended_by = None  # other than an answer or an error, in words
         self.overlapped = False  # two calls waited at a time, so a chunk may have been lost
         self.gone_since = None  # when it turned out to be unknown without a reason so far
         self.held = None  # serial of the newest getData call without an answer
-        self.silent = False
         self.truncated = False  # the answer ended early, as it may when the server breaks off
         self.history = []
         self._accepted = []
         self._received = bytearray()
-        self._parts = 0
 
     @property
     def key(self):
         return f"{self.connection.id}:{self.id}"
 
     @property
-    def ended(self):
-        return bool(self.whole or self.named or self.ended_by or self.gone_since is not None)
+    def over(self):
+        """It has its end, or will have to have one."""
+        return self.ended or self.gone
+
+    @property
+    def named(self):
+        """Words for the first error that named it."""
+        if self.lost or self.not_allowed:
+            return CONNECTION_ERROR if self.lost else NOT_ALLOWED
+        return "exchange failed" if self.failed else None
 
     @property
     def outcome(self):
@@ -93,16 +103,10 @@ class Request:
             words = "answered in part" if self.truncated else "answered"
             return f"{words}, then named" if self.named else words
         if self.named:
-            return f"named: {self._error_class(self.named[0])}"
-        if self.silent:
-            return "swept away with its answer"
-        if self.gone_since is not None and self.overlapped:
+            return f"named: {self.named}"
+        if self.gone and self.overlapped:
             return "answered into a replaced call"
         return None
-
-    @staticmethod
-    def _error_class(message):
-        return message if message in (CONNECTION_ERROR, NOT_ALLOWED) else "exchange failed"
 
     def note(self, text):
         self.history.append(f"{time.monotonic():.3f} {text}")
@@ -114,56 +118,33 @@ class Request:
 
     # -- what happens --------------------------------------------------------------------------
 
-    def on_asked(self):
-        self.note("asked for data")
-        require(not self.asked, "asked for its data twice")
-        self.asked = True
+    def on(self, event, *arguments):
+        """Something that RequestFate has a rule for."""
+        self.note(f"{event} {arguments}")
+        judge = getattr(_rules, f"on{event.capitalize()}")
+        judge.restype = ctypes.c_char_p
+        broken = judge(ctypes.byref(self), *arguments)
+        if self.gone and self.gone_since is None:
+            self.gone_since = time.monotonic()
+        require(broken is None, broken and broken.decode())
 
-    def on_sent(self, data, result):
+    def on_sent(self, data, result, connection_is_open=True):
         """The answer of a sendData call."""
-        self.note(f"{len(data)} bytes sent: {result}")
+        self.note(f"{len(data)} bytes sent")
+        self.on("sent", result, connection_is_open)
         if result == 0:
             self._accepted.append(data)
-        elif result == UNKNOWN_REQUEST:
-            self._on_unknown()
-        else:
-            require(result == NOT_ACCEPTING, f"sendData returned {result}")
 
     def on_chunk(self, data, code):
-        self.note(f"chunk of {len(data)} bytes, {code}")
-        require(not self.whole, "a chunk behind the last one")
-        require(not self.named, "a chunk for a request that has failed")
-        require(code in (CONTINUES, PART_COMPLETE, COMPLETE), f"delivery code {code}")
-        require(len(data) <= self.connection.chunk_size, "a chunk that is larger than wanted")
+        self.on("chunk", len(data), code)
         self._received += data
         if not self.overlapped:
             self._check_bytes(code)
-        if code != CONTINUES:
-            self._parts += 1
-        self.whole = code == COMPLETE
 
-    def on_named(self, message):
-        """An errorSignal names it."""
-        self.note(f"named: {message}")
-        kind = self._error_class(message)
-        earlier = [self._error_class(each) for each in self.named]
-        require(kind not in earlier, f"named twice: {earlier}, {kind}")
-        # Only what a lost connection has cancelled is still there for another error.
-        require(earlier in ([], [CONNECTION_ERROR]), f"named by {kind} after {earlier}")
-        if kind == NOT_ALLOWED:
-            require(self.prepared, "an attached request waits for another network")
-            require(not self.asked, "not allowed while it is being exchanged")
-        self.named.append(message)
-
-    def on_refused(self, code):
-        """An error answers getData."""
-        self.note(f"getData: {code}")
-        require(code == UNKNOWN_REQUEST, f"getData was refused with {code}")
-        self._on_unknown()
-
-    def _on_unknown(self):
-        if not self.ended:
-            self.gone_since = time.monotonic()
+    def end(self, how):
+        """Otherwise than by an answer or an error."""
+        self.ended_by = how
+        self.ended = True
 
     def trace(self):
         """What the server knows it by: its connection's tag, and the digest of bytes that no line
@@ -174,9 +155,8 @@ class Request:
 
     def needs_explanation(self, seconds):
         """Gone for so long, and what would explain it has not come."""
-        if self.gone_since is None or self.outcome is not None:
-            return False
-        return time.monotonic() - self.gone_since > patience(seconds)
+        waits = self.gone and self.outcome is None
+        return waits and time.monotonic() - self.gone_since > patience(seconds)
 
     # -- bytes ---------------------------------------------------------------------------------
 
