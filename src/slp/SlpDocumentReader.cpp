@@ -36,7 +36,7 @@ public:
         watch(*parser.sax);
     }
 
-    bool isStopped() const noexcept { return isStopped_; }
+    [[nodiscard]] bool isStopped() const noexcept { return isStopped_; }
 
     /// Counts work of the given context, which is `parser` or parses an entity for it, and stops it
     /// when all is too much.
@@ -68,7 +68,7 @@ private:
     }
 
     /// In a callback for a piece of the content, `xmlStopParser` is safe.
-    bool haltsHere(xmlParserCtxt& context) const noexcept {
+    [[nodiscard]] bool haltsHere(xmlParserCtxt& context) const noexcept {
         if (isStopped_ && !inDeclarations_) {
             xmlStopParser(&context);
         }
