@@ -34,8 +34,8 @@ private:
     std::shared_ptr<const Settings> settings_;           // guarded by libraryMutex()
     std::vector<IConnectionManagerObserver*> observers_; // guarded by libraryMutex()
     FileWatcher watcher_;                                // main-loop thread only
-    // Main-loop thread only. Last, and thereby the first to go: a notification that finds it gone
-    // touches nothing else of the manager.
+    // Main-loop thread only. It is declared last, so it ends first. A notification that finds it
+    // gone uses nothing else of the manager.
     std::shared_ptr<const bool> alive_ = std::make_shared<const bool>(true);
 };
 

@@ -40,7 +40,7 @@ void DirectoryEvents::watch(const std::vector<fs::path>& directories) {
     g_source_attach(source_.get(), nullptr);
 }
 
-/// Reads as much as fits; the source comes again for the rest.
+/// Reads as much as fits into the buffer. The main loop calls again for the rest.
 void DirectoryEvents::read() {
     std::array<char, 4096> buffer{};
     const ssize_t size = ::read(queue_.get(), buffer.data(), buffer.size());
@@ -51,7 +51,7 @@ void DirectoryEvents::read() {
         const char* name = buffer.data() + position + sizeof event; // ends with NUL when len > 0
         position += sizeof event + event.len;
         if ((event.mask & IN_Q_OVERFLOW) != 0) {
-            // Something was missed: any name may have changed, each directory may be another.
+            // Events were lost: any name may have changed, and any directory may be a new one.
             for (const auto& [watch, directory] : directories_) {
                 handler_(directory);
             }

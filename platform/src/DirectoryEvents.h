@@ -10,13 +10,14 @@
 
 namespace trilba {
 
-/// Reports what happens to the names in some directories, by inotify(7): a source on the default
-/// main context that wakes nobody while nothing happens, and no thread. To be used on the thread
-/// that runs that context only.
+/// Reports what happens to the names in some directories, by inotify(7). It is a source on the
+/// default main context, which wakes nobody while nothing happens; there is no thread. Use it only
+/// on the thread that runs that context.
 class DirectoryEvents {
 public:
-    /// The name that was made, changed, moved or removed; the directory itself when it was changed
-    /// or has gone, or when events were lost. It must not call `watch` or destroy the object.
+    /// Is called with the name that was made, changed, moved or removed. It is called with the
+    /// directory itself when that was changed or removed, or when events were lost. It must not
+    /// call `watch` or destroy the object.
     using Handler = std::function<void(const std::filesystem::path& changed)>;
 
     explicit DirectoryEvents(Handler handler) : handler_(std::move(handler)) {}
@@ -24,9 +25,8 @@ public:
     DirectoryEvents& operator=(const DirectoryEvents&) = delete;
     ~DirectoryEvents() = default;
 
-    /// Watches exactly these from here on; events that are still to be read are forgotten. A
-    /// directory that does not exist, or that the system has no watch left for, stays without
-    /// reports.
+    /// Watches exactly these directories from now on. Events that are not read yet are dropped. No
+    /// reports come of a directory that does not exist, or for which the system has no watch left.
     void watch(const std::vector<std::filesystem::path>& directories);
 
 private:

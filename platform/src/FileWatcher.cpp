@@ -28,8 +28,8 @@ void FileWatcher::lookAgainIn(std::chrono::milliseconds delay) {
     tellAt(g_get_monotonic_time() + microseconds(delay));
 }
 
-/// Sets the watches for the way to the file as it is now. A directory may appear between the look
-/// and the watch, hence the second look.
+/// Sets the watches for the path to the file as it is now. It looks at the path twice, because a
+/// directory may appear between the first look and the watch.
 void FileWatcher::watchAgain() {
     for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
         auto points = watchPoints(path_);
@@ -75,7 +75,7 @@ void FileWatcher::tellAt(gint64 time) {
 }
 
 void FileWatcher::tell() {
-    // The watcher may be gone when the call returns; an event during it starts a timer of its own.
+    // The call may destroy the watcher. An event during the call starts a timer of its own.
     const Source ended = std::move(timer_);
     const auto onChange = onChange_;
     latest_ = 0;

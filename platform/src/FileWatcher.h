@@ -12,21 +12,20 @@
 
 namespace trilba {
 
-/// Tells when a file may have changed: written in place, replaced, created, removed, also together
-/// with its directory. Sources on the default main context, no timer while nothing happens.
+/// Tells when a file may have changed: written in place, replaced, created or removed, also
+/// together with its directory. It consists of sources on the default main context, and has no
+/// timer while nothing happens.
 ///
-/// Several events close to each other are told once, when they have ceased, so that a file in the
-/// middle of being rewritten is seldom looked at; a change is told at the latest
-/// `kLongestDelay` after it began.
+/// Several events close to each other are told once, when they have ended. So a file that is just
+/// being rewritten is seldom read. A change is told at the latest `kLongestDelay` after it began.
 ///
-/// To be used on the thread that runs the default main loop only.
+/// Use it only on the thread that runs the default main loop.
 class FileWatcher {
 public:
     static constexpr std::chrono::milliseconds kQuiet{50};         ///< events have ceased
     static constexpr std::chrono::milliseconds kLongestDelay{300}; ///< ... or keep coming
 
-    /// Watches from here on. `onChange` runs on the default main context and may destroy the
-    /// watcher.
+    /// Begins to watch. `onChange` runs on the default main context and may destroy the watcher.
     FileWatcher(std::string path, std::function<void()> onChange);
     FileWatcher(const FileWatcher&) = delete;
     FileWatcher& operator=(const FileWatcher&) = delete;
@@ -45,7 +44,7 @@ private:
     std::function<void()> onChange_;
     std::vector<WatchPoint> points_;
     DirectoryEvents events_;     // of the directories of points_
-    bool directoryGone_ = false; // a watch died with its directory, whatever has its name now
+    bool directoryGone_ = false; // a watched directory was removed; another may have its name now
     gint64 latest_ = 0;          // when to tell at the latest, as timer_; 0: no event is waiting
     Source timer_;               // ready time in µs of the monotonic clock; null: nothing to tell
 };

@@ -7,7 +7,8 @@
 
 namespace trilba {
 
-/// Frees with a plain C function; the owner stays as small as a pointer.
+/// Deleter that frees with a plain C function. It has no state, so the owner stays as small as a
+/// pointer.
 template <auto Free> struct FreeWith {
     template <typename T> void operator()(T* handle) const noexcept { Free(handle); }
 };

@@ -48,7 +48,8 @@ bool modifiedWithin(const struct stat& status, std::chrono::milliseconds span) {
     using std::chrono::seconds;
     const auto age = std::chrono::system_clock::now().time_since_epoch() -
                      seconds(status.st_mtim.tv_sec) - nanoseconds(status.st_mtim.tv_nsec);
-    return age < span && age > -span; // a clock that was set back must not freeze the state
+    return age < span &&
+           age > -span; // a file from the future, after the clock was set back, is old
 }
 
 Condition conditionOfEmpty(int file) {
@@ -75,7 +76,7 @@ Content contentOf(int file) {
 }
 
 Content contentOf(const std::string& path) {
-    // Not blocking: a FIFO without a writer would hold the caller.
+    // Non-blocking, because opening a FIFO without a writer would hold the caller.
     const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (file.get() < 0) {
         return {errno == ENOENT || errno == ENOTDIR ? Condition::Missing : Condition::Unreadable};
@@ -87,8 +88,8 @@ Content contentOf(const std::string& path) {
     return contentOf(file.get());
 }
 
-/// What the file said when it was last good. Readings overlap when several threads ask; the one
-/// that began last is kept, so that a slow old one does not bring an old state back.
+/// What the file said when it was last good. Readings overlap when several threads ask. The reading
+/// that began last is kept, so that a slow older one does not bring back an old state.
 class LastGood {
 public:
     std::uint64_t begin() {

@@ -8,16 +8,17 @@
 
 namespace trilba {
 
-/// The file that stands for the phone. Any thread; the library mutex is not held while reading.
+/// The file that describes the device. Any thread. The library mutex is not held while the file is
+/// read.
 class PlatformFile {
 public:
-    /// An empty file may be one that an editor has just truncated and not yet written. For this
-    /// long after its last modification it counts as half-written, then as a file without keys.
+    /// An editor may have truncated an empty file and not written it yet. For this long after its
+    /// last modification such a file counts as half-written, and then as a file without keys.
     static constexpr std::chrono::milliseconds kEmptyCountsAsHalfWritten{200};
 
     struct Reading {
         std::shared_ptr<const Settings> settings; ///< never null
-        bool lookAgain; ///< the file was empty a moment ago: what it means is not settled yet
+        bool lookAgain; ///< the file has just become empty: read it again in a moment
     };
 
     /// Environment variable TRILBA_PLATFORM_CONF, or /etc/trilba/platform.conf when that is unset

@@ -103,8 +103,8 @@ void readProxy(const Group& group, Settings& settings) {
     settings.proxyPort = static_cast<std::uint32_t>(*port);
 }
 
-/// The text without what stands behind a ';' that follows a space, a tab or a line's beginning:
-/// GLib knows no such comments. A ';' that ends a listed name follows the name directly.
+/// The text without comments. A comment begins with a ';' behind a space, a tab or the beginning of
+/// a line, and GLib does not know it. A ';' that ends a name in a list follows the name directly.
 std::string withoutTrailingComments(std::string_view text) {
     std::string kept;
     kept.reserve(text.size());
@@ -124,7 +124,7 @@ std::string withoutTrailingComments(std::string_view text) {
 } // namespace
 
 std::optional<Settings> parseSettings(std::string_view text) {
-    // A NUL is never text; blocks of them are what a crash leaves of a file that was being written.
+    // A text holds no NUL. A crash leaves blocks of them in a file that was being written.
     if (text.find('\0') != std::string_view::npos) {
         return std::nullopt;
     }

@@ -59,7 +59,7 @@ private:
         return true;
     }
 
-    std::error_code ignored_; // what cannot be looked at is taken for the end of the way
+    std::error_code ignored_; // the walk ends at what cannot be read
     fs::path here_;
     std::deque<fs::path> ahead_;
     int links_ = 0;

@@ -5,8 +5,8 @@
 
 namespace trilba {
 
-/// A name in an existing directory whose appearing, changing or going may change what is found
-/// under a path.
+/// A name in an existing directory. When the name appears, changes or goes, a path may lead to
+/// something else.
 struct WatchPoint {
     std::filesystem::path directory; ///< free of symbolic links
     std::filesystem::path name;
@@ -14,8 +14,8 @@ struct WatchPoint {
     bool operator==(const WatchPoint&) const = default;
 };
 
-/// The places to watch for `path`: every symbolic link on the way, and the file itself, or the
-/// first thing that is missing on the way to it. All of these directories exist.
+/// The places to watch for `path`: every symbolic link on the way and the file itself, or the first
+/// name on the way that is missing. All of their directories exist.
 std::vector<WatchPoint> watchPoints(const std::filesystem::path& path);
 
 } // namespace trilba
