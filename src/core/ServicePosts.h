@@ -13,10 +13,7 @@ namespace orvexd {
 /// What the gateway core asks of the service on the bus. Main loop's thread only.
 class IServiceEvents {
 public:
-    IServiceEvents() = default;
     virtual ~IServiceEvents() = default;
-    IServiceEvents(const IServiceEvents&) = delete;
-    IServiceEvents& operator=(const IServiceEvents&) = delete;
 
     /// The platform's answer to whether an exchange may start at this moment.
     virtual bool isExchangePermitted() = 0;

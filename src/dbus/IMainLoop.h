@@ -8,10 +8,7 @@ class DbusService;
 /// part of the interface. Main loop's thread.
 class IMainLoop {
 public:
-    IMainLoop() = default;
     virtual ~IMainLoop() = default;
-    IMainLoop(const IMainLoop&) = delete;
-    IMainLoop& operator=(const IMainLoop&) = delete;
 
     /// Creates the service and takes its name on the bus. A second call does nothing.
     /// @return false when the environment is not right or the name cannot be had.

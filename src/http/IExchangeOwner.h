@@ -8,10 +8,7 @@ namespace orvexd {
 /// What an exchange asks of the gateway core and reports to it.
 class IExchangeOwner {
 public:
-    IExchangeOwner() = default;
     virtual ~IExchangeOwner() = default;
-    IExchangeOwner(const IExchangeOwner&) = delete;
-    IExchangeOwner& operator=(const IExchangeOwner&) = delete;
 
     // -- worker thread: these ask the platform or post, and change nothing of the owner --------
 

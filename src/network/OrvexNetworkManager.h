@@ -15,10 +15,7 @@ namespace orvexd {
 /// What the network manager tells its owner. Main loop's thread.
 class INetworkOwner {
 public:
-    INetworkOwner() = default;
     virtual ~INetworkOwner() = default;
-    INetworkOwner(const INetworkOwner&) = delete;
-    INetworkOwner& operator=(const INetworkOwner&) = delete;
 
     /// The status after a notification, changed or not.
     /// @param recheck true: the owner may ask for a recheck.

@@ -21,10 +21,7 @@ namespace orvexd {
 /// Where a request delivers the chunks of its answer.
 class IChunkReceiver {
 public:
-    IChunkReceiver() = default;
     virtual ~IChunkReceiver() = default;
-    IChunkReceiver(const IChunkReceiver&) = delete;
-    IChunkReceiver& operator=(const IChunkReceiver&) = delete;
 
     /// Takes one chunk for the client that waits for it. Runs on the main loop's thread or on the
     /// worker, with the answer's lock held: implementations only post, they never call back.

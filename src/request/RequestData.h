@@ -43,8 +43,6 @@ public:
                 std::shared_ptr<const ConnectionParameters> parameters,
                 std::uint32_t connectionPolicy = NotFlagged, IChunkReceiver* owner = nullptr);
     virtual ~RequestData() = default;
-    RequestData(const RequestData&) = delete;
-    RequestData& operator=(const RequestData&) = delete;
 
     // -- what never changes; any thread -------------------------------------------------------
 

@@ -28,9 +28,6 @@ class SlpResponseParser {
 public:
     /// @param requests the exchange's requests in transfer order; must outlive the parser.
     explicit SlpResponseParser(std::span<const std::shared_ptr<RequestData>> requests);
-    ~SlpResponseParser() = default;
-    SlpResponseParser(const SlpResponseParser&) = delete;
-    SlpResponseParser& operator=(const SlpResponseParser&) = delete;
 
     /// Takes the next bytes of the response. The cost is linear in the bytes.
     /// @return the chunk's length, whatever it holds: libcurl would end the transfer otherwise.

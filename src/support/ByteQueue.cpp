@@ -14,20 +14,6 @@ constexpr std::size_t kSmallestBlock = 256;
 
 } // namespace
 
-ByteQueue::ByteQueue(ByteQueue&& other) noexcept
-    : largestBlock_(other.largestBlock_),
-      blocks_(std::exchange(other.blocks_, {})),
-      first_(std::exchange(other.first_, 0)),
-      size_(std::exchange(other.size_, 0)) {}
-
-ByteQueue& ByteQueue::operator=(ByteQueue&& other) noexcept {
-    largestBlock_ = other.largestBlock_;
-    blocks_ = std::exchange(other.blocks_, {});
-    first_ = std::exchange(other.first_, 0);
-    size_ = std::exchange(other.size_, 0);
-    return *this;
-}
-
 std::size_t ByteQueue::roomIn(const Block& block) const noexcept {
     // An allocation may be larger than what was asked for.
     return std::min(block.bytes.capacity(), largestBlock_) - block.bytes.size();
@@ -166,12 +152,6 @@ void ByteQueue::dropBack(std::size_t count) noexcept {
             blocks_.pop_back();
         }
     }
-}
-
-void ByteQueue::clear() noexcept {
-    blocks_.clear();
-    first_ = 0;
-    size_ = 0;
 }
 
 } // namespace orvexd

@@ -24,9 +24,6 @@ public:
     ~ByteQueue() = default;
     ByteQueue(const ByteQueue&) = delete;
     ByteQueue& operator=(const ByteQueue&) = delete;
-    /// The source is left empty and usable.
-    ByteQueue(ByteQueue&& other) noexcept;
-    ByteQueue& operator=(ByteQueue&& other) noexcept;
 
     /// Bytes that are stored and not yet taken.
     [[nodiscard]] std::size_t size() const noexcept { return size_; }
@@ -51,9 +48,6 @@ public:
     /// Drops the last `count` bytes; `count` must not exceed the size.
     void dropBack(std::size_t count) noexcept;
 
-    /// Drops all bytes and gives the memory back.
-    void clear() noexcept;
-
 private:
     struct Block {
         std::string bytes;
@@ -70,7 +64,7 @@ private:
     void takeFromFront(std::size_t count) noexcept;
     void dropFrontBlock() noexcept;
 
-    std::size_t largestBlock_;
+    const std::size_t largestBlock_;
     std::vector<Block> blocks_; // blocks before first_ have been taken
     std::size_t first_ = 0;
     std::size_t size_ = 0;
