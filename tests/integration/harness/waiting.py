@@ -11,6 +11,8 @@ guards = []
 def wait_for(predicate, seconds=10, what=None):
     """Runs the main context until `predicate()` is true, and returns its value.
 
+    It looks again only after an event of the main context: what changes elsewhere is for `observe.poll_for`.
+
     @raises AssertionError after `seconds` (scaled), or at once when a guard objects.
     """
     expired = []
