@@ -31,6 +31,8 @@ HOMES_OF_LIBRARY = {
     "dbus": {"dbus", "support/BusHandles"},
     "curl": {"http", "support/CurlHandles"},
     "libxml": {"slp", "config", "support/XmlHandles", "main/main"},
+    "openssl": {"http"},
+    "trilba": {"network", "http", "slp", "core", "dbus", "main"},
 }
 
 # Written when the tree is configured, from a template beside the sources.
