@@ -18,12 +18,12 @@ using ResultMap = std::map<int, std::vector<std::string>>;
 /// The most attributes and namespace declarations that one element may have.
 inline constexpr std::size_t kMostAttributes = 12'000;
 
-/// The most bytes of an internal subset, its parameter entities put in. A document in an encoding
-/// that cannot be scanned must not be longer itself.
+/// The most bytes of an internal subset, its parameter entities put in.
 inline constexpr std::size_t kMostDeclarations = 32'000;
 
-/// Looks for what the parser would work at for long without a call in between: very many attributes
-/// in one element, and long declarations. Malformed text may pass: the parser ends at its fault.
+/// Looks for what the parser must not get: very many attributes in one element, long declarations,
+/// a parameter entity that refers to others, an encoding in which none of this can be seen.
+/// Malformed text may pass: the parser ends at its fault.
 [[nodiscard]] bool mayBeParsed(std::string_view text);
 
 /// Parses a document as `xmlReadMemory` without options does, but gives up when that is much more

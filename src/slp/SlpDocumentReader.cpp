@@ -260,11 +260,6 @@ private:
         if (work.isStopped_ || (error->level == XML_ERR_FATAL && &context == &work.parser_)) {
             work.stop(context);
         }
-        if (error->code == XML_ERR_ENTITY_LOOP && work.inDeclarations_) {
-            // The library is about to end its loops itself, and would then skip the next blank of a
-            // parameter entity for ever. No function in between holds a pointer into the input.
-            xmlStopParser(&context);
-        }
         if (work.left_ == 0 && error->domain == XML_FROM_NAMESPACE) {
             context.disableSAX = 1; // the loop over the attributes makes no further messages then
         }

@@ -301,7 +301,6 @@ TEST(ReadSlpDocument, ReadsAsTheLibraryDoes) {
              inUtf16("<a b='1'>\x01</a>"),
              inUtf16("<?xml version='1.0' encoding='UTF-16'?><a b='1'/>"),
              std::string("<?xml version='1.0' encoding='ISO-8859-1'?><a b='\xe9'/>"),
-             std::string("<?xml version='1.0' encoding='UTF-7'?><a b='+AOk-'/>"),
              std::string("<?xml version='1.0' encoding='none'?><a/>"),
              "\xef\xbb\xbf<a/>",
          }) {
@@ -367,7 +366,21 @@ TEST(ReadSlpDocument, CountsParameterEntitiesAsDeclarations) {
     EXPECT_FALSE(readSlpDocument(declaring(entity + repeated("%p;", 32), document(kResult))));
 }
 
-TEST(ReadSlpDocument, TakesLongTextOnlyInWellKnownEncodings) {
+// libxml2 2.9.14 may go round for ever, or use what it has freed, when entities refer to each other
+// in a circle and a parameter entity is where it finds out.
+TEST(ReadSlpDocument, RefusesParameterEntitiesThatReferToOthers) {
+    for (const char* value : {"'&e;'", "\"<!ENTITY f '&#37;'>\"", "' %p; '", "'&#37;p;'"}) {
+        const std::string entity = std::string("<!ENTITY \t% q ") + value + ">";
+        EXPECT_FALSE(mayBeParsed(declaring(entity, document(kResult)))) << entity;
+        EXPECT_FALSE(mayBeParsed(inUtf16(declaring(entity, document(kResult))))) << entity;
+    }
+    EXPECT_EQ(parse(declaring("<!ENTITY % q '<!ELEMENT x ANY>'>%q;", document(kResult))).results,
+              kResults);
+    EXPECT_EQ(parse(declaring("<!-- <!ENTITY % q '&e;'> -->", document(kResult))).results,
+              kResults);
+}
+
+TEST(ReadSlpDocument, TakesTextOnlyInWellKnownEncodings) {
     const auto inEncoding = [](const std::string& name) {
         return "<?xml version='1.0' encoding='" + name + "'?>" +
                document(kResult + std::string(40'000, ' '));
@@ -376,7 +389,7 @@ TEST(ReadSlpDocument, TakesLongTextOnlyInWellKnownEncodings) {
         EXPECT_TRUE(readSlpDocument(inEncoding(name))) << name;
     }
     EXPECT_FALSE(readSlpDocument(inEncoding("UTF-7")));
-    EXPECT_TRUE(readSlpDocument("<?xml version='1.0' encoding='UTF-7'?>" + document(kResult)));
+    EXPECT_FALSE(readSlpDocument("<?xml version='1.0' encoding='UTF-7'?>" + document(kResult)));
 }
 
 /// Processor time of this thread that refusing the text takes.
