@@ -125,8 +125,8 @@ void skipDeclared(std::string_view& text) {
 }
 
 /// Whether the text begins with the declaration of a parameter entity whose value refers to another
-/// entity. libxml2 2.9.14 may skip the blanks of such a value for ever, or use what it has freed,
-/// when it finds there that entities refer to each other in a circle.
+/// entity. libxml2 2.9.14 may skip the blanks of such a value for ever when it finds there that
+/// entities refer to each other in a circle, and `xmlStopParser` is not safe in that place.
 bool declaresNestedParameter(std::string_view text) {
     constexpr std::string_view kEntity = "<!ENTITY";
     if (!text.starts_with(kEntity)) {
