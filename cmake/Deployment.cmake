@@ -11,6 +11,9 @@ set(ORVEXD_STORAGE_DIR "/var/lib/orvexd" CACHE PATH
     "Default storage directory")
 
 # Both become string literals of the daemon's source.
+set(ORVEXD_MEMORY_BUDGET "128" CACHE STRING
+  "MiB that the daemon holds for clients and servers at the most")
+
 foreach(value ORVEXD_SERVER_URL ORVEXD_SLP_XMLNS)
   if("${${value}}" MATCHES [=[["\\]]=])
     message(FATAL_ERROR "${value} must hold no quotation mark and no backslash; it is '${${value}}'")
@@ -31,3 +34,6 @@ foreach(directory ORVEXD_PREINST_DIR ORVEXD_STORAGE_DIR)
     message(FATAL_ERROR "${directory} must be an absolute path; it is '${${directory}}'")
   endif()
 endforeach()
+if(NOT ORVEXD_MEMORY_BUDGET MATCHES "^[1-9][0-9]?[0-9]?[0-9]?$" OR ORVEXD_MEMORY_BUDGET GREATER 2048)
+  message(FATAL_ERROR "ORVEXD_MEMORY_BUDGET must be a number of MiB from 1 to 2048; it is '${ORVEXD_MEMORY_BUDGET}'")
+endif()
