@@ -9,11 +9,10 @@ set(ORVEXD_PREINST_DIR "/usr/share/orvexd" CACHE PATH
     "Directory of orvexd.schema and the three PEM files")
 set(ORVEXD_STORAGE_DIR "/var/lib/orvexd" CACHE PATH
     "Default storage directory")
+set(ORVEXD_MEMORY_BUDGET "128" CACHE STRING
+    "MiB that the daemon holds for clients and servers at the most")
 
 # Both become string literals of the daemon's source.
-set(ORVEXD_MEMORY_BUDGET "128" CACHE STRING
-  "MiB that the daemon holds for clients and servers at the most")
-
 foreach(value ORVEXD_SERVER_URL ORVEXD_SLP_XMLNS)
   if("${${value}}" MATCHES [=[["\\]]=])
     message(FATAL_ERROR "${value} must hold no quotation mark and no backslash; it is '${${value}}'")
