@@ -13,6 +13,8 @@ class SilentOwner : public IExchangeOwner {
 public:
     std::string proxyForServer() override { return {}; }
     void postRequestData(std::uint32_t /*connection*/, std::uint32_t /*request*/) override {}
+    void postUploadRoom(std::uint32_t /*connection*/, std::uint32_t /*request*/) override {}
+    void postMemoryShort() override {}
     void announceConnectionStatus() override {}
     void onExchangeFailed(int /*code*/, const std::string& /*text*/,
                           const std::string& /*keys*/) override {}

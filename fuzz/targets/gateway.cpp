@@ -189,6 +189,9 @@ public:
                          const std::string& requests) override;
     void deliverChunk(std::uint32_t connectionId, std::uint32_t requestId, const std::string& bytes,
                       DeliveryCode code) override;
+    void resumeUpload(std::uint32_t connectionId, std::uint32_t requestId) override {
+        (void)find(connectionId, requestId);
+    }
     void dropPending(std::uint32_t connectionId, std::uint32_t requestId) override {
         (void)find(connectionId, requestId);
     }

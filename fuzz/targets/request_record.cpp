@@ -194,10 +194,12 @@ void Pair::step(Input& input) {
         check(record_.acceptPartId(id) == model_.accept(id), "a part finds its request");
     } break;
     case 'x':
-        record_.setCancelled(model_.cancelled = true);
+        model_.setCancelled(true);
+        record_.setCancelled(true);
         break;
     case 'X':
-        record_.setCancelled(model_.cancelled = false);
+        model_.setCancelled(false);
+        record_.setCancelled(false);
         break;
     case 's':
         model_.state = static_cast<int>(input.number(8));

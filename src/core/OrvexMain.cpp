@@ -159,6 +159,11 @@ int OrvexMain::sendData(std::string_view bytes, bool last, std::uint32_t connect
     return failure::kNone;
 }
 
+bool OrvexMain::isUploadCrowded(std::uint32_t connectionId, std::uint32_t requestId) const {
+    const RequestPointer request = requests_.find(connectionId, requestId);
+    return request && request->isCrowded();
+}
+
 void OrvexMain::getData(std::uint32_t connectionId, std::uint32_t requestId) {
     const RequestPointer request = requests_.find(connectionId, requestId);
     if (!request) {

@@ -72,6 +72,10 @@ public:
     [[nodiscard]] int sendData(std::string_view bytes, bool last, std::uint32_t connectionId,
                                std::uint32_t requestId);
 
+    /// Whether so much of the request's data waits for the transfer that its client should send no
+    /// more for now. If so, the service hears when that has ended.
+    [[nodiscard]] bool isUploadCrowded(std::uint32_t connectionId, std::uint32_t requestId) const;
+
     /// Asks for the next response chunk, which is posted when there is one.
     /// @throws int 41 for an unknown request.
     void getData(std::uint32_t connectionId, std::uint32_t requestId);
@@ -115,6 +119,8 @@ public:
 
     std::string proxyForServer() override { return networkManager_.proxyFor(); }
     void postRequestData(std::uint32_t connectionId, std::uint32_t requestId) override;
+    void postUploadRoom(std::uint32_t connectionId, std::uint32_t requestId) override;
+    void postMemoryShort() override;
     void announceConnectionStatus() override;
     void onExchangeFailed(int code, const std::string& errorText,
                           const std::string& keyList) override;
@@ -132,6 +138,7 @@ private:
     void reportFailure(const char* message, const Requests& failed);
     [[nodiscard]] bool isExchangeWorthwhile();
     [[nodiscard]] Requests collectSendable();
+    [[nodiscard]] static Requests::const_iterator endOfMessage(const Requests& queue);
     [[nodiscard]] bool startWorker(Requests queue);
     void storeStatus(std::uint32_t status);
     void raiseOpenDuration(std::uint32_t duration);

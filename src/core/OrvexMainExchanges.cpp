@@ -82,10 +82,25 @@ OrvexMain::Requests OrvexMain::collectSendable() {
     return sendable;
 }
 
+/// The end of the requests that one message carries. What clients gave for their requests' elements
+/// is copied into the message's first part, whose size this limits.
+OrvexMain::Requests::const_iterator OrvexMain::endOfMessage(const Requests& queue) {
+    constexpr std::size_t kMostText = std::size_t{8} * 1024 * 1024;
+    std::size_t text = 0;
+    auto end = queue.begin();
+    do { // a single request always has room
+        const ConnectionParameters& parameters = (*end)->parameters();
+        text += parameters.elementName.size() + parameters.type.size() + parameters.version.size();
+        ++end;
+    } while (end != queue.end() && text < kMostText);
+    return end;
+}
+
 bool OrvexMain::startWorker(Requests queue) {
     // In transfer order, so that each one goes to the queue's end.
     std::sort(queue.begin(), queue.end(),
               [](const auto& left, const auto& right) { return left->goesBefore(*right); });
+    queue.erase(endOfMessage(queue), queue.end()); // the others wait for the next exchange
     auto exchange = std::make_unique<Exchange>(client_, *this);
     for (const RequestPointer& request : queue) {
         exchange->addPart(request);
@@ -133,6 +148,12 @@ void OrvexMain::onExchangeFailed(int code, const std::string& errorText,
 void OrvexMain::postRequestData(std::uint32_t connectionId, std::uint32_t requestId) {
     posts_.postRequestData(connectionId, requestId);
 }
+
+void OrvexMain::postUploadRoom(std::uint32_t connectionId, std::uint32_t requestId) {
+    posts_.postUploadRoom(connectionId, requestId);
+}
+
+void OrvexMain::postMemoryShort() {}
 
 void OrvexMain::announceConnectionStatus() {
     posts_.post(

@@ -3,6 +3,7 @@
 #include "protocol/Codes.h"
 #include "request/Answer.h"
 #include "support/MainLoopPost.h"
+#include "support/MemoryBudget.h"
 
 #include <cstdint>
 #include <string>
@@ -30,6 +31,8 @@ public:
     /// Answers the getData call that is held for the request. Nothing happens when none is held.
     virtual void deliverChunk(std::uint32_t connectionId, std::uint32_t requestId,
                               const std::string& bytes, DeliveryCode code) = 0;
+    /// The request's data has room again: its client may go on.
+    virtual void resumeUpload(std::uint32_t connectionId, std::uint32_t requestId) = 0;
     /// Gives up the getData call that is held for the request, without an answer: the call ends by
     /// its client's own time-out.
     virtual void dropPending(std::uint32_t connectionId, std::uint32_t requestId) = 0;
@@ -53,12 +56,19 @@ public:
         post([=](IServiceEvents& service) { service.emitRequestData(connectionId, requestId); });
     }
 
-    /// The answer to the getData call that is held for the request.
+    /// The answer to the getData call that is held for the request. The chunk counts in the memory
+    /// budget until it is sent.
     void postChunk(std::uint32_t connectionId, std::uint32_t requestId, DeliveryCode code,
                    std::string bytes) override {
-        post([=, bytes = std::move(bytes)](IServiceEvents& service) {
+        Charge charge(MemoryBudget::process(), bytes.size());
+        post([=, bytes = std::move(bytes), charge = std::move(charge)](IServiceEvents& service) {
             service.deliverChunk(connectionId, requestId, bytes, code);
         });
+    }
+
+    /// The end of a crowded upload.
+    void postUploadRoom(std::uint32_t connectionId, std::uint32_t requestId) const {
+        post([=](IServiceEvents& service) { service.resumeUpload(connectionId, requestId); });
     }
 
     /// The end of a request: the service drops what it still holds for it.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/ServicePosts.h"
+#include "dbus/HeldSends.h"
 #include "dbus/IMainLoop.h"
 #include "dbus/PendingReplies.h"
 #include "support/BusHandles.h"
@@ -55,6 +56,8 @@ public:
                          const std::string& requests) override;
     void deliverChunk(std::uint32_t connectionId, std::uint32_t requestId, const std::string& bytes,
                       DeliveryCode code) override;
+    void resumeUpload(std::uint32_t connectionId, std::uint32_t requestId) override;
+    /// Replies to sendData that are held for the request go out: its data was accepted.
     void dropPending(std::uint32_t connectionId, std::uint32_t requestId) override;
 
 private:
@@ -91,6 +94,7 @@ private:
     std::unique_ptr<trilba::core::ISystemLocationSettings> locationSettings_;
     std::unique_ptr<OrvexMain> core_;
     PendingReplies pending_;
+    HeldSends heldSends_;
     MainLoopTimer delayedQuit_;
     std::chrono::seconds shutdownDelay_;
     bool filterInstalled_ = false;

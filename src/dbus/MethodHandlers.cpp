@@ -82,9 +82,13 @@ BusMessage makeReturn(DBusMessage& call) {
     return BusMessage(dbus_message_new_method_return(&call));
 }
 
+template <int Type, typename Value> bool append(DBusMessage& reply, Value value) {
+    return dbus_message_append_args(&reply, Type, &value, DBUS_TYPE_INVALID) != FALSE;
+}
+
 /// Sends the reply with one value in it. Nothing is sent when there is no memory for the value.
 template <int Type, typename Value> DBusHandlerResult answer(BusMessage reply, Value value) {
-    if (dbus_message_append_args(reply.get(), Type, &value, DBUS_TYPE_INVALID) != FALSE) {
+    if (append<Type>(*reply, value)) {
         BusLink::sendOrThrow(std::move(reply));
     }
     return kHandled;
@@ -237,8 +241,16 @@ DBusHandlerResult DbusService::onSendData(DBusMessage& call) {
     }
     const auto [data, last, connectionId, requestId] =
         readArguments<Bytes, bool, dbus_uint32_t, dbus_uint32_t>(call, failure::kBadArguments);
-    return answer<DBUS_TYPE_INT32>(
-        std::move(reply), dbus_int32_t{core_->sendData(data, last, connectionId, requestId)});
+    const dbus_int32_t result = core_->sendData(data, last, connectionId, requestId);
+    if (!append<DBUS_TYPE_INT32>(*reply, result)) {
+        return kHandled;
+    }
+    if (result == failure::kNone && core_->isUploadCrowded(connectionId, requestId)) {
+        heldSends_.hold(connectionId, requestId, std::move(reply));
+    } else {
+        BusLink::sendOrThrow(std::move(reply));
+    }
+    return kHandled;
 }
 
 DBusHandlerResult DbusService::onGetData(DBusMessage& call) {
@@ -264,6 +276,7 @@ DBusHandlerResult DbusService::onQuit(DBusMessage& call) {
 DBusHandlerResult DbusService::quit(DBusMessage* call) {
     core_->shutdown();
     pending_.clear();
+    heldSends_.releaseAll();
     if (call != nullptr) {
         BusLink::sendOrThrow(makeReturn(*call));
     }

@@ -70,8 +70,13 @@ void DbusService::deliverChunk(std::uint32_t connectionId, std::uint32_t request
     }
 }
 
+void DbusService::resumeUpload(std::uint32_t connectionId, std::uint32_t requestId) {
+    heldSends_.release(connectionId, requestId);
+}
+
 void DbusService::dropPending(std::uint32_t connectionId, std::uint32_t requestId) {
     pending_.drop(connectionId, requestId);
+    heldSends_.release(connectionId, requestId);
 }
 
 } // namespace orvexd

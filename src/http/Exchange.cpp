@@ -93,7 +93,7 @@ Exchange::Outcome Exchange::transfer() {
                      HttpClient::getConfiguration());
     SlpResponseParser parser(queue_);
     const int code = client_.performTransfer(headerLinesFor(boundary), body, parser);
-    if (code != failure::kNone) {
+    if (code != failure::kNone && !parser.isGivenUp()) {
         return {code, client_.errorText(), {}};
     }
     return parser.hasError() ? Outcome{parser.errorCode(), parser.errorText(), {}} : Outcome{};

@@ -4,13 +4,16 @@
 #include "config/MapWrapper.h"
 #include "http/IExchangeOwner.h"
 #include "http/KeyPassphrase.h"
+#include "http/ProcessorLimit.h"
 #include "http/RequestBody.h"
 #include "protocol/Codes.h"
 #include "slp/SlpResponseParser.h"
 #include "support/Deployment.h"
 
 #include <array>
+#include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/ssl.h>
@@ -25,6 +28,16 @@ namespace {
 
 constexpr const char* kConnectTimeout = "orvexd/connect_timeout";
 constexpr const char* kTransferTimeout = "orvexd/transfer_timeout";
+constexpr const char* kDefaultTransferTimeout = "60";
+
+/// When a transfer that begins now reaches its time-out, on g_get_monotonic_time's clock. libcurl
+/// has no time-out for a number that it refuses, and for 0.
+gint64 transferDeadline(long seconds) {
+    constexpr long kLongest = std::numeric_limits<int>::max() / 1000;
+    const bool isLimited = seconds > 0 && seconds <= kLongest;
+    return isLimited ? g_get_monotonic_time() + seconds * G_USEC_PER_SEC
+                     : std::numeric_limits<gint64>::max();
+}
 
 /// A time-out of the parameter map; a number that does not fit gives 0, libcurl's own default.
 long timeoutSeconds(const char* key, const char* fallback) {
@@ -34,11 +47,15 @@ long timeoutSeconds(const char* key, const char* fallback) {
 
 } // namespace
 
-/// What the read callback works on.
-struct HttpClient::Upload {
+/// What the callbacks of one transfer work on.
+struct HttpClient::Transfer {
     RequestBody& body;
+    SlpResponseParser& parser;
     CURL* handle = nullptr;
     bool begun = false;
+    std::uint64_t moved = 0; ///< bytes in both directions
+    unsigned pieces = 0;     ///< of the response
+    ProcessorLimit processorLimit = ProcessorLimit();
 };
 
 HttpClient::HttpClient(IExchangeOwner& owner) : owner_(owner) {
@@ -111,9 +128,14 @@ int HttpClient::performTransfer(const std::vector<std::string>& headerLines, Req
     EasyHandle handle;
     (void)setupHandle(handle); // without a handle libcurl itself reports the failure below
     setTransferOptions(handle.get(), headers, errorBuffer.data());
-    Upload upload{body, handle.get()};
-    setCallbacks(handle.get(), upload, parser);
-    const CURLcode result = curl_easy_perform(handle.get());
+    Transfer transfer{body, parser, handle.get()};
+    setCallbacks(handle.get(), transfer);
+    parser.setPatience({transferDeadline(timeoutSeconds(kTransferTimeout, kDefaultTransferTimeout)),
+                        [this] { owner_.postMemoryShort(); }});
+    CURLcode result = curl_easy_perform(handle.get());
+    if (parser.hasStalled()) {
+        result = CURLE_OPERATION_TIMEDOUT; // libcurl may not have looked at its clock any more
+    }
     parser.finish();
     long status = 0;
     curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status); // the parser judges it
@@ -127,41 +149,51 @@ void HttpClient::setTransferOptions(CURL* handle, const HeaderList& headers, cha
     curl_easy_setopt(handle, CURLOPT_POST, 1L);
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorBuffer);
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, timeoutSeconds(kConnectTimeout, "30"));
-    curl_easy_setopt(handle, CURLOPT_TIMEOUT, timeoutSeconds(kTransferTimeout, "60"));
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT, timeoutSeconds(kTransferTimeout, kDefaultTransferTimeout));
 }
 
-void HttpClient::setCallbacks(CURL* handle, Upload& upload, SlpResponseParser& parser) {
+void HttpClient::setCallbacks(CURL* handle, Transfer& transfer) {
     curl_easy_setopt(handle, CURLOPT_READFUNCTION, &HttpClient::readBody);
-    curl_easy_setopt(handle, CURLOPT_READDATA, &upload);
+    curl_easy_setopt(handle, CURLOPT_READDATA, &transfer);
     curl_easy_setopt(handle, CURLOPT_PROXY, owner_.proxyForServer().c_str());
     curl_easy_setopt(handle, CURLOPT_NOPROXY, ""); // the platform decides, not the environment
     curl_easy_setopt(handle, CURLOPT_URL, deployment::kServerUrl);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &HttpClient::writeResponse);
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &parser);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &transfer);
     curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, &HttpClient::socketOptionCallback);
     curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT,
                      freshConnectRequested_.exchange(false) ? 1L : 0L);
 }
 
 std::size_t HttpClient::writeResponse(char* data, std::size_t size, std::size_t count,
-                                      void* parser) noexcept {
+                                      void* transfer) noexcept {
+    constexpr unsigned kPiecesPerLook = 64; // a look at the clock costs more than a small piece
+    auto& self = *static_cast<Transfer*>(transfer);
+    SlpResponseParser& parser = self.parser;
     try {
-        return static_cast<SlpResponseParser*>(parser)->feed({data, size * count});
+        const std::size_t taken = parser.feed({data, size * count});
+        self.moved += taken;
+        if (++self.pieces % kPiecesPerLook == 0 && self.processorLimit.isExceeded(self.moved)) {
+            parser.giveUp("faulty MIME data");
+        }
+        return parser.isGivenUp() || parser.hasStalled() ? 0 : taken;
     } catch (...) {
         return 0; // libcurl ends the transfer with a write error
     }
 }
 
 std::size_t HttpClient::readBody(char* buffer, std::size_t size, std::size_t count,
-                                 void* upload) noexcept {
-    auto& self = *static_cast<Upload*>(upload);
+                                 void* transfer) noexcept {
+    auto& self = *static_cast<Transfer*>(transfer);
     if (!std::exchange(self.begun, true)) {
         // The connection stands, so the key has been read: libcurl need not keep its copy of the
         // pass phrase for as long as clients deliver.
         curl_easy_setopt(self.handle, CURLOPT_KEYPASSWD, nullptr);
     }
     try {
-        return self.body.readBody({buffer, size * count});
+        const std::size_t read = self.body.readBody({buffer, size * count});
+        self.moved += read == CURL_READFUNC_ABORT ? 0 : read;
+        return read;
     } catch (...) {
         return CURL_READFUNC_ABORT;
     }

@@ -76,15 +76,15 @@ public:
     [[nodiscard]] static std::string hexDump(std::string_view bytes);
 
 private:
-    struct Upload;
+    struct Transfer;
 
     static void setTransferOptions(CURL* handle, const HeaderList& headers, char* errorBuffer);
-    void setCallbacks(CURL* handle, Upload& upload, SlpResponseParser& parser);
+    void setCallbacks(CURL* handle, Transfer& transfer);
 
     static std::size_t writeResponse(char* data, std::size_t size, std::size_t count,
-                                     void* parser) noexcept;
+                                     void* transfer) noexcept;
     static std::size_t readBody(char* buffer, std::size_t size, std::size_t count,
-                                void* upload) noexcept;
+                                void* transfer) noexcept;
 
     IExchangeOwner& owner_;
     std::string errorText_; // worker thread

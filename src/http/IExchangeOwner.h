@@ -19,6 +19,12 @@ public:
     /// Posts the question for the request's data to its client. The data mutex is held.
     virtual void postRequestData(std::uint32_t connectionId, std::uint32_t requestId) = 0;
 
+    /// Posts that the request's data has room again. The data mutex is held.
+    virtual void postUploadRoom(std::uint32_t connectionId, std::uint32_t requestId) = 0;
+
+    /// Posts that an answer waits because others use the memory budget up.
+    virtual void postMemoryShort() = 0;
+
     /// Posts an announcement of the connection status as it is. The data mutex is held.
     virtual void announceConnectionStatus() = 0;
 

@@ -123,6 +123,9 @@ RequestBody::Slice RequestBody::takePart(RequestData& part, std::span<char> buff
     const bool raw = part.parameters().transferEncoding == kRawEncoding;
     const std::span<char> room = raw ? buffer : std::span<char>(scratch_);
     const OutgoingPart::Piece taken = part.takeRequestData(room.first(limit));
+    if (taken.hasRoom) {
+        owner_.postUploadRoom(part.connectionId(), part.requestId());
+    }
     if (taken.finished) {
         advanceToNextPart();
     }

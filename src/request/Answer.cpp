@@ -10,7 +10,24 @@ namespace {
 constexpr std::size_t kLeastStoredChunk = std::size_t{4} * 1024;
 constexpr std::size_t kLargestStoredChunk = std::size_t{256} * 1024;
 
+/// What a buffer takes beside its bytes: a node of the list with its pointers.
+constexpr std::size_t kBufferRecord = 96;
+
 } // namespace
+
+class Answer::Recount {
+public:
+    Recount(Charge& charge, const ByteQueue& queue) noexcept
+        : charge_(charge), queue_(queue), before_(queue.footprint()) {}
+    ~Recount() { charge_.set(charge_.bytes() - before_ + queue_.footprint()); }
+    Recount(const Recount&) = delete;
+    Recount& operator=(const Recount&) = delete;
+
+private:
+    Charge& charge_;
+    const ByteQueue& queue_;
+    const std::size_t before_;
+};
 
 // -- back-pressure -------------------------------------------------------------------------------
 
@@ -50,14 +67,15 @@ BackPressure::Outcome BackPressure::pause(Mutex& lock) noexcept {
 // -- announced parts -----------------------------------------------------------------------------
 
 Answer::Answer(std::uint32_t connectionId, std::uint32_t requestId, std::uint32_t chunkSize,
-               std::atomic<RequestState>& state, IChunkReceiver* receiver)
+               std::atomic<RequestState>& state, IChunkReceiver* receiver, MemoryBudget& budget)
     : connectionId_(connectionId),
       requestId_(requestId),
       chunkSize_(std::min<std::size_t>(chunkSize, kLargestChunk)),
       receiver_(receiver),
       state_(state),
-      pressure_(chunkSize_) {
-    responseBuffers_.emplace_back(blockSize());
+      pressure_(chunkSize_),
+      charge_(budget) {
+    openBuffer();
 }
 
 void Answer::setExpectedPartIds(const std::vector<std::string>& ids) {
@@ -89,11 +107,15 @@ bool Answer::acceptPartId(const std::string& id) {
 
 // -- bytes ---------------------------------------------------------------------------------------
 
-void Answer::add(std::string_view bytes, bool partComplete) {
+Answer::Added Answer::add(std::string_view bytes, bool partComplete, const Patience& patience) {
+    if (!awaitRoom(bytes, partComplete, patience)) {
+        return Added::NoRoom;
+    }
+    Added added = Added::Stored;
     bool yields = false;
     {
         const Lock guard(lock_);
-        store(bytes, partComplete);
+        added = store(bytes, partComplete);
         if (!cancelled_) {
             yields = pressure_.takeYield();
             (void)pressure_.pause(lock_); // what ended it makes no difference
@@ -104,24 +126,91 @@ void Answer::add(std::string_view bytes, bool partComplete) {
         // one of them waits for it holds up all three, for as long as a time slice lasts.
         g_thread_yield();
     }
+    return added;
 }
 
-void Answer::store(std::string_view bytes, bool partComplete) {
+/// Waits until the rest of `bytes` may be stored.
+/// @param bytes loses at its front what is handed on meanwhile.
+/// @return false when there was no room until the deadline.
+bool Answer::awaitRoom(std::string_view& bytes, bool partComplete, const Patience& patience) {
+    if (canStore(bytes, partComplete)) {
+        return true;
+    }
+    RoomWait change(charge_.budget());
+    if (patience.memoryIsShort && !charge_.budget().hasRoomForData()) {
+        patience.memoryIsShort();
+    }
+    while (!canStore(bytes, partComplete)) {
+        if (!change.wait(patience.deadline)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// Whether the bytes may be stored. Without room for them, chunks go on to a client that waits, and
+/// what such a client takes as a whole may always be stored.
+bool Answer::canStore(std::string_view& bytes, bool partComplete) {
+    constexpr std::size_t kLineBreak = 2;
+    const Lock guard(lock_);
+    if (cancelled_ || charge_.hasRoomForData()) {
+        return true;
+    }
+    if (!isClientAtEnd()) {
+        return bytes.empty();
+    }
+    const std::size_t end = partComplete ? kLineBreak : 0; // may be no data
+    if (bytes.size() <= chunkSize_ + end) {
+        return true;
+    }
+    state_ = RequestState::Receiving;
+    post(DeliveryCode::PartContinues, std::string(bytes.substr(0, chunkSize_)));
+    bytes.remove_prefix(chunkSize_);
+    return false;
+}
+
+/// Whether the client waits in the middle of a part of which nothing is stored.
+bool Answer::isClientAtEnd() const noexcept {
+    return !waitingForGetData_ && responseBuffers_.size() == 1 &&
+           responseBuffers_.front().code == DeliveryCode::PartContinues &&
+           responseBuffers_.front().bytes.empty();
+}
+
+Answer::Added Answer::store(std::string_view bytes, bool partComplete) {
     if (!partComplete && passThrough(bytes)) {
-        return;
+        return Added::Stored;
     }
     if (!cancelled_ && !appendToPart(bytes, partComplete)) {
-        return;
+        return Added::Stored;
     }
+    Added added = Added::Stored;
     if (!partComplete) {
         state_ = RequestState::Receiving;
     } else if (++completedParts_ == expectedParts_) {
         state_ = RequestState::AllPartsReceived;
     } else {
         state_ = RequestState::PartReceived;
-        responseBuffers_.emplace_back(blockSize());
+        if (responseBuffers_.size() >= charge_.budget().accountBound() / kPartCost) {
+            added = Added::TooMany;
+        }
+        openBuffer();
     }
     (void)deliverStored(); // nothing to deliver is as good here
+    return added;
+}
+
+/// Begins the next part. A cancelled answer stores none.
+void Answer::openBuffer() {
+    if (!cancelled_) {
+        responseBuffers_.emplace_back(blockSize());
+        charge_.add(kBufferRecord);
+    }
+}
+
+/// The front part has been delivered.
+void Answer::closeFrontBuffer() {
+    charge_.remove(kBufferRecord + responseBuffers_.front().bytes.footprint());
+    responseBuffers_.pop_front();
 }
 
 /// @return false when the whole answer has been delivered: a server that repeats a part adds
@@ -131,6 +220,7 @@ bool Answer::appendToPart(std::string_view bytes, bool partComplete) {
         return false;
     }
     ResponseBuffer& last = responseBuffers_.back();
+    const Recount recount(charge_, last.bytes);
     last.bytes.append(bytes);
     pressure_.stored(bytes.size());
     if (partComplete) {
@@ -147,13 +237,11 @@ bool Answer::appendToPart(std::string_view bytes, bool partComplete) {
 /// the chunk has no room for. Only in the middle of a part of which nothing is stored.
 /// @return false when the bytes have to be stored first.
 bool Answer::passThrough(std::string_view bytes) {
-    if (cancelled_ || waitingForGetData_ || responseBuffers_.size() != 1) {
+    if (cancelled_ || !isClientAtEnd()) {
         return false;
     }
     ResponseBuffer& buffer = responseBuffers_.front();
-    if (buffer.code != DeliveryCode::PartContinues || !buffer.bytes.empty()) {
-        return false;
-    }
+    const Recount recount(charge_, buffer.bytes);
     const std::size_t size = std::min(chunkSize_, bytes.size());
     std::string chunk(bytes.substr(0, size));
     buffer.bytes.append(bytes.substr(size));
@@ -195,10 +283,14 @@ bool Answer::deliverStored() {
     }
     ResponseBuffer& front = responseBuffers_.front();
     const DeliveryCode code = nextCode(front);
-    std::string chunk = front.bytes.take(chunkSize_);
+    std::string chunk;
+    {
+        const Recount recount(charge_, front.bytes);
+        chunk = front.bytes.take(chunkSize_);
+    }
     pressure_.fetched(chunk.size());
     if (code != DeliveryCode::PartContinues) {
-        responseBuffers_.pop_front();
+        closeFrontBuffer();
     }
     if (state_ == RequestState::AllPartsReceived && responseBuffers_.empty()) {
         state_ = RequestState::Delivered;
@@ -219,12 +311,9 @@ DeliveryCode Answer::nextCode(const ResponseBuffer& front) const noexcept {
 void Answer::requestNextChunk() {
     const Lock guard(lock_);
     waitingForGetData_ = false;
-    if (responseBuffers_.empty()) {
+    if (isClientAtEnd()) { // still being filled: the next bytes deliver
+        charge_.budget().notifyChange();
         return;
-    }
-    const ResponseBuffer& front = responseBuffers_.front();
-    if (front.bytes.empty() && front.code == DeliveryCode::PartContinues) {
-        return; // still being filled: the next bytes deliver
     }
     (void)deliverStored(); // false only when there is nothing to deliver
 }
@@ -232,6 +321,12 @@ void Answer::requestNextChunk() {
 void Answer::setCancelled(bool cancelled) {
     const Lock guard(lock_);
     cancelled_ = cancelled;
+    if (cancelled) {
+        pressure_.dropped(pressure_.waiting());
+        responseBuffers_.clear();
+        charge_.set(0);
+        charge_.budget().notifyChange();
+    }
 }
 
 bool Answer::isCancelled() const {

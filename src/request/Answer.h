@@ -3,6 +3,7 @@
 #include "protocol/Codes.h"
 #include "protocol/States.h"
 #include "support/ByteQueue.h"
+#include "support/MemoryBudget.h"
 #include "support/Threads.h"
 
 #include <algorithm>
@@ -10,10 +11,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <limits>
 #include <list>
+#include <map>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace orvexd {
@@ -98,8 +101,21 @@ private:
     Condition drained_;
 };
 
+/// How long the worker waits when there is no room for an answer's bytes.
+struct Patience {
+    /// Microseconds on g_get_monotonic_time's clock; for ever unless told.
+    gint64 deadline = std::numeric_limits<gint64>::max();
+    /// Told once for each wait whose cause is not the answer alone: the whole budget is used up.
+    std::function<void()> memoryIsShort;
+};
+
 /// The answer to one request: which response parts the server announced, and their bytes on the way
 /// to the client, one chunk for each getData.
+///
+/// What is stored counts in the process's memory budget. When that has no room, or this answer
+/// holds its share of it, the worker waits until the client fetches, and hands on what the client
+/// asks for without storing it. TCP stops the server meanwhile, and the transfer's own time-out
+/// ends a wait that nobody ends.
 ///
 /// The worker fills it, the main loop asks for chunks; one lock guards the stored bytes. What is
 /// known of announced parts belongs to the worker alone.
@@ -109,11 +125,23 @@ public:
     /// messages above 32 MiB and disconnects their sender.
     static constexpr std::size_t kLargestChunk = std::size_t{16} * 1024 * 1024;
 
+    /// What an empty part that nobody has fetched costs, allocator included. So many parts may wait
+    /// that all of them together cost a single account's bound.
+    static constexpr std::size_t kPartCost = 400;
+
+    /// What `add` did with the bytes.
+    enum class Added {
+        Stored,  ///< stored, handed on, or dropped because the answer is cancelled
+        TooMany, ///< a further part would be one too many; the bytes are stored
+        NoRoom,  ///< dropped, as there was no room until the deadline
+    };
+
     /// @param chunkSize largest number of bytes in one delivery, as the client named it.
     /// @param state of the request; changed as parts arrive and leave.
     /// @param receiver of the chunks, not owned; null drops them.
+    /// @param budget must outlive this object.
     Answer(std::uint32_t connectionId, std::uint32_t requestId, std::uint32_t chunkSize,
-           std::atomic<RequestState>& state, IChunkReceiver* receiver);
+           std::atomic<RequestState>& state, IChunkReceiver* receiver, MemoryBudget& budget);
 
     // -- announced parts; worker --------------------------------------------------------------
 
@@ -127,14 +155,18 @@ public:
     [[nodiscard]] bool hasExpectedPartIds() const noexcept { return expectedParts_ > 0; }
     /// Whether an announced part has not begun yet.
     [[nodiscard]] bool hasOutstandingPartIds() const noexcept { return outstandingParts_ > 0; }
+    /// Gives the memory of the ids back when no more parts can come. How many were announced and
+    /// are outstanding stays known.
+    void forgetPartIds() noexcept { outstandingById_.clear(); }
 
     // -- bytes --------------------------------------------------------------------------------
 
-    /// Stores a piece of the current response part and delivers a chunk if the client waits. Pauses
-    /// afterwards for up to 10 ms when the client is far behind. Worker.
+    /// Stores a piece of the current response part and delivers a chunk if the client waits. Waits
+    /// before when there is no room, and pauses afterwards for up to 10 ms when the client is far
+    /// behind. Worker.
     /// @param partComplete the piece ends the part. One CR LF at the part's end is not data.
     /// @throws std::bad_alloc.
-    void add(std::string_view bytes, bool partComplete);
+    Added add(std::string_view bytes, bool partComplete, const Patience& patience = {});
 
     /// Delivers one chunk if the client waits for one. Any thread.
     /// @return false when nothing can be delivered.
@@ -155,8 +187,8 @@ public:
     /// Stored bytes at which the worker pauses.
     [[nodiscard]] std::size_t highWater() const noexcept { return pressure_.highWater(); }
 
-    /// A cancelled answer stores no more bytes, and its worker pauses for nobody. It still counts
-    /// parts, so that the request reaches Delivered. No chunk is posted after the call, so what the
+    /// A cancelled answer drops its bytes and stores no more, and its worker waits for nobody. It
+    /// still counts parts, so that the request reaches Delivered. No chunk is posted after the call, so what the
     /// caller posts next comes behind all of them. Any thread.
     void setCancelled(bool cancelled);
     [[nodiscard]] bool isCancelled() const;
@@ -170,7 +202,16 @@ private:
         DeliveryCode code = DeliveryCode::PartContinues;
     };
 
-    void store(std::string_view bytes, bool partComplete);
+    /// Keeps the charge in step with a buffer that is changed while this object lives.
+    class Recount;
+
+    [[nodiscard]] bool awaitRoom(std::string_view& bytes, bool partComplete,
+                                 const Patience& patience);
+    [[nodiscard]] bool canStore(std::string_view& bytes, bool partComplete);
+    [[nodiscard]] bool isClientAtEnd() const noexcept;
+    Added store(std::string_view bytes, bool partComplete);
+    void openBuffer();
+    void closeFrontBuffer();
     bool appendToPart(std::string_view bytes, bool partComplete);
     bool passThrough(std::string_view bytes);
     bool deliverStored();
@@ -185,7 +226,8 @@ private:
     std::atomic<RequestState>& state_;
 
     /// How many of the parts announced under one id have not been seen yet, by id. Worker.
-    std::unordered_map<std::string, std::size_t> outstandingById_;
+    /// Ordered: a server chooses the ids, and could choose them to collide in a hash table.
+    std::map<std::string, std::size_t> outstandingById_;
     std::size_t expectedParts_ = 0;    // worker; announcements, repeated ids included
     std::size_t outstandingParts_ = 0; // worker; announced parts not seen yet
     std::size_t completedParts_ = 0;   // worker
@@ -195,6 +237,7 @@ private:
     bool cancelled_ = false;                    // guarded by lock_
     std::list<ResponseBuffer> responseBuffers_; // guarded by lock_; one per part, oldest first
     BackPressure pressure_;                     // guarded by lock_
+    Charge charge_;                             // guarded by lock_; what the buffers take
 };
 
 } // namespace orvexd

@@ -1,5 +1,7 @@
 #include "request/OutgoingPart.h"
 
+#include <utility>
+
 namespace orvexd {
 
 void OutgoingPart::writeHeader(std::string_view boundary, std::string_view contentId) {
@@ -20,7 +22,7 @@ void OutgoingPart::append(std::string_view bytes, bool last) {
 
 bool OutgoingPart::appendIfAccepting(std::string_view bytes, bool last) {
     const Lock guard(lock_);
-    if (!accepting_) {
+    if (!accepting_ || !charge_.hasRoomForData()) {
         return false;
     }
     store(bytes, last);
@@ -35,6 +37,7 @@ void OutgoingPart::store(std::string_view bytes, bool last) {
         headerStored_ = true;
     }
     bytes_.append(bytes);
+    charge_.set(bytes_.footprint());
     lastDataGiven_ = last;
 }
 
@@ -45,8 +48,17 @@ OutgoingPart::Piece OutgoingPart::take(std::span<char> room) {
     const bool finished = bytes_.empty() && lastDataGiven_;
     if (finished) {
         accepting_ = false;
+        bytes_.clear();
     }
-    return {taken, finished};
+    charge_.set(bytes_.footprint());
+    const bool hasRoom = bytes_.size() <= kPromptBytes && std::exchange(roomAwaited_, false);
+    return {taken, finished, hasRoom};
+}
+
+bool OutgoingPart::isCrowded() {
+    const Lock guard(lock_);
+    roomAwaited_ = bytes_.size() > kPromptBytes;
+    return roomAwaited_;
 }
 
 bool OutgoingPart::isAccepting() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/ByteQueue.h"
+#include "support/MemoryBudget.h"
 #include "support/Statistics.h"
 #include "support/Threads.h"
 
@@ -30,19 +31,28 @@ struct ConnectionParameters {
 
 /// The MIME part in which a request's data goes to the server, while the client still delivers it.
 ///
+/// What is not taken yet counts in the process's memory budget. Only one part accepts data at a
+/// time, the current one of the exchange, so its bytes are all that a user has under way.
+///
 /// The main loop appends, the worker takes; one lock guards what both touch. Lock order: the
 /// transfer's data mutex comes before this lock. Nobody who holds this lock takes that mutex.
 class OutgoingPart {
 public:
+    /// Bytes that may wait for the transfer before the client is slowed down.
+    static constexpr std::size_t kPromptBytes = std::size_t{8} * 1024 * 1024;
+
     /// What one take has brought.
     struct Piece {
         std::size_t bytes; ///< how many bytes were copied
         bool finished;     ///< nothing is left and the client marked its data as complete
+        bool hasRoom;      ///< the part was crowded, is not any more, and somebody waits for that
     };
 
     /// @param parameters of the client's connection: content type and transfer encoding.
-    explicit OutgoingPart(std::shared_ptr<const ConnectionParameters> parameters) noexcept
-        : parameters_(std::move(parameters)) {}
+    /// @param budget must outlive this object.
+    OutgoingPart(std::shared_ptr<const ConnectionParameters> parameters,
+                 MemoryBudget& budget) noexcept
+        : parameters_(std::move(parameters)), charge_(budget) {}
 
     /// Composes the part's header lines: delimiter, Content-Type, Content-Transfer-Encoding,
     /// Content-Id. They wait for the first data, so that an empty line can follow them. Worker.
@@ -60,12 +70,16 @@ public:
 
     /// `append` if the transfer asks for this part's data. Test and append are one step, so that
     /// data is either taken or refused, never lost in between. Any thread.
-    /// @return false when the part does not accept data.
+    /// @return false when the part does not accept data, or when there is no room for it.
     [[nodiscard]] bool appendIfAccepting(std::string_view bytes, bool last);
 
     /// Moves up to room.size() bytes into `room`. A take that finishes the part ends the acceptance
     /// of data in the same step, so that no data is accepted and then left behind. Worker.
     [[nodiscard]] Piece take(std::span<char> room);
+
+    /// Whether more than `kPromptBytes` wait for the transfer. If so, the take that ends that says
+    /// so. Main loop.
+    [[nodiscard]] bool isCrowded();
 
     /// True while the transfer asks the client for this part's data. Any thread.
     [[nodiscard]] bool isAccepting() const;
@@ -88,6 +102,8 @@ private:
     ByteQueue bytes_;            // guarded by lock_
     bool lastDataGiven_ = false; // guarded by lock_
     bool accepting_ = false;     // guarded by lock_
+    bool roomAwaited_ = false;   // guarded by lock_
+    Charge charge_;              // guarded by lock_; what bytes_ takes
 };
 
 } // namespace orvexd

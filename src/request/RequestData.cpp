@@ -7,14 +7,15 @@ namespace orvexd {
 
 RequestData::RequestData(std::uint32_t connectionId, std::uint32_t requestId, bool prepared,
                          std::shared_ptr<const ConnectionParameters> parameters,
-                         std::uint32_t connectionPolicy, IChunkReceiver* owner)
+                         std::uint32_t connectionPolicy, IChunkReceiver* owner,
+                         MemoryBudget& budget)
     : connectionId_(connectionId),
       requestId_(requestId),
       prepared_(prepared),
       connectionPolicy_(connectionPolicy),
       parameters_(std::move(parameters)),
-      part_(parameters_),
-      answer_(connectionId, requestId, parameters_->chunkSize, state_, owner) {}
+      part_(parameters_, budget),
+      answer_(connectionId, requestId, parameters_->chunkSize, state_, owner, budget) {}
 
 void RequestData::raiseState(RequestState state) noexcept {
     RequestState current = state_;

@@ -39,9 +39,11 @@ class RequestData {
 public:
     /// @param connectionPolicy which network connections the request may use.
     /// @param owner receiver of the chunks, not owned; null drops them.
+    /// @param budget of what the request holds; must outlive it.
     RequestData(std::uint32_t connectionId, std::uint32_t requestId, bool prepared,
                 std::shared_ptr<const ConnectionParameters> parameters,
-                std::uint32_t connectionPolicy = NotFlagged, IChunkReceiver* owner = nullptr);
+                std::uint32_t connectionPolicy = NotFlagged, IChunkReceiver* owner = nullptr,
+                MemoryBudget& budget = MemoryBudget::process());
     virtual ~RequestData() = default;
 
     // -- what never changes; any thread -------------------------------------------------------
@@ -94,6 +96,7 @@ public:
     [[nodiscard]] OutgoingPart::Piece takeRequestData(std::span<char> room) {
         return part_.take(room);
     }
+    [[nodiscard]] bool isCrowded() { return part_.isCrowded(); }
     void setAcceptingData(bool accepting) { part_.setAccepting(accepting); }
     [[nodiscard]] bool isAcceptingData() const { return part_.isAccepting(); }
     [[nodiscard]] bool dataTransferStarted() const noexcept { return part_.hasStarted(); }
@@ -109,8 +112,10 @@ public:
     [[nodiscard]] bool hasOutstandingPartIds() const noexcept {
         return answer_.hasOutstandingPartIds();
     }
-    void addResponseData(std::string_view bytes, bool partComplete) {
-        answer_.add(bytes, partComplete);
+    void forgetPartIds() noexcept { answer_.forgetPartIds(); }
+    Answer::Added addResponseData(std::string_view bytes, bool partComplete,
+                                  const Patience& patience = {}) {
+        return answer_.add(bytes, partComplete, patience);
     }
     bool deliverNext() { return answer_.deliverNext(); }
     void requestNextChunk() { answer_.requestNextChunk(); }

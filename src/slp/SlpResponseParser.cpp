@@ -16,6 +16,14 @@ namespace {
 constexpr auto kNone = std::string_view::npos;
 constexpr std::string_view kLineBreak = "\r\n";
 constexpr std::string_view kHeadStart = "HTTP";
+constexpr const char* kFaultyMime = "faulty MIME data";
+constexpr const char* kFaultyDocument = "could not parse document";
+
+/// What an announced part id costs: an entry, and a copy of its text, in each of three tables.
+std::size_t costOf(const std::string& id) {
+    constexpr std::size_t kEntries = 320;
+    return kEntries + 3 * id.size();
+}
 
 /// The end of `bytes` that may be the line break in front of a delimiter.
 std::string_view lineBreakAtEnd(std::string_view bytes) {
@@ -27,12 +35,13 @@ std::string_view lineBreakAtEnd(std::string_view bytes) {
 
 } // namespace
 
-SlpResponseParser::SlpResponseParser(std::span<const std::shared_ptr<RequestData>> requests)
-    : requests_(requests) {}
+SlpResponseParser::SlpResponseParser(std::span<const std::shared_ptr<RequestData>> requests,
+                                     MemoryBudget& budget)
+    : requests_(requests), kept_(budget), ids_(budget) {}
 
 std::size_t SlpResponseParser::feed(std::string_view chunk) {
-    if (chunk.empty()) {
-        return 0;
+    if (chunk.empty() || givenUp_) {
+        return chunk.size();
     }
     // A further head follows that of an interim answer or of a proxy. Faults of the first head do
     // not count.
@@ -46,7 +55,28 @@ std::size_t SlpResponseParser::feed(std::string_view chunk) {
     } else {
         feedBody(chunk);
     }
+    kept_.set(pending_.capacity());
     return chunk.size();
+}
+
+/// Appends to `pending_`.
+/// @return false when it would hold more than `limit`: the response is given up then.
+bool SlpResponseParser::keep(std::string_view bytes, std::size_t limit, const char* error) {
+    if (bytes.size() > limit - std::min(limit, pending_.size())) {
+        giveUp(error);
+        return false;
+    }
+    pending_.append(bytes);
+    return true;
+}
+
+void SlpResponseParser::giveUp(std::string text) {
+    recordError(failure::kFormat, std::move(text));
+    givenUp_ = true;
+    pending_ = std::string();
+    kept_.set(0);
+    currentRequest_ = nullptr;
+    inHeaderPart_ = false;
 }
 
 void SlpResponseParser::feedHead(std::string_view chunk) {
@@ -55,7 +85,9 @@ void SlpResponseParser::feedHead(std::string_view chunk) {
         return;
     }
     const std::size_t searched = pending_.size() - std::min(pending_.size(), kBlankLine.size() - 1);
-    pending_.append(chunk);
+    if (!keep(chunk, kLargestHead, kFaultyMime)) {
+        return;
+    }
     const std::size_t end = findBytes(pending_, kBlankLine, searched);
     if (end != kNone) {
         parseHead(std::string_view(pending_).substr(0, end));
@@ -86,7 +118,7 @@ void SlpResponseParser::feedBody(std::string_view chunk) {
         completePart(chunk.substr(0, delimiter));
     }
     NextOccurrence closing(chunk, closingDelimiter_);
-    while (true) { // every delimiter opens a part, the next one completes it
+    while (!givenUp_) { // every delimiter opens a part, the next one completes it
         const std::size_t end = closing.from(delimiter);
         // The bytes behind a delimiter are skipped when the end of the response is in sight.
         const std::size_t skipped = end == kNone ? 0 : closingDelimiter_.size() - delimiter_.size();
@@ -107,7 +139,7 @@ void SlpResponseParser::feedWithoutDelimiter(std::string_view chunk) {
         return; // the preamble
     }
     if (inHeaderPart_) {
-        pending_.append(chunk);
+        (void)keep(chunk, kLargestStartPart, kFaultyDocument);
     } else if (currentRequest_ != nullptr) {
         deliver(chunk, false);
     } else if (!skipping_) { // the delimiter, or its line break, ended the chunk before
@@ -118,7 +150,9 @@ void SlpResponseParser::feedWithoutDelimiter(std::string_view chunk) {
 /// Keeps the header lines of a new part until their empty line has come.
 void SlpResponseParser::collectHeaderBlock(std::string_view chunk) {
     const std::size_t searched = pending_.size() - std::min(pending_.size(), kBlankLine.size() - 1);
-    pending_.append(chunk);
+    if (!keep(chunk, kLargestHeaderBlock, kFaultyMime)) {
+        return;
+    }
     const std::size_t blankLine = findBytes(pending_, kBlankLine, searched);
     if (blankLine != kNone) {
         const std::string part = std::exchange(pending_, {});
@@ -156,8 +190,7 @@ void SlpResponseParser::handlePart(std::string_view piece, bool partComplete) {
         return;
     }
     if (inHeaderPart_) {
-        pending_.append(piece);
-        if (partComplete) {
+        if (keep(piece, kLargestStartPart, kFaultyDocument) && partComplete) {
             parseSlpHeaderPart(pending_);
         }
         return;
@@ -171,7 +204,7 @@ void SlpResponseParser::handlePart(std::string_view piece, bool partComplete) {
     if (blankLine != kNone) {
         handleNewPart(piece, blankLine, partComplete);
     } else if (!piece.empty() && piece != kLineBreak) {
-        recordError(failure::kFormat, "faulty MIME data");
+        recordError(failure::kFormat, kFaultyMime);
     }
 }
 
@@ -183,7 +216,7 @@ void SlpResponseParser::handleNewPart(std::string_view part, std::size_t blankLi
         if (partComplete) {
             parseSlpHeaderPart(part);
         } else {
-            pending_.append(part);
+            (void)keep(part, kLargestStartPart, kFaultyDocument);
         }
         return;
     }
@@ -192,6 +225,9 @@ void SlpResponseParser::handleNewPart(std::string_view part, std::size_t blankLi
         return;
     }
     expectNextPart(headerValue(headers, "x-slp-next-part-id"));
+    if (givenUp_) {
+        return;
+    }
     deliver(part.substr(blankLine + kBlankLine.size()), partComplete, true);
     if (partComplete) {
         currentRequest_ = nullptr;
@@ -221,6 +257,10 @@ void SlpResponseParser::expectNextPart(const std::string& id) {
     if (id.empty()) {
         return;
     }
+    nextPartCost_ += costOf(id);
+    if (!chargeIds(kFaultyMime)) {
+        return;
+    }
     currentRequest_->addExpectedPartId(id);
     const auto [entry, added] = positions_.try_emplace(id, currentPosition_);
     if (!added) {
@@ -248,7 +288,16 @@ void SlpResponseParser::deliver(std::string_view bytes, bool partComplete, bool 
             return;
         }
     }
-    currentRequest_->addResponseData(bytes, partComplete);
+    switch (currentRequest_->addResponseData(bytes, partComplete, patience_)) {
+    case Answer::Added::Stored:
+        break;
+    case Answer::Added::TooMany:
+        giveUp(kFaultyMime);
+        break;
+    case Answer::Added::NoRoom:
+        stalled_ = true;
+        break;
+    }
 }
 
 void SlpResponseParser::parseSlpHeaderPart(std::string_view part) {
@@ -257,16 +306,45 @@ void SlpResponseParser::parseSlpHeaderPart(std::string_view part) {
         recordError(failure::kFormat, "Invalid SLP header part");
         return;
     }
-    const XmlDocument document = readSlpDocument(part.substr(blankLine + kBlankLine.size()));
-    if (!document) {
-        recordError(failure::kFormat, "could not parse document");
-    } else if (auto error = parseSlpResponse(xmlDocGetRootElement(document.get()), resultMap_)) {
-        recordError(error->code, std::move(error->text));
-    } else {
+    if (auto error = readResults(part.substr(blankLine + kBlankLine.size()))) {
+        recordError(error->code, std::move(error->text)); // results in front of the fault count
+        (void)chargeResults();
+    } else if (chargeResults()) {
         announcePartIds();
     }
-    pending_ = std::string(); // gives the memory of a large start part back
-    inHeaderPart_ = false;
+    if (!givenUp_) {
+        pending_ = std::string(); // gives the memory of a large start part back
+        inHeaderPart_ = false;
+    }
+}
+
+std::optional<SlpError> SlpResponseParser::readResults(std::string_view text) {
+    const XmlDocument document = readSlpDocument(text);
+    if (!document) {
+        return SlpError{failure::kFormat, kFaultyDocument};
+    }
+    return parseSlpResponse(xmlDocGetRootElement(document.get()), resultMap_);
+}
+
+/// Counts the announced ids in the memory budget. When there is no room for them, the response is
+/// given up.
+/// @return whether there is.
+bool SlpResponseParser::chargeResults() {
+    resultCost_ = 0;
+    for (const auto& [oid, ids] : resultMap_) {
+        for (const std::string& id : ids) {
+            resultCost_ += costOf(id);
+        }
+    }
+    return chargeIds(kFaultyDocument);
+}
+
+bool SlpResponseParser::chargeIds(const char* error) {
+    ids_.set(resultCost_ + nextPartCost_);
+    if (!ids_.hasRoom()) {
+        giveUp(error);
+    }
+    return !givenUp_;
 }
 
 void SlpResponseParser::announcePartIds() {
@@ -293,8 +371,11 @@ void SlpResponseParser::finish() {
     const bool complete = std::all_of(requests_.begin(), requests_.end(), [](const auto& request) {
         return request->hasExpectedPartIds() && !request->hasOutstandingPartIds();
     });
-    if (!complete) {
+    if (!complete && !givenUp_) {
         recordError(failure::kFormat, "missing MIME parts");
+    }
+    for (const auto& request : requests_) {
+        request->forgetPartIds(); // its answer may be fetched much later
     }
 }
 

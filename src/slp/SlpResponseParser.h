@@ -1,13 +1,16 @@
 #pragma once
 
+#include "request/Answer.h"
 #include "slp/SlpDocument.h"
+#include "support/MemoryBudget.h"
 
 #include <cstddef>
+#include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 namespace orvexd {
 
@@ -22,12 +25,26 @@ class RequestData;
 /// at the end of a chunk, which may turn out to belong to the delimiter. It does not recognise a
 /// delimiter that is split over two chunks. A part's header block must not be split either.
 ///
-/// Errors never stop the parsing; a later one replaces an earlier one. All operations run on the
-/// worker thread. They throw nothing but std::bad_alloc, after which the parser is not used again.
+/// Errors do not stop the parsing; a later one replaces an earlier one. Only an answer whose
+/// structure is larger than the limits allow is given up, and the rest of it is not read.
+///
+/// All operations run on the worker thread. They throw nothing but std::bad_alloc, after which the parser is not used again.
 class SlpResponseParser {
 public:
+    /// The most bytes of a response head. libcurl's own limit is 300 KiB for all header lines.
+    static constexpr std::size_t kLargestHead = std::size_t{512} * 1024;
+    /// The most bytes of the start part.
+    static constexpr std::size_t kLargestStartPart = std::size_t{8} * 1024 * 1024;
+    /// The most bytes of the header block of a part.
+    static constexpr std::size_t kLargestHeaderBlock = std::size_t{64} * 1024;
+
     /// @param requests the exchange's requests in transfer order; must outlive the parser.
-    explicit SlpResponseParser(std::span<const std::shared_ptr<RequestData>> requests);
+    /// @param budget must outlive the parser.
+    explicit SlpResponseParser(std::span<const std::shared_ptr<RequestData>> requests,
+                               MemoryBudget& budget = MemoryBudget::process());
+
+    /// How long a piece of an answer waits for room; for ever unless told.
+    void setPatience(Patience patience) { patience_ = std::move(patience); }
 
     /// Takes the next bytes of the response. The cost is linear in the bytes.
     /// @return the chunk's length, whatever it holds: libcurl would end the transfer otherwise.
@@ -37,6 +54,13 @@ public:
     /// got what was announced for it.
     void finish();
 
+    /// Whether the rest of the response is not to be read: the error is final.
+    [[nodiscard]] bool isGivenUp() const noexcept { return givenUp_; }
+    /// Gives the response up with the error for a broken format.
+    void giveUp(std::string text);
+    /// Whether a piece of the response was lost because there was no room for it in time.
+    [[nodiscard]] bool hasStalled() const noexcept { return stalled_; }
+
     /// Whether the response is not what it should be, judged by what has come so far.
     [[nodiscard]] bool hasError() const noexcept { return hasError_; }
     /// Code of the last error, 0 when there was none. Stays when a further head clears the error.
@@ -45,6 +69,7 @@ public:
     [[nodiscard]] std::string errorText() const { return error_.text; }
 
 private:
+    bool keep(std::string_view bytes, std::size_t limit, const char* error);
     void feedHead(std::string_view chunk);
     void feedBody(std::string_view chunk);
     void feedWithoutDelimiter(std::string_view chunk);
@@ -61,7 +86,10 @@ private:
     void deliver(std::string_view bytes, bool partComplete, bool first = false);
 
     void parseSlpHeaderPart(std::string_view part);
+    [[nodiscard]] std::optional<SlpError> readResults(std::string_view text);
     void announcePartIds();
+    [[nodiscard]] bool chargeResults();
+    [[nodiscard]] bool chargeIds(const char* error);
 
     void recordError(int code, std::string text);
 
@@ -79,10 +107,17 @@ private:
     RequestData* currentRequest_ = nullptr; // the request that the part belongs to
     std::size_t currentPosition_ = 0;       // its place in requests_
     bool hasError_ = false;
+    bool givenUp_ = false;
+    bool stalled_ = false;
     SlpError error_;
     ResultMap resultMap_;
-    /// First request in transfer order that expects an id, by id.
-    std::unordered_map<std::string, std::size_t> positions_;
+    /// First request in transfer order that expects an id, by id. Ordered, see Answer.
+    std::map<std::string, std::size_t> positions_;
+    Charge kept_; // what is in pending_
+    Charge ids_;  // what resultMap_, positions_ and the requests know of announced parts
+    std::size_t resultCost_ = 0;
+    std::size_t nextPartCost_ = 0;
+    Patience patience_;
 };
 
 } // namespace orvexd

@@ -25,6 +25,19 @@ std::size_t ByteQueue::grown(std::size_t capacity, std::size_t wanted) const noe
     return size > largestBlock_ / 2 ? largestBlock_ : size;
 }
 
+void ByteQueue::reserve(Block& block, std::size_t capacity) {
+    const std::size_t before = block.bytes.capacity();
+    block.bytes.reserve(capacity);
+    reserved_ += block.bytes.capacity() - before;
+}
+
+/// An assignment would keep the memory.
+void ByteQueue::freeBlock(Block& block) noexcept {
+    const std::size_t before = block.bytes.capacity();
+    std::string().swap(block.bytes);
+    reserved_ -= before - block.bytes.capacity();
+}
+
 /// Lets the last block grow as far as it goes, and adds as many as `wanted` bytes need beyond it.
 /// Nothing is stored, so that running out of memory changes nothing.
 void ByteQueue::growBack(std::size_t wanted) {
@@ -34,18 +47,20 @@ void ByteQueue::growBack(std::size_t wanted) {
     Block& back = blocks_.back();
     std::size_t room = roomIn(back);
     if (room < wanted && back.bytes.capacity() < largestBlock_) {
-        back.bytes.reserve(grown(back.bytes.capacity(), back.bytes.size() + wanted));
+        reserve(back, grown(back.bytes.capacity(), back.bytes.size() + wanted));
         room = roomIn(back);
     }
     const std::size_t before = blocks_.size();
     try {
         while (room < wanted) {
-            Block& added = blocks_.emplace_back();
-            added.bytes.reserve(largestBlock_);
+            reserve(blocks_.emplace_back(), largestBlock_);
             room += largestBlock_;
         }
     } catch (...) {
-        blocks_.resize(before);
+        while (blocks_.size() > before) {
+            freeBlock(blocks_.back());
+            blocks_.pop_back();
+        }
         throw;
     }
 }
@@ -93,6 +108,7 @@ std::string ByteQueue::take(std::size_t maxBytes) {
     const std::size_t count = std::min(maxBytes, size_);
     std::string bytes;
     if (count > 0 && canHandOut(blocks_[first_], count)) {
+        reserved_ -= blocks_[first_].bytes.capacity() - bytes.capacity();
         bytes.swap(blocks_[first_].bytes);
         size_ -= count;
         dropFrontBlock();
@@ -114,13 +130,16 @@ void ByteQueue::dropFrontBlock() noexcept {
         // One block stays for the next bytes: a stream that is drained as it fills allocates
         // nothing.
         std::swap(blocks_.front(), blocks_[first_]);
-        blocks_.resize(1);
+        while (blocks_.size() > 1) {
+            freeBlock(blocks_.back());
+            blocks_.pop_back();
+        }
         blocks_.front().bytes.clear();
         blocks_.front().begin = 0;
         first_ = 0;
         return;
     }
-    std::string().swap(blocks_[first_++].bytes); // an assignment would keep the memory
+    freeBlock(blocks_[first_++]);
     if (first_ > blocks_.size() / 2) {
         blocks_.erase(blocks_.begin(), blocks_.begin() + static_cast<std::ptrdiff_t>(first_));
         first_ = 0;
@@ -149,9 +168,17 @@ void ByteQueue::dropBack(std::size_t count) noexcept {
         size_ -= part;
         count -= part;
         if (block.size() == 0 && blocks_.size() - first_ > 1) {
+            freeBlock(block);
             blocks_.pop_back();
         }
     }
+}
+
+void ByteQueue::clear() noexcept {
+    std::vector<Block>().swap(blocks_);
+    first_ = 0;
+    size_ = 0;
+    reserved_ = 0;
 }
 
 } // namespace orvexd

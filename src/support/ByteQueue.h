@@ -28,6 +28,10 @@ public:
     /// Bytes that are stored and not yet taken.
     [[nodiscard]] std::size_t size() const noexcept { return size_; }
     [[nodiscard]] bool empty() const noexcept { return size_ == 0; }
+    /// Bytes of memory that the queue takes beyond this object, the room in its blocks included.
+    [[nodiscard]] std::size_t footprint() const noexcept {
+        return reserved_ + blocks_.capacity() * sizeof(Block);
+    }
 
     /// Copies `bytes` to the end.
     /// @throws std::bad_alloc; the queue then holds what it held before.
@@ -48,6 +52,9 @@ public:
     /// Drops the last `count` bytes; `count` must not exceed the size.
     void dropBack(std::size_t count) noexcept;
 
+    /// Drops everything and gives all memory back.
+    void clear() noexcept;
+
 private:
     struct Block {
         std::string bytes;
@@ -60,6 +67,8 @@ private:
     [[nodiscard]] std::size_t roomIn(const Block& block) const noexcept;
     [[nodiscard]] std::size_t grown(std::size_t capacity, std::size_t wanted) const noexcept;
     void growBack(std::size_t wanted);
+    void reserve(Block& block, std::size_t capacity);
+    void freeBlock(Block& block) noexcept;
     static bool canHandOut(const Block& block, std::size_t count) noexcept;
     void takeFromFront(std::size_t count) noexcept;
     void dropFrontBlock() noexcept;
@@ -68,6 +77,7 @@ private:
     std::vector<Block> blocks_; // blocks before first_ have been taken
     std::size_t first_ = 0;
     std::size_t size_ = 0;
+    std::size_t reserved_ = 0; // capacity of all blocks
 };
 
 } // namespace orvexd

@@ -122,8 +122,10 @@ struct RequestModel {
             state = 6;
         } else {
             state = 5;
-            buffers.emplace_back();
-            codes.push_back(2301);
+            if (!cancelled) {
+                buffers.emplace_back();
+                codes.push_back(2301);
+            }
         }
         deliver();
     }
@@ -157,10 +159,18 @@ struct RequestModel {
 
     void next() {
         waitingForGetData = false;
-        if (buffers.empty() || (buffers.front().empty() && codes.front() == 2301)) {
+        if (!buffers.empty() && buffers.front().empty() && codes.front() == 2301) {
             return;
         }
         deliver();
+    }
+
+    void setCancelled(bool flag) {
+        cancelled = flag;
+        if (flag) {
+            buffers.clear();
+            codes.clear();
+        }
     }
 };
 

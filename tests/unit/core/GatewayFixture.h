@@ -55,6 +55,9 @@ public:
             onChunk(connectionId, requestId);
         }
     }
+    void resumeUpload(std::uint32_t connectionId, std::uint32_t requestId) override {
+        record("room " + keyOf(connectionId, requestId));
+    }
     void dropPending(std::uint32_t connectionId, std::uint32_t requestId) override {
         record("drop " + keyOf(connectionId, requestId));
     }

@@ -34,6 +34,9 @@ public:
         note("chunk " + ids(connectionId, requestId) + " " +
              std::to_string(static_cast<std::uint32_t>(code)) + " [" + bytes + "]");
     }
+    void resumeUpload(std::uint32_t connectionId, std::uint32_t requestId) override {
+        note("room " + ids(connectionId, requestId));
+    }
     void dropPending(std::uint32_t connectionId, std::uint32_t requestId) override {
         note("finished " + ids(connectionId, requestId));
     }

@@ -27,6 +27,12 @@ public:
         }
     }
 
+    void postUploadRoom(std::uint32_t connectionId, std::uint32_t requestId) override {
+        log.push_back("room " + std::to_string(connectionId) + ":" + std::to_string(requestId));
+    }
+
+    void postMemoryShort() override { log.emplace_back("memory is short"); }
+
     void announceConnectionStatus() override {
         log.emplace_back("announce status");
         if (onAnnouncement) {

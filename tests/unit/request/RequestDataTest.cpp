@@ -645,7 +645,7 @@ protected:
     void seldom() {
         switch (below(20)) {
         case 0:
-            model_.cancelled = !model_.cancelled;
+            model_.setCancelled(!model_.cancelled);
             request_->setCancelled(model_.cancelled);
             break;
         case 1:
