@@ -149,7 +149,8 @@ void HttpClient::setTransferOptions(CURL* handle, const HeaderList& headers, cha
     curl_easy_setopt(handle, CURLOPT_POST, 1L);
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorBuffer);
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, timeoutSeconds(kConnectTimeout, "30"));
-    curl_easy_setopt(handle, CURLOPT_TIMEOUT, timeoutSeconds(kTransferTimeout, kDefaultTransferTimeout));
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT,
+                     timeoutSeconds(kTransferTimeout, kDefaultTransferTimeout));
 }
 
 void HttpClient::setCallbacks(CURL* handle, Transfer& transfer) {

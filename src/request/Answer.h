@@ -188,8 +188,8 @@ public:
     [[nodiscard]] std::size_t highWater() const noexcept { return pressure_.highWater(); }
 
     /// A cancelled answer drops its bytes and stores no more, and its worker waits for nobody. It
-    /// still counts parts, so that the request reaches Delivered. No chunk is posted after the call, so what the
-    /// caller posts next comes behind all of them. Any thread.
+    /// still counts parts, so that the request reaches Delivered. No chunk is posted after the
+    /// call, so what the caller posts next comes behind all of them. Any thread.
     void setCancelled(bool cancelled);
     [[nodiscard]] bool isCancelled() const;
 

@@ -28,7 +28,8 @@ class RequestData;
 /// Errors do not stop the parsing; a later one replaces an earlier one. Only an answer whose
 /// structure is larger than the limits allow is given up, and the rest of it is not read.
 ///
-/// All operations run on the worker thread. They throw nothing but std::bad_alloc, after which the parser is not used again.
+/// All operations run on the worker thread. They throw nothing but std::bad_alloc, after which the
+/// parser is not used again.
 class SlpResponseParser {
 public:
     /// The most bytes of a response head. libcurl's own limit is 300 KiB for all header lines.

@@ -19,6 +19,15 @@ inline const std::string kHead =
     "HTTP/1.1 200 OK\r\nContent-Type: multipart/related; boundary=\"bb\"; "
     "type=\"text/xml\"; start=\"s\"\r\n\r\n";
 
+/// The process's memory budget is smaller for as long as this object lives.
+class SmallBudget {
+public:
+    explicit SmallBudget(std::size_t bytes) { MemoryBudget::process().resize(bytes); }
+    ~SmallBudget() { MemoryBudget::process().resize(deployment::kMemoryBudget); }
+    SmallBudget(const SmallBudget&) = delete;
+    SmallBudget& operator=(const SmallBudget&) = delete;
+};
+
 /// A start part that announces the parts `ids` for requests 1, 2, …; an id "-" stands for none, and
 /// blanks separate the ids of one request.
 inline std::string startPart(const std::vector<std::string>& ids) {
@@ -73,6 +82,7 @@ protected:
         EXPECT_EQ(parser_->errorText(), text);
     }
 
+    bool isGivenUp() const { return parser_->isGivenUp(); }
     bool hasError() const { return parser_->hasError(); }
 
     void expectNoError() { EXPECT_FALSE(parser_->hasError()) << parser_->errorText(); }
