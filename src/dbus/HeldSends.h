@@ -4,6 +4,7 @@
 #include "support/BusHandles.h"
 #include "support/MainLoopPost.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -70,14 +71,16 @@ private:
         BusMessage reply;
     };
 
+    /// All are held for the same time, so the oldest is due first.
     void startTimer() {
-        const gint64 left = held_.front().deadline - g_get_monotonic_time();
-        timer_.start(std::chrono::milliseconds(left / kMicroseconds + 1), [this] { sendDue(); });
+        const gint64 due = held_.front().deadline;
+        const gint64 left = std::max<gint64>(0, due - g_get_monotonic_time());
+        timer_.start(std::chrono::milliseconds(left / kMicroseconds + 1),
+                     [this, due] { sendUntil(due); });
     }
 
-    /// All are held for the same time, so the oldest is due first.
-    void sendDue() {
-        while (!held_.empty() && held_.front().deadline <= g_get_monotonic_time()) {
+    void sendUntil(gint64 due) {
+        while (!held_.empty() && held_.front().deadline <= due) {
             BusMessage reply = std::move(held_.front().reply);
             held_.pop_front();
             BusLink::sendOrThrow(std::move(reply));

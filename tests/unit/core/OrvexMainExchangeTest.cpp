@@ -1,5 +1,6 @@
 #include "core/GatewayFixture.h"
 #include "fakes/FailingMemory.h"
+#include "request/OutgoingPart.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -50,6 +51,42 @@ TEST_F(OrvexMainExchangeTest, CarriesManyRequestsPreparedOnesFirst) {
     drainMainContext();
     EXPECT_THAT(service_.only("chunk"),
                 ElementsAre("chunk 1:4 2303 [answer 1]", "chunk 1:1 2303 [answer 2]"));
+}
+
+TEST_F(OrvexMainExchangeTest, RequestsWhoseElementsAreVeryLongTravelInSeveralMessages) {
+    const std::string longType(std::size_t{5} * 1024 * 1024, 't');
+    const std::uint32_t connectionId = open(1024, longType);
+    for (int i = 0; i < 3; ++i) {
+        attach(connectionId);
+    }
+    answerExchange(3);
+    answerExchange(1);
+    prepare(1);
+    finishExchange();
+    EXPECT_THAT(service_.only("request data"),
+                ElementsAre("request data 1:4", "request data 2:1", "request data 2:2"));
+    finishExchange();
+    EXPECT_THAT(service_.only("request data"), SizeIs(4));
+}
+
+TEST_F(OrvexMainExchangeTest, TellsWhenAnUploadIsCrowdedAndWhenItHasRoomAgain) {
+    service_.onRequestData = [this](std::uint32_t connectionId, std::uint32_t requestId) {
+        const std::string data(OutgoingPart::kPromptBytes + 1, 'x');
+        EXPECT_EQ(gateway().sendData("x", false, connectionId, requestId), 0);
+        EXPECT_FALSE(gateway().isUploadCrowded(connectionId, requestId));
+        EXPECT_EQ(gateway().sendData(data, true, connectionId, requestId), 0);
+        EXPECT_TRUE(gateway().isUploadCrowded(connectionId, requestId));
+        arrived_.open();
+    };
+    fake_curl::addScript([this, script = answerScript(1)](fake_curl::Transfer& transfer) {
+        (void)transfer.read(); // the first part of the message; the request is asked for its data
+        EXPECT_TRUE(arrived_.await());
+        return script(transfer);
+    });
+    prepare(1);
+    finishExchange();
+    EXPECT_THAT(service_.only("room"), ElementsAre("room 1:1"));
+    EXPECT_FALSE(gateway().isUploadCrowded(1, 1));
 }
 
 TEST_F(OrvexMainExchangeTest, PrintsNothingAboutTextsThatAreNotUtf8) {
