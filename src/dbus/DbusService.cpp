@@ -20,6 +20,9 @@ namespace {
 
 constexpr std::chrono::seconds kDefaultShutdownDelay(60);
 
+/// Bytes of messages that wait for their handler, beyond which libdbus reads no more. The last one
+/// may be as large as the bus lets pass. libdbus's own limit is 63 MiB.
+constexpr long kMostReceivedBytes = 4L * 1024 * 1024;
 /// Most file descriptors of messages that wait for their handler. No member takes a descriptor: all
 /// are closed with their message.
 constexpr long kMostReceivedDescriptors = 64;
@@ -73,6 +76,7 @@ bool DbusService::connectToBus() {
         }
     }
     dbus_threads_init_default();
+    dbus_connection_set_max_received_size(BusLink::connection(), kMostReceivedBytes);
     // libdbus ends the connection when a message has more descriptors than its limit, or when the
     // process has no descriptor left because messages come faster than they are handled.
     dbus_connection_set_max_received_unix_fds(BusLink::connection(), kMostReceivedDescriptors);

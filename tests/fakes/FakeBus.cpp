@@ -26,6 +26,7 @@ dbus_bool_t __real_dbus_connection_add_filter(DBusConnection* connection,
 void __real_dbus_connection_remove_filter(DBusConnection* connection,
                                           DBusHandleMessageFunction function, void* data);
 void __real_dbus_connection_set_exit_on_disconnect(DBusConnection* connection, dbus_bool_t exit);
+void __real_dbus_connection_set_max_received_size(DBusConnection* connection, long size);
 void __real_dbus_connection_set_max_received_unix_fds(DBusConnection* connection, long count);
 void __real_dbus_connection_set_max_message_unix_fds(DBusConnection* connection, long count);
 dbus_bool_t __real_dbus_connection_send(DBusConnection* connection, DBusMessage* message,
@@ -193,6 +194,14 @@ void __wrap_dbus_connection_set_exit_on_disconnect(DBusConnection* connection, d
         return;
     }
     installed->note("dbus_connection_set_exit_on_disconnect", exit == FALSE ? "no" : "yes");
+}
+
+void __wrap_dbus_connection_set_max_received_size(DBusConnection* connection, long size) {
+    if (installed == nullptr) {
+        __real_dbus_connection_set_max_received_size(connection, size);
+        return;
+    }
+    installed->note("dbus_connection_set_max_received_size", std::to_string(size));
 }
 
 void __wrap_dbus_connection_set_max_received_unix_fds(DBusConnection* connection, long count) {

@@ -93,7 +93,9 @@ def test_answer_that_nobody_fetches_stops_the_server_and_goes_on_when_it_is_fetc
     expect_within(memory, 0)
 
 
-def test_small_answers_that_came_before_can_be_fetched_meanwhile(client, server, daemon):
+def test_small_answers_that_came_before_can_be_fetched_meanwhile(client, server, platform, daemon):
+    platform.write(connections=[(2, True, False)])  # an attached request waits for a prepared one
+    client.wait_for_status(1)
     large = {"id": "answer-2", "body": {"bytes": SHARE + 8 * MIB}}
     small = {"id": "answer-1", "body": "small"}
     server.queue({"answer": {"multipart": {"parts": [small, large]}}})

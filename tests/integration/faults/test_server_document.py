@@ -94,20 +94,21 @@ def large_documents():
         )
         + "garbage <",
         "declarations-of-40,000-bytes": f"<!DOCTYPE x [{' ' * 40_000}]>" + document("a"),
-        "1,000,000-names": slp_response(RESULT + "".join(f"<a{n}/>" for n in range(1_000_000))),
-        "element-name-of-20-megabytes": f"<{'x' * (20 << 20)}/>",
-        "attribute-of-20-megabytes": f'<x y="{"z" * (20 << 20)}"/>',
+        "700,000-names": slp_response(RESULT + "".join(f"<a{n}/>" for n in range(700_000))),
+        "element-name-of-7-megabytes": f"<{'x' * (7 << 20)}/>",
     }.items():
         item = {"join": [part(START, ""), text, "\r\n", GOOD_PART]}
         yield Fault(f"document-with-{name}", server=answer(item, END), sees=[LOST])
-    yield Fault(
-        "document-without-end",
-        # Its connection ends after 20 megabytes.
-        server=answer(
-            part(START, "<SimpleLocationProtocol>"), {"bytes": 20 << 20, "fill": "<!-- -->"}
-        ),
-        sees=[LOST],
-    )
+    for name, item in {
+        "an-attribute-of-20-megabytes": f'<x y="{"z" * (20 << 20)}"/>',
+        "text-of-9-megabytes": slp_response(RESULT + "x" * (9 << 20)),
+        "no-end": {"bytes": 20 << 20, "fill": "<!-- -->"},
+    }.items():
+        yield Fault(
+            f"document-with-{name}",
+            server=answer(part(START, ""), item, "\r\n" + GOOD_PART, END),
+            sees=[Failed(PROTOCOL, "could not parse document")],
+        )
 
 
 # -- what a document asks to be fetched ------------------------------------------------------------

@@ -1,4 +1,4 @@
-"""A server that sends faster than its client takes: a part of 256 MiB."""
+"""A server that sends faster than its client takes: a part of 64 MiB."""
 
 import dataclasses
 import hashlib
@@ -10,7 +10,7 @@ from harness.response import CLOSING, answer, part, start_part
 
 bus, server, platform, preinst, daemon, fresh, scene = matrix.FIXTURES
 
-SIZE = 256 << 20
+SIZE = 64 << 20
 PATTERN = bytes(range(251))
 
 
@@ -45,7 +45,7 @@ class AnsweredSlowly(Seen):
 
 @rows(
     Fault(
-        "256-MiB-part-with-a-slow-client",
+        "64-MiB-part-with-a-slow-client",
         server=answer(
             start_part("a") + "\r\n", part("a", ""), {"bytes": SIZE, "fill": "pattern"}, CLOSING
         ),

@@ -296,7 +296,7 @@ def strange_bodies():
     )
     yield Fault(
         "start-part-of-zeros",
-        server=answer(part("start-part", ""), zeros(16 << 20), "\r\n", DATA + CLOSING),
+        server=answer(part("start-part", ""), zeros(7 << 20), "\r\n", DATA + CLOSING),
         sees=[LOST],
     )
     yield Fault(
