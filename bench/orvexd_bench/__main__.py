@@ -7,7 +7,7 @@ import tempfile
 import time
 from pathlib import Path
 
-from . import counting, exchanges, growth, latency, micro, neighbours, process, report
+from . import before, counting, exchanges, growth, latency, micro, neighbours, process, report
 from .processes import TOP, Workshop
 from .rows import Row, Run
 
@@ -30,6 +30,7 @@ MEASUREMENTS = (
     ((17,), "allocations", counting.allocations),
     ((18,), "unfetched answers beside busy neighbours", neighbours.unfetched_answers),
     ((19,), "bytes on the wire", exchanges.wire_cost),
+    ((20,), "costs beside an earlier build", before.hidden_costs),
 )
 
 
@@ -37,6 +38,7 @@ def parse_arguments():
     parser = argparse.ArgumentParser(prog="scripts/bench", add_help=False)
     parser.add_argument("--bin", type=Path, required=True)
     parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--before", type=Path)
     parser.add_argument("--row", type=int, action="append")
     parser.add_argument("--docs", type=Path, default=TOP / "docs")
     return parser.parse_args()
@@ -69,7 +71,7 @@ def main():
     begin = time.monotonic()
     with tempfile.TemporaryDirectory(prefix="orvexd-bench.") as directory:
         with Workshop(arguments.bin, Path(directory)) as workshop:
-            run = Run(workshop, arguments.quick)
+            run = Run(workshop, arguments.quick, arguments.before)
             measure(run, arguments.row)
     took = time.monotonic() - begin
     print()

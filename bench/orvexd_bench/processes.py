@@ -176,9 +176,9 @@ class Stage:
         }
         self._children = []
 
-    def orvexd_command(self):
+    def orvexd_command(self, daemon=None):
         return [
-            self.bin / "orvexd",
+            daemon or self.bin / "orvexd",
             "--preinst-dir",
             self.keys,
             "--storage-dir",

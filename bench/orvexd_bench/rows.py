@@ -50,6 +50,7 @@ class Run:
 
     workshop: object
     quick: bool = False
+    before: object = None  # path of an earlier build's daemon
     rows: list = field(default_factory=list)
     series: dict = field(default_factory=dict)  # data of the plots, by plot
     failures: int = 0  # measurements that could not be made
