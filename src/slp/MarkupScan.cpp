@@ -1,220 +1,347 @@
-// What a document would cost its parser, as far as the bytes tell before the parse.
+// What a document would cost its parser, told by its bytes before the parse.
+//
+// The scan finds markup where the parser finds it: it refuses every fault behind which the parser
+// might go on inside a comment, a declaration or a value. Such a text would be no document anyway.
+// Behind the few faults that pass, the parser still begins a tag at each '<', or ends.
 
+#include "slp/MarkupScan.h"
+
+#include "slp/MarkupCursor.h"
 #include "slp/SlpDocument.h"
-#include "slp/TextSearch.h"
 
 #include <algorithm>
-#include <array>
-#include <libxml/encoding.h>
-#include <optional>
-#include <string>
+#include <cstdint>
+#include <map>
+#include <set>
 
 namespace orvexd {
 
 namespace {
 
-constexpr std::string_view kBlanks = " \t\r\n";
-constexpr auto kNone = std::string_view::npos;
+using namespace markup;
+using Steps = std::uint64_t; ///< of about a nanosecond, measured with libxml2 2.9.14
 
-/// The parser hashes the element's name for each of its attributes.
-constexpr std::size_t kMostHashing = 20'000'000;
+constexpr Steps kMostSteps = 160'000'000;
+constexpr Steps kNode = 100;
+constexpr Steps kAttribute = 200;
+constexpr Steps kMessage = 300; ///< that nobody gets
 
-/// Consumes the text up to the end of the first `end`; all of it when there is none.
-void skipPast(std::string_view& text, std::string_view end) {
-    const std::size_t found = text.find(end);
-    text.remove_prefix(found == kNone ? text.size() : found + end.size());
+Steps count(std::string_view text, char c) {
+    return static_cast<Steps>(std::count(text.begin(), text.end(), c));
 }
 
-/// Consumes a comment or a processing instruction at the start of the text, if there is one.
-bool skipCommentOrInstruction(std::string_view& text) {
-    if (text.starts_with("<!--")) {
-        skipPast(text, "-->");
-        return true;
-    }
-    if (text.starts_with("<?")) {
-        skipPast(text, "?>");
-        return true;
-    }
-    return false;
-}
-
-// -- encoding
-// --------------------------------------------------------------------------------------
-
-/// One byte for each unit of UTF-16; those beyond ASCII are no markup.
-std::string oneBytePerUnit(std::string_view text, std::size_t low) {
-    std::string bytes(text.size() / 2, '\x80');
-    for (std::size_t unit = 0; unit < bytes.size(); ++unit) {
-        if (text[2 * unit + 1 - low] == '\0') {
-            bytes[unit] = text[2 * unit + low];
+/// Counts the steps of a document.
+class Scan {
+public:
+    explicit Scan(std::string_view text) : cursor_{text} {
+        spend(2 * text.size());
+        while (!cursor_.rest.empty()) {
+            takeContent();
         }
     }
-    return bytes;
-}
 
-/// The encoding that the XML declaration names; empty when it names none.
-std::string_view declaredEncoding(std::string_view text) {
-    constexpr std::string_view kName = "encoding";
-    if (!text.starts_with("<?xml")) {
-        return {};
-    }
-    std::string_view declaration = text.substr(0, text.find("?>"));
-    const std::size_t found = declaration.find(kName);
-    if (found == kNone) {
-        return {};
-    }
-    declaration.remove_prefix(
-        std::min(declaration.find_first_of("\"'", found), declaration.size()));
-    if (declaration.empty()) {
-        return kName; // a fault
-    }
-    return declaration.substr(1, declaration.find(declaration.front(), 1) - 1);
-}
-
-/// True when the parser reads what follows the declaration as what it has read so far.
-bool keepsUnits(std::string_view encoding, bool areWide) {
-    const auto is = [encoding](std::string_view name) {
-        return encoding.size() == name.size() && findIgnoringCase(encoding, name) == 0;
+private:
+    struct Entity {
+        std::string_view value;
+        Steps steps = 0; ///< once they are counted
     };
-    if (encoding.empty() || is("utf-8") || is("utf8")) {
-        return true;
+    struct Element {
+        std::string_view name;
+        std::size_t around; ///< number of namespaces in force
+    };
+
+    void spend(Steps steps) {
+        require(steps <= left_);
+        left_ -= steps;
     }
-    return areWide ? is("utf-16") || is("utf16")
-                   : is("us-ascii") || findIgnoringCase(encoding, "iso-8859-") == 0 ||
-                         findIgnoringCase(encoding, "windows-125") == 0;
-}
 
-xmlCharEncoding detectEncoding(std::string_view text) {
-    std::array<unsigned char, 4> start{};
-    std::copy_n(text.begin(), std::min(text.size(), start.size()), start.begin());
-    return xmlDetectCharEncoding(start.data(), start.size());
-}
-
-/// The text with one byte for each character of markup; none when its encoding is not known here.
-/// @param converted holds the bytes when they are not those of the text.
-std::optional<std::string_view> findMarkup(std::string_view text, std::string& converted) {
-    constexpr std::string_view kMark = "\xef\xbb\xbf";
-    const xmlCharEncoding encoding = detectEncoding(text);
-    const bool bigEnd = encoding == XML_CHAR_ENCODING_UTF16BE;
-    const bool areWide = bigEnd || encoding == XML_CHAR_ENCODING_UTF16LE;
-    if (areWide) {
-        converted = oneBytePerUnit(text, bigEnd ? 1 : 0);
-        text = converted;
-        text.remove_prefix(text.starts_with('\x80') ? 1 : 0); // the byte order mark
-    } else if (encoding != XML_CHAR_ENCODING_NONE && encoding != XML_CHAR_ENCODING_UTF8) {
-        return std::nullopt;
-    } else if (text.starts_with(kMark)) {
-        text.remove_prefix(kMark.size());
+    /// The parser keeps names and short texts in a table with chains that grow with it.
+    void look(std::string_view name) {
+        constexpr std::size_t kChains = 4608;
+        constexpr Steps kLink = 150;
+        names_.insert(name);
+        spend(names_.size() / kChains * kLink);
     }
-    return keepsUnits(declaredEncoding(text), areWide) ? std::optional(text) : std::nullopt;
-}
 
-// -- declarations
-// ----------------------------------------------------------------------------------
-
-/// Consumes what stands at the start of the document type declaration: quoted text, a comment, an
-/// instruction or a single character.
-void skipDeclared(std::string_view& text) {
-    const char first = text.front();
-    if (!skipCommentOrInstruction(text)) {
-        text.remove_prefix(1);
-        if (first == '"' || first == '\'') {
-            skipPast(text, {&first, 1});
+    void takeContent() {
+        if (cursor_.next() != '<') {
+            takeText();
+        } else if (cursor_.skip("</")) {
+            require(!open_.empty() && cursor_.skip(open_.back().name));
+            cursor_.skipBlanks();
+            require(cursor_.skip(">"));
+            close();
+        } else if (cursor_.skip("<![CDATA[")) {
+            takeSection("]]>", true);
+        } else if (open_.empty() && cursor_.skip("<!DOCTYPE")) {
+            takeDeclarations();
+        } else if (!skipCommentOrInstruction()) {
+            takeTag();
         }
     }
-}
 
-/// Whether the text begins with the declaration of a parameter entity whose value refers to another
-/// entity. libxml2 2.9.14 may skip the blanks of such a value for ever when it finds there that
-/// entities refer to each other in a circle, and `xmlStopParser` is not safe in that place.
-bool declaresNestedParameter(std::string_view text) {
-    constexpr std::string_view kEntity = "<!ENTITY";
-    if (!text.starts_with(kEntity)) {
+    void takeText() {
+        constexpr Steps kEntity = 3000; // a document of its own for each reference to an empty one
+        const std::string_view text = cursor_.takeUpTo("<");
+        require(findBytes(text, "]]>") == kNone);
+        const Steps each = declared_.empty() ? 0 : kEntity + declared_.size() * inForce();
+        spend(30 + stepsOf(text) + count(text, '&') * each);
+        if (text.size() <= 3 || (text.size() < 60 && text.find_first_not_of(kBlanks) == kNone)) {
+            look(text);
+        }
+    }
+
+    /// The parser may take a part of a long section, or of a faulty one, as content.
+    void takeSection(std::string_view end, bool isSound) {
+        constexpr std::size_t kLongest = 10'000'000;
+        spend(kNode);
+        const std::string_view text = cursor_.takePast(end);
+        require((isSound && text.size() <= kLongest) || text.find_first_of("<&]") == kNone);
+    }
+
+    bool skipCommentOrInstruction() {
+        if (cursor_.skip("<!--")) {
+            takeSection("--", true);
+            require(cursor_.skip(">"));
+            return true;
+        }
+        if (cursor_.skip("<?")) {
+            constexpr std::size_t kLongest = 50'000;
+            const std::string_view text = cursor_.rest;
+            const std::string_view name = text.substr(0, text.find_first_of("? \t\r\n"));
+            look(name);
+            spend(kMessage);
+            takeSection("?>", beginsName(name) && name.size() <= kLongest);
+            return true;
+        }
         return false;
     }
-    text.remove_prefix(kEntity.size());
-    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
-    if (!text.starts_with('%')) {
-        return false;
-    }
-    const std::size_t open = text.find_first_of("\"'");
-    if (open == kNone) {
-        return false; // a fault
-    }
-    const std::string_view value = text.substr(open, text.find(text[open], open + 1) - open);
-    return value.find_first_of("&%") != kNone;
-}
 
-/// Whether the document type declaration at the start of the text, brackets and all, may be parsed.
-bool isHarmless(std::string_view text) {
-    const std::size_t whole = text.size();
-    bool inSubset = false;
-    while (!text.empty() && (inSubset || text.front() != '>')) {
-        if (declaresNestedParameter(text) || whole - text.size() > kMostDeclarations) {
-            return false;
+    // -- declarations
+
+    void takeDeclarations() {
+        const std::string_view text = cursor_.rest;
+        require(takeQuotedTexts().find('<') == kNone);
+        if (cursor_.skip("[")) {
+            while (cursor_.skipBlanks(), !cursor_.skip("]")) {
+                takeDeclaration();
+            }
+            cursor_.skipBlanks();
         }
-        inSubset = text.front() == '[' || (inSubset && text.front() != ']');
-        skipDeclared(text);
-    }
-    return whole - text.size() <= kMostDeclarations;
-}
-
-/// The document type declaration, if there is one, stands in front of the first element.
-bool hasHarmlessDeclarations(std::string_view text) {
-    do {
-        text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
-    } while (skipCommentOrInstruction(text));
-    return !text.starts_with("<!DOCTYPE") || isHarmless(text);
-}
-
-// -- elements
-// --------------------------------------------------------------------------------------
-
-/// Number of attributes of a tag. No attribute value holds a '<', so quotes in text that looks like
-/// a tag, a comment say, hide no real one.
-std::size_t countAttributes(std::string_view tag) {
-    std::size_t count = 0;
-    char quote = '\0';
-    for (const char c : tag) {
-        if (quote != '\0') {
-            quote = c == quote ? '\0' : quote;
-        } else if (c == '"' || c == '\'') {
-            quote = c;
-        } else if (c == '=') {
-            ++count;
-        } else if (c == '>') {
-            break;
+        declared_ = text.substr(0, text.size() - cursor_.rest.size());
+        require(cursor_.skip(">") && declared_.size() + 9 <= kMostDeclarations &&
+                count(declared_, '%') * (1 + longestParameter_) <= kMostDeclarations);
+        for (auto& [name, entity] : entities_) {
+            spend(expand(entity));
+        }
+        if (findBytes(declared_, "<!ATTLIST") != kNone) {
+            defaults_ = (count(declared_, '"') + count(declared_, '\'')) / 2;
+            defaultSteps_ = defaults_ * declared_.size() / 2 + stepsOf(declared_);
+            hasIds_ = findBytes(declared_, "ID") != kNone;
+            longestUri_ = declared_.size();
         }
     }
-    return count;
-}
 
-bool hasFewAttributes(std::string_view tag) {
-    if (tag.starts_with("<!") || tag.starts_with("<?")) {
-        return true;
-    }
-    const std::size_t count = countAttributes(tag);
-    const std::size_t name = std::min(tag.find_first_of(kBlanks), tag.size());
-    return count <= kMostAttributes && (count == 0 || name <= kMostHashing / count);
-}
-
-bool haveFewAttributes(std::string_view elements) {
-    for (std::size_t at = elements.find('<'); at != kNone;) {
-        const std::size_t next = std::min(elements.find('<', at + 1), elements.size());
-        if (!hasFewAttributes(elements.substr(at, next - at))) {
-            return false;
+    /// Takes a reference to a parameter entity, a comment, an instruction or a declaration.
+    void takeDeclaration() {
+        if (cursor_.skip("%")) {
+            cursor_.takeName();
+            require(cursor_.skip(";"));
+        } else if (cursor_.skip("<!ENTITY")) {
+            takeEntity();
+        } else if (!skipCommentOrInstruction()) {
+            require(cursor_.skip("<!ATTLIST") || cursor_.skip("<!ELEMENT") ||
+                    cursor_.skip("<!NOTATION"));
+            require(takeQuotedTexts().find('<') == kNone && cursor_.skip(">"));
         }
-        at = next == elements.size() ? kNone : next;
     }
-    return true;
-}
+
+    /// @return all from the first quoted text to the last.
+    std::string_view takeQuotedTexts() {
+        takeUnquotedText();
+        const std::string_view text = cursor_.rest;
+        while (cursor_.next() == '"' || cursor_.next() == '\'') {
+            cursor_.takeQuoted();
+            takeUnquotedText();
+        }
+        return text.substr(0, text.size() - cursor_.rest.size());
+    }
+
+    void takeUnquotedText() { require(cursor_.takeUpTo("\"'[>").find_first_of("<%") == kNone); }
+
+    /// libxml2 2.9.14 may skip the blanks of a parameter entity for ever when it finds there that
+    /// entities refer to each other in a circle, so none of them may refer to another.
+    void takeEntity() {
+        cursor_.skipBlanks();
+        const bool isParameter = cursor_.skip("%");
+        cursor_.skipBlanks();
+        const std::string_view name = cursor_.takeName();
+        Cursor texts{takeQuotedTexts()};
+        require(cursor_.skip(">") && !texts.rest.empty());
+        const std::string_view value = texts.takeQuoted();
+        if (isParameter) {
+            require(value.find_first_of("&%") == kNone);
+            longestParameter_ = std::max(longestParameter_, value.size());
+        } else {
+            entities_.try_emplace(name, Entity{value});
+        }
+    }
+
+    /// Any entity may be one that a parameter entity declares with its text.
+    [[nodiscard]] Steps leastSteps(std::string_view value) const {
+        constexpr Steps kByte = 5;
+        return kMessage + kByte * std::max(value.size(), longestParameter_);
+    }
+
+    /// What it costs to put an entity in with all that it refers to. The parser does not notice
+    /// each circle and would never come back, nor would who reads an attribute.
+    Steps expand(Entity& entity) {
+        if (entity.steps == 0) {
+            entity.steps = kMostSteps + 1; // for those that refer to themselves
+            Steps steps = leastSteps(entity.value);
+            forEachReference(entity.value, [&](std::string_view name, std::string_view rest) {
+                require(!isAmpersand(name) || rest.empty() || rest[0] == '#');
+                const auto found = entities_.find(name);
+                steps += found == entities_.end() ? leastSteps("") : expand(found->second);
+                require(steps <= kMostSteps);
+            });
+            entity.steps = steps;
+        }
+        return entity.steps;
+    }
+
+    [[nodiscard]] Steps stepsOf(std::string_view text) const {
+        Steps steps = 0;
+        forEachReference(text, [&](std::string_view name, std::string_view /*rest*/) {
+            const auto found = entities_.find(name);
+            steps += 5 * entities_.size() +
+                     (found == entities_.end() ? leastSteps("") : found->second.steps);
+        });
+        return steps;
+    }
+
+    // -- elements
+
+    void takeTag() {
+        cursor_.take(1);
+        open_.push_back({takeName(), prefixes_.size()});
+        searched_ = {open_.back().name};
+        locals_.clear();
+        std::size_t attributes = 0;
+        while (cursor_.skipBlanks() && cursor_.next() != '>' && cursor_.next() != '/') {
+            require(++attributes <= kMostAttributes);
+            takeAttribute();
+        }
+        spendOnElement(attributes);
+        const bool isEmpty = cursor_.skip("/");
+        require(cursor_.skip(">"));
+        if (isEmpty) {
+            close();
+        }
+    }
+
+    void close() {
+        prefixes_.resize(open_.back().around);
+        open_.pop_back();
+    }
+
+    std::string_view takeName() {
+        const std::string_view name = cursor_.takeName();
+        spend(std::any_of(name.begin(), name.end(), isBeyondAscii) ? 4 * kMessage : 0);
+        look(name.substr(0, name.find(':')));
+        look(localOf(name));
+        return name;
+    }
+
+    static std::string_view localOf(std::string_view name) {
+        return name.substr(name.find(':') + 1);
+    }
+
+    void takeAttribute() {
+        const std::string_view name = takeName();
+        cursor_.skipBlanks();
+        require(cursor_.skip("="));
+        cursor_.skipBlanks();
+        const std::string_view value = cursor_.takeQuoted();
+        require(value.find('<') == kNone);
+        spend(count(value, '>') * kMessage);
+        spend(stepsOf(value));
+        locals_.insert(localOf(name));
+        if (name == "xmlns" || name.starts_with("xmlns:")) {
+            declare(name.substr(std::min<std::size_t>(name.size(), 6)), value);
+        } else if (name.find(':') != kNone) {
+            searched_.push_back(name);
+        }
+        if (hasIds_ || name == "xml:id") {
+            constexpr Steps kLink = 20; // a chain may hold all identifiers
+            spend(kLink * ++identifiers_);
+        }
+        if (value.size() <= 3) {
+            look(value);
+        }
+    }
+
+    void declare(std::string_view prefix, std::string_view uri) {
+        spend(kMessage + 5 * uri.size());
+        look(uri);
+        prefixes_.push_back(prefix);
+        longestUri_ = std::max(longestUri_, uri.size());
+    }
+
+    /// libxml2 compares each attribute of an element with all others.
+    void spendOnElement(Steps written) {
+        const Steps namespaces = prefixes_.size() - open_.back().around + defaults_;
+        const Steps attributes = written + 2 * defaults_ - namespaces;
+        spend(kNode + (written + defaults_) * (kAttribute + 4 * open_.back().name.size()) +
+              attributes * attributes + namespaces * namespaces / 2 + defaultSteps_);
+        // Equal names are a fault each, and so are those in the same namespace.
+        spend((written - locals_.size()) * (kMessage + 3 * longestUri_));
+        for (const std::string_view name : searched_) {
+            search(name);
+        }
+    }
+
+    [[nodiscard]] Steps inForce() const { return prefixes_.size() + open_.size() * defaults_; }
+
+    /// The namespaces of an element and all around it are searched for a prefix.
+    void search(std::string_view name) {
+        const std::size_t colon = std::min(name.find(':'), name.size());
+        const std::string_view prefix = colon == name.size() ? "" : name.substr(0, colon);
+        const std::string_view local = localOf(name);
+        spend(open_.size() + inForce() * (3 + prefix.size()));
+        if (colon < name.size() &&
+            (colon == 0 || !beginsName(local) || local.find(':') != kNone ||
+             std::find(prefixes_.begin(), prefixes_.end(), prefix) == prefixes_.end())) {
+            spend(kMessage + 3 * (name.size() + open_.back().name.size()));
+        }
+    }
+
+    Cursor cursor_;
+    Steps left_ = kMostSteps;
+    std::set<std::string_view> names_;
+    std::vector<Element> open_;
+    std::vector<std::string_view> prefixes_; ///< of the namespaces in force
+    std::vector<std::string_view> searched_; ///< names in the latest tag with a prefix
+    std::set<std::string_view> locals_;      ///< names of its attributes without their prefixes
+    std::size_t longestUri_ = 0;
+    Steps identifiers_ = 0;
+    std::string_view declared_; ///< the document type declaration
+    std::map<std::string_view, Entity> entities_;
+    std::size_t longestParameter_ = 0;
+    Steps defaults_ = 0; ///< attributes that each element may get from its declaration
+    Steps defaultSteps_ = 0;
+    bool hasIds_ = false;
+};
 
 } // namespace
 
-bool mayBeParsed(std::string_view text) {
-    std::string converted;
-    const auto markup = findMarkup(text, converted);
-    return markup && hasHarmlessDeclarations(*markup) && haveFewAttributes(*markup);
+bool isCheap(std::string_view markup) {
+    try {
+        [[maybe_unused]] const Scan passed(markup);
+        return true;
+    } catch (const Refused&) {
+        return false;
+    }
 }
 
 } // namespace orvexd

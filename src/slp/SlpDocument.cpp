@@ -5,6 +5,7 @@
 
 #include <charconv>
 #include <limits>
+#include <memory>
 #include <utility>
 
 namespace orvexd {
@@ -22,69 +23,22 @@ SlpError formatError(const char* text) {
     return {failure::kFormat, text};
 }
 
-/// Reads the attributes of one document. libxml2's own reader copies what it has for each entity
-/// that it puts into a value, and puts in as much as there is: a few kilobytes would keep the
-/// worker busy for hours and fill the memory.
-class AttributeReader {
-public:
-    /// An entity refers to more text than a document may hold.
-    struct TooMuchText {};
-
-    /// The attribute's value with its entities put in; none when the element has no such attribute.
-    /// @throws TooMuchText when the entities of all attributes so far hold more than kMostText.
-    std::optional<std::string> read(const xmlNode& element, const char* name) {
-        const xmlAttr* attribute = xmlHasProp(&element, asXml(name));
-        if (attribute == nullptr) {
-            return std::nullopt;
-        }
-        std::string value;
-        if (attribute->type == XML_ATTRIBUTE_DECL) { // the element has it by its declaration
-            append(reinterpret_cast<const xmlAttribute*>(attribute)->defaultValue, value);
-        } else {
-            append(attribute->children, value);
-        }
-        return value;
+/// The attribute's value with its entities put in, which `mayBeParsed` has limited; none when the
+/// element has no such attribute. `xmlGetProp` would copy what it has for each entity.
+std::optional<std::string> attributeOf(const xmlNode& element, const char* name) {
+    const xmlAttr* attribute = xmlHasProp(&element, asXml(name));
+    if (attribute == nullptr) {
+        return std::nullopt;
     }
-
-private:
-    static constexpr std::size_t kMostText = 10'000'000; // libxml2's limit for a single attribute
-
-    static void append(const xmlChar* text, std::string& value) {
-        if (text != nullptr) {
-            value.append(reinterpret_cast<const char*>(text));
-        }
+    if (attribute->type == XML_ATTRIBUTE_DECL) { // the element has it by its declaration
+        const xmlChar* value = reinterpret_cast<const xmlAttribute*>(attribute)->defaultValue;
+        return value == nullptr ? "" : reinterpret_cast<const char*>(value);
     }
-
-    void append(const xmlNode* nodes, std::string& value) {
-        for (const xmlNode* node = nodes; node != nullptr; node = node->next) {
-            const xmlEntity* entity = node->type == XML_ENTITY_REF_NODE
-                                          ? xmlGetDocEntity(node->doc, node->name)
-                                          : nullptr;
-            if (entity != nullptr) {
-                appendEntity(*entity, value);
-            } else {
-                append(node->content, value);
-            }
-        }
-    }
-
-    /// Even an entity without text costs something: its parts may be many.
-    void appendEntity(const xmlEntity& entity, std::string& value) {
-        const std::size_t before = value.size();
-        spend(1);
-        append(entity.children, value);
-        spend(value.size() - before);
-    }
-
-    void spend(std::size_t bytes) {
-        if (bytes > left_) {
-            throw TooMuchText();
-        }
-        left_ -= bytes;
-    }
-
-    std::size_t left_ = kMostText;
-};
+    const std::unique_ptr<xmlBuffer, FreeWith<xmlBufferFree>> value(xmlBufferCreate());
+    xmlBufferSetAllocationScheme(value.get(), XML_BUFFER_ALLOC_DOUBLEIT);
+    xmlNodeBufGetContent(value.get(), reinterpret_cast<const xmlNode*>(attribute));
+    return reinterpret_cast<const char*>(xmlBufferContent(value.get()));
+}
 
 bool isDigits(std::string_view text) {
     return text.find_first_not_of("0123456789") == std::string_view::npos;
@@ -98,10 +52,9 @@ int toOid(std::string_view digits) {
     return parsed.ec == std::errc::result_out_of_range ? std::numeric_limits<int>::max() : oid;
 }
 
-std::optional<SlpError> parseResult(const xmlNode& result, AttributeReader& attributes,
-                                    ResultMap& results) {
-    const std::optional<std::string> oid = attributes.read(result, "oid");
-    const std::optional<std::string> href = attributes.read(result, "href");
+std::optional<SlpError> parseResult(const xmlNode& result, ResultMap& results) {
+    const std::optional<std::string> oid = attributeOf(result, "oid");
+    const std::optional<std::string> href = attributeOf(result, "href");
     if (!oid || !href) {
         return formatError("oid or cid not found from result");
     }
@@ -121,9 +74,8 @@ std::optional<SlpError> parseResult(const xmlNode& result, AttributeReader& attr
     return std::nullopt;
 }
 
-std::optional<SlpError> parseResponseElement(xmlNode& response, AttributeReader& attributes,
-                                             ResultMap& results) {
-    std::string status = attributes.read(response, "status").value_or("");
+std::optional<SlpError> parseResponseElement(xmlNode& response, ResultMap& results) {
+    std::string status = attributeOf(response, "status").value_or("");
     if (status != "ok") {
         return SlpError{failure::kRefusedByServer, std::move(status)};
     }
@@ -132,7 +84,7 @@ std::optional<SlpError> parseResponseElement(xmlNode& response, AttributeReader&
         if (!isNamed(child, "result")) {
             return formatError("SlpResponse included other elements than results");
         }
-        if (auto error = parseResult(*child, attributes, results)) {
+        if (auto error = parseResult(*child, results)) {
             return error;
         }
     }
@@ -149,12 +101,7 @@ std::optional<SlpError> parseSlpResponse(xmlNode* root, ResultMap& results) {
     if (!isNamed(response, "SlpResponse")) {
         return formatError("SlpResponse element faulty or does not exist");
     }
-    AttributeReader attributes;
-    try {
-        return parseResponseElement(*response, attributes, results);
-    } catch (const AttributeReader::TooMuchText&) {
-        return formatError("could not parse document");
-    }
+    return parseResponseElement(*response, results);
 }
 
 } // namespace orvexd

@@ -21,17 +21,15 @@ inline constexpr std::size_t kMostAttributes = 12'000;
 /// The most bytes of an internal subset, its parameter entities put in.
 inline constexpr std::size_t kMostDeclarations = 32'000;
 
-/// Looks for what the parser must not get: very many attributes in one element, long declarations,
-/// a parameter entity that refers to others, an encoding in which none of this can be seen.
-/// Malformed text may pass: the parser ends at its fault.
+/// Tells from its bytes whether libxml2 takes less than half a second for a document. What passes
+/// may still be none.
 [[nodiscard]] bool mayBeParsed(std::string_view text);
 
-/// Parses a document as `xmlReadMemory` without options does, but gives up when that is much more
-/// work than the document is long: libxml2 compares each attribute of an element with all others,
-/// searches all namespaces in force for each prefix, and copies what a declaration gives to every
-/// element. A few hundred kilobytes would keep the worker busy for minutes, and nothing stops it.
-/// Nothing is printed. Any thread.
-/// @return null when the text is no document or when its limits, named in orvexd(8), are passed.
+/// Parses a document as `xmlReadMemory` without options does, unless it may not be parsed: libxml2
+/// compares each attribute of an element with all others, searches all namespaces in force for each
+/// prefix, and copies what a declaration gives to every element. A few hundred kilobytes would keep
+/// the worker busy for minutes, and nothing stops it. Nothing is printed. Any thread.
+/// @return null when the text is no document or passes the limits that orvexd(8) names.
 [[nodiscard]] XmlDocument readSlpDocument(std::string_view text);
 
 /// Adds what the document says to `results`.

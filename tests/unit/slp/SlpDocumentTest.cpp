@@ -262,6 +262,20 @@ std::string inUtf16(const std::string& text) {
     return wide;
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(NDEBUG) ||           \
+    !defined(__LP64__)             // a 32-bit machine is a phone, or emulated
+constexpr double kMostSeconds = 5; // far below what the documents would cost
+#else
+constexpr double kMostSeconds = 0.5;
+#endif
+
+/// Seconds of this thread.
+double processorTime() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
 const std::string kResult = result("1", "cid:a");
 const ResultMap kResults{{1, {"a"}}};
 
@@ -313,6 +327,15 @@ TEST(ReadSlpDocument, ReadsLongTextAsTheLibraryDoes) {
     expectTheLibrarysReading("<a>" + text + "</a>");
     expectTheLibrarysReading("<a><!--" + text + "--></a>");
     expectTheLibrarysReading("<a b='" + text + "'/>");
+    expectTheLibrarysReading("<a>" + repeated("a b\n ", 2'200'000) + "</a>");
+    expectTheLibrarysReading("<a><![CDATA[" + text.substr(0, 9'900'000) + "]]></a>");
+}
+
+TEST(ReadSlpDocument, ReadsInstructionsThatNameCatalogsAtOnce) {
+    const std::string text = repeated("<?oasis-xml-catalog catalog='c'?>", 50'000);
+    const double begin = processorTime();
+    EXPECT_EQ(parse(text + document(kResult)).results, kResults);
+    EXPECT_LT(processorTime() - begin, kMostSeconds);
 }
 
 TEST(ReadSlpDocument, TakesTwelveThousandAttributesOrNamespaces) {
@@ -392,21 +415,18 @@ TEST(ReadSlpDocument, TakesTextOnlyInWellKnownEncodings) {
     EXPECT_FALSE(readSlpDocument("<?xml version='1.0' encoding='UTF-7'?>" + document(kResult)));
 }
 
-/// Processor time of this thread that refusing the text takes.
+/// Processor time that refusing the text takes.
 double secondsToRefuse(const std::string& text) {
-    const auto now = [] {
-        timespec time{};
-        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-    };
-    const double begin = now();
+    const double begin = processorTime();
     EXPECT_FALSE(readSlpDocument(text)) << text.substr(0, 200);
-    return now() - begin;
+    return processorTime() - begin;
 }
 
 std::string elements(const std::string& element, int count) {
     return document(kResult + repeated(element, count));
 }
+
+const std::string kCrowd = "<b" + attributes(150'000) + "/>";
 
 struct Costly {
     const char* name;
@@ -448,8 +468,33 @@ const Costly kCostly[] = {
          return document(
              numbered(200'000, [](const auto& n) { return "<a xml:id='i" + n + "'/>"; }));
      }},
-    {"Catalogs",
-     [] { return repeated("<?oasis-xml-catalog catalog='c'?>", 50'000) + document(kResult); }},
+    {"Instructions", [] { return document(repeated("<?a:b?>", 1'000'000)); }},
+    {"EmptyEntity",
+     [] { return declaring("<!ENTITY e ''>", document(repeated("&e;", 2'000'000))); }},
+    {"NestedEntities", // the library allows the more the longer the document is
+     [] {
+         std::string entities = "<!ENTITY e0 'x'>";
+         for (int level = 1; level < 7; ++level) {
+             entities += "<!ENTITY e" + std::to_string(level) + " '" +
+                         repeated("&#38;e" + std::to_string(level - 1) + ";", 18) + "'>";
+         }
+         return "<!--" + std::string(8'000'000, 'c') + "-->" +
+                declaring(entities, document("<b c='&e6;'/>"));
+     }},
+    {"CrowdInACommentBehindABadCharacter",
+     [] { return document("<!--\xef\xbf\xbe" + kCrowd + "-->"); }},
+    {"CrowdInACommentBehindALoneSurrogate",
+     [] {
+         return inUtf16("<a><!--") + std::string("\x00\xdc", 2) +
+                inUtf16(kCrowd + "--></a>").substr(2);
+     }},
+    {"CrowdInALongComment",
+     [] { return document("<!--" + std::string(10'000'001, 'c') + kCrowd + "-->"); }},
+    {"CrowdInAnInstruction", [] { return document("<?" + kCrowd + "?>"); }},
+    {"CrowdInACommentThatIsNoneBehindADeclaration",
+     [] {
+         return declaring("<!ATTLIST a b CDATA \"<c><![CDATA[\">", "<!-- ]]>" + kCrowd + "-->");
+     }},
     {"Elements", [] { return elements("<a/>", 3'000'000); }},
     {"Enumeration",
      [] {
@@ -463,6 +508,12 @@ const Costly kCostly[] = {
                               numbered(1000, [](const auto& n) { return " b" + n + " CDATA ''"; }) +
                               ">",
                           elements("<a/>", 10'000));
+     }},
+    {"ReferencesInDefaultAttributes",
+     [] {
+         return declaring("<!ENTITY e '" + std::string(20'000, 'x') +
+                              "'><!ATTLIST result oid CDATA '" + repeated("&e;", 1000) + "'>",
+                          document(repeated(kResult, 100)));
      }},
     {"DefaultNamespace",
      [] {
@@ -491,12 +542,6 @@ const Costly kCostly[] = {
 };
 
 TEST(ReadSlpDocument, RefusesWhatWouldCostMuchMoreThanItIsLong) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(NDEBUG) ||           \
-    !defined(__LP64__)                 // a 32-bit machine is a phone, or emulated
-    constexpr double kMostSeconds = 5; // far below what the documents would cost
-#else
-    constexpr double kMostSeconds = 0.5;
-#endif
     for (const Costly& costly : kCostly) {
         EXPECT_LT(secondsToRefuse(costly.make()), kMostSeconds) << costly.name;
     }
@@ -528,15 +573,22 @@ TEST(ParseSlpResponse, PutsInAsMuchTextAsADocumentMayHold) {
     EXPECT_EQ(outcome.error->text.size(), 9'000'000);
 }
 
-TEST(ParseSlpResponse, RejectsEntitiesThatWouldCostHours) {
+TEST(ReadSlpDocument, RefusesEntitiesThatWouldCostHours) {
     const std::string status = "status=\"" + repeated("&f;", 20'000) + "\"";
-    expectError(withEntity(repeated("x", 900), document("", status)), 1003,
-                "could not parse document");
+    EXPECT_FALSE(readSlpDocument(withEntity(repeated("x", 900), document("", status))));
     // Entities without any text.
     const std::string hollow = "<!DOCTYPE x [<!ENTITY e \"\"><!ENTITY f \"" + repeated("&e;", 40) +
                                "\"><!ENTITY g \"" + repeated("&f;", 40) + "\">]>";
     const std::string empty = "status=\"" + repeated("&g;", 10'000) + "\"";
-    expectError(hollow + document("", empty), 1003, "could not parse document");
+    EXPECT_FALSE(readSlpDocument(hollow + document("", empty)));
+}
+
+// libxml2 2.9.14 overlooks such a circle when a parameter entity stands in front of it.
+TEST(ReadSlpDocument, RefusesEntitiesThatReferToThemselves) {
+    const std::string circle = "<!ENTITY % p ''>%p;<!ENTITY a '&b;'><!ATTLIST x y CDATA '&a;'>";
+    for (const char* last : {"<!ENTITY b '&a;'>", "<!ENTITY b '&#38;a;'>", "<!ENTITY b '&b;'>"}) {
+        EXPECT_FALSE(readSlpDocument(declaring(circle + last, document("", "status='&a;'"))));
+    }
 }
 
 TEST(ReadSlpDocument, RefusesVeryManyReferencesToLongEntities) {
@@ -544,12 +596,16 @@ TEST(ReadSlpDocument, RefusesVeryManyReferencesToLongEntities) {
     EXPECT_FALSE(readSlpDocument(withEntity(repeated("x", 900), document(many))));
 }
 
-TEST(ReadSlpDocument, TakesAsManyResultsAsThereAre) {
-    std::string results;
-    for (int number = 0; number < 20000; ++number) {
-        results += result("1", "cid:a");
+TEST(ReadSlpDocument, TakesAHundredThousandResults) {
+    constexpr int kCount = 100'000;
+    const std::string own =
+        "<p:result xmlns:p=\"http://www.example.com/slp\" oid=\"1\" p:href=\"cid:a\"></p:result>";
+    for (const std::string& each : {result("1", "cid:a"), own}) {
+        EXPECT_EQ(parse(document(repeated(each, kCount))).results.at(1).size(), kCount);
     }
-    EXPECT_EQ(parse(document(results)).results.at(1).size(), 20000U);
+    const std::string declared = "<!ATTLIST result oid CDATA \"1\">";
+    const std::string results = repeated("<result href=\"cid:a\"/>", kCount);
+    EXPECT_EQ(parse(declaring(declared, document(results))).results.at(1).size(), kCount);
 }
 
 } // namespace

@@ -1,0 +1,95 @@
+#pragma once
+
+#include "slp/TextSearch.h"
+
+#include <algorithm>
+#include <string_view>
+
+/// Taking markup piece by piece; a fault in it ends that.
+namespace orvexd::markup {
+
+inline constexpr std::string_view kBlanks = " \t\r\n";
+inline constexpr auto kNone = std::string_view::npos;
+
+/// The text is no document, or a costly one.
+struct Refused {};
+
+inline void require(bool holds) {
+    if (!holds) {
+        throw Refused();
+    }
+}
+
+inline bool isBeyondAscii(char c) {
+    return static_cast<unsigned char>(c) >= 0x80;
+}
+
+inline bool beginsName(std::string_view text) {
+    const char first = text.empty() ? '\0' : asciiLower(text[0]);
+    return (first >= 'a' && first <= 'z') || first == '_';
+}
+
+/// Some characters beyond ASCII may stand in names.
+inline bool isInName(char c) {
+    return beginsName({&c, 1}) || isBeyondAscii(c) || (c >= '-' && c <= ':' && c != '/');
+}
+
+/// Takes a text piece by piece.
+struct Cursor {
+    std::string_view rest; ///< what is still to be taken
+
+    [[nodiscard]] char next() const noexcept { return rest.empty() ? '\0' : rest.front(); }
+
+    std::string_view take(std::size_t size) {
+        const std::string_view piece = rest.substr(0, size);
+        rest.remove_prefix(piece.size());
+        return piece;
+    }
+
+    std::string_view takeUpTo(std::string_view any) { return take(rest.find_first_of(any)); }
+
+    bool skip(std::string_view token) {
+        return rest.starts_with(token) && !take(token.size()).empty();
+    }
+
+    bool skipBlanks() { return !take(rest.find_first_not_of(kBlanks)).empty(); }
+
+    /// The text in front of `end`, which is taken, too.
+    std::string_view takePast(std::string_view end) {
+        const std::size_t found = findBytes(rest, end);
+        require(found != kNone);
+        const std::string_view piece = take(found);
+        take(end.size());
+        return piece;
+    }
+
+    std::string_view takeName() {
+        const auto* const end = std::find_if_not(rest.begin(), rest.end(), isInName);
+        const std::string_view name = take(static_cast<std::size_t>(end - rest.begin()));
+        require(beginsName(name) || (!name.empty() && (isBeyondAscii(name[0]) || name[0] == ':')));
+        return name;
+    }
+
+    std::string_view takeQuoted() {
+        const std::string_view quote = take(1);
+        require(quote == "\"" || quote == "'");
+        return takePast(quote);
+    }
+};
+
+/// Calls `use` with the name of each reference in the text and with what stands behind it.
+template <typename Use> void forEachReference(std::string_view text, Use use) {
+    for (std::size_t at = text.find('&'); at != kNone; at = text.find('&', at)) {
+        const std::size_t end = std::min(text.find_first_of("&;", ++at), text.size());
+        use(text.substr(at, end - at), text.substr(std::min(end + 1, text.size())));
+    }
+}
+
+/// Whether the reference means '&', which may begin another one.
+inline bool isAmpersand(std::string_view name) {
+    const bool isHex = name.starts_with("#x");
+    const std::size_t digits = name.find_first_not_of('0', isHex ? 2 : 1);
+    return name.starts_with('#') && digits != kNone && name.substr(digits) == (isHex ? "26" : "38");
+}
+
+} // namespace orvexd::markup
