@@ -21,8 +21,9 @@ namespace {
 constexpr std::chrono::seconds kDefaultShutdownDelay(60);
 
 /// Bytes of messages that wait for their handler, beyond which libdbus reads no more. The last one
-/// may be as large as the bus lets pass. libdbus's own limit is 63 MiB.
-constexpr long kMostReceivedBytes = 4L * 1024 * 1024;
+/// may be as large as the bus lets pass. libdbus's own limit is 63 MiB, and small messages take
+/// several times their size.
+constexpr long kMostReceivedBytes = 256L * 1024;
 /// Most file descriptors of messages that wait for their handler. No member takes a descriptor: all
 /// are closed with their message.
 constexpr long kMostReceivedDescriptors = 64;

@@ -3,6 +3,7 @@
 #include "slp/TextSearch.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <string_view>
 
 /// Taking markup piece by piece; a fault in it ends that.
@@ -20,6 +21,10 @@ inline void require(bool holds) {
     }
 }
 
+inline std::size_t count(std::string_view text, char c) {
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), c));
+}
+
 inline bool isBeyondAscii(char c) {
     return static_cast<unsigned char>(c) >= 0x80;
 }
@@ -32,6 +37,11 @@ inline bool beginsName(std::string_view text) {
 /// Some characters beyond ASCII may stand in names.
 inline bool isInName(char c) {
     return beginsName({&c, 1}) || isBeyondAscii(c) || (c >= '-' && c <= ':' && c != '/');
+}
+
+/// A name without its prefix.
+inline std::string_view localOf(std::string_view name) {
+    return name.substr(name.find(':') + 1);
 }
 
 /// Takes a text piece by piece.

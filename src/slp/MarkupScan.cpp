@@ -1,10 +1,6 @@
 // What a document would cost its parser, told by its bytes before the parse.
-//
-// The scan finds markup where the parser finds it: it refuses every fault behind which the parser
-// might go on inside a comment, a declaration or a value. Such a text would be no document anyway.
-// Behind the few faults that pass, the parser still begins a tag at each '<', or ends.
-
-#include "slp/MarkupScan.h"
+// The scan finds markup where the parser finds it. It refuses faults behind which the parser might
+// go on inside a comment, a declaration or a value. Behind others a '<' still begins a tag.
 
 #include "slp/MarkupCursor.h"
 #include "slp/SlpDocument.h"
@@ -26,15 +22,17 @@ constexpr Steps kNode = 100;
 constexpr Steps kAttribute = 200;
 constexpr Steps kMessage = 300; ///< that nobody gets
 
-Steps count(std::string_view text, char c) {
-    return static_cast<Steps>(std::count(text.begin(), text.end(), c));
-}
+// Bytes of libxml2's records on a 64-bit machine, allocator included.
+constexpr std::size_t kNodeSize = 160;      ///< with an empty text
+constexpr std::size_t kAttributeSize = 256; ///< with the text that it holds
+constexpr std::size_t kNamespaceSize = 96;
 
-/// Counts the steps of a document.
+/// Counts the steps and the memory of a document.
 class Scan {
 public:
-    explicit Scan(std::string_view text) : cursor_{text} {
+    Scan(std::string_view text, std::size_t mostMemory) : cursor_{text}, memoryLeft_(mostMemory) {
         spend(2 * text.size());
+        hold(2 * text.size()); // the parser's copy, and all texts
         while (!cursor_.rest.empty()) {
             takeContent();
         }
@@ -53,6 +51,11 @@ private:
     void spend(Steps steps) {
         require(steps <= left_);
         left_ -= steps;
+    }
+
+    void hold(std::size_t bytes) {
+        require(bytes <= memoryLeft_);
+        memoryLeft_ -= bytes;
     }
 
     /// The parser keeps names and short texts in a table with chains that grow with it.
@@ -86,6 +89,7 @@ private:
         require(findBytes(text, "]]>") == kNone);
         const Steps each = declared_.empty() ? 0 : kEntity + declared_.size() * inForce();
         spend(30 + stepsOf(text) + count(text, '&') * each);
+        hold(kNodeSize * (1 + 2 * count(text, '&')));
         if (text.size() <= 3 || (text.size() < 60 && text.find_first_not_of(kBlanks) == kNone)) {
             look(text);
         }
@@ -95,6 +99,7 @@ private:
     void takeSection(std::string_view end, bool isSound) {
         constexpr std::size_t kLongest = 10'000'000;
         spend(kNode);
+        hold(kNodeSize);
         const std::string_view text = cursor_.takePast(end);
         require((isSound && text.size() <= kLongest) || text.find_first_of("<&]") == kNone);
     }
@@ -253,10 +258,6 @@ private:
         return name;
     }
 
-    static std::string_view localOf(std::string_view name) {
-        return name.substr(name.find(':') + 1);
-    }
-
     void takeAttribute() {
         const std::string_view name = takeName();
         cursor_.skipBlanks();
@@ -283,6 +284,7 @@ private:
 
     void declare(std::string_view prefix, std::string_view uri) {
         spend(kMessage + 5 * uri.size());
+        hold(kNamespaceSize);
         look(uri);
         prefixes_.push_back(prefix);
         longestUri_ = std::max(longestUri_, uri.size());
@@ -294,6 +296,7 @@ private:
         const Steps attributes = written + 2 * defaults_ - namespaces;
         spend(kNode + (written + defaults_) * (kAttribute + 4 * open_.back().name.size()) +
               attributes * attributes + namespaces * namespaces / 2 + defaultSteps_);
+        hold(kNodeSize + attributes * kAttributeSize + defaults_ * declared_.size());
         // Equal names are a fault each, and so are those in the same namespace.
         spend((written - locals_.size()) * (kMessage + 3 * longestUri_));
         for (const std::string_view name : searched_) {
@@ -302,7 +305,6 @@ private:
     }
 
     [[nodiscard]] Steps inForce() const { return prefixes_.size() + open_.size() * defaults_; }
-
     /// The namespaces of an element and all around it are searched for a prefix.
     void search(std::string_view name) {
         const std::size_t colon = std::min(name.find(':'), name.size());
@@ -318,6 +320,7 @@ private:
 
     Cursor cursor_;
     Steps left_ = kMostSteps;
+    std::size_t memoryLeft_;
     std::set<std::string_view> names_;
     std::vector<Element> open_;
     std::vector<std::string_view> prefixes_; ///< of the namespaces in force
@@ -335,9 +338,9 @@ private:
 
 } // namespace
 
-bool isCheap(std::string_view markup) {
+bool isCheap(std::string_view markup, std::size_t mostMemory) {
     try {
-        [[maybe_unused]] const Scan passed(markup);
+        [[maybe_unused]] const Scan passed(markup, mostMemory);
         return true;
     } catch (const Refused&) {
         return false;

@@ -4,6 +4,7 @@
 #include "support/XmlHandles.h"
 
 #include <cstddef>
+#include <limits>
 #include <map>
 #include <optional>
 #include <string>
@@ -21,16 +22,25 @@ inline constexpr std::size_t kMostAttributes = 12'000;
 /// The most bytes of an internal subset, its parameter entities put in.
 inline constexpr std::size_t kMostDeclarations = 32'000;
 
-/// Tells from its bytes whether libxml2 takes less than half a second for a document. What passes
-/// may still be none.
-[[nodiscard]] bool mayBeParsed(std::string_view text);
+/// Memory for documents where nobody counts it.
+inline constexpr std::size_t kAnyMemory = std::numeric_limits<std::size_t>::max();
+
+/// Whether libxml2 takes less than half a second and `mostMemory` bytes to parse a document or to
+/// find that it is none. Some texts that are none, and a few that would be one, are not cheap
+/// because their cost is hard to tell.
+/// @param markup the document as characters that XML allows; each byte up to 127 is an ASCII one.
+[[nodiscard]] bool isCheap(std::string_view markup, std::size_t mostMemory);
+
+/// As `isCheap`, for a document in any encoding that can be looked through.
+[[nodiscard]] bool mayBeParsed(std::string_view text, std::size_t mostMemory = kAnyMemory);
 
 /// Parses a document as `xmlReadMemory` without options does, unless it may not be parsed: libxml2
 /// compares each attribute of an element with all others, searches all namespaces in force for each
 /// prefix, and copies what a declaration gives to every element. A few hundred kilobytes would keep
 /// the worker busy for minutes, and nothing stops it. Nothing is printed. Any thread.
 /// @return null when the text is no document or passes the limits that orvexd(8) names.
-[[nodiscard]] XmlDocument readSlpDocument(std::string_view text);
+[[nodiscard]] XmlDocument readSlpDocument(std::string_view text,
+                                          std::size_t mostMemory = kAnyMemory);
 
 /// Adds what the document says to `results`.
 /// @param root root element of the document, may be null.

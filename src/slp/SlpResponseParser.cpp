@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <utility>
-#include <vector>
 
 namespace orvexd {
 
@@ -17,13 +16,7 @@ constexpr auto kNone = std::string_view::npos;
 constexpr std::string_view kLineBreak = "\r\n";
 constexpr std::string_view kHeadStart = "HTTP";
 constexpr const char* kFaultyMime = "faulty MIME data";
-constexpr const char* kFaultyDocument = "could not parse document";
-
-/// What an announced part id costs: an entry, and a copy of its text, in each of three tables.
-std::size_t costOf(const std::string& id) {
-    constexpr std::size_t kEntries = 320;
-    return kEntries + 3 * id.size();
-}
+constexpr const char* kFaultyDocument = "could not parse document"; // too long to be looked at
 
 /// The end of `bytes` that may be the line break in front of a delimiter.
 std::string_view lineBreakAtEnd(std::string_view bytes) {
@@ -37,7 +30,7 @@ std::string_view lineBreakAtEnd(std::string_view bytes) {
 
 SlpResponseParser::SlpResponseParser(std::span<const std::shared_ptr<RequestData>> requests,
                                      MemoryBudget& budget)
-    : requests_(requests), kept_(budget), ids_(budget) {}
+    : requests_(requests), parts_(requests, budget), kept_(budget) {}
 
 std::size_t SlpResponseParser::feed(std::string_view chunk) {
     if (chunk.empty() || givenUp_) {
@@ -240,14 +233,9 @@ void SlpResponseParser::selectPart(const std::string& id) {
         inHeaderPart_ = true;
         return;
     }
-    const auto found = positions_.find(id);
-    if (found == positions_.end()) {
-        return;
-    }
-    RequestData* request = requests_[found->second].get();
-    if (request->acceptPartId(id)) {
-        currentRequest_ = request;
-        currentPosition_ = found->second;
+    if (const auto position = parts_.accept(id)) {
+        currentRequest_ = requests_[*position].get();
+        currentPosition_ = *position;
         inHeaderPart_ = false;
     }
 }
@@ -257,14 +245,9 @@ void SlpResponseParser::expectNextPart(const std::string& id) {
     if (id.empty()) {
         return;
     }
-    nextPartCost_ += costOf(id);
-    if (!chargeIds(kFaultyMime)) {
-        return;
-    }
-    currentRequest_->addExpectedPartId(id);
-    const auto [entry, added] = positions_.try_emplace(id, currentPosition_);
-    if (!added) {
-        entry->second = std::min(entry->second, currentPosition_);
+    parts_.add(currentPosition_, id);
+    if (!parts_.hasRoom()) {
+        giveUp(kFaultyMime);
     }
 }
 
@@ -306,58 +289,14 @@ void SlpResponseParser::parseSlpHeaderPart(std::string_view part) {
         recordError(failure::kFormat, "Invalid SLP header part");
         return;
     }
-    if (auto error = readResults(part.substr(blankLine + kBlankLine.size()))) {
-        recordError(error->code, std::move(error->text)); // results in front of the fault count
-        (void)chargeResults();
-    } else if (chargeResults()) {
-        announcePartIds();
+    if (auto error = parts_.read(part.substr(blankLine + kBlankLine.size()))) {
+        recordError(error->code, std::move(error->text));
     }
-    if (!givenUp_) {
+    if (parts_.hasRoom()) {
         pending_ = std::string(); // gives the memory of a large start part back
         inHeaderPart_ = false;
-    }
-}
-
-std::optional<SlpError> SlpResponseParser::readResults(std::string_view text) {
-    const XmlDocument document = readSlpDocument(text);
-    if (!document) {
-        return SlpError{failure::kFormat, kFaultyDocument};
-    }
-    return parseSlpResponse(xmlDocGetRootElement(document.get()), resultMap_);
-}
-
-/// Counts the announced ids in the memory budget. When there is no room for them, the response is
-/// given up.
-/// @return whether there is.
-bool SlpResponseParser::chargeResults() {
-    resultCost_ = 0;
-    for (const auto& [oid, ids] : resultMap_) {
-        for (const std::string& id : ids) {
-            resultCost_ += costOf(id);
-        }
-    }
-    return chargeIds(kFaultyDocument);
-}
-
-bool SlpResponseParser::chargeIds(const char* error) {
-    ids_.set(resultCost_ + nextPartCost_);
-    if (!ids_.hasRoom()) {
-        giveUp(error);
-    }
-    return !givenUp_;
-}
-
-void SlpResponseParser::announcePartIds() {
-    positions_.clear();
-    for (std::size_t position = 0; position < requests_.size(); ++position) {
-        RequestData& request = *requests_[position];
-        const auto result = resultMap_.find(static_cast<int>(request.messageIndex()));
-        const std::vector<std::string> none;
-        const std::vector<std::string>& ids = result == resultMap_.end() ? none : result->second;
-        request.setExpectedPartIds(ids);
-        for (const std::string& id : ids) {
-            positions_.try_emplace(id, position); // the first request in transfer order gets a part
-        }
+    } else {
+        giveUp(kFaultyDocument);
     }
 }
 
@@ -374,9 +313,7 @@ void SlpResponseParser::finish() {
     if (!complete && !givenUp_) {
         recordError(failure::kFormat, "missing MIME parts");
     }
-    for (const auto& request : requests_) {
-        request->forgetPartIds(); // its answer may be fetched much later
-    }
+    parts_.finish();
 }
 
 void SlpResponseParser::recordError(int code, std::string text) {

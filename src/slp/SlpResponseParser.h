@@ -1,13 +1,11 @@
 #pragma once
 
 #include "request/Answer.h"
-#include "slp/SlpDocument.h"
+#include "slp/AnnouncedParts.h"
 #include "support/MemoryBudget.h"
 
 #include <cstddef>
-#include <map>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -87,10 +85,6 @@ private:
     void deliver(std::string_view bytes, bool partComplete, bool first = false);
 
     void parseSlpHeaderPart(std::string_view part);
-    [[nodiscard]] std::optional<SlpError> readResults(std::string_view text);
-    void announcePartIds();
-    [[nodiscard]] bool chargeResults();
-    [[nodiscard]] bool chargeIds(const char* error);
 
     void recordError(int code, std::string text);
 
@@ -111,13 +105,8 @@ private:
     bool givenUp_ = false;
     bool stalled_ = false;
     SlpError error_;
-    ResultMap resultMap_;
-    /// First request in transfer order that expects an id, by id. Ordered, see Answer.
-    std::map<std::string, std::size_t> positions_;
+    AnnouncedParts parts_;
     Charge kept_; // what is in pending_
-    Charge ids_;  // what resultMap_, positions_ and the requests know of announced parts
-    std::size_t resultCost_ = 0;
-    std::size_t nextPartCost_ = 0;
     Patience patience_;
 };
 

@@ -3,6 +3,7 @@
 #include "support/Deployment.h"
 #include "support/Threads.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <glib.h>
@@ -106,6 +107,13 @@ public:
     [[nodiscard]] std::size_t bytes() const noexcept { return bytes_; }
     [[nodiscard]] MemoryBudget& budget() const noexcept { return *budget_; }
 
+    /// Bytes that this account may still take.
+    [[nodiscard]] std::size_t room() const noexcept {
+        const std::size_t held = budget_->held();
+        const std::size_t inBudget = budget_->size() - std::min(budget_->size(), held);
+        const std::size_t inAccount = budget_->accountBound();
+        return std::min(inBudget, inAccount - std::min(inAccount, bytes_));
+    }
     /// Whether this account may take data or an answer's bytes.
     [[nodiscard]] bool hasRoomForData() const noexcept {
         return bytes_ < budget_->accountBound() && budget_->hasRoomForData();

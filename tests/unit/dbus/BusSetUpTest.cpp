@@ -20,7 +20,7 @@ TEST_F(BusSetUp, TakesItsStepsInOrder) {
     EXPECT_EQ(
         bus_.calls,
         (Calls{"dbus_bus_get system", "dbus_threads_init_default",
-               "dbus_connection_set_max_received_size 4194304",
+               "dbus_connection_set_max_received_size 262144",
                "dbus_connection_set_max_received_unix_fds 64",
                "dbus_connection_set_max_message_unix_fds 253", "dbus_connection_setup_with_g_main",
                "dbus_bus_request_name com.kelvra.orvexd 6",
@@ -38,7 +38,7 @@ TEST_F(BusSetUp, MayBeRepeatedWithoutASecondFilter) {
     EXPECT_TRUE(service().setUpBus());
     EXPECT_EQ(
         bus_.calls,
-        (Calls{"dbus_threads_init_default", "dbus_connection_set_max_received_size 4194304",
+        (Calls{"dbus_threads_init_default", "dbus_connection_set_max_received_size 262144",
                "dbus_connection_set_max_received_unix_fds 64",
                "dbus_connection_set_max_message_unix_fds 253", "dbus_connection_setup_with_g_main",
                "dbus_bus_request_name com.kelvra.orvexd 6",
