@@ -1,0 +1,62 @@
+"""What an attack is given: the arena, the users, dice, and processes that are ended with it."""
+
+import random
+import time
+from pathlib import Path
+from typing import Callable, Optional
+
+from .arena import Arena
+from .people import Person, Tally, Users
+
+
+class Scene:
+    """One attack's. `tally` is what its processes count together."""
+
+    def __init__(self, arena: Arena, users: Users, dice: random.Random, seconds: float, directory: Path):
+        self.arena = arena
+        self.users = users
+        self.dice = dice
+        self.seconds = seconds
+        self.directory = directory  # for files that the server reads
+        self.tally = Tally()
+        self.begun = time.monotonic()
+        self._people: list[Person] = []
+
+    @property
+    def seed(self) -> int:
+        """For a process of its own."""
+        return self.dice.randrange(1 << 32)
+
+    @property
+    def elapsed(self) -> float:
+        return time.monotonic() - self.begun
+
+    def attacker(self, function: Callable, *arguments) -> Person:
+        """A process under the attacker's user; it is given the bus and the tally first."""
+        return self._start(self.users.attacker, function, *arguments)
+
+    def client(self, function: Callable, *arguments) -> Person:
+        """The same under the honest user."""
+        return self._start(self.users.honest, function, *arguments)
+
+    def serve(self, behaviour: dict) -> None:
+        """What the server does from now on."""
+        self.arena.server.default(behaviour)
+
+    @property
+    def is_over(self) -> bool:
+        """Whether all its processes have come to their end."""
+        return all(person.result() is not None for person in self._people)
+
+    def errors(self) -> list[str]:
+        """What its processes failed with."""
+        results = [person.result() for person in self._people]
+        return [result["error"] for result in results if result is not None and "error" in result]
+
+    def end(self) -> None:
+        for person in self._people:
+            person.end()
+
+    def _start(self, user: Optional[int], function: Callable, *arguments) -> Person:
+        self._people.append(Person(user, function, self.arena.path, self.tally, *arguments))
+        return self._people[-1]
