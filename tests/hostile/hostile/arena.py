@@ -58,6 +58,7 @@ class Arena:
 
     @property
     def is_sound(self) -> bool:
+        """Whether daemon and bus run."""
         return self.daemon.process.status is None and self.bus.process.status is None
 
     def set_network(self, connections) -> None:

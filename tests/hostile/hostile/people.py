@@ -13,7 +13,7 @@ from typing import Any, Callable, Optional
 
 MEMBER_GROUP = "games"  # in the place of "positioning", which a machine may lack; always there
 _MEMBER_GROUP_ID = 60
-_ATTACKER, _HONEST = 65534, 65533
+_ATTACKER, _HONEST = 65534, 1  # nobody and daemon; a bus wants users that it knows
 _MEMORY = 2 << 30  # address space of each process
 _PR_SET_PDEATHSIG = 1
 
@@ -43,7 +43,7 @@ class Users:
 class Tally:
     """Counters that the process which counts and this one share, and that outlive it."""
 
-    NAMES = ("sent", "accepted", "refused", "limited", "failed", "answers", "bytes", "foreign", "rounds")
+    NAMES = ("sent", "accepted", "refused", "limited", "failed", "answers", "bytes", "foreign", "rounds", "stop")
 
     def __init__(self):
         self._cells = memoryview(mmap.mmap(-1, mmap.PAGESIZE)).cast("Q")
@@ -82,6 +82,10 @@ class Person:
             self._answer = json.loads(text) if text else {"error": "ended without a word"}
         return self._answer
 
+    @property
+    def has_ended(self) -> bool:
+        return self._ended or self.result() is not None
+
     def end(self) -> None:
         """Kills it, if it still runs."""
         if self._ended:
@@ -95,6 +99,8 @@ class Person:
 def _live(user: Optional[int], end: int, function: Callable, arguments: tuple) -> None:
     """The whole life of the child."""
     answer: dict[str, Any]
+    for number in (signal.SIGINT, signal.SIGTERM):  # the handlers clean up, which is the parent's to do
+        signal.signal(number, signal.SIG_DFL)
     try:
         resource.setrlimit(resource.RLIMIT_AS, (_MEMORY, _MEMORY))
         if user is not None:
@@ -103,7 +109,7 @@ def _live(user: Optional[int], end: int, function: Callable, arguments: tuple) -
             os.setresuid(user, user, user)
         ctypes.CDLL(None).prctl(_PR_SET_PDEATHSIG, signal.SIGKILL)
         answer = {"value": function(*arguments)}
-    except Exception as error:  # pylint: disable=broad-except
+    except BaseException as error:  # pylint: disable=broad-except
         answer = {"error": f"{type(error).__name__}: {error}", "trace": traceback.format_exc()}
     try:
         os.write(end, json.dumps(answer).encode())

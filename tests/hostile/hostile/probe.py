@@ -13,10 +13,11 @@ _ROOM = 1 << 17  # pairs
 
 
 class _Series:
-    """Times that one process writes and another reads. Cell 0 counts them, cell 1 is the open call's beginning."""
+    """Times that one process writes and another reads. Cell 0 counts them, cell 1 is the open call's beginning,
+    cell 2 counts the calls that were refused."""
 
     def __init__(self):
-        self._cells = memoryview(mmap.mmap(-1, 8 * (_ROOM + 2))).cast("d")
+        self._cells = memoryview(mmap.mmap(-1, 8 * (_ROOM + 3))).cast("d")
 
     def begin(self) -> None:
         self._cells[1] = time.monotonic()
@@ -24,15 +25,22 @@ class _Series:
     def end(self) -> None:
         count = int(self._cells[0])
         if count < _ROOM:
-            self._cells[2 + count] = time.monotonic() - self._cells[1]
+            self._cells[3 + count] = time.monotonic() - self._cells[1]
             self._cells[0] = count + 1
         self._cells[1] = 0.0
 
     def values(self) -> list[float]:
         """Those that are over, and the one under way with what it has waited so far."""
-        taken = self._cells[2 : 2 + int(self._cells[0])].tolist()
+        taken = self._cells[3 : 3 + int(self._cells[0])].tolist()
         begun = self._cells[1]
         return taken + ([time.monotonic() - begun] if begun else [])
+
+    def refuse(self) -> None:
+        self._cells[2] += 1
+
+    @property
+    def refused(self) -> int:
+        return int(self._cells[2])
 
     @property
     def waits(self) -> bool:
@@ -47,7 +55,9 @@ def _ask_for_ever(path: str, daemon: _Series, bus_times: _Series) -> None:
             series.begin()
             try:
                 bus.ask(blob, _PATIENCE)
-            except (Late, Refused):
+            except Refused:
+                series.refuse()
+            except Late:
                 pass  # its time tells
             except BusGone:
                 return
@@ -76,7 +86,12 @@ class Probe:
             "bus_longest": max(bus, default=0.0),
             "bus_p99": percentile(bus, 0.99),
             "gets": len(gets),
+            "refused": self._daemon.refused,
         }
+
+    def error(self) -> str:
+        """What it failed with, if it did."""
+        return (self._person.result() or {}).get("error", "")
 
     def end(self) -> None:
         self._person.end()

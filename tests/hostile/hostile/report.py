@@ -55,7 +55,7 @@ def line(row: Row, budget: int) -> str:
     return (
         f"{row.name}: +{row.peak / MIB:.0f} MiB, {row.left / MIB:.0f} left, {row.processor:.1f} s of processor in"
         f" {row.seconds:.1f} s; Get p99 {row.p99 * 1000:.1f} ms, longest {row.longest * 1000:.0f} ms;"
-        f" honest request {honest(row)} s; {row.got}" + "".join(f"\n  MISSED {each}" for each in misses(row, budget))
+        f" honest request {honest(row)}; {row.got}" + "".join(f"\n  MISSED {each}" for each in misses(row, budget))
     )
 
 

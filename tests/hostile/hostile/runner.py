@@ -5,6 +5,8 @@ import time
 from pathlib import Path
 from typing import Callable, Optional
 
+from harness.observe import has_worker
+
 from . import client_side
 from .arena import Arena
 from .attacks import ALL_THE_TIME, BEHIND, BESIDE, Attack
@@ -18,8 +20,9 @@ from .watch import Watch
 _EVERY = 0.05  # seconds between two looks at the daemon
 _HEAD_START = 0.3  # seconds before the honest request beside an attack
 _SETTLED = 16 * MIB  # above idle
-_SETTLING = 3.0  # seconds
-_SHORT_PATIENCE = 9.0  # seconds
+_SETTLING = 2.0  # seconds
+_SHORTEST_LIMIT = 10.0  # seconds
+_SHORT_PATIENCE = 2.0
 _ATTACKERS_OWN = ("BusGone", "Late", "Refused", "Failed")  # what a daemon or a bus with bounds does to attackers
 
 
@@ -55,7 +58,7 @@ class Runner:
             time.sleep(1.5 if self._short else 5)
             self.idle_p99 = probe.figures()["p99"]
             if not self.idle_p99:
-                raise Trouble("the idle daemon does not answer")
+                raise Trouble(f"the idle daemon does not answer: {probe.error()}")
         finally:
             probe.end()
 
@@ -69,14 +72,14 @@ class Runner:
         finally:
             course.end()
         row.idle_p99 = self.idle_p99
-        if not (attack.by_server and row.alive and row.honest is not None and row.left < _SETTLED):
+        if not (attack.by_server and arena.is_sound and course.left_nothing):
             self.close()
         return row
 
     def _patience(self, attack: Attack) -> float:
         """How long an honest request is waited for. A short run leaves long limits undecided."""
-        decides = not self._short or attack.limit < _SHORT_PATIENCE
-        return attack.limit + 1 if decides else _SHORT_PATIENCE / 2
+        decides = not self._short or attack.limit < _SHORTEST_LIMIT
+        return attack.limit + 1 if decides else _SHORT_PATIENCE
 
     def _fresh_arena(self) -> Arena:
         self.close()
@@ -113,7 +116,7 @@ class _Course:
         row.longest = max(row.longest, self._probe.figures()["longest"])
         row.got = "; ".join([self._attack.told(scene.tally), *errors])
         row.foreign = scene.tally["foreign"]
-        self._follow(lambda: watch.left_above_idle < _SETTLED, _SETTLING)
+        self._follow(lambda: self.left_nothing, _SETTLING)
         row.peak, row.left, row.alive = watch.peak_above_idle, watch.left_above_idle, watch.alive
         self._check(errors)
         return row
@@ -124,6 +127,12 @@ class _Course:
         self._probe.end()
         if self._honest is not None:
             self._honest.end()
+
+    @property
+    def left_nothing(self) -> bool:
+        """Whether the daemon's memory is what it was, and no client waits for an exchange, or an exchange for one."""
+        is_idle = self._scene.is_over and not has_worker(self._arena.daemon.pid)
+        return is_idle and self._watch.left_above_idle < _SETTLED
 
     # -- the attack ----------------------------------------------------------------------------
 
@@ -149,7 +158,7 @@ class _Course:
         return self._watch.over_ceiling
 
     def _stop_attack(self) -> None:
-        self._scene.end()
+        self._scene.end_attackers()
         if self._attack.by_server:
             self._arena.change_server()
 
@@ -175,7 +184,7 @@ class _Course:
 
     def _note_times(self) -> None:
         figures = self._probe.figures()
-        for name in ("longest", "p99", "bus_p99"):
+        for name in ("longest", "p99", "bus_p99", "gets", "refused"):
             setattr(self._row, name, figures[name])
 
     # -- meanwhile -----------------------------------------------------------------------------

@@ -20,7 +20,8 @@ class Scene:
         self.directory = directory  # for files that the server reads
         self.tally = Tally()
         self.begun = time.monotonic()
-        self._people: list[Person] = []
+        self._attackers: list[Person] = []
+        self._clients: list[Person] = []
 
     @property
     def seed(self) -> int:
@@ -33,11 +34,11 @@ class Scene:
 
     def attacker(self, function: Callable, *arguments) -> Person:
         """A process under the attacker's user; it is given the bus and the tally first."""
-        return self._start(self.users.attacker, function, *arguments)
+        return self._start(self._attackers, self.users.attacker, function, *arguments)
 
     def client(self, function: Callable, *arguments) -> Person:
-        """The same under the honest user."""
-        return self._start(self.users.honest, function, *arguments)
+        """The same for one that is attacked, under the honest user."""
+        return self._start(self._clients, self.users.honest, function, *arguments)
 
     def serve(self, behaviour: dict) -> None:
         """What the server does from now on."""
@@ -45,18 +46,24 @@ class Scene:
 
     @property
     def is_over(self) -> bool:
-        """Whether all its processes have come to their end."""
-        return all(person.result() is not None for person in self._people)
+        """Whether all its processes have come to their end, or have been brought to it."""
+        return all(person.has_ended for person in self._attackers + self._clients)
 
     def errors(self) -> list[str]:
         """What its processes failed with."""
-        results = [person.result() for person in self._people]
+        results = [person.result() for person in self._attackers + self._clients]
         return [result["error"] for result in results if result is not None and "error" in result]
 
-    def end(self) -> None:
-        for person in self._people:
+    def end_attackers(self) -> None:
+        """Clients that are attacked are told to end."""
+        self.tally.add("stop")
+        for person in self._attackers:
             person.end()
 
-    def _start(self, user: Optional[int], function: Callable, *arguments) -> Person:
-        self._people.append(Person(user, function, self.arena.path, self.tally, *arguments))
-        return self._people[-1]
+    def end(self) -> None:
+        for person in self._attackers + self._clients:
+            person.end()
+
+    def _start(self, people: list[Person], user: Optional[int], function: Callable, *arguments) -> Person:
+        people.append(Person(user, function, self.arena.path, self.tally, *arguments))
+        return people[-1]

@@ -12,6 +12,7 @@ KIB = 1 << 10
 MIB = 1 << 20
 _FILLER = "x" * (256 * KIB)
 _LARGEST_START_PART = 8 * MIB  # a daemon with bounds takes no more
+_COLLISIONS = 65_000
 _ROOM = 256  # for what stands around a document's results
 _ROOT = '<SimpleLocationProtocol><SlpResponse status="ok">'
 _ROOT_END = "</SlpResponse></SimpleLocationProtocol>"
@@ -62,7 +63,7 @@ def many_nodes(scene):
 
 def colliding_results(scene):
     """Ids that fall into one bucket, and parts that are looked up there."""
-    ids = [each.decode() for each in colliding_ids(scene.dice, 26_000)]
+    ids = [each.decode() for each in colliding_ids(scene.dice, _COLLISIONS)]
     results = (f'<result oid="1" href="cid:{each}"/>' for each in ids)
     parts = "".join(f"\r\n{DELIMITER}\r\nContent-Id: {each}\r\n\r\nx" for each in ids[-400:])
     return _document_answer(scene, "collisions", results, _LARGEST_START_PART, endless(parts))
@@ -130,9 +131,12 @@ def _document_answer(scene, name, elements, size, *then):
 
 
 def ask_again_and_again(path, tally, requests=1):
-    """Exchange after exchange whose answers nobody fetches: the next one begins when one has failed."""
+    """Exchange after exchange whose answers nobody fetches: the next one begins when one has failed.
+
+    Ends when it is told to, not in the middle: the daemon would wait for a client that is gone.
+    """
     bus = Bus(path, signals=True)
-    while True:
+    while not tally["stop"]:
         askers = [Requester(bus) for _ in range(requests)]
         for each in askers[1:]:
             each.create("attach")
