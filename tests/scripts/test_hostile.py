@@ -59,7 +59,7 @@ def test_honest_request_that_was_not_waited_for_to_its_limit_misses_nothing():
 def test_percentile_is_the_smallest_value_that_the_share_does_not_exceed():
     hundred = random.Random(1).sample(range(1, 101), 100)
     assert [percentile(hundred, share) for share in (0.01, 0.5, 0.99, 1)] == [1, 50, 99, 100]
-    assert percentile([7], 0.99) == 7
+    assert percentile(range(10), 0.99) == 9
     assert percentile([], 0.99) == 0
 
 
@@ -84,7 +84,7 @@ def test_table_replaces_what_stands_between_the_markers_and_nothing_else(tmp_pat
 def test_document_without_markers_is_left_alone(tmp_path):
     document = tmp_path / "document.md"
     document.write_text("front\n", "utf-8")
-    with pytest.raises(ValueError):
+    with pytest.raises(ValueError, match="markers"):
         report.write_into(document, "new")
     assert document.read_text("utf-8") == "front\n"
 

@@ -76,6 +76,8 @@ ATTACKS = (
     _by_server("results", "a document of 8 MiB of results", server_side.many_results),
     _by_server("more-results", "a document of 64 MiB of results", server_side.more_results),
     _by_server("nodes", "a document of 8 MiB of empty elements", server_side.many_nodes),
+    _by_server("next-parts", "parts that announce others without end", server_side.next_parts),
+    _by_server("long-error", "an error text of 8 MiB, which all clients are told", server_side.long_error),
     _by_server("unfetched", "an endless answer that nobody fetches", server_side.unfetched),
     _by_server("unfetched-several", "the same for four requests", server_side.unfetched_by_several, 4),
     _by_upload(

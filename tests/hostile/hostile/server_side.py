@@ -69,6 +69,24 @@ def colliding_results(scene):
     return _document_answer(scene, "collisions", results, _LARGEST_START_PART, endless(parts))
 
 
+def next_parts(_scene):
+    """Each part announces another one, which never comes, under a long name."""
+    part_of_many = {
+        "id": "a",
+        "headers": [["X-Slp-Next-Part-Id", "n{n}-" + "x" * (8 * KIB)]],
+        "body": "x",
+        "times": 1 << 30,
+    }
+    announced = [{"oid": "1", "href": "cid:a"}]
+    return {"answer": {"multipart": {"results": announced, "parts": [part_of_many]}, "pack": 16_000}}
+
+
+def long_error(scene):
+    """A status that is not "ok" and about as long as the largest start part: every client is told of it."""
+    status = "x" * (_LARGEST_START_PART - 2 * _ROOM)
+    return _file_answer(scene, "long-error", _ROOT.replace("ok", status) + _ROOT_END, CLOSING)
+
+
 def unfetched(_scene):
     return _answer(start_part("a") + f"\r\n{_OWN_PART}", endless(_FILLER))
 
@@ -114,17 +132,20 @@ def never_reads(_scene):
 
 
 def _document_answer(scene, name, elements, size, *then):
-    """An answer whose document has as many of the elements as fit; a file carries it."""
-    file: Path = scene.directory / f"{name}.xml"
-    pieces, room = [f"{DELIMITER}\r\nContent-Id: {START}\r\n\r\n{_ROOT}"], size - _ROOM
+    """An answer whose document has as many of the elements as fit."""
+    pieces, room = [_ROOT], size - _ROOM
     for each in elements:
         room -= len(each)
         if room < 0:
             break
         pieces.append(each)
-    file.write_text("".join(pieces) + _ROOT_END, "utf-8")
-    closing = then or (CLOSING,)
-    return _answer({"file": str(file)}, *closing)
+    return _file_answer(scene, name, "".join(pieces) + _ROOT_END, *(then or (CLOSING,)))
+
+
+def _file_answer(scene, name, document, *then):
+    file: Path = scene.directory / f"{name}.xml"
+    file.write_text(f"{DELIMITER}\r\nContent-Id: {START}\r\n\r\n{document}", "utf-8")
+    return _answer({"file": str(file)}, *then)
 
 
 # -- the clients -------------------------------------------------------------------------------
