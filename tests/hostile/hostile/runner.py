@@ -131,8 +131,9 @@ class _Course:
     @property
     def left_nothing(self) -> bool:
         """Whether the daemon's memory is what it was, and no client waits for an exchange, or an exchange for one."""
-        is_idle = self._scene.is_over and not has_worker(self._arena.daemon.pid)
-        return is_idle and self._watch.left_above_idle < _SETTLED
+        if not self._watch.alive or self._watch.left_above_idle > _SETTLED:
+            return False
+        return self._scene.is_over and not has_worker(self._arena.daemon.pid)
 
     # -- the attack ----------------------------------------------------------------------------
 
