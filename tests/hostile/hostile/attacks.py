@@ -29,7 +29,9 @@ class Attack:
     honest: str = AFTER
     limit: float = _EXCHANGE
     by_server: bool = False
+    leaves_ids: bool = False  # connections or requests, which the next attack would meet
     needs_users: bool = False  # two of them
+    only_long: bool = False  # a short run could not tell anything
 
 
 def _by_server(name, title, answer, requests=1):
@@ -45,21 +47,28 @@ def _by_upload(name, title, answer, client, told):
         scene.serve(answer(scene))
         scene.attacker(client)
 
-    return Attack(name, title, begin, told, by_server=True)
+    return Attack(name, title, begin, told, by_server=True, leaves_ids=True)
 
 
-def _by_client(name, title, function, told, *more, seeded=False, **values):
+def _by_client(name, title, function, told, *more, **values):
     def begin(scene: Scene) -> None:
-        scene.attacker(function, *more, *([scene.seed] if seeded else []))
+        scene.attacker(function, *more)
 
-    return Attack(name, title, begin, told, BESIDE, **values)
+    return Attack(name, title, begin, told, BESIDE, leaves_ids=True, **values)
 
 
-def _by_fingerprint(name, title, function, limit):
+def _by_flood(name, title, function, leaves_ids=False):
+    def begin(scene: Scene) -> None:
+        scene.attacker(function, scene.seed)
+
+    return Attack(name, title, begin, client_side.sent, BESIDE, leaves_ids=leaves_ids)
+
+
+def _by_fingerprint(name, title, function, limit, **values):
     def begin(scene: Scene) -> None:
         scene.attacker(function)
 
-    return Attack(name, title, begin, client_side.rounds, BEHIND, limit)
+    return Attack(name, title, begin, client_side.rounds, BEHIND, limit, leaves_ids=True, **values)
 
 
 def _begin_guessing(scene: Scene) -> None:
@@ -119,7 +128,7 @@ ATTACKS = (
     _by_client(
         "prepare", "`prepare` without end", client_side.create_often, client_side.calls, "prepare", **_WAITED_FOR
     ),
-    _by_client("crowd", "240 connections flood with small calls", client_side.crowd, client_side.sent, seeded=True),
+    _by_flood("crowd", "240 connections flood with small calls", client_side.crowd),
     _by_fingerprint(
         "dead-fingerprint",
         "a fingerprint's client dies when it is asked for data",
@@ -131,26 +140,25 @@ ATTACKS = (
         "a fingerprint's client stays and is silent",
         client_side.ask_and_stay_silent,
         _EXCHANGE_OF_A_CLIENT + _SPARE,
+        only_long=True,
     ),
-    _by_client(
+    _by_flood(
         "get-data-long",
         "`getData` with 30 MiB of further arguments",
         client_side.get_data_with_more_arguments,
-        client_side.sent,
-        seeded=True,
+        leaves_ids=True,
     ),
-    _by_client(
-        "largest-messages", "messages of 32 MiB", client_side.largest_messages, client_side.sent, seeded=True
-    ),
+    _by_flood("largest-messages", "messages of 32 MiB", client_side.largest_messages),
     _by_client("descriptors", "16 file descriptors in each call", client_side.descriptors, client_side.sent),
-    _by_client("cancel", "`cancel` without end", client_side.cancel_often, client_side.sent, seeded=True),
-    _by_client("malformed", "malformed calls", client_side.malformed_calls, client_side.sent, seeded=True),
+    _by_flood("cancel", "`cancel` without end", client_side.cancel_often),
+    _by_flood("malformed", "malformed calls", client_side.malformed_calls),
     Attack(
         "foreign-ids",
         "another user guesses ids",
         _begin_guessing,
         foreign_ids.gained,
         ALL_THE_TIME,
+        leaves_ids=True,
         needs_users=True,
     ),
 )

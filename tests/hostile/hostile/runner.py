@@ -22,7 +22,7 @@ _HEAD_START = 0.3  # seconds before the honest request beside an attack
 _SETTLED = 16 * MIB  # above idle
 _SETTLING = 2.0  # seconds
 _SHORTEST_LIMIT = 10.0  # seconds
-_SHORT_PATIENCE = 2.0
+_SHORT_PATIENCE = 1.5
 _ATTACKERS_OWN = ("BusGone", "Late", "Refused", "Failed")  # what a daemon or a bus with bounds does to attackers
 
 
@@ -42,7 +42,7 @@ class Runner:
         self._seed = seed
         self._seconds = seconds
         self._ceiling = ceiling
-        self._short = short
+        self.is_short = short
         self._arenas = 0
         self._arena: Optional[Arena] = None
 
@@ -55,7 +55,7 @@ class Runner:
         """What a Get takes while nobody else does anything."""
         probe = Probe(self.users.honest, self._fresh_arena().path)
         try:
-            time.sleep(1.5 if self._short else 5)
+            time.sleep(1 if self.is_short else 5)
             self.idle_p99 = probe.figures()["p99"]
             if not self.idle_p99:
                 raise Trouble(f"the idle daemon does not answer: {probe.error()}")
@@ -64,22 +64,28 @@ class Runner:
 
     def run(self, attack: Attack) -> Row:
         """One attack, from an idle daemon to what it holds afterwards."""
-        arena = self._arena if attack.by_server and self._arena else self._fresh_arena()
+        # Only small ids are guessed.
+        arena = self._fresh_arena() if attack.needs_users or self._arena is None else self._arena
         scene = Scene(arena, self.users, random.Random(f"{self._seed} {attack.name}"), self._seconds, self._directory)
-        course = _Course(attack, scene, Watch(arena.daemon.pid, self._ceiling), self._patience(attack))
+        course = _Course(attack, scene, Watch(arena.daemon.pid, self._ceiling), self._patience(attack), self._settling)
         try:
             row = course.run()
         finally:
             course.end()
         row.idle_p99 = self.idle_p99
-        if not (attack.by_server and arena.is_sound and course.left_nothing):
+        if attack.leaves_ids or not (arena.is_sound and course.left_nothing):
             self.close()
         return row
 
     def _patience(self, attack: Attack) -> float:
         """How long an honest request is waited for. A short run leaves long limits undecided."""
-        decides = not self._short or attack.limit < _SHORTEST_LIMIT
+        decides = not self.is_short or attack.limit < _SHORTEST_LIMIT
         return attack.limit + 1 if decides else _SHORT_PATIENCE
+
+    @property
+    def _settling(self) -> float:
+        """How long the daemon may take to give its memory back."""
+        return 0.5 if self.is_short else _SETTLING
 
     def _fresh_arena(self) -> Arena:
         self.close()
@@ -92,12 +98,14 @@ class Runner:
 class _Course:
     """The course of one attack."""
 
-    def __init__(self, attack: Attack, scene: Scene, watch: Watch, patience: float):
+    def __init__(self, attack: Attack, scene: Scene, watch: Watch, patience: float, settling: float):
+        # pylint: disable=too-many-arguments
         self._attack = attack
         self._scene = scene
         self._arena = scene.arena
         self._watch = watch
         self._patience = patience
+        self._settling = settling
         self._row = Row(attack.name, attack.title)
         self._probe = Probe(scene.users.honest, scene.arena.path)
         self._honest: Optional[Person] = None
@@ -116,7 +124,7 @@ class _Course:
         row.longest = max(row.longest, self._probe.figures()["longest"])
         row.got = "; ".join([self._attack.told(scene.tally), *errors])
         row.foreign = scene.tally["foreign"]
-        self._follow(lambda: self.left_nothing, _SETTLING)
+        self._follow(lambda: self.left_nothing, self._settling)
         row.peak, row.left, row.alive = watch.peak_above_idle, watch.left_above_idle, watch.alive
         self._check(errors)
         return row
