@@ -13,7 +13,7 @@ from typing import Any, Callable, Optional
 
 MEMBER_GROUP = "games"  # in the place of "positioning", which a machine may lack; always there
 _MEMBER_GROUP_ID = 60
-_ATTACKER, _HONEST = 65534, 1  # nobody and daemon; a bus wants users that it knows
+_ATTACKER, _HONEST = 65534, 1  # nobody and daemon: a bus asks for the names of its users
 _MEMORY = 2 << 30  # address space of each process
 _PR_SET_PDEATHSIG = 1
 

@@ -122,7 +122,7 @@ class _Course:
         self._wait_for_honest()
         self._follow(lambda: not self._probe.waits, self._patience)
         row.longest = max(row.longest, self._probe.figures()["longest"])
-        row.got = "; ".join([self._attack.told(scene.tally), *errors])
+        row.got = "; ".join([self._attack.told(scene.tally), *scene.harms(), *errors])
         row.foreign = scene.tally["foreign"]
         self._follow(lambda: self.left_nothing, self._settling)
         row.peak, row.left, row.alive = watch.peak_above_idle, watch.left_above_idle, watch.alive

@@ -54,6 +54,11 @@ class Scene:
         results = [person.result() for person in self._attackers + self._clients]
         return [result["error"] for result in results if result is not None and "error" in result]
 
+    def harms(self) -> list[str]:
+        """What clients that are attacked have noticed."""
+        results = [person.result() for person in self._clients]
+        return [harm for result in results if result is not None for harm in result.get("value") or []]
+
     def end_attackers(self) -> None:
         """Clients that are attacked are told to end."""
         self.tally.add("stop")
