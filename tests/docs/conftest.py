@@ -14,7 +14,7 @@ from harness.slp_server import TestServer
 
 COMMANDS = ROOT / "tests" / "docs" / "commands"
 # Those that build, test, install or take long; see README.md.
-STOOD_IN_SCRIPTS = ("test", "package", "setup", "lint", "bench", "fuzz", "stress", "soak")
+STOOD_IN_SCRIPTS = ("test", "package", "setup", "lint", "bench", "fuzz", "stress", "soak", "hostile")
 
 
 @pytest.hookimpl(tryfirst=True)

@@ -1,0 +1,116 @@
+"""The place of the attacks: a bus with the shipped policy and the system bus's limits, a server, a daemon."""
+
+import resource
+from pathlib import Path
+
+from harness import waiting
+from harness.daemon import Daemon
+from harness.keys import fill_preinst
+from harness.platform_file import Platform
+from harness.private_bus import PrivateBus
+from harness.settings import ROOT
+from harness.slp_server import TestServer
+
+from .people import MEMBER_GROUP, Person
+from .requester import small_request
+
+KIND_ONE = [(1, True, False)]  # an attached request starts an exchange of its own
+PLAIN = [(2, True, False)]  # an attached request waits for another's
+_POLICY = ROOT / "data" / "com.kelvra.orvexd.conf"
+# What the system bus allows before any service's own rules.
+_SYSTEM_RULES = """
+  <policy context="default">
+    <allow user="*"/>
+    <deny own="*"/>
+    <deny send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+    <allow send_destination="org.freedesktop.DBus"/>
+  </policy>
+"""
+
+
+class Arena:
+    """Everything of it ends with `close`, by process id."""
+
+    def __init__(self, directory: Path, keys: Path, memory_limit: int):
+        directory.mkdir()
+        directory.chmod(0o711)  # other users come to the bus's socket
+        self._directory = directory
+        self._keys = keys
+        self._servers = 0
+        self.bus = self.server = self.platform = self.daemon = None
+        try:
+            self._open(memory_limit)
+        except BaseException:
+            self.close()
+            raise
+
+    @property
+    def path(self) -> str:
+        """Of the bus's socket."""
+        return str(self._directory / "bus")
+
+    @property
+    def is_sound(self) -> bool:
+        """Whether daemon and bus run."""
+        return self.daemon.process.status is None and self.bus.process.status is None
+
+    def set_network(self, connections) -> None:
+        if connections != self.platform.connections:
+            self.platform.write(connections=connections)
+
+    def change_server(self) -> None:
+        """A server without any wishes takes the place of the one that is there, which ends at once."""
+        old, self.server = self.server, self._new_server()
+        self.platform.write(proxy=("127.0.0.1", self.server.port))
+        old.process.release()
+
+    def close(self) -> None:
+        if self.daemon is not None:
+            self.daemon.abandon()
+        for each in (self.server, self.bus):
+            if each is not None:
+                each.process.release()
+        waiting.guards.clear()
+
+    def _open(self, memory_limit: int) -> None:
+        policy = self._directory / _POLICY.name
+        text = _POLICY.read_text("utf-8")
+        policy.write_text(text.replace('group="positioning"', f'group="{MEMBER_GROUP}"'), "utf-8")
+        self.bus = PrivateBus(self._directory, policy=f"{_SYSTEM_RULES}<include>{policy}</include>")
+        self.server = self._new_server()
+        self.platform = Platform(self._directory / "platform.conf")
+        self.platform.write(connections=PLAIN, proxy=("127.0.0.1", self.server.port))
+        preinst = fill_preinst(self._directory / "preinst", self._keys)
+        self.daemon = Daemon(self._directory, self.bus, self.platform.path, preinst)
+        self.daemon.start()
+        _limit_memory(self.daemon.pid, memory_limit)
+        self._warm_up()
+
+    def _warm_up(self) -> None:
+        """A daemon that has served keeps a little more than one that has just begun."""
+        person = Person(None, small_request, self.path)
+        try:
+            outcome = person.wait(30)
+        finally:
+            person.end()
+        if outcome is None or "error" in outcome:
+            raise RuntimeError(f"the daemon does not serve: {outcome}")
+
+    def _new_server(self) -> TestServer:
+        self._servers += 1
+        directory = self._directory / f"server{self._servers}"
+        directory.mkdir()
+        server = TestServer(directory, self._keys, "--keep", "10", "--keep-bytes", "0")
+        _limit_memory(server.process.pid, 4 << 30)
+        return server
+
+
+def _limit_memory(pid: int, limit: int) -> None:
+    resource.prlimit(pid, resource.RLIMIT_AS, (limit, limit))
