@@ -14,6 +14,7 @@ public:
     std::string proxyForServer() override { return {}; }
     void postRequestData(std::uint32_t /*connection*/, std::uint32_t /*request*/) override {}
     void announceConnectionStatus() override {}
+    void postMemoryShort() override {}
     void onExchangeFailed(int /*code*/, const std::string& /*text*/,
                           const std::string& /*keys*/) override {}
     void onExchangeFinished() override {}

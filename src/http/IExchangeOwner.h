@@ -22,6 +22,10 @@ public:
     /// Posts an announcement of the connection status as it is. The data mutex is held.
     virtual void announceConnectionStatus() = 0;
 
+    /// Posts that the memory budget is full: what belongs to clients that have left the bus is to
+    /// be given back.
+    virtual void postMemoryShort() = 0;
+
     // -- main loop's thread --------------------------------------------------------------------
 
     /// The running exchange failed.

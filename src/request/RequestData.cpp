@@ -13,6 +13,7 @@ RequestData::RequestData(std::uint32_t connectionId, std::uint32_t requestId, bo
       prepared_(prepared),
       connectionPolicy_(connectionPolicy),
       parameters_(std::move(parameters)),
+      share_(parameters_->user(), 1, kCost),
       part_(parameters_),
       answer_(connectionId, requestId, parameters_->chunkSize, state_, owner) {}
 

@@ -34,6 +34,8 @@ public:
         }
     }
 
+    void postMemoryShort() override { log.emplace_back("memory short"); }
+
     void onExchangeFailed(int code, const std::string& errorText,
                           const std::string& keyList) override {
         log.push_back("failed " + std::to_string(code) + " [" + errorText + "] [" + keyList + "]");
