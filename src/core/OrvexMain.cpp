@@ -26,11 +26,11 @@ std::uint32_t durationParameter(const char* key, const char* fallback) {
 }
 
 /// Memory that a connection takes besides its arguments.
-constexpr std::size_t kConnectionCost = 768;
+constexpr std::size_t kConnectionCost = 512;
 
 void expectMemory() {
     if (!MemoryBudget::process().hasRoom()) {
-        throw LimitExceeded{"The daemon holds as much for its clients as it may", nullptr};
+        throw LimitExceeded{LimitExceeded::kMemoryFull, nullptr};
     }
 }
 

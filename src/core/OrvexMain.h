@@ -36,6 +36,8 @@ struct UserLimits {
 
 /// Thrown by an operation that a limit refuses. Nothing has changed then.
 struct LimitExceeded {
+    static constexpr const char* kMemoryFull = "The daemon holds as much for its clients as it may";
+
     std::string sentence;             ///< says which limit
     std::shared_ptr<const User> user; ///< whose limit; null when the memory budget is full
 };

@@ -184,10 +184,16 @@ bool ClientCalls::wait(Line& line, DBusMessage& message, const char* arguments, 
 }
 
 void ClientCalls::waitOrRefuse(Line& line, DBusMessage& message, const char* arguments) {
-    if (!wait(line, message, arguments, false)) {
-        BusLink::refuse(message, DBUS_ERROR_LIMITS_EXCEEDED,
-                        "Too many calls wait for earlier ones of " + line.client.name);
+    if (wait(line, message, arguments, false)) {
+        return;
     }
+    const bool isFull = line.waiting.size() >= kMostMessages || line.bytes >= kMostBytes;
+    BusLink::refuse(message, DBUS_ERROR_LIMITS_EXCEEDED,
+                    isFull ? "Client " + line.client.name + " has " +
+                                 std::to_string(line.waiting.size()) + " messages of " +
+                                 std::to_string(line.bytes) +
+                                 " bytes waiting, the most that are allowed"
+                           : std::string(LimitExceeded::kMemoryFull));
 }
 
 /// Hands the messages of a line to the receiver until one has to wait for the names.

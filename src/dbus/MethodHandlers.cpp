@@ -177,17 +177,26 @@ DBusHandlerResult DbusService::dispatch(DBusMessage& message) {
 
 DBusHandlerResult DbusService::onMessage(DBusMessage& message, const Client& client) {
     const Member& member = *memberOf(message);
-    const DBusHandlerResult result = handle(member.handler, message, client);
-    if (member.keepsDaemon && result == kHandled) {
-        delayedQuit_.cancel();
+    const auto keepDaemon = [&] {
+        if (member.keepsDaemon) {
+            delayedQuit_.cancel();
+        }
+    };
+    try {
+        const DBusHandlerResult result = handle(member.handler, message, client);
+        if (result == kHandled) {
+            keepDaemon();
+        }
+        return result;
+    } catch (const LimitExceeded&) {
+        keepDaemon(); // an error is an answer, too
+        throw;
     }
-    return result;
 }
 
 /// The one place where a failure becomes an error reply. A limit's refusal goes on to the caller,
 /// since giving back what clients have left behind may help first.
-DBusHandlerResult DbusService::handle(Handler handler, DBusMessage& message,
-                                      const Client& client) {
+DBusHandlerResult DbusService::handle(Handler handler, DBusMessage& message, const Client& client) {
     try {
         return (this->*handler)(message, client);
     } catch (int code) {
