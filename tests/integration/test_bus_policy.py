@@ -9,10 +9,13 @@ import shutil
 import subprocess
 
 import pytest
+from gi.repository import GLib
 
 from harness import agents
 from harness.agents import PREFIXES
-from harness.settings import BUILD_DIR, BUS_NAME, patience
+from harness.bus_connection import connect
+from harness.private_bus import PERMISSIVE_POLICY
+from harness.settings import BUILD_DIR, BUS_NAME, ROOT, patience
 
 directory, bus, make_agent = agents.FIXTURES
 
@@ -134,3 +137,13 @@ def test_orvexctl_does_not_monitor_what_the_bus_keeps_back(daemon, bus, director
     done = run_orvexctl("stranger", ["monitor"], bus, directory)
     assert done.returncode == 4, done.stderr
     assert "positioning" in done.stderr
+
+
+def test_example_of_bus_limits_bounds_the_connections_of_a_user(make_bus):
+    example = ROOT / "data" / "bus-limits.conf"
+    bus = make_bus(policy=f"{PERMISSIVE_POLICY}<include>{example}</include>")
+    connections = [connect(bus.address) for _ in range(16)]
+    with pytest.raises(GLib.Error, match="LimitsExceeded"):
+        connect(bus.address)
+    for connection in connections:
+        connection.close_sync(None)
