@@ -195,6 +195,8 @@ public:
     void dropPending(std::uint32_t connectionId, std::uint32_t requestId) override {
         (void)find(connectionId, requestId);
     }
+    void watchClient(const std::string& /*name*/) override {}
+    void onMemoryShort() override {}
 
 private:
     Request& find(std::uint32_t connectionId, std::uint32_t requestId);

@@ -5,6 +5,7 @@
 #include "protocol/Codes.h"
 #include "protocol/States.h"
 #include "request/RequestData.h"
+#include "support/MemoryBudget.h"
 
 #include <algorithm>
 #include <trilba/core/SystemInfo.h>
@@ -24,6 +25,15 @@ std::uint32_t durationParameter(const char* key, const char* fallback) {
         readNumber(OrvexMain::getConfiguration().get(key, fallback)).value);
 }
 
+/// Memory that a connection takes besides its arguments.
+constexpr std::size_t kConnectionCost = 512;
+
+void expectMemory() {
+    if (!MemoryBudget::process().hasRoom()) {
+        throw LimitExceeded{LimitExceeded::kMemoryFull, nullptr};
+    }
+}
+
 /// The next id of a counter. The counter skips 0, which is no id, when it wraps.
 std::uint32_t nextId(std::uint32_t& counter) noexcept {
     counter = counter + 1 == 0 ? 1 : counter + 1;
@@ -32,8 +42,8 @@ std::uint32_t nextId(std::uint32_t& counter) noexcept {
 
 } // namespace
 
-OrvexMain::OrvexMain(IServiceEvents& service)
-    : service_(service), posts_(service), client_(*this), networkManager_(*this) {
+OrvexMain::OrvexMain(IServiceEvents& service, UserLimits limits)
+    : service_(service), limits_(limits), posts_(service), client_(*this), networkManager_(*this) {
     for (const char* key : {kDefaultOpenDuration, kMaxOpenDuration}) {
         setParameterIfSet(key, ConfHandler::get(key));
     }
@@ -74,29 +84,44 @@ void OrvexMain::collectDeviceIdentifiers() {
 
 // -- operations of the clients -------------------------------------------------------------------
 
-std::uint32_t OrvexMain::openConnection(std::string elementName, std::string type,
-                                        std::string version, std::string transferEncoding,
-                                        std::string contentType, std::uint32_t chunkSize) {
-    auto parameters = std::make_shared<const ConnectionParameters>(
-        ConnectionParameters{std::move(elementName), std::move(type), std::move(version),
-                             std::move(transferEncoding), std::move(contentType), chunkSize});
+std::uint32_t OrvexMain::openConnection(std::string_view elementName, std::string_view type,
+                                        std::string_view version, std::string_view transferEncoding,
+                                        std::string_view contentType, std::uint32_t chunkSize,
+                                        const Client& client) {
+    const std::shared_ptr<User> user = userOf(client);
+    const std::size_t bytes = elementName.size() + type.size() + version.size() +
+                              transferEncoding.size() + contentType.size();
+    expectRoomForConnection(user, bytes);
+    ConnectionParameters given{std::string(elementName), std::string(type),
+                               std::string(version),     std::string(transferEncoding),
+                               std::string(contentType), chunkSize};
+    given.opener = std::make_shared<const Opener>(
+        Opener{user, client.name, {user, bytes, kConnectionCost + bytes}});
     const std::uint32_t connectionId = nextId(lastConnectionId_);
-    connections_.insert_or_assign(connectionId, std::move(parameters));
+    connections_.erase(connectionId); // the counter of the ids has wrapped if there is one
+    connections_.emplace(
+        connectionId,
+        Connection{std::make_shared<const ConnectionParameters>(std::move(given)), {user, 1, 0}});
     if (imsi_.empty() || imei_.empty()) {
         collectDeviceIdentifiers();
     }
     return connectionId;
 }
 
-void OrvexMain::closeConnection(std::uint32_t connectionId) {
+void OrvexMain::closeConnection(std::uint32_t connectionId, const Client& client) {
     for (const RequestPointer& request : requests_.ofConnection(connectionId)) {
-        cancelLive(request);
+        if (request->parameters().isKnownTo(client)) {
+            cancelLive(request);
+        }
     }
-    connections_.erase(connectionId);
+    if (findConnection(connectionId, client) != nullptr) {
+        connections_.erase(connectionId);
+    }
 }
 
-void OrvexMain::cancelRequest(std::uint32_t connectionId, std::uint32_t requestId) {
-    if (const RequestPointer request = requests_.find(connectionId, requestId)) {
+void OrvexMain::cancelRequest(std::uint32_t connectionId, std::uint32_t requestId,
+                              const Client& client) {
+    if (const RequestPointer request = findRequest(connectionId, requestId, client)) {
         cancelLive(request);
     }
 }
@@ -112,27 +137,29 @@ void OrvexMain::cancelLive(const RequestPointer& request) {
 }
 
 std::uint32_t OrvexMain::attachRequest(std::uint32_t connectionId, std::uint32_t connectionPolicy,
-                                       std::uint32_t openDuration) {
-    return createRequest(connectionId, connectionPolicy, openDuration, false);
+                                       std::uint32_t openDuration, const Client& client) {
+    return createRequest(connectionId, connectionPolicy, openDuration, client, false);
 }
 
 std::uint32_t OrvexMain::prepareRequest(std::uint32_t connectionId, std::uint32_t connectionPolicy,
-                                        std::uint32_t openDuration) {
-    return createRequest(connectionId, connectionPolicy, openDuration, true);
+                                        std::uint32_t openDuration, const Client& client) {
+    return createRequest(connectionId, connectionPolicy, openDuration, client, true);
 }
 
 std::uint32_t OrvexMain::createRequest(std::uint32_t connectionId, std::uint32_t connectionPolicy,
-                                       std::uint32_t openDuration, bool prepared) {
-    const auto connection = connections_.find(connectionId);
-    if (connection == connections_.end()) {
+                                       std::uint32_t openDuration, const Client& client,
+                                       bool prepared) {
+    const Connection* const connection = findConnection(connectionId, client);
+    if (connection == nullptr) {
         throw failure::kUnknownConnection;
     }
     if (prepared && !connectionAllowed(connectionPolicy)) {
         throw failure::kNoConnection;
     }
+    expectRoomForRequest(connection->parameters->user());
     const std::uint32_t requestId = nextId(lastRequestId_);
     requests_.add(std::make_shared<RequestData>(connectionId, requestId, prepared,
-                                                connection->second, connectionPolicy, &posts_));
+                                                connection->parameters, connectionPolicy, &posts_));
     raiseOpenDuration(openDuration);
     const bool wantsExchange = prepared || (reportedStatus_ & StatusKindOne) != 0;
     if (wantsExchange && !isTransferRunning() && !startExchange()) {
@@ -142,8 +169,8 @@ std::uint32_t OrvexMain::createRequest(std::uint32_t connectionId, std::uint32_t
 }
 
 int OrvexMain::sendData(std::string_view bytes, bool last, std::uint32_t connectionId,
-                        std::uint32_t requestId) {
-    if (!connections_.contains(connectionId)) {
+                        std::uint32_t requestId, const Client& client) {
+    if (findConnection(connectionId, client) == nullptr) {
         return failure::kUnknownConnection;
     }
     const RequestPointer request = requests_.find(connectionId, requestId);
@@ -164,8 +191,8 @@ bool OrvexMain::isUploadCrowded(std::uint32_t connectionId, std::uint32_t reques
     return request && request->isCrowded();
 }
 
-void OrvexMain::getData(std::uint32_t connectionId, std::uint32_t requestId) {
-    const RequestPointer request = requests_.find(connectionId, requestId);
+void OrvexMain::getData(std::uint32_t connectionId, std::uint32_t requestId, const Client& client) {
+    const RequestPointer request = findRequest(connectionId, requestId, client);
     if (!request) {
         throw failure::kUnknownRequest;
     }
@@ -178,67 +205,66 @@ void OrvexMain::shutdown() {
         exchange_->cancelTransfer();
         exchange_.reset();
     }
+    stopWatching();
     requests_.clear();
     connections_.clear();
 }
 
-// -- network -------------------------------------------------------------------------------------
+// -- whose things are whose, and how many --------------------------------------------------------
 
-bool OrvexMain::connectionAllowed(std::uint32_t policy) {
-    const std::uint32_t status = connectionStatus();
-    if (policy == AnyConnection || (status & StatusKindOne) != 0) {
-        return true;
-    }
-    return policy == NotFlagged && (status & StatusFlagged) == 0;
+const OrvexMain::Connection* OrvexMain::findConnection(std::uint32_t connectionId,
+                                                       const Client& client) const {
+    const auto position = connections_.find(connectionId);
+    const bool isKnown =
+        position != connections_.end() && position->second.parameters->isKnownTo(client);
+    return isKnown ? &position->second : nullptr;
 }
 
-std::uint32_t OrvexMain::connectionStatus() {
-    const std::uint32_t status = networkManager_.currentStatus();
-    if (status != reportedStatus_) {
-        storeStatus(status);
-    }
-    return status;
+/// A request whose connection is closed already still belongs to the user who opened it.
+OrvexMain::RequestPointer OrvexMain::findRequest(std::uint32_t connectionId,
+                                                 std::uint32_t requestId,
+                                                 const Client& client) const {
+    RequestPointer request = requests_.find(connectionId, requestId);
+    return request && request->parameters().isKnownTo(client) ? request : nullptr;
 }
 
-void OrvexMain::storeStatus(std::uint32_t status) {
-    requestFreshConnect();
-    reportedStatus_ = status;
-    posts_.postConnectionStatus(status);
+/// The record in which the client's user counts.
+std::shared_ptr<User> OrvexMain::userOf(const Client& client) {
+    std::shared_ptr<User> user = users_[client.uid].lock();
+    if (!user) {
+        std::erase_if(users_, [](const auto& entry) { return entry.second.expired(); });
+        user = std::make_shared<User>(User{client.uid});
+        users_[client.uid] = user;
+    }
+    return user;
 }
 
-void OrvexMain::onConnectionStatus(std::uint32_t status, bool recheck) {
-    if (status == reportedStatus_) {
-        return;
+void OrvexMain::expectRoomForConnection(const std::shared_ptr<User>& user,
+                                        std::size_t bytes) const {
+    const std::string who = "User " + std::to_string(user->uid);
+    if (user->connections >= UserLimits::of(limits_.connections, user->uid)) {
+        throw LimitExceeded{who + " has " + std::to_string(user->connections) +
+                                " connections, the most that are allowed",
+                            user};
     }
-    storeStatus(status);
-    if (recheck && status != 0 && hasSendableRequest()) {
-        (void)networkManager_.recheck();
+    const std::size_t most = UserLimits::of(limits_.argumentBytes, user->uid);
+    if (bytes > most - std::min(most, user->argumentBytes)) {
+        throw LimitExceeded{who + " has connections with " + std::to_string(user->argumentBytes) +
+                                " bytes of arguments, and " + std::to_string(bytes) +
+                                " more are beyond the limit",
+                            user, bytes <= most};
     }
+    expectMemory();
 }
 
-void OrvexMain::onNetworkAvailable() {
-    requestFreshConnect();
-    if (hasSendableRequest()) {
-        (void)startExchange(); // the requests go on waiting when it does not start
+void OrvexMain::expectRoomForRequest(const std::shared_ptr<User>& user) const {
+    if (user->requests >= UserLimits::of(limits_.requests, user->uid)) {
+        throw LimitExceeded{"User " + std::to_string(user->uid) + " has " +
+                                std::to_string(user->requests) +
+                                " requests, the most that are allowed",
+                            user};
     }
-}
-
-void OrvexMain::onConnectionLost() {
-    Requests failed;
-    for (const RequestPointer& request : requests_.inExchange()) {
-        if (!request->isCancelled() && !request->isWaitingForGetData()) {
-            request->setCancelled(true);
-            failed.push_back(request);
-        }
-    }
-    for (const auto policy : RequestRegistry::kPolicies) {
-        for (const RequestPointer& request : requests_.waiting(true, policy)) {
-            requests_.remove(request);
-            postFinished({request});
-            failed.push_back(request);
-        }
-    }
-    reportFailure("Connection error", failed);
+    expectMemory();
 }
 
 // -- reports to the clients ----------------------------------------------------------------------

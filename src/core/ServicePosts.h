@@ -36,6 +36,13 @@ public:
     /// Gives up the getData call that is held for the request, without an answer: the call ends by
     /// its client's own time-out.
     virtual void dropPending(std::uint32_t connectionId, std::uint32_t requestId) = 0;
+    /// Watches from now on whether this client leaves the bus, in the place of the one before. When
+    /// it has left, the gateway core's `onWatchedClientLeft` is called, later and once.
+    /// @param name unique name on the bus; empty: nobody is watched.
+    virtual void watchClient(const std::string& name) = 0;
+    /// Finds out who has left the bus, and lets the gateway core give back what they had, as long
+    /// as the memory budget is full.
+    virtual void onMemoryShort() = 0;
 };
 
 /// The posts to the service on the bus. Any thread may make them; they arrive on the main loop in

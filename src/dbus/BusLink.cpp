@@ -82,6 +82,77 @@ void BusLink::sendError(DBusMessage& call, int code) {
     sendOrThrow(std::move(reply));
 }
 
+void BusLink::refuse(DBusMessage& call, const char* errorName, const std::string& text) {
+    if (dbus_message_get_type(&call) == DBUS_MESSAGE_TYPE_METHOD_CALL) {
+        sendOrThrow(BusMessage(dbus_message_new_error(&call, errorName, text.c_str())));
+    }
+}
+
+void BusLink::refuseUnhandled(DBusMessage& call) {
+    const auto orEmpty = [](const char* text) { return std::string(text != nullptr ? text : ""); };
+    refuse(call, DBUS_ERROR_UNKNOWN_METHOD,
+           "Method \"" + orEmpty(dbus_message_get_member(&call)) + "\" with signature \"" +
+               orEmpty(dbus_message_get_signature(&call)) + "\" on interface \"" +
+               orEmpty(dbus_message_get_interface(&call)) + "\" doesn't exist\n");
+}
+
+// -- questions to the bus ------------------------------------------------------------------------
+
+bool BusQuestion::ask(const char* member, const char* argument, Answer answer) {
+    const BusMessage call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                       DBUS_INTERFACE_DBUS, member));
+    if (!call || BusLink::connection() == nullptr) {
+        return false;
+    }
+    DBusMessageIter arguments;
+    dbus_message_iter_init_append(call.get(), &arguments);
+    if (argument != nullptr &&
+        dbus_message_iter_append_basic(&arguments, DBUS_TYPE_STRING, &argument) == FALSE) {
+        return false;
+    }
+    // A bus answers, or the connection to it ends. Either is told, so no time-out is needed.
+    DBusPendingCall* pending = nullptr;
+    if (dbus_connection_send_with_reply(BusLink::connection(), call.get(), &pending,
+                                        DBUS_TIMEOUT_INFINITE) == FALSE ||
+        pending == nullptr) { // null without a failure: the connection has ended
+        return false;
+    }
+    pending_.reset(pending);
+    if (dbus_pending_call_set_notify(pending, onReply, this, nullptr) == FALSE) {
+        pending_.reset();
+        return false;
+    }
+    answer_ = std::move(answer);
+    if (dbus_pending_call_get_completed(pending) != FALSE) { // nobody is notified then
+        take();
+    }
+    return true;
+}
+
+/// libdbus has the answer. Main loop's thread.
+void BusQuestion::onReply(DBusPendingCall* /*pending*/, void* question) noexcept {
+    static_cast<BusQuestion*>(question)->take();
+}
+
+void BusQuestion::take() {
+    const BusPendingCall pending = std::move(pending_);
+    const Answer answer = std::exchange(answer_, nullptr);
+    const BusMessage reply(dbus_pending_call_steal_reply(pending.get()));
+    answer(*reply); // this object may be gone afterwards
+}
+
+MatchRule::MatchRule(std::string rule) : rule_(std::move(rule)) {
+    if (BusLink::connection() != nullptr) {
+        dbus_bus_add_match(BusLink::connection(), rule_.c_str(), nullptr); // no error slot: no wait
+    }
+}
+
+MatchRule::~MatchRule() {
+    if (BusLink::connection() != nullptr) {
+        dbus_bus_remove_match(BusLink::connection(), rule_.c_str(), nullptr);
+    }
+}
+
 // -- texts ---------------------------------------------------------------------------------------
 
 std::string toBusText(const std::string& text) {

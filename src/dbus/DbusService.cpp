@@ -41,9 +41,9 @@ std::chrono::seconds configuredShutdownDelay() {
 
 } // namespace
 
-DbusService::DbusService(IMainLoop& mainLoop)
+DbusService::DbusService(IMainLoop& mainLoop, UserLimits limits)
     : mainLoop_(mainLoop),
-      core_(std::make_unique<OrvexMain>(*this)),
+      core_(std::make_unique<OrvexMain>(*this, limits)),
       shutdownDelay_(configuredShutdownDelay()) {
     locationSettings_.reset(ISystemLocationSettings::create());
 }
@@ -110,6 +110,8 @@ bool DbusService::installFilter() {
 }
 
 void DbusService::leaveBus() {
+    clients_.clear();
+    watch_.reset();
     DBusConnection* connection = BusLink::connection();
     if (connection == nullptr) {
         return;

@@ -1,6 +1,9 @@
 #pragma once
 
+#include "core/OrvexMain.h"
 #include "core/ServicePosts.h"
+#include "dbus/BusLink.h"
+#include "dbus/ClientCalls.h"
 #include "dbus/HeldSends.h"
 #include "dbus/IMainLoop.h"
 #include "dbus/PendingReplies.h"
@@ -16,18 +19,17 @@
 
 namespace orvexd {
 
-class OrvexMain;
-
 /// The daemon's client interface on the system bus. Owns the gateway core. Main loop's thread only,
 /// which the bus connection shares with nobody, so there is no lock.
 ///
 /// Sources: DbusService.cpp has the life on the bus, MethodHandlers.cpp the dispatch and what each
 /// incoming message does, ServiceEvents.cpp the outgoing signals and held replies.
-class DbusService : public IServiceEvents {
+class DbusService : public IServiceEvents, private ClientCalls::IReceiver {
 public:
     /// Reads "daemon_shutdown_delay" from the settings loaded so far; main() loads the file later.
     /// @param mainLoop must outlive this object.
-    explicit DbusService(IMainLoop& mainLoop);
+    /// @param limits smaller than usual for tests.
+    explicit DbusService(IMainLoop& mainLoop, UserLimits limits = {});
     /// Ends a running exchange, leaves the bus, destroys the gateway core. May take as long as the
     /// worker waits for a client, at most 90 s.
     ~DbusService() override;
@@ -59,16 +61,39 @@ public:
     void resumeUpload(std::uint32_t connectionId, std::uint32_t requestId) override;
     /// Replies to sendData that are held for the request go out: its data was accepted.
     void dropPending(std::uint32_t connectionId, std::uint32_t requestId) override;
+    void watchClient(const std::string& name) override;
+    void onMemoryShort() override;
 
 private:
     struct Member;
-    using Handler = DBusHandlerResult (DbusService::*)(DBusMessage& message);
-    using CreateRequest = std::uint32_t (OrvexMain::*)(std::uint32_t, std::uint32_t, std::uint32_t);
+    using Handler = DBusHandlerResult (DbusService::*)(DBusMessage& message, const Client& client);
+    using CreateRequest = std::uint32_t (OrvexMain::*)(std::uint32_t, std::uint32_t, std::uint32_t,
+                                                       const Client&);
+
+    /// A client that is watched, and how.
+    struct Watch {
+        explicit Watch(const std::string& client);
+
+        const std::string name;
+        const MatchRule rule;
+        BusQuestion question; ///< whether it has left before
+    };
 
     static DBusHandlerResult filter(DBusConnection* connection, DBusMessage* message,
                                     void* mainLoop) noexcept;
+    static const Member* memberOf(DBusMessage& message);
     DBusHandlerResult dispatch(DBusMessage& message);
-    DBusHandlerResult handle(Handler handler, DBusMessage& message);
+    DBusHandlerResult handle(Handler handler, DBusMessage& message, const Client& client);
+    void onNameOwnerChanged(DBusMessage& signal);
+    void onWatchedClientLeft();
+
+    // -- ClientCalls::IReceiver ---------------------------------------------------------------
+
+    DBusHandlerResult onMessage(DBusMessage& message, const Client& client) override;
+    void beginGivingBack(const ClientCalls::Names& onBus) override;
+    void giveBackMemory() override;
+    bool giveBack(const LimitExceeded& refusal) override;
+    void endGivingBack() override;
 
     bool connectToBus();
     static bool requestName();
@@ -76,18 +101,18 @@ private:
     bool installFilter();
     void leaveBus();
 
-    DBusHandlerResult onQuit(DBusMessage& call);
-    DBusHandlerResult onQuitDelayed(DBusMessage& call);
-    DBusHandlerResult onCancel(DBusMessage& signal);
-    DBusHandlerResult onConnect(DBusMessage& call);
-    DBusHandlerResult onDisconnect(DBusMessage& call);
-    DBusHandlerResult onAttach(DBusMessage& call);
-    DBusHandlerResult onPrepare(DBusMessage& call);
-    DBusHandlerResult onSendData(DBusMessage& call);
-    DBusHandlerResult onGetData(DBusMessage& call);
-    DBusHandlerResult onGetProperty(DBusMessage& call);
+    DBusHandlerResult onQuit(DBusMessage& call, const Client& client);
+    DBusHandlerResult onQuitDelayed(DBusMessage& call, const Client& client);
+    DBusHandlerResult onCancel(DBusMessage& signal, const Client& client);
+    DBusHandlerResult onConnect(DBusMessage& call, const Client& client);
+    DBusHandlerResult onDisconnect(DBusMessage& call, const Client& client);
+    DBusHandlerResult onAttach(DBusMessage& call, const Client& client);
+    DBusHandlerResult onPrepare(DBusMessage& call, const Client& client);
+    DBusHandlerResult onSendData(DBusMessage& call, const Client& client);
+    DBusHandlerResult onGetData(DBusMessage& call, const Client& client);
+    DBusHandlerResult onGetProperty(DBusMessage& call, const Client& client);
 
-    DBusHandlerResult createRequest(DBusMessage& call, CreateRequest create);
+    DBusHandlerResult createRequest(DBusMessage& call, const Client& client, CreateRequest create);
 
     IMainLoop& mainLoop_;
     // Null while the core is being built, which may ask for it already.
@@ -95,6 +120,9 @@ private:
     std::unique_ptr<OrvexMain> core_;
     PendingReplies pending_;
     HeldSends heldSends_;
+    ClientCalls clients_{*this};
+    DepartedConnections departed_; // empty except while they are given back
+    std::unique_ptr<Watch> watch_; // null as long as nobody is watched
     MainLoopTimer delayedQuit_;
     std::chrono::seconds shutdownDelay_;
     bool filterInstalled_ = false;

@@ -134,7 +134,9 @@ struct DbusService::Member {
     const char* interface;
     const char* name;
     Handler handler;
-    bool keepsDaemon; ///< when handled, even with an error, a delayed quit is called off
+    const char* arguments; ///< signature of the arguments that the handler reads
+    bool needsUser;        ///< what it does depends on whose it is
+    bool keepsDaemon;      ///< when handled, even with an error, a delayed quit is called off
 };
 
 DBusHandlerResult DbusService::filter(DBusConnection* /*connection*/, DBusMessage* message,
@@ -143,40 +145,64 @@ DBusHandlerResult DbusService::filter(DBusConnection* /*connection*/, DBusMessag
     return service != nullptr ? service->dispatch(*message) : kNotHandled;
 }
 
-DBusHandlerResult DbusService::dispatch(DBusMessage& message) {
+const DbusService::Member* DbusService::memberOf(DBusMessage& message) {
     constexpr int kCall = DBUS_MESSAGE_TYPE_METHOD_CALL;
     constexpr int kSignal = DBUS_MESSAGE_TYPE_SIGNAL;
     static constexpr std::array<Member, 10> kMembers = {{
-        {kCall, bus::kInterface, bus::kQuit, &DbusService::onQuit, false},
-        {kCall, bus::kInterface, bus::kQuitDelayed, &DbusService::onQuitDelayed, false},
-        {kSignal, bus::kInterface, bus::kCancel, &DbusService::onCancel, false},
-        {kCall, bus::kInterface, bus::kConnect, &DbusService::onConnect, true},
-        {kCall, bus::kInterface, bus::kDisconnect, &DbusService::onDisconnect, false},
-        {kCall, bus::kInterface, bus::kAttach, &DbusService::onAttach, true},
-        {kCall, bus::kInterface, bus::kPrepare, &DbusService::onPrepare, true},
-        {kCall, bus::kInterface, bus::kSendData, &DbusService::onSendData, false},
-        {kCall, bus::kInterface, bus::kGetData, &DbusService::onGetData, false},
-        {kCall, bus::kPropertiesInterface, "Get", &DbusService::onGetProperty, false},
+        {kCall, bus::kInterface, bus::kQuit, &DbusService::onQuit, "", false, false},
+        {kCall, bus::kInterface, bus::kQuitDelayed, &DbusService::onQuitDelayed, "", false, false},
+        {kSignal, bus::kInterface, bus::kCancel, &DbusService::onCancel, "uu", true, false},
+        {kCall, bus::kInterface, bus::kConnect, &DbusService::onConnect, "ayayayayayu", true, true},
+        {kCall, bus::kInterface, bus::kDisconnect, &DbusService::onDisconnect, "u", true, false},
+        {kCall, bus::kInterface, bus::kAttach, &DbusService::onAttach, "uuu", true, true},
+        {kCall, bus::kInterface, bus::kPrepare, &DbusService::onPrepare, "uuu", true, true},
+        {kCall, bus::kInterface, bus::kSendData, &DbusService::onSendData, "aybuu", true, false},
+        {kCall, bus::kInterface, bus::kGetData, &DbusService::onGetData, "uu", true, false},
+        {kCall, bus::kPropertiesInterface, "Get", &DbusService::onGetProperty, "ss", false, false},
     }};
     for (const Member& member : kMembers) {
         const auto matches =
             member.messageType == kSignal ? dbus_message_is_signal : dbus_message_is_method_call;
-        if (matches(&message, member.interface, member.name) == FALSE) {
-            continue;
+        if (matches(&message, member.interface, member.name) != FALSE) {
+            return &member;
         }
-        const DBusHandlerResult result = handle(member.handler, message);
-        if (member.keepsDaemon && result == kHandled) {
-            delayedQuit_.cancel();
-        }
-        return result;
     }
-    return kNotHandled;
+    return nullptr;
 }
 
-/// The one place where a failure becomes an error reply.
-DBusHandlerResult DbusService::handle(Handler handler, DBusMessage& message) {
+DBusHandlerResult DbusService::dispatch(DBusMessage& message) {
+    if (watch_ != nullptr) {
+        onNameOwnerChanged(message);
+    }
+    const Member* const member = memberOf(message);
+    return member != nullptr ? clients_.receive(message, member->arguments, member->needsUser)
+                             : kNotHandled;
+}
+
+DBusHandlerResult DbusService::onMessage(DBusMessage& message, const Client& client) {
+    const Member& member = *memberOf(message);
+    const auto keepDaemon = [&] {
+        if (member.keepsDaemon) {
+            delayedQuit_.cancel();
+        }
+    };
     try {
-        return (this->*handler)(message);
+        const DBusHandlerResult result = handle(member.handler, message, client);
+        if (result == kHandled) {
+            keepDaemon();
+        }
+        return result;
+    } catch (const LimitExceeded&) {
+        keepDaemon(); // an error is an answer, too
+        throw;
+    }
+}
+
+/// The one place where a failure becomes an error reply. A limit's refusal goes on to the caller,
+/// since giving back what clients have left behind may help first.
+DBusHandlerResult DbusService::handle(Handler handler, DBusMessage& message, const Client& client) {
+    try {
+        return (this->*handler)(message, client);
     } catch (int code) {
         BusLink::sendError(message, code);
         return kHandled;
@@ -185,7 +211,7 @@ DBusHandlerResult DbusService::handle(Handler handler, DBusMessage& message) {
 
 // -- handlers ------------------------------------------------------------------------------------
 
-DBusHandlerResult DbusService::onConnect(DBusMessage& call) {
+DBusHandlerResult DbusService::onConnect(DBusMessage& call, const Client& client) {
     BusMessage reply = makeReturn(call);
     if (!reply) {
         return kHandled;
@@ -193,16 +219,15 @@ DBusHandlerResult DbusService::onConnect(DBusMessage& call) {
     const auto [elementName, type, version, transferEncoding, contentType, chunkSize] =
         readArguments<Bytes, Bytes, Bytes, Bytes, Bytes, dbus_uint32_t>(call,
                                                                         failure::kBadArguments);
-    const dbus_uint32_t connectionId =
-        core_->openConnection(std::string(elementName), std::string(type), std::string(version),
-                              std::string(transferEncoding), std::string(contentType), chunkSize);
+    const dbus_uint32_t connectionId = core_->openConnection(
+        elementName, type, version, transferEncoding, contentType, chunkSize, client);
     return answer<DBUS_TYPE_UINT32>(std::move(reply), connectionId);
 }
 
-DBusHandlerResult DbusService::onDisconnect(DBusMessage& call) {
+DBusHandlerResult DbusService::onDisconnect(DBusMessage& call, const Client& client) {
     // The error carries 0, the result of the failed reading, instead of a code.
     const auto [connectionId] = readArguments<dbus_uint32_t>(call, failure::kNone);
-    core_->closeConnection(connectionId);
+    core_->closeConnection(connectionId, client);
     BusMessage reply = makeReturn(call);
     if (!reply) {
         return kNotHandled;
@@ -211,15 +236,16 @@ DBusHandlerResult DbusService::onDisconnect(DBusMessage& call) {
     return kHandled;
 }
 
-DBusHandlerResult DbusService::onAttach(DBusMessage& call) {
-    return createRequest(call, &OrvexMain::attachRequest);
+DBusHandlerResult DbusService::onAttach(DBusMessage& call, const Client& client) {
+    return createRequest(call, client, &OrvexMain::attachRequest);
 }
 
-DBusHandlerResult DbusService::onPrepare(DBusMessage& call) {
-    return createRequest(call, &OrvexMain::prepareRequest);
+DBusHandlerResult DbusService::onPrepare(DBusMessage& call, const Client& client) {
+    return createRequest(call, client, &OrvexMain::prepareRequest);
 }
 
-DBusHandlerResult DbusService::createRequest(DBusMessage& call, CreateRequest create) {
+DBusHandlerResult DbusService::createRequest(DBusMessage& call, const Client& client,
+                                             CreateRequest create) {
     if (locationSettings_ && !locationSettings_->isNetworkPositioningPermitted()) {
         throw failure::kNotPermitted;
     }
@@ -231,17 +257,17 @@ DBusHandlerResult DbusService::createRequest(DBusMessage& call, CreateRequest cr
     }
     return answer<DBUS_TYPE_UINT32>(
         std::move(reply),
-        dbus_uint32_t{(*core_.*create)(connectionId, connectionPolicy, openDuration)});
+        dbus_uint32_t{(*core_.*create)(connectionId, connectionPolicy, openDuration, client)});
 }
 
-DBusHandlerResult DbusService::onSendData(DBusMessage& call) {
+DBusHandlerResult DbusService::onSendData(DBusMessage& call, const Client& client) {
     BusMessage reply = makeReturn(call);
     if (!reply) {
         return kHandled;
     }
     const auto [data, last, connectionId, requestId] =
         readArguments<Bytes, bool, dbus_uint32_t, dbus_uint32_t>(call, failure::kBadArguments);
-    const dbus_int32_t result = core_->sendData(data, last, connectionId, requestId);
+    const dbus_int32_t result = core_->sendData(data, last, connectionId, requestId, client);
     if (!append<DBUS_TYPE_INT32>(*reply, result)) {
         return kHandled;
     }
@@ -253,23 +279,24 @@ DBusHandlerResult DbusService::onSendData(DBusMessage& call) {
     return kHandled;
 }
 
-DBusHandlerResult DbusService::onGetData(DBusMessage& call) {
+DBusHandlerResult DbusService::onGetData(DBusMessage& call, const Client& client) {
     const auto [connectionId, requestId] =
         readArguments<dbus_uint32_t, dbus_uint32_t>(call, failure::kBadArguments);
-    core_->getData(connectionId, requestId); // the chunk comes with a post, never within this call
+    core_->getData(connectionId, requestId,
+                   client); // the chunk comes with a post, never within this call
     pending_.hold(connectionId, requestId, call);
     return kHandled;
 }
 
-DBusHandlerResult DbusService::onCancel(DBusMessage& signal) {
+DBusHandlerResult DbusService::onCancel(DBusMessage& signal, const Client& client) {
     // As for disconnect; the error goes to the signal's sender.
     const auto [connectionId, requestId] =
         readArguments<dbus_uint32_t, dbus_uint32_t>(signal, failure::kNone);
-    core_->cancelRequest(connectionId, requestId);
+    core_->cancelRequest(connectionId, requestId, client);
     return kHandled;
 }
 
-DBusHandlerResult DbusService::onQuit(DBusMessage& call) {
+DBusHandlerResult DbusService::onQuit(DBusMessage& call, const Client& /*client*/) {
     return quit(&call);
 }
 
@@ -277,6 +304,7 @@ DBusHandlerResult DbusService::quit(DBusMessage* call) {
     core_->shutdown();
     pending_.clear();
     heldSends_.releaseAll();
+    clients_.clear();
     if (call != nullptr) {
         BusLink::sendOrThrow(makeReturn(*call));
     }
@@ -284,7 +312,7 @@ DBusHandlerResult DbusService::quit(DBusMessage* call) {
     return kHandled;
 }
 
-DBusHandlerResult DbusService::onQuitDelayed(DBusMessage& call) {
+DBusHandlerResult DbusService::onQuitDelayed(DBusMessage& call, const Client& /*client*/) {
     if (!delayedQuit_.isPending()) {
         delayedQuit_.start(shutdownDelay_, [this] { quit(nullptr); });
     }
@@ -292,7 +320,7 @@ DBusHandlerResult DbusService::onQuitDelayed(DBusMessage& call) {
     return kHandled;
 }
 
-DBusHandlerResult DbusService::onGetProperty(DBusMessage& call) {
+DBusHandlerResult DbusService::onGetProperty(DBusMessage& call, const Client& /*client*/) {
     const char* interface = nullptr;
     const char* property = nullptr;
     try {

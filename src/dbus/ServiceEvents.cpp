@@ -1,5 +1,5 @@
 // The outgoing side of the service: signals and held replies, as the posts of the core ask for
-// them.
+// them; and clients that leave the bus.
 
 #include "dbus/BusLink.h"
 #include "dbus/DbusService.h"
@@ -77,6 +77,74 @@ void DbusService::resumeUpload(std::uint32_t connectionId, std::uint32_t request
 void DbusService::dropPending(std::uint32_t connectionId, std::uint32_t requestId) {
     pending_.drop(connectionId, requestId);
     heldSends_.release(connectionId, requestId);
+}
+
+// -- clients that leave the bus ------------------------------------------------------------------
+
+DbusService::Watch::Watch(const std::string& client)
+    : name(client),
+      rule("type='signal',sender='" DBUS_SERVICE_DBUS "',interface='" DBUS_INTERFACE_DBUS
+           "',member='NameOwnerChanged',arg0='" +
+           client + "'") {}
+
+void DbusService::watchClient(const std::string& name) {
+    watch_.reset();
+    if (name.empty()) {
+        return;
+    }
+    watch_ = std::make_unique<Watch>(name);
+    // Behind the rule: whoever leaves from now on is told, and this tells who has left before.
+    const bool isAsked =
+        watch_->question.ask("NameHasOwner", name.c_str(), [this](DBusMessage& reply) {
+            dbus_bool_t hasOwner = TRUE;
+            if (dbus_message_get_args(&reply, nullptr, DBUS_TYPE_BOOLEAN, &hasOwner,
+                                      DBUS_TYPE_INVALID) != FALSE &&
+                hasOwner == FALSE) {
+                onWatchedClientLeft();
+            }
+        });
+    (void)isAsked; // whoever cannot be asked for is taken to be there
+}
+
+void DbusService::onNameOwnerChanged(DBusMessage& signal) {
+    const char* name = nullptr;
+    const char* before = nullptr;
+    const char* now = nullptr;
+    // Anybody may send a signal of this name. The bus says who sent it.
+    if (dbus_message_is_signal(&signal, DBUS_INTERFACE_DBUS, "NameOwnerChanged") != FALSE &&
+        dbus_message_has_sender(&signal, DBUS_SERVICE_DBUS) != FALSE &&
+        dbus_message_get_args(&signal, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &before,
+                              DBUS_TYPE_STRING, &now, DBUS_TYPE_INVALID) != FALSE &&
+        watch_->name == name && *now == '\0') {
+        onWatchedClientLeft();
+    }
+}
+
+/// A unique name that has left never comes back: the watch is over.
+void DbusService::onWatchedClientLeft() {
+    watch_.reset();
+    core_->onWatchedClientLeft();
+}
+
+void DbusService::onMemoryShort() {
+    clients_.requestMemory();
+}
+
+void DbusService::beginGivingBack(const ClientCalls::Names& onBus) {
+    departed_ =
+        core_->findDeparted([&onBus](const std::string& name) { return onBus.contains(name); });
+}
+
+void DbusService::giveBackMemory() {
+    core_->giveBackMemory(departed_);
+}
+
+bool DbusService::giveBack(const LimitExceeded& refusal) {
+    return core_->giveBack(departed_, refusal);
+}
+
+void DbusService::endGivingBack() {
+    departed_ = {};
 }
 
 } // namespace orvexd

@@ -2,6 +2,7 @@
 
 #include "support/Threads.h"
 
+#include <concepts>
 #include <glib.h>
 #include <mutex>
 
@@ -27,6 +28,17 @@ public:
         dataCondition_.broadcast();
     }
 
+    /// What a wait's deadline depends on has changed: lets the waiting worker look at it again. No
+    /// data has arrived. The change was made before the call. Main loop's thread.
+    void notifyDeadline() {
+        {
+            // The worker looks at the deadline and begins to wait in one hold of the mutex. So it
+            // either sees the change or already waits for the broadcast.
+            const Lock guard(dataMutex_);
+        }
+        dataCondition_.broadcast();
+    }
+
     /// The running upload is to be aborted. A worker that waits for data is not woken: it notices
     /// when its wait ends. Main loop's thread; waits itself while the worker is in its callback.
     void requestCancel() {
@@ -48,8 +60,14 @@ public:
         /// @param deadline microseconds on g_get_monotonic_time's clock.
         /// @return false when no data arrived until then.
         [[nodiscard]] bool waitForData(gint64 deadline) {
+            return waitForData([deadline] { return deadline; });
+        }
+
+        /// As above, with a deadline that may change during the wait.
+        /// @param deadline gives it, and is called again after each wake-up.
+        template <std::invocable Deadline> [[nodiscard]] bool waitForData(Deadline deadline) {
             signal_.dataArrived_ = false;
-            while (signal_.dataCondition_.waitUntil(signal_.dataMutex_, deadline)) {
+            while (signal_.dataCondition_.waitUntil(signal_.dataMutex_, deadline())) {
                 if (signal_.dataArrived_) {
                     return true;
                 }

@@ -51,6 +51,10 @@ public:
     /// Client data has been stored for a request: wakes the worker that waits for it.
     void notifyData() { dataSignal_.notifyData(); }
 
+    /// The client of a request has left: the worker that waits for its data looks at the deadline
+    /// again.
+    void notifyDeadline() { dataSignal_.notifyDeadline(); }
+
     /// Aborts the running upload at its next read callback. A worker that waits for client data
     /// notices when its wait ends, which takes up to 90 s for a fingerprint.
     void cancelTransfer() { dataSignal_.requestCancel(); }

@@ -22,11 +22,12 @@ public:
     /// Posts that the request's data has room again. The data mutex is held.
     virtual void postUploadRoom(std::uint32_t connectionId, std::uint32_t requestId) = 0;
 
-    /// Posts that an answer waits because others use the memory budget up.
-    virtual void postMemoryShort() = 0;
-
     /// Posts an announcement of the connection status as it is. The data mutex is held.
     virtual void announceConnectionStatus() = 0;
+
+    /// Posts that the memory budget is full: what belongs to clients that have left the bus is to
+    /// be given back.
+    virtual void postMemoryShort() = 0;
 
     // -- main loop's thread --------------------------------------------------------------------
 

@@ -18,22 +18,21 @@ constexpr std::size_t kReserve = 1024;
 constexpr const char* kRawEncoding = "binary";
 constexpr const char* kUnannouncedType = "position";
 
-constexpr long kDefaultWait = 5000; // milliseconds, as all of these
 constexpr const char* kFingerprintKey = "orvexd/wait_timeout/fingerprint";
-constexpr const char* kFingerprintWait = "90000";
+constexpr const char* kFingerprintWait = "90000"; // milliseconds, as all settings
 // Not the key of an empty type, which ends in a slash.
 constexpr const char* kFallbackKey = "orvexd/wait_timeout";
 
-/// The time `wait` from now on g_get_monotonic_time's clock, at most the last time of that clock.
-gint64 deadlineAfter(std::chrono::milliseconds wait) {
+/// The time `wait` after `begin` on g_get_monotonic_time's clock, at most the last time of that
+/// clock.
+gint64 deadlineAfter(gint64 begin, std::chrono::milliseconds wait) {
     constexpr gint64 kLatest = std::numeric_limits<gint64>::max();
     constexpr gint64 kMicrosecondsPerMillisecond = 1000;
-    const gint64 now = g_get_monotonic_time();
     const gint64 milliseconds = wait.count();
-    if (milliseconds > (kLatest - now) / kMicrosecondsPerMillisecond) {
+    if (milliseconds > (kLatest - begin) / kMicrosecondsPerMillisecond) {
         return kLatest;
     }
-    return milliseconds <= 0 ? now : now + milliseconds * kMicrosecondsPerMillisecond;
+    return milliseconds <= 0 ? begin : begin + milliseconds * kMicrosecondsPerMillisecond;
 }
 
 } // namespace
@@ -166,8 +165,13 @@ void RequestBody::announceOnce(const RequestData& part) {
 }
 
 void RequestBody::awaitData(DataSignal::Reader& reader, RequestData& part) {
-    const std::chrono::milliseconds wait = waitTimeout(part.parameters().type, parameters_);
-    if (!reader.waitForData(deadlineAfter(wait))) {
+    const gint64 begin = g_get_monotonic_time();
+    const gint64 end = deadlineAfter(begin, waitTimeout(part.parameters().type, parameters_));
+    const auto deadline = [&] {
+        const gint64 left = part.openerLeft();
+        return left == 0 ? end : std::min(end, deadlineAfter(std::max(begin, left), kDefaultWait));
+    };
+    if (!reader.waitForData(deadline)) {
         part.appendRequestData({}, true); // the part ends with what it has
     }
 }
@@ -180,7 +184,7 @@ std::chrono::milliseconds RequestBody::waitTimeout(const std::string& type,
         value = kFingerprintWait;
     }
     if (value.empty()) {
-        return std::chrono::milliseconds(kDefaultWait);
+        return kDefaultWait;
     }
     const Number wait = readNumber(value);
     const std::string fallback = wait.fits ? std::string() : parameters.get(kFallbackKey);
@@ -188,7 +192,7 @@ std::chrono::milliseconds RequestBody::waitTimeout(const std::string& type,
         return std::chrono::milliseconds(wait.value);
     }
     const Number instead = readNumber(fallback);
-    return std::chrono::milliseconds(instead.fits ? instead.value : kDefaultWait);
+    return instead.fits ? std::chrono::milliseconds(instead.value) : kDefaultWait;
 }
 
 std::size_t RequestBody::takeCarry(std::span<char> buffer) noexcept {

@@ -26,6 +26,10 @@ class RequestBody {
 public:
     using Queue = std::vector<std::shared_ptr<RequestData>>;
 
+    /// The wait for client data unless a type has another one, and the longest wait for data of a
+    /// request whose client has left.
+    static constexpr std::chrono::milliseconds kDefaultWait{5000};
+
     /// `queue`, `signal`, `owner` and `parameters` must outlive the body.
     /// @param bodyPrefix the SLP header part, beginning with its delimiter line.
     RequestBody(const Queue& queue, std::string boundary, std::string bodyPrefix,

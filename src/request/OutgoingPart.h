@@ -11,8 +11,60 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace orvexd {
+
+/// A client of the daemon, as the bus knows it.
+struct Client {
+    std::uint32_t uid = 0; ///< root when nobody says otherwise
+    std::string name = {}; ///< unique name on the bus
+};
+
+/// What one user has in the daemon. Main loop's thread.
+struct User {
+    std::uint32_t uid = 0;
+    std::size_t connections = 0;   ///< that are open
+    std::size_t requests = 0;      ///< that live, those of closed connections included
+    std::size_t argumentBytes = 0; ///< of the connections' records
+};
+
+/// What counts for a user, and in the memory of the process, for as long as this lives. Main loop's
+/// thread.
+template <std::size_t User::*kWhat> class Share {
+public:
+    /// @param user null: nothing counts.
+    /// @param memory bytes that it takes in the process.
+    Share(std::shared_ptr<User> user, std::size_t amount, std::size_t memory) noexcept
+        : user_(std::move(user)),
+          amount_(user_ ? amount : 0),
+          charge_(MemoryBudget::process(), user_ ? memory : 0) {
+        if (user_) {
+            user_.get()->*kWhat += amount_;
+        }
+    }
+    ~Share() {
+        if (user_) {
+            user_.get()->*kWhat -= amount_;
+        }
+    }
+    Share(Share&&) noexcept = default; // leaves no user behind
+    Share(const Share&) = delete;
+    Share& operator=(const Share&) = delete;
+    Share& operator=(Share&&) = delete;
+
+private:
+    std::shared_ptr<User> user_;
+    std::size_t amount_;
+    Charge charge_;
+};
+
+/// Who opened a connection. Nobody changes it once it is made.
+struct Opener {
+    std::shared_ptr<User> user;
+    std::string name; ///< unique name on the bus
+    Share<&User::argumentBytes> argumentBytes;
+};
 
 /// What a client gave when it connected. All requests of the connection share one record, which
 /// nobody changes once it is made, so any thread may read it.
@@ -27,6 +79,17 @@ struct ConnectionParameters {
     std::string contentType;      ///< Content-Type of the request's part
     std::uint32_t chunkSize = 0;  ///< largest number of response bytes in one delivery
     [[no_unique_address]] Counted<Statistic::Connections> counted = {};
+    std::shared_ptr<const Opener> opener = {}; ///< null: nobody's, and counted for nobody
+
+    /// The user that the connection and its requests count for; null for nobody.
+    [[nodiscard]] std::shared_ptr<User> user() const noexcept {
+        return opener ? opener->user : nullptr;
+    }
+    /// Whether the ids of the connection mean something to the client. They mean something to
+    /// root and to the user who opened it.
+    [[nodiscard]] bool isKnownTo(const Client& client) const noexcept {
+        return client.uid == 0 || !opener || opener->user->uid == client.uid;
+    }
 };
 
 /// The MIME part in which a request's data goes to the server, while the client still delivers it.

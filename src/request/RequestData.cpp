@@ -14,6 +14,7 @@ RequestData::RequestData(std::uint32_t connectionId, std::uint32_t requestId, bo
       prepared_(prepared),
       connectionPolicy_(connectionPolicy),
       parameters_(std::move(parameters)),
+      share_(parameters_->user(), 1, kCost),
       part_(parameters_, budget),
       answer_(connectionId, requestId, parameters_->chunkSize, state_, owner, budget) {}
 

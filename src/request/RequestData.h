@@ -6,6 +6,7 @@
 #include "support/Statistics.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -37,9 +38,15 @@ inline void appendKey(std::string& list, const std::string& key) {
 /// id belong to the worker, and the two ways guard themselves.
 class RequestData {
 public:
+    /// Memory that a waiting request takes besides its answer's buffer, its places in the tables
+    /// included. A test measures it.
+    static constexpr std::size_t kCost = 672;
+
     /// @param connectionPolicy which network connections the request may use.
     /// @param owner receiver of the chunks, not owned; null drops them.
     /// @param budget of what the request holds; must outlive it.
+    /// It counts for the user of the connection; a request that counts ends on the main loop's
+    /// thread.
     RequestData(std::uint32_t connectionId, std::uint32_t requestId, bool prepared,
                 std::shared_ptr<const ConnectionParameters> parameters,
                 std::uint32_t connectionPolicy = NotFlagged, IChunkReceiver* owner = nullptr,
@@ -73,6 +80,13 @@ public:
     /// A cancelled request stores no more response bytes and delivers none.
     void setCancelled(bool cancelled) { answer_.setCancelled(cancelled); }
     [[nodiscard]] bool isCancelled() const { return answer_.isCancelled(); }
+
+    // -- the client that opened the connection; any thread -------------------------------------
+
+    /// It has left the bus. @param time on g_get_monotonic_time's clock, not 0.
+    void setOpenerLeft(std::int64_t time) noexcept { openerLeft_ = time; }
+    /// When it left, 0 as long as nobody knows that it has.
+    [[nodiscard]] std::int64_t openerLeft() const noexcept { return openerLeft_; }
 
     // -- place in the SLP message; worker -----------------------------------------------------
 
@@ -140,6 +154,9 @@ private:
     const std::uint32_t connectionPolicy_;
     const std::shared_ptr<const ConnectionParameters> parameters_;
 
+    const Share<&User::requests> share_;
+
+    std::atomic<std::int64_t> openerLeft_ = 0;
     std::atomic<RequestState> state_ = RequestState::Created;
     std::uint32_t messageIndex_ = 0; // worker
     std::string contentId_;          // worker

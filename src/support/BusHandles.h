@@ -15,6 +15,15 @@ using BusMessage = std::unique_ptr<DBusMessage, FreeWith<dbus_message_unref>>;
 /// process, so the holder gives back its reference and never closes the connection.
 using BusConnection = std::unique_ptr<DBusConnection, FreeWith<dbus_connection_unref>>;
 
+/// Gives a question up: what answers it later reaches nobody.
+inline void cancelAndUnref(DBusPendingCall* call) noexcept {
+    dbus_pending_call_cancel(call);
+    dbus_pending_call_unref(call);
+}
+
+/// A question that waits for its answer; cancelled with its owner. Main loop's thread.
+using BusPendingCall = std::unique_ptr<DBusPendingCall, FreeWith<cancelAndUnref>>;
+
 /// An error slot for libdbus calls, initialised and freed with its scope. One slot serves one call:
 /// libdbus refuses a slot that holds an error already.
 class BusError {

@@ -1,9 +1,11 @@
 #include "fakes/FakeBus.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <dbus/dbus-glib-lowlevel.h>
+#include <iterator>
 #include <utility>
 
 // The linker leads the program's calls of these functions to the stand-ins, and those of the
@@ -31,6 +33,15 @@ void __real_dbus_connection_set_max_received_unix_fds(DBusConnection* connection
 void __real_dbus_connection_set_max_message_unix_fds(DBusConnection* connection, long count);
 dbus_bool_t __real_dbus_connection_send(DBusConnection* connection, DBusMessage* message,
                                         dbus_uint32_t* serial);
+dbus_bool_t __real_dbus_connection_send_with_reply(DBusConnection* connection, DBusMessage* call,
+                                                   DBusPendingCall** pending, int timeout);
+dbus_bool_t __real_dbus_pending_call_set_notify(DBusPendingCall* pending,
+                                                DBusPendingCallNotifyFunction function, void* data,
+                                                DBusFreeFunction freeData);
+dbus_bool_t __real_dbus_pending_call_get_completed(DBusPendingCall* pending);
+DBusMessage* __real_dbus_pending_call_steal_reply(DBusPendingCall* pending);
+void __real_dbus_pending_call_cancel(DBusPendingCall* pending);
+void __real_dbus_pending_call_unref(DBusPendingCall* pending);
 void __real_dbus_connection_flush(DBusConnection* connection);
 void __real_dbus_connection_unref(DBusConnection* connection);
 DBusMessage* __real_dbus_message_new_method_return(DBusMessage* call);
@@ -98,22 +109,95 @@ bool FakeBus::noteOrReport(const std::string& function, const std::string& argum
 
 namespace {
 
-BusMessage arrived(DBusMessage* message) {
+std::string argumentOf(DBusMessage& call) {
+    const char* argument = nullptr;
+    return dbus_message_get_args(&call, nullptr, DBUS_TYPE_STRING, &argument, DBUS_TYPE_INVALID) !=
+                   FALSE
+               ? argument
+               : std::string();
+}
+
+FakeBus::Question& questionOf(DBusPendingCall* pending) {
+    return *reinterpret_cast<FakeBus::Question*>(pending);
+}
+
+} // namespace
+
+std::vector<std::string> FakeBus::questions() const {
+    std::vector<std::string> texts;
+    for (const Question& question : asked) {
+        if (!question.reply) {
+            const std::string argument = argumentOf(*question.call);
+            texts.push_back(dbus_message_get_member(question.call.get()) +
+                            (argument.empty() ? argument : ' ' + argument));
+        }
+    }
+    return texts;
+}
+
+/// What a bus answers to the three questions that the daemon has.
+BusMessage FakeBus::replyTo(DBusMessage& call) const {
+    const std::string member = dbus_message_get_member(&call);
+    const std::string name = argumentOf(call);
+    const dbus_bool_t isThere = left.contains(name) ? FALSE : TRUE;
+    BusMessage reply(__real_dbus_message_new_method_return(&call));
+    DBusMessageIter arguments; // not append_args, which may be the one that fails
+    dbus_message_iter_init_append(reply.get(), &arguments);
+    if (member == "GetConnectionUnixUser" && isThere == FALSE) {
+        reply.reset(dbus_message_new_error(&call, DBUS_ERROR_NAME_HAS_NO_OWNER, "no such name"));
+    } else if (member == "GetConnectionUnixUser") {
+        const auto user = users.find(name);
+        const dbus_uint32_t uid = user != users.end() ? user->second : 0;
+        dbus_message_iter_append_basic(&arguments, DBUS_TYPE_UINT32, &uid);
+    } else if (member == "NameHasOwner") {
+        dbus_message_iter_append_basic(&arguments, DBUS_TYPE_BOOLEAN, &isThere);
+    } else { // ListNames
+        std::vector<std::string> names = {DBUS_SERVICE_DBUS, ":1.5"};
+        std::transform(users.begin(), users.end(), std::back_inserter(names),
+                       [](const auto& user) { return user.first; });
+        DBusMessageIter elements;
+        dbus_message_iter_open_container(&arguments, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING_AS_STRING,
+                                         &elements);
+        for (const std::string& present : names) {
+            const char* text = present.c_str();
+            if (!left.contains(present)) {
+                dbus_message_iter_append_basic(&elements, DBUS_TYPE_STRING, &text);
+            }
+        }
+        dbus_message_iter_close_container(&arguments, &elements);
+    }
+    return reply;
+}
+
+void FakeBus::answerQuestion(BusMessage reply) {
+    for (Question& question : asked) {
+        if (!question.reply) {
+            question.reply = reply ? std::move(reply) : replyTo(*question.call);
+            question.notify(reinterpret_cast<DBusPendingCall*>(&question), question.notified);
+            return;
+        }
+    }
+}
+
+namespace {
+
+BusMessage arrived(DBusMessage* message, const char* sender) {
     dbus_message_set_serial(message, 7);
-    dbus_message_set_sender(message, ":1.5");
+    dbus_message_set_sender(message, sender);
     return BusMessage(message);
 }
 
 } // namespace
 
-BusMessage call(const char* member, const char* interface) {
+BusMessage call(const char* member, const char* interface, const char* sender) {
     return arrived(
-        dbus_message_new_method_call("com.kelvra.orvexd", "/com/kelvra/orvexd", interface, member));
+        dbus_message_new_method_call("com.kelvra.orvexd", "/com/kelvra/orvexd", interface, member),
+        sender);
 }
 
-BusMessage signal(const char* member) {
+BusMessage signal(const char* member, const char* sender) {
     return arrived(
-        __real_dbus_message_new_signal("/com/kelvra/orvexd", "com.kelvra.orvexd", member));
+        __real_dbus_message_new_signal("/com/kelvra/orvexd", "com.kelvra.orvexd", member), sender);
 }
 
 extern "C" {
@@ -230,6 +314,64 @@ dbus_bool_t __wrap_dbus_connection_send(DBusConnection* connection, DBusMessage*
         installed->sent.emplace_back(dbus_message_ref(message));
     }
     return good;
+}
+
+dbus_bool_t __wrap_dbus_connection_send_with_reply(DBusConnection* connection, DBusMessage* call,
+                                                   DBusPendingCall** pending, int timeout) {
+    if (installed == nullptr) {
+        return __real_dbus_connection_send_with_reply(connection, call, pending, timeout);
+    }
+    if (fails("dbus_connection_send_with_reply")) {
+        return FALSE;
+    }
+    dbus_message_set_serial(call, 1000);
+    FakeBus::Question& question = installed->asked.emplace_back();
+    question.call.reset(dbus_message_ref(call));
+    if (installed->answersAtOnce) {
+        question.reply = installed->replyTo(*call);
+    }
+    *pending = reinterpret_cast<DBusPendingCall*>(&question);
+    return TRUE;
+}
+
+dbus_bool_t __wrap_dbus_pending_call_set_notify(DBusPendingCall* pending,
+                                                DBusPendingCallNotifyFunction function, void* data,
+                                                DBusFreeFunction freeData) {
+    if (installed == nullptr) {
+        return __real_dbus_pending_call_set_notify(pending, function, data, freeData);
+    }
+    questionOf(pending).notify = function;
+    questionOf(pending).notified = data;
+    return fails("dbus_pending_call_set_notify") ? FALSE : TRUE;
+}
+
+dbus_bool_t __wrap_dbus_pending_call_get_completed(DBusPendingCall* pending) {
+    if (installed == nullptr) {
+        return __real_dbus_pending_call_get_completed(pending);
+    }
+    return questionOf(pending).reply ? TRUE : FALSE;
+}
+
+DBusMessage* __wrap_dbus_pending_call_steal_reply(DBusPendingCall* pending) {
+    if (installed == nullptr) {
+        return __real_dbus_pending_call_steal_reply(pending);
+    }
+    return dbus_message_ref(questionOf(pending).reply.get());
+}
+
+void __wrap_dbus_pending_call_cancel(DBusPendingCall* pending) {
+    if (installed == nullptr) {
+        __real_dbus_pending_call_cancel(pending);
+    }
+}
+
+void __wrap_dbus_pending_call_unref(DBusPendingCall* pending) {
+    if (installed == nullptr) {
+        __real_dbus_pending_call_unref(pending);
+        return;
+    }
+    installed->asked.remove_if(
+        [pending](const FakeBus::Question& question) { return &question == &questionOf(pending); });
 }
 
 void __wrap_dbus_connection_flush(DBusConnection* connection) {

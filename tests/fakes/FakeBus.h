@@ -3,6 +3,9 @@
 #include "support/BusHandles.h"
 
 #include <functional>
+#include <list>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -31,6 +34,19 @@ public:
     /// Runs with every call that is noted.
     std::function<void()> onCall;
 
+    // -- what the bus says when it is asked -----------------------------------------------------
+
+    /// User ids of names; others belong to root.
+    std::map<std::string, dbus_uint32_t> users;
+    /// Names that have left the bus. All others are there.
+    std::set<std::string> left;
+    /// Answers every question at once. Otherwise a question waits for `answerQuestion`.
+    bool answersAtOnce = true;
+    /// Questions that nobody has answered or given up yet: member and argument, oldest first.
+    std::vector<std::string> questions() const;
+    /// Answers the oldest question, with `reply` if there is one.
+    void answerQuestion(orvexd::BusMessage reply = nullptr);
+
     /// Passes a message to the installed filter.
     DBusHandlerResult receive(DBusMessage& message) const;
 
@@ -51,10 +67,21 @@ public:
 
     DBusHandleMessageFunction filter = nullptr;
     void* filterData = nullptr;
+
+    /// A question under way, in the place of libdbus's own.
+    struct Question {
+        orvexd::BusMessage call;
+        orvexd::BusMessage reply;
+        DBusPendingCallNotifyFunction notify = nullptr;
+        void* notified = nullptr;
+    };
+    orvexd::BusMessage replyTo(DBusMessage& call) const;
+    std::list<Question> asked;
 };
 
 /// A message as it comes from a client; append its arguments.
-orvexd::BusMessage call(const char* member, const char* interface = "com.kelvra.orvexd");
-orvexd::BusMessage signal(const char* member);
+orvexd::BusMessage call(const char* member, const char* interface = "com.kelvra.orvexd",
+                        const char* sender = ":1.5");
+orvexd::BusMessage signal(const char* member, const char* sender = ":1.5");
 
 } // namespace fake_bus

@@ -34,6 +34,11 @@ std::function<void()>& actionBeforeWait() {
     return action;
 }
 
+gint64& newestDeadline() {
+    thread_local gint64 deadline = 0;
+    return deadline;
+}
+
 int& yieldCount() {
     thread_local int count = 0;
     return count;
@@ -104,6 +109,7 @@ gpointer wrappedJoin(GThread* thread) {
 }
 
 gboolean wrappedWaitUntil(GCond* condition, GMutex* mutex, gint64 deadline) {
+    newestDeadline() = deadline;
     if (const auto action = std::exchange(actionBeforeWait(), nullptr)) {
         action();
     }
@@ -138,6 +144,10 @@ void holdUntilJoined(bool hold) {
 
 void beforeNextWait(std::function<void()> action) {
     actionBeforeWait() = std::move(action);
+}
+
+gint64 lastDeadline() {
+    return newestDeadline();
 }
 
 int yieldsOfThisThread() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <glib.h>
 #include <string>
 
 /// Stand-in for GLib's thread calls, put in front of them when a unit test is linked. Threads are
@@ -18,6 +19,9 @@ void holdUntilJoined(bool hold);
 
 /// Done once, right before the calling thread waits for a condition next; the mutex is still held.
 void beforeNextWait(std::function<void()> action);
+
+/// The deadline of the calling thread's newest wait, also while `beforeNextWait` acts.
+gint64 lastDeadline();
 
 /// How often the calling thread has yielded the processor, since the test program began.
 int yieldsOfThisThread();

@@ -4,176 +4,27 @@ Where the tests have only one user id, as in a user namespace of an ordinary use
 policy can be shown.
 """
 
-import json
 import os
-import pathlib
 import shutil
 import subprocess
-import tempfile
 
 import pytest
+from gi.repository import GLib
 
-from harness.private_bus import PrivateBus
+from harness import agents
+from harness.agents import PREFIXES
+from harness.bus_connection import connect
+from harness.private_bus import PERMISSIVE_POLICY
 from harness.settings import BUILD_DIR, BUS_NAME, ROOT, patience
 
-POLICY = ROOT / "data" / "com.kelvra.orvexd.conf"
+directory, bus, make_agent = agents.FIXTURES
+
 ORVEXCTL = BUILD_DIR / "bin" / "orvexctl"
 
-# What the system bus allows before any service's own rules.
-SYSTEM_RULES = """
-  <policy context="default">
-    <allow user="*"/>
-    <deny own="*"/>
-    <deny send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_requested_reply="true" send_type="method_return"/>
-    <allow send_requested_reply="true" send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-    <allow receive_type="signal"/>
-    <allow send_destination="org.freedesktop.DBus"/>
-  </policy>
-"""
-
-STRANGER_ID = 65534
-MEMBER_GROUP = "games"  # in the place of "positioning", which a machine may lack; always there, id 60
-MEMBER_GROUP_ID = 60
-
-# A client that obeys lines of JSON: it must not depend on files that only root may read.
-AGENT = """
-import json, sys
-from gi.repository import Gio, GLib
-NAME, PATH = "com.kelvra.orvexd", "/com/kelvra/orvexd"
-flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
-bus = Gio.DBusConnection.new_for_address_sync(sys.argv[1], flags, None, None)
-signals = []
-bus.signal_subscribe(None, NAME, None, None, None, 0, lambda *s: signals.append([s[4], s[5].unpack()]))
-
-def bus_call(member, arguments):
-    call = Gio.DBusMessage.new_method_call(
-        "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", member)
-    call.set_body(GLib.Variant.parse(None, arguments, None, None))
-    return send(call)
-
-def send(call):
-    answer, _ = bus.send_message_with_reply_sync(call, Gio.DBusSendMessageFlags.NONE, 10000, None)
-    body = answer.get_body()
-    return [answer.get_error_name(), body.unpack() if body else None]
-
-def call(interface, member, arguments):
-    message = Gio.DBusMessage.new_method_call(NAME, PATH, interface, member)
-    message.set_body(GLib.Variant.parse(None, arguments, None, None))
-    return send(message)
-
-def emit(member, arguments):
-    bus.emit_signal(None, PATH, NAME, member, GLib.Variant.parse(None, arguments, None, None))
-    bus.flush_sync(None)
-
-def received():
-    # Everything that the bus sent before this answer has arrived with it.
-    bus_call("GetId", "@() ()")
-    while GLib.MainContext.default().iteration(False):
-        pass
-    return signals
-
-def own():
-    return bus_call("RequestName", "('%s', @u 4)" % NAME)
-
-print(json.dumps(bus_call("GetId", "@() ()")), flush=True)
-for line in sys.stdin:
-    name, *arguments = json.loads(line)
-    print(json.dumps(globals()[name](*arguments)), flush=True)
-"""
-
-
-def has_other_ids():
-    """Whether processes under other user ids can be made."""
-    done = subprocess.run(
-        ["setpriv", f"--reuid={STRANGER_ID}", f"--regid={STRANGER_ID}", "--clear-groups", "true"],
-        capture_output=True,
-        check=False,
-    )
-    return done.returncode == 0
-
-
-PREFIXES = {"root": ["setpriv", "--pdeathsig", "KILL"]}
-if has_other_ids():
-    IDS = ["setpriv", f"--reuid={STRANGER_ID}", f"--regid={STRANGER_ID}"]
-    # The signal comes last: a change of ids forgets it.
-    PREFIXES["member"] = [*IDS, f"--groups={MEMBER_GROUP_ID}", *PREFIXES["root"]]
-    PREFIXES["stranger"] = [*IDS, "--clear-groups", *PREFIXES["root"]]
-
-each_kind = pytest.mark.parametrize("kind", PREFIXES)
-
-
-class Agent:
-    """A running client of one kind."""
-
-    def __init__(self, kind, address):
-        self._child = subprocess.Popen(
-            [*PREFIXES[kind], "/usr/bin/python3", "-c", AGENT, address],
-            stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE,
-            text=True,
-            cwd="/",
-        )
-        assert self._read()[0] is None
-
-    def do(self, *command):
-        """Runs one of the agent's functions; for calls, the error's name or None and the values."""
-        self._child.stdin.write(json.dumps(command) + "\n")
-        self._child.stdin.flush()
-        return self._read()
-
-    def _read(self):
-        line = self._child.stdout.readline()
-        assert line, "the client has ended"
-        return json.loads(line)
-
-    def close(self):
-        self._child.stdin.close()
-        self._child.wait()
-        self._child.stdout.close()
-
+each_kind = pytest.mark.parametrize("kind", ["root", "member", "stranger"][: len(PREFIXES)])
 
 REFUSED = "org.freedesktop.DBus.Error.AccessDenied"
 FAILURE = "com.kelvra.orvexd.Error"
-
-
-@pytest.fixture
-def directory():
-    """A place that other users can enter, which the tests' own directory is not."""
-    path = pathlib.Path(tempfile.mkdtemp(prefix="orvexd-policy-"))
-    path.chmod(0o755)
-    yield path
-    shutil.rmtree(path)
-
-
-@pytest.fixture
-def bus(directory, reported):
-    """A bus with the rules of a system bus and the shipped policy."""
-    text = POLICY.read_text("utf-8")
-    assert text.count('group="positioning"') == 1
-    policy = directory / POLICY.name
-    policy.write_text(text.replace('group="positioning"', f'group="{MEMBER_GROUP}"'), "utf-8")
-    bus = PrivateBus(directory, policy=f"{SYSTEM_RULES}<include>{policy}</include>")
-    yield reported("bus", bus)
-    bus.stop()
-
-
-@pytest.fixture
-def make_agent(bus):
-    """Starts clients of a kind."""
-    agents = []
-
-    def make(kind):
-        agents.append(Agent(kind, bus.address))
-        return agents[-1]
-
-    yield make
-    for agent in agents:
-        agent.close()
 
 
 @each_kind
@@ -286,3 +137,13 @@ def test_orvexctl_does_not_monitor_what_the_bus_keeps_back(daemon, bus, director
     done = run_orvexctl("stranger", ["monitor"], bus, directory)
     assert done.returncode == 4, done.stderr
     assert "positioning" in done.stderr
+
+
+def test_example_of_bus_limits_bounds_the_connections_of_a_user(make_bus):
+    example = ROOT / "data" / "bus-limits.conf"
+    bus = make_bus(policy=f"{PERMISSIVE_POLICY}<include>{example}</include>")
+    connections = [connect(bus.address) for _ in range(16)]
+    with pytest.raises(GLib.Error, match="LimitsExceeded"):
+        connect(bus.address)
+    for connection in connections:
+        connection.close_sync(None)

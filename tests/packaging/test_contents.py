@@ -22,6 +22,7 @@ PLACES = {
         f"{SHARE}/doc/orvexd/examples/orvexd.schema",
         f"{SHARE}/doc/orvexd/examples/orvexd.env",
         f"{SHARE}/doc/orvexd/examples/platform.conf",
+        f"{SHARE}/doc/orvexd/examples/bus-limits.conf",
     ],
     "orvexctl": [
         "/usr/bin/orvexctl",

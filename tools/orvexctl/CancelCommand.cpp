@@ -10,7 +10,8 @@ ExitStatus CancelCommand::run(const std::vector<std::string>& words) {
         "cancel", "CONNECTION REQUEST",
         "Cancels a request by its two ids, which 'orvexctl monitor' and the progress line "
         "show."};
-    parser.setDescription("The daemon does not tell whether there was such a request.\n");
+    parser.setDescription("It has to be a request of the same user, unless root cancels it.\n"
+                          "The daemon does not tell whether there was such a request.\n");
     const auto rest = parser.parse(words);
     if (rest.size() != 2) {
         throw Failure::usage("cancel needs two ids. See 'orvexctl cancel --help'.");
@@ -22,7 +23,9 @@ ExitStatus CancelCommand::run(const std::vector<std::string>& words) {
     // Signals vanish without a trace when there is no daemon or no permission; a call tells.
     client.ping();
     client.cancel(connection, request);
-    client.flush();
+    // The daemon asks the bus whose signal it is, and cannot learn it when the sender has left. It
+    // answers a client's messages in order, so the signal has been dealt with when this is answered.
+    (void)client.connectionStatus();
     return ExitStatus::Success;
 }
 

@@ -187,12 +187,6 @@ void Client::cancel(std::uint32_t connection, std::uint32_t request) {
                                         g_variant_new("(uu)", connection, request), nullptr);
 }
 
-void Client::flush() {
-    ErrorSlot error;
-    g_dbus_connection_flush_sync(bus_.get(), nullptr, error.out());
-    throwIfSet(error);
-}
-
 void Client::statusChanged(OrvexdGateway* /*gateway*/, guint status, gpointer self) noexcept {
     const auto& client = *static_cast<Client*>(self);
     if (client.onStatusChanged) {

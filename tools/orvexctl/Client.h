@@ -84,9 +84,6 @@ public:
     /// and is not answered.
     void cancel(std::uint32_t connection, std::uint32_t request);
 
-    /// Returns when everything sent so far is with the bus. @throws Failure
-    void flush();
-
     // What the daemon tells without being asked. Set before the calls that may cause it.
     std::function<void(std::uint32_t status)> onStatusChanged;
     std::function<void(std::uint32_t connection, std::uint32_t request)> onRequestData;

@@ -61,6 +61,8 @@ public:
     void dropPending(std::uint32_t connectionId, std::uint32_t requestId) override {
         record("drop " + keyOf(connectionId, requestId));
     }
+    void watchClient(const std::string& name) override { watched.push_back(name); }
+    void onMemoryShort() override { record("memory short"); }
 
     bool has(const std::string& event) const {
         return std::find(log.begin(), log.end(), event) != log.end();
@@ -78,6 +80,7 @@ public:
 
     bool permitted = true;
     std::vector<std::string> log;
+    std::vector<std::string> watched; ///< clients to watch, in order; empty: nobody
     std::function<void(std::uint32_t, std::uint32_t)> onRequestData;
     std::function<void(std::uint32_t, std::uint32_t)> onChunk;
 

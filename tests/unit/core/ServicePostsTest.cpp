@@ -40,6 +40,8 @@ public:
     void dropPending(std::uint32_t connectionId, std::uint32_t requestId) override {
         note("finished " + ids(connectionId, requestId));
     }
+    void watchClient(const std::string& name) override { note("watch " + name); }
+    void onMemoryShort() override { note("memory short"); }
 
     std::vector<std::string> calls;
     std::function<void()> inside; ///< run in the middle of each call

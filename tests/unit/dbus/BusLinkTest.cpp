@@ -3,6 +3,7 @@
 #include "fakes/FakeBus.h"
 
 #include <gtest/gtest.h>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -95,6 +96,76 @@ TEST_F(BusLinkTest, MessageThatWasNeverSentGetsNoError) {
         dbus_message_new_method_call(nullptr, "/com/kelvra/orvexd", nullptr, "any"));
     BusLink::sendError(*message, 41);
     EXPECT_TRUE(bus_.sent.empty());
+}
+
+TEST_F(BusLinkTest, RefusalHasTheNameAndTheText) {
+    BusLink::refuse(*anyMessage(), DBUS_ERROR_LIMITS_EXCEEDED, "No more.");
+    const BusMessage reply = bus_.takeSent();
+    ASSERT_TRUE(reply);
+    EXPECT_TRUE(dbus_message_is_error(reply.get(), DBUS_ERROR_LIMITS_EXCEEDED));
+    EXPECT_STREQ(dbus_message_get_destination(reply.get()), ":1.5");
+}
+
+TEST_F(BusLinkTest, SignalIsNotRefused) {
+    BusLink::refuse(*fake_bus::signal("cancel"), DBUS_ERROR_LIMITS_EXCEEDED, "No more.");
+    EXPECT_TRUE(bus_.sent.empty());
+}
+
+// -- questions to the bus ------------------------------------------------------------------------
+
+class BusQuestionTest : public BusLinkTest {
+protected:
+    bool ask(const char* argument = ":1.5") {
+        return question_->ask("NameHasOwner", argument,
+                              [this](DBusMessage& /*reply*/) { ++answers_; });
+    }
+
+    std::unique_ptr<BusQuestion> question_ = std::make_unique<BusQuestion>();
+    int answers_ = 0;
+};
+
+TEST_F(BusQuestionTest, IsPendingUntilItIsAnswered) {
+    bus_.answersAtOnce = false;
+    EXPECT_TRUE(ask());
+    EXPECT_TRUE(question_->isPending());
+    bus_.answerQuestion();
+    EXPECT_FALSE(question_->isPending());
+    EXPECT_EQ(answers_, 1);
+}
+
+TEST_F(BusQuestionTest, TakesAnAnswerThatIsThereAlready) {
+    EXPECT_TRUE(ask());
+    EXPECT_FALSE(question_->isPending());
+    EXPECT_EQ(answers_, 1);
+}
+
+TEST_F(BusQuestionTest, IsGivenUpWithItsOwner) {
+    bus_.answersAtOnce = false;
+    EXPECT_TRUE(ask());
+    question_.reset();
+    EXPECT_TRUE(bus_.asked.empty());
+    EXPECT_EQ(answers_, 0);
+}
+
+TEST_F(BusQuestionTest, MayBeEndedByItsAnswer) {
+    EXPECT_TRUE(question_->ask("ListNames", nullptr, [this](DBusMessage& /*reply*/) {
+        question_.reset();
+        ++answers_;
+    }));
+    EXPECT_EQ(answers_, 1);
+    EXPECT_TRUE(bus_.asked.empty());
+}
+
+TEST_F(BusQuestionTest, MayBeAskedAgain) {
+    EXPECT_TRUE(ask());
+    EXPECT_TRUE(ask());
+    EXPECT_EQ(answers_, 2);
+}
+
+TEST_F(BusQuestionTest, IsNotAskedWithoutAConnection) {
+    BusLink::close();
+    EXPECT_FALSE(ask());
+    EXPECT_EQ(answers_, 0);
 }
 
 } // namespace

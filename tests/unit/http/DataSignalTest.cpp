@@ -62,6 +62,27 @@ TEST_F(DataSignalTest, WakesTheWaitingReader) {
     sender.join();
 }
 
+TEST_F(DataSignalTest, LooksAtTheDeadlineAgainWhenItMayHaveChanged) {
+    std::optional<DataSignal::Reader> reader(std::in_place, signal_);
+    std::atomic<bool> isShort = false;
+    std::thread other([&] {
+        isShort = true;
+        signal_.notifyDeadline(); // takes the mutex, so it comes in the wait
+    });
+    EXPECT_FALSE(reader->waitForData([&] { return isShort ? gint64{0} : in(kPatience); }));
+    EXPECT_TRUE(isShort);
+    reader.reset();
+    other.join();
+}
+
+TEST_F(DataSignalTest, TellsAChangeOfTheDeadlineFromData) {
+    std::optional<DataSignal::Reader> reader(std::in_place, signal_);
+    std::thread other([this] { signal_.notifyDeadline(); });
+    EXPECT_FALSE(reader->waitForData(in(std::chrono::milliseconds(20))));
+    reader.reset();
+    other.join();
+}
+
 TEST_F(DataSignalTest, EveryNotificationEndsAWait) {
     constexpr int kWaits = 2000;
     std::atomic<int> begun = 0;

@@ -1,10 +1,12 @@
 #include "http/RequestBody.h"
 
+#include "fakes/FakeThreads.h"
 #include "fakes/Gate.h"
 #include "http/ExchangeParts.h"
 
 #include <algorithm>
 #include <curl/curl.h>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
@@ -12,6 +14,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace orvexd::test {
@@ -530,6 +533,87 @@ TEST_F(RequestBodyTest, WaitsAgainAfterDataOfAnotherRequest) {
     EXPECT_EQ(read().bytes, partHead(kBoundary, "part1"));
     EXPECT_GE(g_get_monotonic_time() - start, 50000);
     client.join();
+}
+
+// -- a client that leaves ------------------------------------------------------------------------
+
+class LeavingClient : public RequestBodyTest {
+protected:
+    static constexpr gint64 kSeconds = 1'000'000;
+
+    LeavingClient() {
+        addSilentPart({.type = "fingerprint"}); // 90 s
+        (void)read();
+    }
+    ~LeavingClient() override {
+        if (other_.joinable()) {
+            other_.join();
+        }
+    }
+    LeavingClient(const LeavingClient&) = delete;
+    LeavingClient& operator=(const LeavingClient&) = delete;
+
+    /// Reads, and ends the first wait in which nothing else happens by the part's last data.
+    /// @return the deadline of that wait.
+    gint64 deadlineOfWait() {
+        gint64 deadline = 0;
+        endNextWait(deadline);
+        EXPECT_TRUE(read().bytes.ends_with("end"));
+        return deadline;
+    }
+    void endNextWait(gint64& deadline) {
+        fake_threads::beforeNextWait([this, &deadline] {
+            deadline = fake_threads::lastDeadline();
+            request(1).appendRequestData("end", true);
+            onOtherThread([this] { signal_.notifyData(); }); // waits until the reader waits
+        });
+    }
+    void onOtherThread(std::function<void()> action) {
+        if (other_.joinable()) {
+            other_.join();
+        }
+        other_ = std::thread(std::move(action));
+    }
+
+    std::thread other_;
+};
+
+TEST_F(LeavingClient, IsGivenItsWholeWaitAsLongAsItIsThere) {
+    const gint64 begin = g_get_monotonic_time();
+    EXPECT_GE(deadlineOfWait(), begin + 90 * kSeconds);
+}
+
+TEST_F(LeavingClient, LeavesFiveSecondsToEveryLaterWait) {
+    const gint64 begin = g_get_monotonic_time();
+    request(1).setOpenerLeft(begin - 60 * kSeconds);
+    const gint64 deadline = deadlineOfWait();
+    EXPECT_GE(deadline, begin + 5 * kSeconds);
+    EXPECT_LE(deadline, g_get_monotonic_time() + 5 * kSeconds);
+}
+
+TEST_F(LeavingClient, EndsTheWaitAtMostFiveSecondsLater) {
+    gint64 left = 0;
+    gint64 first = 0;
+    gint64 second = 0;
+    fake_threads::beforeNextWait([&] {
+        first = fake_threads::lastDeadline();
+        left = g_get_monotonic_time();
+        onOtherThread([&] {
+            request(1).setOpenerLeft(left);
+            signal_.notifyDeadline();
+        });
+        endNextWait(second);
+    });
+    EXPECT_TRUE(read().bytes.ends_with("end"));
+    EXPECT_GT(first, left + 80 * kSeconds);
+    EXPECT_EQ(second, left + 5 * kSeconds);
+}
+
+TEST_F(LeavingClient, DoesNotLengthenAShortWait) {
+    parameters_.set("orvexd/wait_timeout/fingerprint", "1000");
+    request(1).setOpenerLeft(g_get_monotonic_time());
+    const gint64 deadline = deadlineOfWait();
+    EXPECT_LE(deadline, g_get_monotonic_time() + kSeconds);
 }
 
 // -- cancellation -------------------------------------------------------------------------------
