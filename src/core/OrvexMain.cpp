@@ -109,14 +109,15 @@ std::uint32_t OrvexMain::openConnection(std::string_view elementName, std::strin
 }
 
 void OrvexMain::closeConnection(std::uint32_t connectionId, const Client& client) {
+    if (connections_.contains(connectionId) && findConnection(connectionId, client) == nullptr) {
+        return; // whatever requests it has, they belong to the same user
+    }
     for (const RequestPointer& request : requests_.ofConnection(connectionId)) {
         if (request->parameters().isKnownTo(client)) {
             cancelLive(request);
         }
     }
-    if (findConnection(connectionId, client) != nullptr) {
-        connections_.erase(connectionId);
-    }
+    connections_.erase(connectionId);
 }
 
 void OrvexMain::cancelRequest(std::uint32_t connectionId, std::uint32_t requestId,

@@ -53,6 +53,7 @@ public:
     using Answer = std::function<void(DBusMessage& reply)>;
 
     BusQuestion() noexcept = default;
+    ~BusQuestion() = default;
     BusQuestion(const BusQuestion&) = delete;
     BusQuestion& operator=(const BusQuestion&) = delete;
 

@@ -164,7 +164,8 @@ DBusHandlerResult ClientCalls::receive(DBusMessage& message, const char* argumen
 /// Puts a copy at the line's end.
 /// @param isRefused a limit has refused it, and giving back may help.
 /// @return false when the line or the memory is full.
-bool ClientCalls::wait(Line& line, DBusMessage& message, const char* arguments, bool isRefused) {
+bool ClientCalls::wait(Line& line, DBusMessage& message, const char* arguments,
+                       bool isRefused) const {
     if (line.waiting.size() >= kMostMessages || line.bytes >= kMostBytes) {
         return false;
     }
@@ -183,7 +184,7 @@ bool ClientCalls::wait(Line& line, DBusMessage& message, const char* arguments, 
     return true;
 }
 
-void ClientCalls::waitOrRefuse(Line& line, DBusMessage& message, const char* arguments) {
+void ClientCalls::waitOrRefuse(Line& line, DBusMessage& message, const char* arguments) const {
     if (wait(line, message, arguments, false)) {
         return;
     }

@@ -92,8 +92,8 @@ private:
     void onUser(const std::string& name, DBusMessage& reply);
     void remember(const std::string& name, std::uint32_t uid);
 
-    bool wait(Line& line, DBusMessage& message, const char* arguments, bool isRefused);
-    void waitOrRefuse(Line& line, DBusMessage& message, const char* arguments);
+    bool wait(Line& line, DBusMessage& message, const char* arguments, bool isRefused) const;
+    void waitOrRefuse(Line& line, DBusMessage& message, const char* arguments) const;
     void handleWaiting(const std::string& name);
     bool handle(const Waiting& waiting, const Client& client);
 

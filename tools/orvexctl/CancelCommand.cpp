@@ -24,7 +24,8 @@ ExitStatus CancelCommand::run(const std::vector<std::string>& words) {
     client.ping();
     client.cancel(connection, request);
     // The daemon asks the bus whose signal it is, and cannot learn it when the sender has left. It
-    // answers a client's messages in order, so the signal has been dealt with when this is answered.
+    // answers a client's messages in order, so the signal has been dealt with when this is
+    // answered.
     (void)client.connectionStatus();
     return ExitStatus::Success;
 }

@@ -8,6 +8,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <memory>
 #include <set>
 #include <string>
@@ -253,6 +254,16 @@ TEST_F(Memory, CountsConnectionsAndRequestsAsLongAsTheyLive) {
     EXPECT_GE(budget_.held(), withConnection + RequestData::kCost);
     gateway().closeConnection(connection, kAnna);
     EXPECT_EQ(budget_.held(), before);
+}
+
+TEST_F(Memory, IsNotUnderstatedByTheCostOfARequest) {
+    constexpr std::size_t kCount = 2000;
+    const std::uint32_t connection = openFor(kAnna);
+    const std::size_t before = mallinfo2().uordblks;
+    for (std::size_t count = 0; count < kCount; ++count) {
+        attachFor(kAnna, connection);
+    }
+    EXPECT_LE((mallinfo2().uordblks - before) / kCount, RequestData::kCost);
 }
 
 TEST_F(Memory, RefusesWhenItIsFull) {
