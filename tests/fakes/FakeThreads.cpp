@@ -34,6 +34,11 @@ std::function<void()>& actionBeforeWait() {
     return action;
 }
 
+std::function<bool(std::int64_t)>& replacedWait() {
+    thread_local std::function<bool(std::int64_t)> wait;
+    return wait;
+}
+
 int& yieldCount() {
     thread_local int count = 0;
     return count;
@@ -107,7 +112,13 @@ gboolean wrappedWaitUntil(GCond* condition, GMutex* mutex, gint64 deadline) {
     if (const auto action = std::exchange(actionBeforeWait(), nullptr)) {
         action();
     }
-    return realWaitUntil(condition, mutex, deadline);
+    if (!replacedWait()) {
+        return realWaitUntil(condition, mutex, deadline);
+    }
+    g_mutex_unlock(mutex);
+    const bool inTime = replacedWait()(deadline);
+    g_mutex_lock(mutex);
+    return inTime ? TRUE : FALSE;
 }
 
 void wrappedYield() {
@@ -138,6 +149,10 @@ void holdUntilJoined(bool hold) {
 
 void beforeNextWait(std::function<void()> action) {
     actionBeforeWait() = std::move(action);
+}
+
+void replaceWaits(std::function<bool(std::int64_t)> wait) {
+    replacedWait() = std::move(wait);
 }
 
 int yieldsOfThisThread() {

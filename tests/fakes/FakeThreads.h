@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -18,6 +19,11 @@ void holdUntilJoined(bool hold);
 
 /// Done once, right before the calling thread waits for a condition next; the mutex is still held.
 void beforeNextWait(std::function<void()> action);
+
+/// From now on the calling thread does this instead of waiting for a condition, with the mutex
+/// free.
+/// @param wait gets the deadline and says whether the wait ended before it.
+void replaceWaits(std::function<bool(std::int64_t deadline)> wait);
 
 /// How often the calling thread has yielded the processor, since the test program began.
 int yieldsOfThisThread();
