@@ -133,10 +133,10 @@ int HttpClient::performTransfer(const std::vector<std::string>& headerLines, Req
     parser.setPatience({transferDeadline(timeoutSeconds(kTransferTimeout, kDefaultTransferTimeout)),
                         [this] { owner_.postMemoryShort(); }});
     CURLcode result = curl_easy_perform(handle.get());
+    parser.finish(); // may wait for room, too
     if (parser.hasStalled()) {
         result = CURLE_OPERATION_TIMEDOUT; // libcurl may not have looked at its clock any more
     }
-    parser.finish();
     long status = 0;
     curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status); // the parser judges it
     errorText_ = result == CURLE_OK ? "" : curl_easy_strerror(result);

@@ -33,7 +33,7 @@ SlpResponseParser::SlpResponseParser(std::span<const std::shared_ptr<RequestData
     : requests_(requests), parts_(requests, budget), kept_(budget) {}
 
 std::size_t SlpResponseParser::feed(std::string_view chunk) {
-    if (chunk.empty() || givenUp_) {
+    if (chunk.empty() || isStopped()) {
         return chunk.size();
     }
     // A further head follows that of an interim answer or of a proxy. Faults of the first head do
@@ -66,6 +66,11 @@ bool SlpResponseParser::keep(std::string_view bytes, std::size_t limit, const ch
 void SlpResponseParser::giveUp(std::string text) {
     recordError(failure::kFormat, std::move(text));
     givenUp_ = true;
+    stop();
+}
+
+/// Nothing that is still to come counts, also of the chunk that is being worked on.
+void SlpResponseParser::stop() noexcept {
     pending_ = std::string();
     kept_.set(0);
     currentRequest_ = nullptr;
@@ -111,7 +116,7 @@ void SlpResponseParser::feedBody(std::string_view chunk) {
         completePart(chunk.substr(0, delimiter));
     }
     NextOccurrence closing(chunk, closingDelimiter_);
-    while (!givenUp_) { // every delimiter opens a part, the next one completes it
+    while (!isStopped()) { // every delimiter opens a part, the next one completes it
         const std::size_t end = closing.from(delimiter);
         // The bytes behind a delimiter are skipped when the end of the response is in sight.
         const std::size_t skipped = end == kNone ? 0 : closingDelimiter_.size() - delimiter_.size();
@@ -279,6 +284,7 @@ void SlpResponseParser::deliver(std::string_view bytes, bool partComplete, bool 
         break;
     case Answer::Added::NoRoom:
         stalled_ = true;
+        stop(); // the answer would have a gap
         break;
     }
 }

@@ -57,7 +57,8 @@ public:
     [[nodiscard]] bool isGivenUp() const noexcept { return givenUp_; }
     /// Gives the response up with the error for a broken format.
     void giveUp(std::string text);
-    /// Whether a piece of the response was lost because there was no room for it in time.
+    /// Whether a piece of the response was lost because there was no room for it in time. Nothing
+    /// behind it is delivered.
     [[nodiscard]] bool hasStalled() const noexcept { return stalled_; }
 
     /// Whether the response is not what it should be, judged by what has come so far.
@@ -68,6 +69,8 @@ public:
     [[nodiscard]] std::string errorText() const { return error_.text; }
 
 private:
+    [[nodiscard]] bool isStopped() const noexcept { return givenUp_ || stalled_; }
+    void stop() noexcept;
     bool keep(std::string_view bytes, std::size_t limit, const char* error);
     void feedHead(std::string_view chunk);
     void feedBody(std::string_view chunk);

@@ -39,6 +39,11 @@ gint64& newestDeadline() {
     return deadline;
 }
 
+std::function<bool(std::int64_t)>& replacedWait() {
+    thread_local std::function<bool(std::int64_t)> wait;
+    return wait;
+}
+
 int& yieldCount() {
     thread_local int count = 0;
     return count;
@@ -113,7 +118,13 @@ gboolean wrappedWaitUntil(GCond* condition, GMutex* mutex, gint64 deadline) {
     if (const auto action = std::exchange(actionBeforeWait(), nullptr)) {
         action();
     }
-    return realWaitUntil(condition, mutex, deadline);
+    if (!replacedWait()) {
+        return realWaitUntil(condition, mutex, deadline);
+    }
+    g_mutex_unlock(mutex);
+    const bool inTime = replacedWait()(deadline);
+    g_mutex_lock(mutex);
+    return inTime ? TRUE : FALSE;
 }
 
 void wrappedYield() {
@@ -148,6 +159,10 @@ void beforeNextWait(std::function<void()> action) {
 
 gint64 lastDeadline() {
     return newestDeadline();
+}
+
+void replaceWaits(std::function<bool(std::int64_t)> wait) {
+    replacedWait() = std::move(wait);
 }
 
 int yieldsOfThisThread() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <glib.h>
 #include <string>
@@ -22,6 +23,11 @@ void beforeNextWait(std::function<void()> action);
 
 /// The deadline of the calling thread's newest wait, also while `beforeNextWait` acts.
 gint64 lastDeadline();
+
+/// From now on the calling thread does this instead of waiting for a condition, with the mutex
+/// free.
+/// @param wait gets the deadline and says whether the wait ended before it.
+void replaceWaits(std::function<bool(std::int64_t deadline)> wait);
 
 /// How often the calling thread has yielded the processor, since the test program began.
 int yieldsOfThisThread();

@@ -421,6 +421,22 @@ TEST_F(ExchangeTest, AbortsAnUploadThatWasCancelledBeforeItsFirstStep) {
                 ElementsAre("failed 43 [Operation was aborted by an application callback] [1:1]"));
 }
 
+// -- no room -------------------------------------------------------------------------------------
+
+TEST_F(ExchangeTest, TimesOutWhenThereIsNoRoomForTheEndOfTheAnswer) {
+    Charge others(MemoryBudget::process());
+    runExchange([&others](Transfer& transfer) {
+        std::string answer = answerTo(1);
+        answer.resize(answer.rfind("\n--b--")); // ends with a carriage return, which may be data
+        transfer.respond(kHead, {answer});
+        others.set(MemoryBudget::process().size());
+        fake_threads::replaceWaits([](std::int64_t /*deadline*/) { return false; });
+        return CURLE_OK;
+    });
+    fake_threads::replaceWaits(nullptr);
+    EXPECT_THAT(owner_.log, ElementsAre("memory is short", "failed 43 [Timeout was reached] [1:1]"));
+}
+
 // -- no memory ----------------------------------------------------------------------------------
 
 /// Writes `bytes` with an allocation failing in the parser, if it makes more than `after` of them.

@@ -83,6 +83,7 @@ protected:
     }
 
     bool isGivenUp() const { return parser_->isGivenUp(); }
+    bool hasStalled() const { return parser_->hasStalled(); }
     bool hasError() const { return parser_->hasError(); }
 
     void expectNoError() { EXPECT_FALSE(parser_->hasError()) << parser_->errorText(); }

@@ -1,5 +1,6 @@
 // A server's structures are limited: beyond the limits the response is given up at once.
 
+#include "fakes/FakeThreads.h"
 #include "protocol/Codes.h"
 #include "slp/ResponseFixture.h"
 
@@ -17,6 +18,18 @@ protected:
         for (std::size_t at = 0; at < bytes.size(); at += kPiece) {
             feed(bytes.substr(at, kPiece));
         }
+    }
+
+    /// Feeds a piece for which there is room only when it is too late.
+    void feedTooLate(const std::string& bytes) {
+        MemoryBudget& budget = MemoryBudget::process();
+        Charge others(budget, budget.size());
+        fake_threads::replaceWaits([&others](std::int64_t /*deadline*/) {
+            others.set(0);
+            return false;
+        });
+        feed(bytes);
+        fake_threads::replaceWaits(nullptr);
     }
 
     /// A start part of so many bytes, its headers included, for one request.
@@ -172,6 +185,24 @@ TEST_F(SlpResponseLimits, AResponseThatIsGivenUpIsNotReadAnyMore) {
     feedInPieces(std::string(SlpResponseParser::kLargestHeaderBlock + 1, 'x'));
     feed(part("a", "data") + kEnd);
     EXPECT_EQ(parts(1), Parts{});
+}
+
+TEST_F(SlpResponseLimits, NothingBehindALostPieceIsDelivered) {
+    begin(1);
+    feed(startPart({"a b"}) + part("a", "1"));
+    feedTooLate("lost" + part("b", "data") + kEnd);
+    feed(part("b", "data") + kEnd);
+    EXPECT_TRUE(hasStalled());
+    EXPECT_EQ(parts(1), Parts{"1"});
+}
+
+TEST_F(SlpResponseLimits, TheEndCompletesNoPartThatHasLostAPiece) {
+    begin(1);
+    feed(startPart({"a"}) + part("a", "1"));
+    feedTooLate("lost\r");
+    finish();
+    EXPECT_EQ(parts(1), Parts{"1"});
+    EXPECT_EQ(request(1).state(), RequestState::Receiving);
 }
 
 TEST_F(SlpResponseLimits, EverythingIsGivenBackAtTheEnd) {
