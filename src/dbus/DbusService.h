@@ -4,7 +4,6 @@
 #include "core/ServicePosts.h"
 #include "dbus/BusLink.h"
 #include "dbus/ClientCalls.h"
-#include "dbus/HeldSends.h"
 #include "dbus/IMainLoop.h"
 #include "dbus/PendingReplies.h"
 #include "support/BusHandles.h"

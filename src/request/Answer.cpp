@@ -151,7 +151,6 @@ bool Answer::awaitRoom(std::string_view& bytes, bool partComplete, const Patienc
 /// Whether the bytes may be stored. Without room for them, chunks go on to a client that waits, and
 /// what such a client takes as a whole may always be stored.
 bool Answer::canStore(std::string_view& bytes, bool partComplete) {
-    constexpr std::size_t kLineBreak = 2;
     const Lock guard(lock_);
     if (cancelled_ || charge_.hasRoomForData()) {
         return true;
@@ -159,8 +158,8 @@ bool Answer::canStore(std::string_view& bytes, bool partComplete) {
     if (!isClientAtEnd()) {
         return bytes.empty();
     }
-    const std::size_t end = partComplete ? kLineBreak : 0; // may be no data
-    if (bytes.size() <= chunkSize_ + end) {
+    const std::size_t lineBreak = partComplete ? 2 : 0; // may be no data
+    if (bytes.size() <= chunkSize_ + lineBreak) {
         return true;
     }
     state_ = RequestState::Receiving;
@@ -183,20 +182,17 @@ Answer::Added Answer::store(std::string_view bytes, bool partComplete) {
     if (!cancelled_ && !appendToPart(bytes, partComplete)) {
         return Added::Stored;
     }
-    Added added = Added::Stored;
     if (!partComplete) {
         state_ = RequestState::Receiving;
     } else if (++completedParts_ == expectedParts_) {
         state_ = RequestState::AllPartsReceived;
     } else {
         state_ = RequestState::PartReceived;
-        if (responseBuffers_.size() >= charge_.budget().accountBound() / kPartCost) {
-            added = Added::TooMany;
-        }
         openBuffer();
     }
+    const bool isFull = responseBuffers_.size() > charge_.budget().accountBound() / kPartCost;
     (void)deliverStored(); // nothing to deliver is as good here
-    return added;
+    return isFull ? Added::TooMany : Added::Stored;
 }
 
 /// Begins the next part. A cancelled answer stores none.

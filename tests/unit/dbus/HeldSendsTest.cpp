@@ -1,4 +1,4 @@
-#include "dbus/HeldSends.h"
+#include "dbus/PendingReplies.h"
 
 #include "fakes/FakeBus.h"
 #include "fakes/MainContext.h"
