@@ -23,6 +23,9 @@ void beforeNextWait(std::function<void()> action);
 /// The deadline of the calling thread's newest wait, also while `beforeNextWait` acts.
 gint64 lastDeadline();
 
+/// How often threads have begun to wait for a condition, since `reset`.
+int waits();
+
 /// How often the calling thread has yielded the processor, since the test program began.
 int yieldsOfThisThread();
 
