@@ -21,6 +21,7 @@ struct World {
     bool hold = false;
     int started = 0;
     int joined = 0;
+    int waits = 0;
     std::string name;
 };
 
@@ -115,7 +116,12 @@ gpointer wrappedJoin(GThread* thread) {
 
 gboolean wrappedWaitUntil(GCond* condition, GMutex* mutex, gint64 deadline) {
     newestDeadline() = deadline;
-    if (const auto action = std::exchange(actionBeforeWait(), nullptr)) {
+    const auto action = std::exchange(actionBeforeWait(), nullptr);
+    {
+        const std::lock_guard guard(world().mutex);
+        ++world().waits;
+    }
+    if (action) {
         action();
     }
     if (!replacedWait()) {
@@ -140,6 +146,7 @@ void reset() {
     world().hold = false;
     world().started = 0;
     world().joined = 0;
+    world().waits = 0;
     world().name.clear();
 }
 
@@ -155,6 +162,11 @@ void holdUntilJoined(bool hold) {
 
 void beforeNextWait(std::function<void()> action) {
     actionBeforeWait() = std::move(action);
+}
+
+int waits() {
+    const std::lock_guard guard(world().mutex);
+    return world().waits;
 }
 
 gint64 lastDeadline() {

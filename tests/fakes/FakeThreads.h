@@ -29,6 +29,9 @@ gint64 lastDeadline();
 /// @param wait gets the deadline and says whether the wait ended before it.
 void replaceWaits(std::function<bool(std::int64_t deadline)> wait);
 
+/// How often threads have begun to wait for a condition, since `reset`.
+int waits();
+
 /// How often the calling thread has yielded the processor, since the test program began.
 int yieldsOfThisThread();
 

@@ -459,7 +459,9 @@ TEST_F(Watch, LeavesTimeForDataOfTheUsersOtherNames) {
     answerExchange(1);
     gateway().prepareRequest(connection, kAny, 0, kAnna);
     EXPECT_TRUE(iterateUntil([this] { return !service_.watched.empty(); }));
+    EXPECT_TRUE(spinUntil([] { return fake_threads::waits() == 1; }));
     gateway().onWatchedClientLeft();
+    EXPECT_TRUE(spinUntil([] { return fake_threads::waits() == 2; })) << "with a new deadline";
     EXPECT_TRUE(gateway().isTransferRunning()) << "five seconds are left to the user's other names";
     EXPECT_EQ(gateway().sendData("data", true, connection, 1, kAnnaAgain), 0);
     finishExchange();

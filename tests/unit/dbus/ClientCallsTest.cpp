@@ -191,17 +191,19 @@ TEST_F(ClientCallsTest, MessageWithoutASenderIsLeftToTheLibrary) {
     EXPECT_THAT(bus_.questions(), IsEmpty());
 }
 
-TEST_F(ClientCallsTest, ForgetsTheOldestOf1024Names) {
+TEST_F(ClientCallsTest, RemembersTheNewest1024Names) {
     bus_.answersAtOnce = true;
-    for (std::size_t number = 0; number <= ClientCalls::kMostNames; ++number) {
+    for (std::size_t number = 0; number < ClientCalls::kMostNames + 2; ++number) {
         receive(from((":2." + std::to_string(number)).c_str(), numbers("disconnect", {9})));
     }
     bus_.answersAtOnce = false;
     answers();
-    receive(from(":2.1", numbers("disconnect", {9})));
+    receive(from(":2.2", numbers("disconnect", {9})));
     EXPECT_THAT(answers(), ElementsAre("done"));
+    receive(from(":2.1", numbers("disconnect", {9})));
     receive(from(":2.0", numbers("disconnect", {9})));
-    EXPECT_THAT(bus_.questions(), ElementsAre("GetConnectionUnixUser :2.0"));
+    EXPECT_THAT(bus_.questions(),
+                ElementsAre("GetConnectionUnixUser :2.1", "GetConnectionUnixUser :2.0"));
 }
 
 TEST_F(ClientCallsTest, QuestionsEndWithTheService) {
