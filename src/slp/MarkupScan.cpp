@@ -194,7 +194,7 @@ private:
 
     /// Any entity may be one that a parameter entity declares with its text.
     [[nodiscard]] Steps leastSteps(std::string_view value) const {
-        constexpr Steps kByte = 5;
+        constexpr Steps kByte = 15;
         return kMessage + kByte * std::max(value.size(), longestParameter_);
     }
 
