@@ -880,7 +880,7 @@ void Gateway::finishTransfer(CURLcode code) {
 void Gateway::finishParser(Exchange& ended, bool succeeds) {
     reached_.counts["worker waits for room at the end"]++;
     settle();
-    const bool inTime = serve();
+    const bool inTime = succeeds && serve(); // who fails is lost already
     if (!inTime && succeeds) {
         for (Request* request : ended.members) {
             request->place = Place::InExchange;
