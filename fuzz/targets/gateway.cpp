@@ -1,10 +1,13 @@
 // The gateway core as a state machine, between clients, a platform and a transport that do what the
 // input says.
 //
-// Input: how the run ends, then a sequence of commands, see `Gateway::step`.
+// Input: how the run ends, then a sequence of commands, see `Gateway::step`. A capital letter in
+// front means that memory is short: the next byte chooses the budget, and data and answers have
+// sizes.
 //
 // Threads are real, but the worker takes a step only when the input gives it one, and time stands
-// still until the input lets it pass: a run is the same each time.
+// still until the input lets it pass: a run is the same each time. That is true of a worker that
+// waits for room, too: it looks again after each command, and no clock ends its wait.
 //
 // Properties, seen from outside: ids are handed out in order; each operation is answered as the
 // request's fate so far demands; no request is lost, which means that each one ends with its whole
@@ -21,13 +24,16 @@
 #include "request/RequestData.h"
 #include "support/Check.h"
 #include "support/Input.h"
+#include "support/MemoryBudget.h"
 #include "support/Target.h"
 #include "support/VirtualTime.h"
 
 #include <algorithm>
 #include <array>
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
+#include <glib.h>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
@@ -56,6 +62,7 @@ public:
     using Step = std::function<std::optional<CURLcode>(fake_curl::Transfer&)>;
 
     CURLcode serve(fake_curl::Transfer& transfer) {
+        fake_threads::replaceWaits([this](std::int64_t deadline) { return stall(deadline); });
         std::unique_lock lock(mutex_);
         while (true) {
             waiting_ = true;
@@ -88,7 +95,23 @@ public:
         step_ = std::move(step);
         waiting_ = false;
         changed_.notify_all();
-        changed_.wait(lock, [this] { return waiting_ || ended_; });
+        changed_.wait(lock, [this] { return waiting_ || ended_ || stalled_; });
+    }
+
+    /// Whether the worker waits for something in the middle of its step.
+    bool isStalled() {
+        const std::lock_guard lock(mutex_);
+        return stalled_;
+    }
+
+    /// Ends that wait: by a wake-up, or because its time is up. Waits for what comes of it, the end
+    /// of the step or another wait, unless the transfer has ended.
+    void endStall(bool inTime) {
+        std::unique_lock lock(mutex_);
+        stalled_ = false;
+        endOfStall_ = inTime;
+        changed_.notify_all();
+        changed_.wait(lock, [this] { return waiting_ || ended_ || stalled_; });
     }
 
     /// From now on the worker goes its own way.
@@ -99,6 +122,22 @@ public:
     }
 
 private:
+    /// @return whether the wait ended before its deadline.
+    bool stall(std::int64_t deadline) {
+        std::unique_lock lock(mutex_);
+        if (deadline <= g_get_monotonic_time() || open_) {
+            return false;
+        }
+        stalled_ = true;
+        changed_.notify_all();
+        changed_.wait(lock, [this] { return endOfStall_ || open_; });
+        stalled_ = false;
+        const bool inTime = endOfStall_.value_or(false);
+        endOfStall_.reset();
+        changed_.notify_all();
+        return inTime;
+    }
+
     static std::optional<CURLcode> readToEnd(fake_curl::Transfer& transfer) {
         std::string body;
         (void)transfer.readAll(body);
@@ -108,6 +147,8 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     Step step_;
+    std::optional<bool> endOfStall_; ///< and whether it comes in time
+    bool stalled_ = false;
     bool waiting_ = false;
     bool ended_ = false;
     bool open_ = false;
@@ -132,6 +173,7 @@ struct Request {
     std::string accepted = {}; ///< data that was taken from the client
     std::string received = {};
     std::string answer = {}; ///< what the server says, all parts together
+    std::size_t written = 0; ///< bytes of it that have been written
     bool answerWhole = true; ///< the server got to say all of it
 
     bool goesBefore(const Request& other) const {
@@ -141,15 +183,51 @@ struct Request {
 
 enum class Flaw { None, MissingPart, BadStatus, ServerError, NoType };
 
+/// Bytes of an answer, and what makes them its own.
+struct Atom {
+    std::string bytes;
+    Request* request = nullptr; ///< to which they belong, if they are data
+};
+
 struct Exchange {
     std::vector<Request*> members; ///< in transfer order
     std::string body;
     bool bodyEnded = false;
     bool aborted = false;
     std::optional<Flaw> flaw;       ///< of the answer, once it has begun
-    std::vector<std::string> atoms; ///< of the answer; a cut between them changes nothing
+    std::vector<Atom> atoms;        ///< of the answer; a cut between them changes nothing
     std::vector<std::size_t> parts; ///< atoms with which a data part begins
     std::size_t written = 0;
+    std::size_t document = 0;               ///< the atom that ends the document
+    std::size_t idCost = 0;                 ///< of the announced ids
+    std::size_t begun = 0;                  ///< atoms in front of the piece that is being written
+    bool isWriting = false;                 ///< the worker is inside the write callback
+    bool isRefused = false;                 ///< ... or has ended it and does not want more
+    bool isLate = false;                    ///< because there was no room in time
+    std::vector<std::string> refusals = {}; ///< of which one is the text of the error otherwise
+    bool hasManyParts = false;              ///< of one request, more than may wait
+};
+
+/// What memory is bounded by. Numbers are not the daemon's.
+struct Memory {
+    std::size_t budget = 0; ///< 0: the usual one
+
+    bool isShort() const { return budget > 0; }
+    std::size_t share() const { return budget * 3 / 4; }
+    std::size_t mostParts() const { return share() / 400; }
+};
+
+/// Counts what was reached, for who writes seeds.
+struct Reached {
+    std::map<std::string, int> counts;
+
+    ~Reached() {
+        if (std::getenv("ORVEXD_FUZZ_TELL") != nullptr) {
+            for (const auto& [what, times] : counts) {
+                std::fprintf(stderr, "  %s: %d\n", what.c_str(), times);
+            }
+        }
+    }
 };
 
 // -- the run
@@ -157,7 +235,10 @@ struct Exchange {
 
 class Gateway : public IServiceEvents {
 public:
-    Gateway() {
+    explicit Gateway(Memory memory) : memory_(memory) {
+        if (memory_.isShort()) {
+            budget_.resize(memory_.budget);
+        }
         fake_curl::reset();
         fake_platform::reset();
         fake_threads::reset();
@@ -176,6 +257,8 @@ public:
 
     void step(Input& input);
     void finish(char how);
+    /// After each step: a worker that waits for room looks again.
+    void wake();
 
     // -- IServiceEvents
 
@@ -206,19 +289,32 @@ private:
     void settle();
     void noticeStart();
     void provideTransport();
+    std::size_t readPadding(Input& input) const;
 
     void open(Input& input);
     void create(Input& input, bool prepared);
-    void send(Request& request, bool last);
+    void send(Request& request, std::size_t padding, bool last);
     void ask(Request& request);
     static void endByClient(Request& request);
     void changeNetwork(std::size_t choice);
 
     void read(std::size_t capacity);
     void checkBody();
-    void beginAnswer(Flaw flaw);
+    struct Style {
+        std::size_t padding = 0; ///< of each part
+        bool manyParts = false;
+    };
+    void beginAnswer(Flaw flaw, Style style);
+    void addPart(Request& request, const std::string& id, Style style);
     void write(std::size_t atoms);
+    void afterWrite();
+    void checkShares() const;
+    bool serve();
+    void endStall(bool inTime);
+    void goOn();
+    std::vector<std::string> possibleRefusals() const;
     void finishTransfer(CURLcode code);
+    void finishParser(Exchange& ended, bool succeeds);
     void failExchange(Exchange ended);
     bool answerBegunInFull() const;
     void finishExchange();
@@ -226,6 +322,13 @@ private:
     void complete();
     void leave();
 
+    const Memory memory_;
+    MemoryBudget& budget_ = MemoryBudget::process();
+    const std::size_t usualBudget_ = budget_.size();
+    const std::size_t heldBefore_ = budget_.held();
+    std::size_t largestData_ = 0;  ///< that a client gave at once
+    std::size_t largestPiece_ = 0; ///< that the server sent at once
+    Reached reached_;
     Turnstile turnstile_;
     std::unique_ptr<OrvexMain> core_;
     bool permitted_ = true;
@@ -239,6 +342,7 @@ private:
     std::vector<Exchange> failed_; ///< ended in failure, their errors are still to come
     std::size_t sent_ = 0;
     std::size_t exchanges_ = 0;
+    bool isTaken_ = false; ///< the last piece, written by the worker
 };
 
 Request& Gateway::find(std::uint32_t connectionId, std::uint32_t requestId) {
@@ -298,6 +402,13 @@ void Gateway::emitErrorSignal(std::uint32_t code, const std::string& message,
     const Exchange exchange = std::move(failed_.front());
     failed_.erase(failed_.begin());
     check(code == 2001 || code == 2204, "an exchange error has its code");
+    if (exchange.isRefused) {
+        reached_.counts["refused: " + message]++;
+        const auto& texts = exchange.refusals;
+        check(exchange.isLate ? code == 2204 && message == "Timeout was reached"
+                              : code == 2001 && std::ranges::count(texts, message) == 1,
+              "a refused answer fails with its text");
+    }
     for (const Request* request : exchange.members) {
         check(request->fate.ended, "a failed exchange names all that it had not answered");
     }
@@ -314,7 +425,8 @@ void Gateway::deliverChunk(std::uint32_t connectionId, std::uint32_t requestId,
     Request& request = find(connectionId, requestId);
     obey(request.fate.onChunk(bytes.size(), static_cast<std::uint32_t>(code)));
     request.received += bytes;
-    check(request.answer.starts_with(request.received), "the bytes are the server's");
+    check(request.answer.starts_with(request.received), "the bytes are the server's",
+          [&] { return request.received + "\nnot\n" + request.answer; });
     check(!request.fate.whole || !request.answerWhole || request.received == request.answer,
           "the answer is whole");
 }
@@ -392,8 +504,19 @@ void Gateway::create(Input& input, bool prepared) {
     settle();
 }
 
-void Gateway::send(Request& request, bool last) {
-    const std::string data = "data " + std::to_string(++sent_) + "\n";
+/// Bytes that tell where they stand.
+std::string filling(std::size_t size) {
+    std::string bytes;
+    while (bytes.size() < size) {
+        bytes += std::to_string(bytes.size()) + ' ';
+    }
+    bytes.resize(size);
+    return bytes;
+}
+
+void Gateway::send(Request& request, std::size_t padding, bool last) {
+    const std::string data = "data " + std::to_string(++sent_) + filling(padding) + "\n";
+    largestData_ = std::max(largestData_, data.size());
     const int result = core_->sendData(data, last, request.connection, request.id);
     const bool isOpen = connections_[request.connection - 1];
     obey(request.fate.onSent(result, isOpen));
@@ -417,6 +540,9 @@ void Gateway::send(Request& request, bool last) {
     }
     if (result == 0) {
         request.accepted += data;
+    } else if (memory_.isShort() && request.place == Place::InExchange && result == 57 &&
+               budget_.held() - heldBefore_ >= memory_.share()) {
+        reached_.counts["data refused without room"]++;
     }
 }
 
@@ -476,8 +602,8 @@ void Gateway::changeNetwork(std::size_t choice) {
 
 void Gateway::read(std::size_t capacity) {
     Exchange& exchange = *exchange_;
-    if (exchange.bodyEnded || exchange.aborted) {
-        return; // libcurl does not ask again
+    if (exchange.bodyEnded || exchange.aborted || exchange.isWriting) {
+        return; // libcurl does not ask again, or is not there
     }
     turnstile_.run([&](fake_curl::Transfer& transfer) -> std::optional<CURLcode> {
         const fake_curl::Transfer::Piece piece = transfer.read(capacity);
@@ -516,62 +642,200 @@ void Gateway::checkBody() {
     check(elements == number, "the message lists the requests of the exchange");
 }
 
-void Gateway::beginAnswer(Flaw flaw) {
+/// A part in pieces, whose bytes tell where they stand.
+void Gateway::addPart(Request& request, const std::string& id, Style style) {
+    constexpr std::size_t kPiece = 700;
+    constexpr std::size_t kMostChunks = 100; // a test of a byte at a time need not be long
+    Exchange& exchange = *exchange_;
+    exchange.parts.push_back(exchange.atoms.size());
+    exchange.atoms.push_back({"\r\n--b\r\nContent-Id: " + id + "\r\n\r\n"});
+    std::string data = "answer " + std::to_string(exchanges_) + "." + id +
+                       std::string(request.id % 5, '.') + "\r\n";
+    if (memory_.isShort()) {
+        const std::size_t most = kMostChunks * request.fate.chunkSize;
+        const bool isEmpty = style.padding == 0 && style.manyParts;
+        data = isEmpty ? "" : filling(std::min(style.padding, most)) + data;
+    }
+    request.answer += data;
+    for (std::size_t at = 0; at < data.size(); at += kPiece) {
+        exchange.atoms.push_back({data.substr(at, kPiece), &request});
+    }
+}
+
+void Gateway::beginAnswer(Flaw flaw, Style style) {
     Exchange& exchange = *exchange_;
     exchange.flaw = flaw;
+    exchange.atoms.push_back(
+        {flaw == Flaw::ServerError ? "HTTP/1.1 503 Busy\r\n" : "HTTP/1.1 200 OK\r\n"});
+    exchange.atoms.back().bytes += flaw == Flaw::NoType
+                                       ? "Server: slp\r\n\r\n"
+                                       : "Content-Type: m; boundary=\"b\"; start=\"s\"\r\n\r\n";
+    exchange.atoms.push_back({"--b\r\nContent-Id: s\r\n\r\n"});
+    exchange.atoms.emplace_back();
     std::string document = "<SimpleLocationProtocol><SlpResponse status=\"";
     document += flaw == Flaw::BadStatus ? "no\">" : "ok\">";
-    std::vector<std::string> parts;
     std::size_t number = 0;
     for (Request* request : exchange.members) {
         ++number;
-        for (std::size_t part = 0; part < 1 + request->id % 3; ++part) {
+        const bool isLong = style.manyParts && number == 1;
+        exchange.hasManyParts = exchange.hasManyParts || isLong;
+        const std::size_t parts = isLong ? memory_.mostParts() + 2 : 1 + request->id % 3;
+        for (std::size_t part = 0; part < parts; ++part) {
             const std::string id = std::to_string(number) + "-" + std::to_string(part);
-            const std::string data = "answer " + std::to_string(exchanges_) + "." + id +
-                                     std::string(request->id % 5, '.') + "\r\n";
             document += "<result oid=\"" + std::to_string(number) + "\" href=\"cid:" + id + "\"/>";
-            request->answer += data;
-            parts.push_back("\r\n--b\r\nContent-Id: " + id + "\r\n\r\n");
-            parts.push_back(data);
+            exchange.idCost += 320 + 3 * id.size();
+            addPart(*request, id, style);
         }
     }
     document += "</SlpResponse></SimpleLocationProtocol>";
-    exchange.atoms.emplace_back(flaw == Flaw::ServerError ? "HTTP/1.1 503 Busy\r\n"
-                                                          : "HTTP/1.1 200 OK\r\n");
-    exchange.atoms.back() += flaw == Flaw::NoType
-                                 ? "Server: slp\r\n\r\n"
-                                 : "Content-Type: m; boundary=\"b\"; start=\"s\"\r\n\r\n";
-    exchange.atoms.emplace_back("--b\r\nContent-Id: s\r\n\r\n");
-    exchange.atoms.push_back(document);
+    constexpr std::size_t kDocument = 2;
+    exchange.atoms[kDocument].bytes = std::move(document);
     if (flaw == Flaw::MissingPart) {
-        parts.resize(parts.size() - 2);
+        exchange.atoms.resize(exchange.parts.back());
     }
-    for (std::string& part : parts) {
-        if (part.starts_with("\r\n--b")) {
-            exchange.parts.push_back(exchange.atoms.size());
-        }
-        exchange.atoms.push_back(std::move(part));
-    }
-    exchange.atoms.emplace_back("\r\n");
-    exchange.atoms.emplace_back("--b--\r\n");
+    exchange.document = kDocument + 1; // ends with the delimiter behind it
+    exchange.atoms.push_back({"\r\n"});
+    exchange.atoms.push_back({"--b--\r\n"});
 }
 
 /// Sends the next atoms in one piece; the head always comes alone, as libcurl hands it over.
 void Gateway::write(std::size_t atoms) {
     Exchange& exchange = *exchange_;
+    if (exchange.isWriting) {
+        return; // the worker has not taken what was sent before
+    }
     std::string piece;
     const std::size_t count = exchange.written == 0 ? 1 : atoms;
     const std::size_t end = std::min(exchange.written + count, exchange.atoms.size());
+    exchange.begun = exchange.written;
     for (; exchange.written < end; ++exchange.written) {
-        piece += exchange.atoms[exchange.written];
+        piece += exchange.atoms[exchange.written].bytes;
     }
     if (piece.empty()) {
         return;
     }
-    turnstile_.run([&](fake_curl::Transfer& transfer) -> std::optional<CURLcode> {
-        check(transfer.write(piece) == piece.size(), "the parser takes what comes");
+    largestPiece_ = std::max(largestPiece_, piece.size());
+    exchange.isWriting = true;
+    turnstile_.run([this, piece](fake_curl::Transfer& transfer) -> std::optional<CURLcode> {
+        isTaken_ = transfer.write(piece) == piece.size();
         return std::nullopt;
     });
+    afterWrite();
+}
+
+/// The worker has taken a piece of the answer, wants no more of it, or waits for room.
+void Gateway::afterWrite() {
+    if (turnstile_.isStalled()) {
+        reached_.counts["worker waits for room"]++;
+        check(budget_.held() - heldBefore_ >= memory_.share(), "the worker waits for a reason");
+        return;
+    }
+    Exchange& exchange = *exchange_;
+    exchange.isWriting = false;
+    // What a faulty document or head announces is nobody's.
+    const bool announces = exchange.flaw != Flaw::BadStatus && exchange.flaw != Flaw::NoType;
+    for (std::size_t atom = exchange.begun; atom < exchange.written; ++atom) {
+        Request* request = exchange.atoms[atom].request;
+        if (announces && request != nullptr) {
+            request->written += exchange.atoms[atom].bytes.size();
+        }
+    }
+    if (!isTaken_) {
+        exchange.isRefused = true;
+        if (!exchange.isLate) {
+            exchange.refusals = possibleRefusals();
+        }
+        finishTransfer(CURLE_WRITE_ERROR);
+        return;
+    }
+    const bool knowsIds = announces && exchange.written > exchange.document;
+    check(!memory_.isShort() || !knowsIds || exchange.idCost < memory_.share(),
+          "ids beyond the share are refused");
+}
+
+/// What may be the text of an answer that the parser has given up: ids for which there is no room
+/// are refused where the document ends, parts behind it.
+std::vector<std::string> Gateway::possibleRefusals() const {
+    const Exchange& exchange = *exchange_;
+    check(memory_.isShort(), "there is room for everything");
+    check(exchange.written > exchange.document, "nothing is refused in front of the ids");
+    std::vector<std::string> texts;
+    if (exchange.begun <= exchange.document) {
+        texts.emplace_back("could not parse document");
+    }
+    if (exchange.hasManyParts && exchange.idCost < memory_.share()) {
+        texts.emplace_back("faulty MIME data");
+    }
+    return texts;
+}
+
+/// What is stored of one request's data, in either direction, is a share and one piece at the most.
+void Gateway::checkShares() const {
+    if (!memory_.isShort() || !exchange_) {
+        return;
+    }
+    std::size_t accepted = 0;
+    for (const Request* request : exchange_->members) {
+        const RequestFate& fate = request->fate;
+        const std::size_t underWay = std::size_t{fate.openCalls} * fate.chunkSize;
+        check(fate.ended || request->written <= request->received.size() + underWay +
+                                                    memory_.share() + largestPiece_,
+              "an answer holds a share and a piece at the most");
+        accepted += request->accepted.size();
+    }
+    check(accepted <= exchange_->body.size() + memory_.share() + largestData_,
+          "data holds a share and a piece at the most");
+}
+
+// -- a worker that waits for room ----------------------------------------------------------------
+
+void Gateway::endStall(bool inTime) {
+    if (!inTime) {
+        exchange_->isLate = true;
+    }
+    turnstile_.endStall(inTime);
+    afterWrite();
+}
+
+void Gateway::wake() {
+    checkShares();
+    if (!exchange_ || !turnstile_.isStalled()) {
+        return;
+    }
+    endStall(true);
+    if (!exchange_ || !turnstile_.isStalled()) {
+        reached_.counts["worker goes on"]++;
+        return;
+    }
+    budget_.notifyChange();
+    endStall(true);
+    check(exchange_ && turnstile_.isStalled(), "nobody sleeps who could go on");
+}
+
+/// Each client that has nothing to wait for asks for a chunk.
+/// @return whether any did.
+bool Gateway::serve() {
+    bool any = false;
+    for (const auto& [id, request] : requests_) {
+        const RequestFate& fate = request->fate;
+        if (!fate.ended && fate.openCalls == 0 && fate.chunkSize > 0) {
+            ask(*request);
+            any = any || !fate.ended;
+        }
+    }
+    settle();
+    return any;
+}
+
+/// The clients fetch until the worker goes on. If that does not help, its time is up.
+void Gateway::goOn() {
+    while (exchange_ && turnstile_.isStalled()) {
+        if (serve()) {
+            wake();
+        } else {
+            endStall(false);
+        }
+    }
 }
 
 /// Whether each data part has begun: the end of the response completes the one that is open.
@@ -586,28 +850,48 @@ void Gateway::finishTransfer(CURLcode code) {
         code = CURLE_ABORTED_BY_CALLBACK;
     }
     for (Request* request : exchange_->members) {
-        request->answerWhole = whole && exchange_->flaw != Flaw::MissingPart;
+        request->answerWhole =
+            whole && exchange_->flaw != Flaw::MissingPart && !exchange_->isRefused;
     }
     const bool succeeds = code == CURLE_OK && answerBegunInFull();
     Exchange ended = std::move(*exchange_);
     finishing_ = true;
     exchange_.reset();
     settle();
-    turnstile_.run([code](fake_curl::Transfer&) { return code; });
     if (succeeds) {
         for (Request* request : ended.members) {
             request->place = Place::Answered;
             request->bodyCut = !ended.bodyEnded;
         }
     } else {
-        failExchange(std::move(ended));
+        failExchange(ended);
     }
+    turnstile_.run([code](fake_curl::Transfer&) { return code; });
     while (core_->isTransferRunning()) { // until the outcome has reached the main loop
-        if (!virtual_time::runOne()) {
+        if (turnstile_.isStalled()) {
+            finishParser(ended, succeeds);
+        } else if (!virtual_time::runOne()) {
             std::this_thread::yield();
         }
     }
     finishing_ = false;
+}
+
+/// The worker waits for room although the transfer has ended: for the end of a part. The clients
+/// fetch, or its time is up.
+void Gateway::finishParser(Exchange& ended, bool succeeds) {
+    reached_.counts["worker waits for room at the end"]++;
+    settle();
+    const bool inTime = succeeds && serve(); // who fails is lost already
+    if (!inTime && succeeds) {
+        for (Request* request : ended.members) {
+            request->place = Place::InExchange;
+            request->answerWhole = false;
+        }
+        ended.isRefused = ended.isLate = true;
+        failExchange(ended);
+    }
+    turnstile_.endStall(inTime);
 }
 
 void Gateway::failExchange(Exchange ended) {
@@ -622,19 +906,32 @@ void Gateway::failExchange(Exchange ended) {
 
 /// As a server without flaws ends it.
 void Gateway::finishExchange() {
+    goOn();
+    if (!exchange_) {
+        return;
+    }
     while (!exchange_->bodyEnded && !exchange_->aborted) {
         read(fake_curl::kUploadBuffer);
     }
     if (!exchange_->flaw) {
-        beginAnswer(Flaw::None);
+        beginAnswer(Flaw::None, {});
     }
-    while (exchange_->written < exchange_->atoms.size()) {
+    while (exchange_ && exchange_->written < exchange_->atoms.size()) {
         write(exchange_->atoms.size());
+        goOn();
     }
-    finishTransfer(CURLE_OK);
+    if (exchange_) {
+        finishTransfer(CURLE_OK);
+    }
 }
 
 // -- the commands --------------------------------------------------------------------------------
+
+/// So much more than a few bytes: only if memory is short.
+std::size_t Gateway::readPadding(Input& input) const {
+    constexpr std::array<std::size_t, 8> kPaddings = {0, 1000, 30, 100, 300, 3000, 10'000, 40'000};
+    return memory_.isShort() ? kPaddings[input.number(kPaddings.size())] : 0;
+}
 
 void Gateway::step(Input& input) {
     switch (input.command("oppaadDgggcqnneftmmMrrwwwAFS")) {
@@ -650,7 +947,8 @@ void Gateway::step(Input& input) {
     case 'd':
     case 'D': // data; the capital ends the part
         if (Request* request = pick(input)) {
-            send(*request, input.number(2) != 0);
+            const std::size_t padding = readPadding(input);
+            send(*request, padding, input.number(2) != 0);
         }
         break;
     case 'g':
@@ -707,7 +1005,10 @@ void Gateway::step(Input& input) {
         break;
     case 'w':
         if (exchange_ && !exchange_->flaw) {
-            beginAnswer(static_cast<Flaw>(input.number(8) % 5));
+            const auto flaw = static_cast<Flaw>(input.number(8) % 5);
+            const std::size_t padding = readPadding(input);
+            const bool manyParts = memory_.isShort() && input.number(4) == 3;
+            beginAnswer(flaw, {padding, manyParts});
         }
         if (exchange_) {
             write(1 + input.number(10));
@@ -719,7 +1020,9 @@ void Gateway::step(Input& input) {
         }
         break;
     case 'F':
-        if (exchange_) {
+        if (exchange_ && exchange_->isWriting) {
+            endStall(false);
+        } else if (exchange_) {
             constexpr std::array<CURLcode, 4> kCodes = {CURLE_OK, CURLE_COULDNT_CONNECT,
                                                         CURLE_OPERATION_TIMEDOUT, CURLE_RECV_ERROR};
             finishTransfer(kCodes[input.number(kCodes.size())]);
@@ -752,7 +1055,8 @@ void Gateway::complete() {
     for (const auto& [id, request] : requests_) {
         check(request->place != Place::Waiting, "nobody waits when nothing stands in the way");
         const RequestFate& fate = request->fate;
-        for (std::size_t left = fate.chunkSize == 0 ? 0 : 1000; left > 0 && !fate.ended; --left) {
+        const std::size_t most = 1000 + request->answer.size();
+        for (std::size_t left = fate.chunkSize == 0 ? 0 : most; left > 0 && !fate.ended; --left) {
             ask(*request);
             settle();
         }
@@ -771,6 +1075,8 @@ void Gateway::leave() {
     check(fake_curl::liveHandles() == 0, "no handle is left");
     check(fake_platform::liveObjects() == 0, "no object of the platform is left");
     check(fake_threads::started() == fake_threads::joined(), "no thread is left");
+    check(budget_.held() == heldBefore_, "all memory is given back");
+    budget_.resize(usualBudget_);
 }
 
 void Gateway::finish(char how) {
@@ -805,11 +1111,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     using namespace orvexd::fuzz;
     constexpr std::size_t kMaxSteps = 200;
     Input input(data, size);
-    const char end = input.command("eeesx");
-    Gateway gateway;
+    constexpr std::array<std::size_t, 10> kBudgets = {2000,   3000,   4000,   6000,   8000,
+                                                      12'000, 16'000, 24'000, 40'000, 80'000};
+    const char end = input.command("eeesxEEESXEEESXEEESX");
+    Memory memory;
+    if (g_ascii_isupper(end)) {
+        memory.budget = kBudgets[input.number(kBudgets.size())];
+    }
+    Gateway gateway(memory);
     for (std::size_t step = 0; step < kMaxSteps && !input.empty(); ++step) {
         gateway.step(input);
+        gateway.wake();
     }
-    gateway.finish(end);
+    gateway.finish(g_ascii_tolower(end));
     return 0;
 }

@@ -1,15 +1,18 @@
 // The request record as a state machine.
 //
-// Input: the chunk size, then a sequence of commands, see `step`.
+// Input: the chunk size, then a sequence of commands, see `step`. The letters @ to G in its
+// place mean the same and that memory is short; the next byte chooses the budget then.
 //
-// Property: after every step the record agrees with a plain one: bytes out are bytes in, codes and
-// states follow the table.
+// Properties: after every step the record agrees with a plain one: bytes out are bytes in, codes
+// and states follow the table. Data and answers are refused when the budget is full, and only when
+// a share of it is used; all is given back in the end.
 
 #include "models/RequestModel.h"
 #include "request/RequestData.h"
 #include "support/Check.h"
 #include "support/ExactCopy.h"
 #include "support/Input.h"
+#include "support/MemoryBudget.h"
 #include "support/Target.h"
 
 #include <algorithm>
@@ -44,10 +47,11 @@ public:
 
 class Pair {
 public:
-    explicit Pair(std::uint32_t chunkSize)
-        : record_(3, 17, true,
+    Pair(std::uint32_t chunkSize, MemoryBudget& budget)
+        : budget_(budget),
+          record_(3, 17, true,
                   std::make_shared<const ConnectionParameters>(parametersOf(chunkSize)), NotFlagged,
-                  &recorder_) {
+                  &recorder_, budget) {
         model_.chunkSize = chunkSize;
     }
 
@@ -94,9 +98,12 @@ private:
 
     void append(std::string_view bytes, bool last, bool onlyIfAccepting) {
         const ExactCopy copy(bytes);
+        const bool wasFull = isFull();
         if (onlyIfAccepting) {
             const bool taken = record_.appendIfAccepting(copy.view(), last);
-            check(taken == model_.accepting, "data is taken while it is asked for");
+            const bool mayRefuse = usesShare(); // a refusal changes nothing
+            check(taken ? model_.accepting && !wasFull : !model_.accepting || mayRefuse,
+                  "data is taken while it is asked for, and there is room");
             if (!taken) {
                 return;
             }
@@ -106,7 +113,32 @@ private:
         model_.append(bytes, last);
     }
 
+    /// A piece of a response part; nobody waits for room.
+    void add(std::string_view bytes, bool complete) {
+        const std::size_t end = complete ? 2 : 0; // a line break, which may be no data
+        const bool fits = model_.isClientAtEnd() && bytes.size() <= model_.chunkSize + end;
+        const bool needsNone = bytes.empty() || model_.cancelled || fits;
+        const bool wasFull = isFull();
+        const bool usedShare = usesShare();
+        const Patience none{.deadline = 0, .memoryIsShort = {}};
+        const Answer::Added added = record_.addResponseData(bytes, complete, none);
+        if (added == Answer::Added::NoRoom) {
+            check(!needsNone && usedShare, "bytes are lost for lack of room only");
+            model_.addWithoutRoom(bytes);
+            return;
+        }
+        check(needsNone || !wasFull, "nothing is stored in a full budget");
+        check(added != Answer::Added::TooMany ||
+                  model_.buffers.size() >= budget_.size() * 3 / 4 / 400,
+              "parts are too many beyond a share");
+        model_.add(bytes, complete);
+    }
+
+    bool isFull() const { return budget_.held() >= budget_.size() - budget_.size() / 16; }
+    bool usesShare() const { return budget_.held() >= budget_.size() - budget_.size() / 4; }
+
     RequestModel model_;
+    MemoryBudget& budget_;
     std::string contentId_;
     Recorder recorder_;
     RequestData record_;
@@ -144,17 +176,11 @@ void Pair::step(Input& input) {
         ask();
         break;
     case 'c': // a piece of a response part
-    {
-        const std::string data = readData(input);
-        record_.addResponseData(data, false);
-        model_.add(data, false);
-    } break;
+        add(readData(input), false);
+        break;
     case 'p': // the last piece of a response part
-    {
-        const std::string data = readData(input);
-        record_.addResponseData(data, true);
-        model_.add(data, true);
-    } break;
+        add(readData(input), true);
+        break;
     case 'd':
         append(readData(input), false, false);
         break;
@@ -228,13 +254,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     constexpr std::array<std::uint32_t, 8> kChunkSizes = {1000, 1,     2,   0,
                                                           3,    65536, 255, 4294967295U};
     constexpr std::size_t kMaxSteps = 300;
+    constexpr std::array<std::size_t, 6> kBudgets = {1000, 2000, 5000, 20'000, 100'000, 300'000};
+    constexpr std::size_t kUsualBudget = std::size_t{128} * 1024 * 1024;
     Input input(data, size);
-    Pair pair(kChunkSizes[input.number(kChunkSizes.size())]);
-    for (std::size_t step = 0; step < kMaxSteps && !input.empty(); ++step) {
-        pair.step(input);
+    const std::size_t choice = input.number(3 * kChunkSizes.size()); // @ is 16
+    const bool isShort = choice >= 2 * kChunkSizes.size();
+    orvexd::MemoryBudget budget(isShort ? kBudgets[input.number(kBudgets.size())] : kUsualBudget);
+    {
+        Pair pair(kChunkSizes[choice % kChunkSizes.size()], budget);
+        for (std::size_t step = 0; step < kMaxSteps && !input.empty(); ++step) {
+            pair.step(input);
+            pair.compare();
+        }
+        pair.drain();
         pair.compare();
     }
-    pair.drain();
-    pair.compare();
+    check(budget.held() == 0, "all memory is given back");
     return 0;
 }

@@ -130,6 +130,22 @@ struct RequestModel {
         deliver();
     }
 
+    /// Whether the client waits in the middle of a part of which nothing is stored.
+    bool isClientAtEnd() const {
+        return !cancelled && !waitingForGetData && buffers.size() == 1 && buffers.front().empty() &&
+               codes.front() == 2301;
+    }
+
+    /// There is no room for the bytes: a client that waits gets a chunk, and the rest is lost.
+    void addWithoutRoom(std::string_view bytes) {
+        if (isClientAtEnd()) {
+            chunks.push_back(
+                {static_cast<DeliveryCode>(2301), std::string(bytes.substr(0, chunkSize))});
+            waitingForGetData = true;
+            state = 4;
+        }
+    }
+
     bool deliver() {
         if (cancelled) {
             state = state == 6 ? 7 : state;

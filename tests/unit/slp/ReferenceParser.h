@@ -27,6 +27,8 @@ public:
 
     bool hasError() const { return hasError_; }
     const SlpError& error() const { return error_; }
+    /// What all announced ids cost.
+    std::size_t idCost() const;
 
 private:
     static inline const std::string kEmptyLine = "\r\n\r\n";
@@ -53,7 +55,20 @@ private:
     bool hasError_ = false;
     SlpError error_;
     ResultMap results_;
+    std::vector<std::string> nextIds_;
 };
+
+inline std::size_t ReferenceParser::idCost() const {
+    std::vector<std::string> ids = nextIds_;
+    for (const auto& [oid, announced] : results_) {
+        ids.insert(ids.end(), announced.begin(), announced.end());
+    }
+    std::size_t cost = 0;
+    for (const std::string& id : ids) {
+        cost += 320 + 3 * id.size();
+    }
+    return cost;
+}
 
 inline void ReferenceParser::record(int code, const std::string& text) {
     hasError_ = true;
@@ -189,6 +204,7 @@ inline void ReferenceParser::handlePart(bool partComplete) {
     }
     const std::string next = headerValue(headers, "X-SLP-Next-part-ID");
     if (!next.empty()) {
+        nextIds_.push_back(next);
         current_->addExpectedPartId(next);
     }
     pending_.erase(0, blank + kEmptyLine.size());
