@@ -51,6 +51,10 @@ def test_each_goal_can_be_missed(values, word):
     assert word in miss
 
 
+def test_reads_of_an_attack_that_fills_the_queue_of_the_bus_are_not_judged():
+    assert not misses(row(p99=9.9, refused=99, reads_judged=False), BUDGET)
+
+
 def test_honest_request_that_was_not_waited_for_to_its_limit_misses_nothing():
     assert not misses(row(honest=None, honest_waited=4.0), BUDGET)
     assert report.honest(row(honest=None, honest_waited=4.0)) == "> 4"

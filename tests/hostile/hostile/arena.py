@@ -17,6 +17,7 @@ from .requester import small_request
 KIND_ONE = [(1, True, False)]  # an attached request starts an exchange of its own
 PLAIN = [(2, True, False)]  # an attached request waits for another's
 _POLICY = ROOT / "data" / "com.kelvra.orvexd.conf"
+_LIMITS = ROOT / "data" / "bus-limits.conf"
 # What the system bus allows before any service's own rules.
 _SYSTEM_RULES = """
   <policy context="default">
@@ -38,12 +39,13 @@ _SYSTEM_RULES = """
 class Arena:
     """Everything of it ends with `close`, by process id."""
 
-    def __init__(self, directory: Path, keys: Path, memory_limit: int):
+    def __init__(self, directory: Path, keys: Path, memory_limit: int, bus_limits: bool = False):
         directory.mkdir()
         directory.chmod(0o711)  # other users come to the bus's socket
         self._directory = directory
         self._keys = keys
         self._servers = 0
+        self._limits = f"<include>{_LIMITS}</include>" if bus_limits else ""
         self.bus = self.server = self.platform = self.daemon = None
         try:
             self._open(memory_limit)
@@ -83,7 +85,7 @@ class Arena:
         policy = self._directory / _POLICY.name
         text = _POLICY.read_text("utf-8")
         policy.write_text(text.replace('group="positioning"', f'group="{MEMBER_GROUP}"'), "utf-8")
-        self.bus = PrivateBus(self._directory, policy=f"{_SYSTEM_RULES}<include>{policy}</include>")
+        self.bus = PrivateBus(self._directory, policy=f"{_SYSTEM_RULES}<include>{policy}</include>{self._limits}")
         self.server = self._new_server()
         self.platform = Platform(self._directory / "platform.conf")
         self.platform.write(connections=PLAIN, proxy=("127.0.0.1", self.server.port))

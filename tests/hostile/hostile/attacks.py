@@ -12,9 +12,12 @@ BESIDE = "beside"  # it comes soon after the attack has begun
 BEHIND = "behind"  # it comes behind the first request of the attacker
 ALL_THE_TIME = "all the time"  # the honest client is the one that is attacked
 
+# All messages for the daemon come in one queue from the bus. When the attack fills it, reads are judged ...
+ALWAYS, WITH_LIMITS, NEVER = "always", "on a bus with limits", "never"
+
 _EXCHANGE = 60.0  # seconds: the longest that an exchange may take
 _EXCHANGE_OF_A_CLIENT = 90.0  # and while a client that is there is waited for
-_DEAD_CLIENT = 5.0  # how long the data of one that has left may be waited for
+_DEAD_CLIENTS = 2 * 5.0  # how long two that have left may be waited for, in this exchange and the next
 _SPARE = 3.0  # for the honest exchange itself, on a busy machine
 
 
@@ -32,6 +35,7 @@ class Attack:
     leaves_ids: bool = False  # connections or requests, which the next attack would meet
     needs_users: bool = False  # two of them
     only_long: bool = False  # a short run could not tell anything
+    reads_judged: str = ALWAYS
 
 
 def _by_server(name, title, answer, requests=1):
@@ -42,12 +46,12 @@ def _by_server(name, title, answer, requests=1):
     return Attack(name, title, begin, server_side.exchanges, by_server=True)
 
 
-def _by_upload(name, title, answer, client, told):
+def _by_upload(name, title, answer, client, told, **values):
     def begin(scene: Scene) -> None:
         scene.serve(answer(scene))
         scene.attacker(client)
 
-    return Attack(name, title, begin, told, by_server=True, leaves_ids=True)
+    return Attack(name, title, begin, told, by_server=True, leaves_ids=True, **values)
 
 
 def _by_client(name, title, function, told, *more, **values):
@@ -57,11 +61,11 @@ def _by_client(name, title, function, told, *more, **values):
     return Attack(name, title, begin, told, BESIDE, leaves_ids=True, **values)
 
 
-def _by_flood(name, title, function, leaves_ids=False):
+def _by_flood(name, title, function, reads_judged, leaves_ids=False):
     def begin(scene: Scene) -> None:
         scene.attacker(function, scene.seed)
 
-    return Attack(name, title, begin, client_side.sent, BESIDE, leaves_ids=leaves_ids)
+    return Attack(name, title, begin, client_side.sent, BESIDE, leaves_ids=leaves_ids, reads_judged=reads_judged)
 
 
 def _by_fingerprint(name, title, function, limit, **values):
@@ -108,12 +112,14 @@ ATTACKS = (
         server_side.never_reads,
         client_side.flood_with_data,
         client_side.megabytes,
+        reads_judged=WITH_LIMITS,
     ),
     _by_client(
         "connect-long",
         "`connect` with arguments of 1 MiB",
         client_side.connect_with_long_arguments,
         client_side.calls,
+        reads_judged=WITH_LIMITS,
     ),
     _by_client("connect-short", "`connect` with short arguments", client_side.connect_often, client_side.calls),
     _by_client(
@@ -128,12 +134,12 @@ ATTACKS = (
     _by_client(
         "prepare", "`prepare` without end", client_side.create_often, client_side.calls, "prepare", **_WAITED_FOR
     ),
-    _by_flood("crowd", "240 connections flood with small calls", client_side.crowd),
+    _by_flood("crowd", "240 connections flood with small calls", client_side.crowd, WITH_LIMITS),
     _by_fingerprint(
         "dead-fingerprint",
         "a fingerprint's client dies when it is asked for data",
         client_side.ask_and_die,
-        _DEAD_CLIENT + _SPARE,
+        _DEAD_CLIENTS + _SPARE,
     ),
     _by_fingerprint(
         "silent-fingerprint",
@@ -146,12 +152,13 @@ ATTACKS = (
         "get-data-long",
         "`getData` with 30 MiB of further arguments",
         client_side.get_data_with_more_arguments,
+        NEVER,  # one message of the largest size takes the bus a tenth of a second
         leaves_ids=True,
     ),
-    _by_flood("largest-messages", "messages of 32 MiB", client_side.largest_messages),
+    _by_flood("largest-messages", "messages of 32 MiB", client_side.largest_messages, NEVER),
     _by_client("descriptors", "16 file descriptors in each call", client_side.descriptors, client_side.sent),
-    _by_flood("cancel", "`cancel` without end", client_side.cancel_often),
-    _by_flood("malformed", "malformed calls", client_side.malformed_calls),
+    _by_flood("cancel", "`cancel` without end", client_side.cancel_often, NEVER),
+    _by_flood("malformed", "malformed calls", client_side.malformed_calls, NEVER),
     Attack(
         "foreign-ids",
         "another user guesses ids",

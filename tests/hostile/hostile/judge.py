@@ -48,6 +48,7 @@ class Row:  # pylint: disable=too-many-instance-attributes
     gets: int = 0
     refused: int = 0  # of them
     idle_p99: float = 0.0
+    reads_judged: bool = True  # no when the attack fills the one queue in which the bus delivers
     honest: Optional[float] = None  # an honest request; None when it had no answer
     honest_error: str = ""
     honest_waited: float = 0.0  # how long it was waited for, when it had no answer
@@ -65,9 +66,9 @@ def misses(row: Row, budget: int) -> list[str]:
     if not row.alive:
         found.append("the daemon has ended")
     allowed = max(SLOWER * row.idle_p99, LEAST_ALLOWED)
-    if row.p99 > allowed:
+    if row.reads_judged and row.p99 > allowed:
         found.append(f"p99 of Get {row.p99 * 1000:.1f} ms, allowed {allowed * 1000:.1f}")
-    if row.refused > MOST_REFUSED * row.gets:
+    if row.reads_judged and row.refused > MOST_REFUSED * row.gets:
         found.append(f"{row.refused} of {row.gets} Gets were refused")
     found += _honest_miss(row)
     if row.foreign:

@@ -8,6 +8,7 @@ from .message import RETURN, Message
 
 CONTINUES, COMPLETE, WHOLE = 2301, 2302, 2303
 _FOREVER = 86400.0
+_QUEUE_IS_FULL = "destination has a full message queue"
 
 
 def connect_call(kind: str = "other", element: bytes = b"ask", **where):
@@ -29,7 +30,7 @@ class Requester:
 
     def __init__(self, bus: Bus, kind: str = "other"):
         self.bus = bus
-        (self.connection,) = bus.ask(connect_call(kind))
+        (self.connection,) = self._ask(connect_call(kind))
         self.request = 0
 
     @property
@@ -38,7 +39,7 @@ class Requester:
 
     def create(self, member: str = "prepare", policy: int = 2) -> None:
         """Creates a request by `prepare` or `attach`."""
-        (self.request,) = self.bus.ask(call(member, "uuu", self.connection, policy, 0))
+        (self.request,) = self._ask(call(member, "uuu", self.connection, policy, 0))
 
     def wait_until_asked(self, seconds: float = _FOREVER) -> None:
         """Waits until the daemon wants the request's data."""
@@ -52,7 +53,7 @@ class Requester:
 
     def give(self, data: bytes, last: bool = True, seconds: float = 25) -> int:
         """Sends data; 0 or the number of the refusal."""
-        (code,) = self.bus.ask(send_call(data, last, self.connection, self.request), seconds)
+        (code,) = self._ask(send_call(data, last, self.connection, self.request), seconds)
         return code
 
     def fetch_chunk(self, seconds: float = _FOREVER) -> tuple[bytes, int]:
@@ -76,6 +77,16 @@ class Requester:
     def wait_for_failure(self, seconds: float = _FOREVER) -> None:
         """Waits until an errorSignal names the request."""
         self.bus.wait(self._fails, seconds)
+
+    def _ask(self, blob, seconds: float = 25):
+        """The answer's values. What the bus has no room for at the moment is asked again."""
+        while True:
+            try:
+                return self.bus.ask(blob, seconds)
+            except Refused as refused:
+                if _QUEUE_IS_FULL not in str(refused):
+                    raise
+                time.sleep(0.05)
 
     def _fails(self, each: Message) -> bool:
         return each.member == "errorSignal" and self.key in each.values[2].split()

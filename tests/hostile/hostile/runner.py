@@ -9,7 +9,7 @@ from harness.observe import has_worker
 
 from . import client_side
 from .arena import Arena
-from .attacks import ALL_THE_TIME, BEHIND, BESIDE, Attack
+from .attacks import ALL_THE_TIME, ALWAYS, BEHIND, BESIDE, WITH_LIMITS, Attack
 from .judge import MIB, Row
 from .people import Person, Users
 from .probe import Probe
@@ -33,7 +33,8 @@ class Trouble(Exception):
 class Runner:
     """`short`: attacks are short, and honest requests are not waited for to the end of their limits."""
 
-    def __init__(self, directory: Path, keys: Path, seed: int, seconds: float, ceiling: int, short: bool):
+    def __init__(self, directory: Path, keys: Path, seed: int, seconds: float, ceiling: int, short: bool,
+                 bus_limits: bool = False):
         # pylint: disable=too-many-arguments
         self.users = Users()
         self.idle_p99 = 0.0
@@ -43,6 +44,7 @@ class Runner:
         self._seconds = seconds
         self._ceiling = ceiling
         self.is_short = short
+        self._bus_limits = bus_limits
         self._arenas = 0
         self._arena: Optional[Arena] = None
 
@@ -73,6 +75,7 @@ class Runner:
         finally:
             course.end()
         row.idle_p99 = self.idle_p99
+        row.reads_judged = attack.reads_judged == ALWAYS or (attack.reads_judged == WITH_LIMITS and self._bus_limits)
         if attack.leaves_ids or not (arena.is_sound and course.left_nothing):
             self.close()
         return row
@@ -91,7 +94,7 @@ class Runner:
         self.close()
         self._arenas += 1
         limit = 4 * self._ceiling + (1 << 30)  # of address space: the kernel's line behind the watch's
-        self._arena = Arena(self._directory / f"arena{self._arenas}", self._keys, limit)
+        self._arena = Arena(self._directory / f"arena{self._arenas}", self._keys, limit, self._bus_limits)
         return self._arena
 
 
