@@ -203,6 +203,9 @@ void OrvexMain::getData(std::uint32_t connectionId, std::uint32_t requestId, con
 void OrvexMain::shutdown() {
     closing_ = true;
     if (exchange_) {
+        for (const RequestPointer& request : requests_.inExchange()) {
+            request->setCancelled(true); // the worker waits no more until one of them is fetched
+        }
         exchange_->cancelTransfer();
         exchange_.reset();
     }

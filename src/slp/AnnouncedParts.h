@@ -29,7 +29,7 @@ public:
     /// Reads an SLP document. What it announces takes the place of everything announced before,
     /// unless it is faulty.
     /// @return what is wrong with it, if anything.
-    [[nodiscard]] std::optional<SlpError> read(std::string_view document);
+    [[nodiscard]] std::optional<SlpError> read(std::string_view text);
 
     /// Takes a part for the first request in transfer order that expects its id.
     /// @return the place of the request; none when nobody expects the part.

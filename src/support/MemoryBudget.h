@@ -24,6 +24,7 @@ class MemoryBudget {
 public:
     /// @param bytes of the whole budget, not 0.
     explicit MemoryBudget(std::size_t bytes) noexcept : size_(bytes) {}
+    ~MemoryBudget() = default;
     MemoryBudget(const MemoryBudget&) = delete;
     MemoryBudget& operator=(const MemoryBudget&) = delete;
 

@@ -1,5 +1,4 @@
 #include "dbus/PendingReplies.h"
-
 #include "fakes/FakeBus.h"
 #include "fakes/MainContext.h"
 

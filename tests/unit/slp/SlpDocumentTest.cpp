@@ -263,7 +263,7 @@ std::string inUtf16(const std::string& text) {
 }
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(NDEBUG) ||           \
-    !defined(__LP64__)             // a 32-bit machine is a phone, or emulated
+    !defined(__LP64__)              // a 32-bit machine is a phone, or emulated
 constexpr double kMostSeconds = 15; // far below what the documents would cost
 #else
 constexpr double kMostSeconds = 0.5;
