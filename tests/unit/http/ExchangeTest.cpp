@@ -434,7 +434,8 @@ TEST_F(ExchangeTest, TimesOutWhenThereIsNoRoomForTheEndOfTheAnswer) {
         return CURLE_OK;
     });
     fake_threads::replaceWaits(nullptr);
-    EXPECT_THAT(owner_.log, ElementsAre("memory is short", "failed 43 [Timeout was reached] [1:1]"));
+    EXPECT_THAT(owner_.log,
+                ElementsAre("memory is short", "failed 43 [Timeout was reached] [1:1]"));
 }
 
 // -- no memory ----------------------------------------------------------------------------------
