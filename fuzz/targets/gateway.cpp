@@ -807,9 +807,11 @@ void Gateway::wake() {
         reached_.counts["worker goes on"]++;
         return;
     }
+    const std::size_t held = budget_.held(); // a chunk that is handed on counts until it is sent
     budget_.notifyChange();
     endStall(true);
-    check(exchange_ && turnstile_.isStalled(), "nobody sleeps who could go on");
+    check(exchange_ && turnstile_.isStalled() && budget_.held() == held,
+          "nobody sleeps who could go on");
 }
 
 /// Each client that has nothing to wait for asks for a chunk.

@@ -1,5 +1,7 @@
 #include "request/Answer.h"
 
+#include "support/Statistics.h"
+
 #include <utility>
 
 namespace orvexd {
@@ -136,6 +138,7 @@ bool Answer::awaitRoom(std::string_view& bytes, bool partComplete, const Patienc
     if (canStore(bytes, partComplete)) {
         return true;
     }
+    countEvent(Statistic::RoomWaits);
     RoomWait change(charge_.budget());
     if (patience.memoryIsShort && !charge_.budget().hasRoomForData()) {
         patience.memoryIsShort();

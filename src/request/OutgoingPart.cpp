@@ -22,7 +22,11 @@ void OutgoingPart::append(std::string_view bytes, bool last) {
 
 bool OutgoingPart::appendIfAccepting(std::string_view bytes, bool last) {
     const Lock guard(lock_);
-    if (!accepting_ || !charge_.hasRoomForData()) {
+    if (!accepting_) {
+        return false;
+    }
+    if (!charge_.hasRoomForData()) {
+        countEvent(Statistic::RefusedData);
         return false;
     }
     store(bytes, last);

@@ -1,7 +1,8 @@
 #pragma once
 
-// How many of the daemon's records exist now, for tests. Only a build with the option
-// ORVEXD_STATISTICS counts them; a release never does, and has nothing of this in it.
+// How many of the daemon's records exist now, and how often some things have happened, for tests.
+// Only a build with the option ORVEXD_STATISTICS counts them; a release never does, and has nothing
+// of this in it.
 
 #ifdef ORVEXD_STATISTICS
 #include <array>
@@ -17,11 +18,20 @@
 namespace orvexd {
 
 /// What is counted, in the order of the numbers.
-enum class Statistic { Requests, Connections, HeldReplies, Exchanges, Posts };
+enum class Statistic {
+    Requests,
+    Connections,
+    HeldReplies,
+    Exchanges,
+    Posts,
+    // events
+    RoomWaits,   ///< the worker has begun to wait for room
+    RefusedData, ///< client data was refused as there was no room
+};
 
 #ifdef ORVEXD_STATISTICS
 
-using Statistics = std::array<std::atomic<std::int64_t>, 5>;
+using Statistics = std::array<std::atomic<std::int64_t>, 7>;
 
 /// The file that the environment variable names, as memory until the process ends; else null.
 inline Statistics* mapStatistics() noexcept {
@@ -52,8 +62,13 @@ public:
     Counted& operator=(Counted&&) noexcept = default;
 };
 
+inline void countEvent(Statistic which) noexcept {
+    ++statistic(which);
+}
+
 #else
 template <Statistic> class Counted {};
+inline void countEvent(Statistic /*which*/) noexcept {}
 #endif
 
 } // namespace orvexd

@@ -150,6 +150,20 @@ def test_request_that_its_client_ended_may_vanish(request_):
     assert not request_.gone
 
 
+def test_data_without_room_is_tried_again_for_a_while(request_):
+    assert request_.may_retry(30)
+    assert request_.may_retry(0)  # counts from the first time
+    assert not make_request().may_retry(-1)
+
+
+def test_servers_read_slowly_only_where_memory_is_short():
+    def names(is_slow):
+        dice = random.Random(3)
+        return {random_mood(dice, number, is_slow).name for number in range(300)}
+
+    assert names(True) - names(False) == {"slow reader"}
+
+
 def test_same_seed_gives_the_same_moods():
     def moods():
         dice = random.Random(3)

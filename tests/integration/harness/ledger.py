@@ -6,7 +6,8 @@ import struct
 from .settings import has_statistics
 
 KINDS = "requests", "connections", "held_calls", "exchanges", "posts"  # in the daemon's order
-_NUMBERS = struct.Struct(f"={len(KINDS)}q")
+EVENTS = "room_waits", "refused_data"  # behind them
+_NUMBERS = struct.Struct(f"={len(KINDS) + len(EVENTS)}q")
 
 
 class Ledger:
@@ -24,9 +25,17 @@ class Ledger:
 
     def read(self):
         """The numbers by their kinds; none where the build does not count."""
+        return self._read(slice(len(KINDS)), KINDS)
+
+    def events(self):
+        """How often these have happened, likewise."""
+        return self._read(slice(len(KINDS), None), EVENTS)
+
+    def _read(self, part, names):
         if not has_statistics():
             return {}
-        return dict(zip(KINDS, _NUMBERS.unpack(self._path.read_bytes()), strict=True))
+        numbers = _NUMBERS.unpack(self._path.read_bytes())[part]
+        return dict(zip(names, numbers, strict=True))
 
     def expect_more(self, before, **more):
         """So many more than `before`, and no more of other kinds, where the build counts."""

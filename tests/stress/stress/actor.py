@@ -20,11 +20,13 @@ from .request import (
 )
 
 NO_CONNECTION, NOT_PERMITTED, BAD_ARGUMENTS = 2204, 2205, 2002
+NOT_ACCEPTING = 57
 _PROPERTIES = "org.freedesktop.DBus.Properties"
 _STATUSES = (0, 1, 3, 5)
 _MOST_CONNECTIONS = 4
 _MOST_REQUESTS = 3
 _THINK_SECONDS = 0.02  # between two doings, on average
+_RETRY_SECONDS = 30  # for data that was refused, as there may have been no room
 _ANSWERED_KEPT = 1000  # serials of answered calls that are remembered
 
 Call = collections.namedtuple("Call", "on_answer what may_be_held")
@@ -51,7 +53,7 @@ def error_code(message):
 class Actor:
     """A client on a bus connection of its own. `step()` does something when its time has come."""
 
-    def __init__(self, name, address, dice, world, tally):
+    def __init__(self, name, address, dice, world, tally, budget=0):
         self.name = name
         self.dice = dice
         self.link = None
@@ -66,6 +68,8 @@ class Actor:
         self._calls = {}  # by serial
         self._answered = collections.deque(maxlen=_ANSWERED_KEPT)
         self._tags = 0
+        self._budget = budget  # bytes of the daemon's memory, if that is short
+        self._refused = collections.deque()  # requests whose last piece may have found no room
         self.failure_times = []  # when errors of exchanges were heard of
         self._connect_to_bus()
 
@@ -178,6 +182,8 @@ class Actor:
     def step(self):
         """Does one thing and decides when to do the next."""
         self.next_step = time.monotonic() + self.dice.expovariate(1 / _THINK_SECONDS)
+        if self._refused:
+            self._send(self._refused.popleft(), b"", True)
         if self.draining:
             self._drain()
             return
@@ -270,6 +276,8 @@ class Actor:
         request.stalls = connection.kind != "fingerprint" and self.dice.random() < 0.001
         if request.stalls:
             request.pieces = []
+        if self._budget and self.dice.random() < 0.2:
+            request.rests_until = time.monotonic() + self.dice.uniform(0.1, 1.5)
         request.note("created")
         if not connection.open:
             request.end("disconnected")
@@ -281,10 +289,13 @@ class Actor:
     def _pieces(self, connection, number):
         """What to send; a text of its own at the front makes each request's data unique."""
         dice = self.dice
+        most = min(2 * self._budget, 300 * connection.chunk_size)  # no answer in thousands of chunks
         if connection.encoding == "binary" and dice.random() < 0.2:
-            return [f"size: {dice.randrange(300_000)}".encode()]
+            return [f"size: {dice.randrange(most or 300_000)}".encode()]
         front = f"{self.name} {number}\n".encode()
         size = int(200_000 ** dice.random())
+        if self._budget and dice.random() < 0.2:
+            size = dice.randrange(most)
         if connection.encoding == "binary":
             data = front + dice.randbytes(size)
         else:
@@ -322,15 +333,23 @@ class Actor:
         is_open = connection.open  # calls of one client are handled in order
 
         def on_answer(message):
-            self._checked(request, request.on_sent, data, values(message)[0], is_open)
+            result = values(message)[0]
+            self._checked(request, request.on_sent, data, result, is_open)
+            if last and result == NOT_ACCEPTING and self._may_retry(request):
+                self._refused.append(request)
             self._end_if_over(request)
 
         arguments = data_body(data, last, connection.id, request.id)
         self._call("sendData", arguments, on_answer, f"for {request.key}")
 
+    def _may_retry(self, request):
+        """An exchange would wait for the end of a request's data, of a fingerprint's for long."""
+        return self._budget and request.asked and request.may_retry(_RETRY_SECONDS)
+
     def _ask(self):
         request = self._pick()
-        if request is not None and request.held is None:
+        rests = request is not None and time.monotonic() < request.rests_until
+        if request is not None and request.held is None and not rests:
             self._ask_for(request)
 
     def _ask_for(self, request):
@@ -346,7 +365,10 @@ class Actor:
             else:
                 self._checked(request, request.on, "refused", error_code(message))
             self._end_if_over(request)
-            if not request.over and request.held is None and self.dice.random() < 0.8:
+            rests = self._budget and self.dice.random() < 0.03
+            if rests:
+                request.rests_until = time.monotonic() + self.dice.uniform(0.1, 1)
+            if not request.over and not rests and request.held is None and self.dice.random() < 0.8:
                 self._ask_for(request)
 
         request.note("getData")

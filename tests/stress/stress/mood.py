@@ -29,9 +29,10 @@ _DOCUMENTS = (
 )
 
 
-def random_mood(dice, number):
+def random_mood(dice, number, is_slow=False):
     """The mood of one exchange, labelled so that its record can be told from others."""
-    make = dice.choices([make for make, _ in _MOODS], [weight for _, weight in _MOODS])[0]
+    moods = _MOODS if not is_slow else (*_MOODS, (_slow_reader, 30))
+    make = dice.choices([make for make, _ in moods], [weight for _, weight in moods])[0]
     mood = make(dice, number)
     label = f"{number} {mood.name}"
     return mood._replace(behaviour={**mood.behaviour, "label": label})
@@ -45,6 +46,13 @@ def _slow(dice, _number):
     places = dice.sample((*_PLACES, *_ANSWER_PLACES), dice.randint(1, 3))
     steps = [{"at": at, "do": "pause", "seconds": dice.uniform(0.01, 0.3)} for at in places]
     return Mood("slow", {"on": steps}, True)
+
+
+def _slow_reader(dice, _number):
+    """Reads the front of the request, and for a while no more."""
+    upload = {"at": "upload", "bytes": dice.choice((1, 100_000))}
+    pause = {**upload, "do": "pause", "seconds": dice.uniform(0.2, 1.5)}
+    return Mood("slow reader", {"on": [pause]}, True)
 
 
 def _packed(dice, _number):
@@ -155,8 +163,9 @@ _MOODS = (
 class Server:
     """Keeps the test server in moods, and remembers what came of them."""
 
-    def __init__(self, server, dice):
+    def __init__(self, server, dice, is_slow=False):
         self._server = server
+        self._is_slow = is_slow
         self._dice = dice
         self._moods = {}
         self._number = 0
@@ -196,7 +205,7 @@ class Server:
 
     def _next(self):
         self._number += 1
-        mood = random_mood(self._dice, self._number)
+        mood = random_mood(self._dice, self._number, self._is_slow)
         self._moods[mood.behaviour["label"]] = mood
         return mood
 

@@ -26,14 +26,15 @@ _MOST_LOG = 20_000  # characters shown
 class Referee:
     """One run. `findings` are the violations, in words."""
 
-    def __init__(self, stage, seed, say):
+    def __init__(self, stage, seed, say, budget=0):
         self.findings = []
         self.tally = collections.Counter()
         self._stage = stage
         self._seed = seed
+        self._budget = budget  # bytes of the daemon's memory; 0 when there is plenty
         self._say = say
         self._begun = time.monotonic()
-        self._server = Server(stage.server, self._dice("server"))
+        self._server = Server(stage.server, self._dice("server"), is_slow=budget > 0)
         self._world = World(stage.platform, self._dice("platform"), self.tally)
         self._actors = []
         self._idle = None
@@ -77,7 +78,7 @@ class Referee:
         address = self._stage.bus.address
         for number in range(ACTORS):
             name = f"client{number}"
-            actor = Actor(name, address, self._dice(name), self._world, self.tally)
+            actor = Actor(name, address, self._dice(name), self._world, self.tally, self._budget)
             self._actors.append(actor)
         end = time.monotonic() + seconds
         self._loop(lambda: time.monotonic() >= end)
@@ -128,6 +129,7 @@ class Referee:
     def _end(self):
         """By a signal or by a call, as the seed says."""
         daemon = self._stage.daemon
+        self.tally.update(daemon.ledger.events())
         if self._dice("end").random() < 0.5:
             daemon.send_signal(signal.SIGTERM)
         else:

@@ -69,6 +69,8 @@ class Request(ctypes.Structure):
         self.id = number
         self.pieces = pieces  # still to be sent
         self.stalls = False  # never sends anything
+        self.rests_until = 0  # does not fetch before
+        self._retries_until = None
         self.ended_by = None  # other than an answer or an error, in words
         self.overlapped = False  # two calls waited at a time, so a chunk may have been lost
         self.gone_since = None  # when it turned out to be unknown without a reason so far
@@ -140,6 +142,12 @@ class Request(ctypes.Structure):
         self._received += data
         if not self.overlapped:
             self._check_bytes(code)
+
+    def may_retry(self, seconds):
+        """For so long after the first time."""
+        if self._retries_until is None:
+            self._retries_until = time.monotonic() + seconds
+        return time.monotonic() < self._retries_until
 
     def end(self, how):
         """Otherwise than by an answer or an error."""

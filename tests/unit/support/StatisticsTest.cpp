@@ -75,6 +75,22 @@ TEST(Statistics, CountAPostUntilItHasRun) {
     EXPECT_EQ(posts.count(), 0);
 }
 
+TEST(Statistics, CountWaitsForRoomAndDataThatIsRefused) {
+    const More waits(Statistic::RoomWaits);
+    const More refusals(Statistic::RefusedData);
+    MemoryBudget budget(1000);
+    const Charge others(budget, 1000);
+    RequestData request(1, 2, true, std::make_shared<const ConnectionParameters>(), NotFlagged,
+                        nullptr, budget);
+    EXPECT_FALSE(request.appendIfAccepting("nobody asks", false));
+    EXPECT_EQ(refusals.count(), 0);
+    request.setAcceptingData(true);
+    EXPECT_FALSE(request.appendIfAccepting("no room", false));
+    EXPECT_EQ(refusals.count(), 1);
+    request.addResponseData("no room", false, {.deadline = 0, .memoryIsShort = {}});
+    EXPECT_EQ(waits.count(), 1);
+}
+
 #else
 
 TEST(Statistics, TakeNoRoomWhereNothingIsCounted) {
