@@ -85,6 +85,30 @@ TEST_F(OrvexMainShutdownTest, JoinsAWorkerThatIsAtItsEnd) {
     EXPECT_EQ(fake_threads::started(), 1);
 }
 
+TEST_F(OrvexMainShutdownTest, DoesNotWaitForAClientToFetch) {
+    MemoryBudget& budget = MemoryBudget::process();
+    budget.resize(budget.held() + 64 * 1024);
+    fake_curl::addScript([this](fake_curl::Transfer& transfer) {
+        std::string body;
+        EXPECT_TRUE(transfer.readAll(body));
+        const std::string whole = answerBody(1);
+        transfer.respond("HTTP/1.1 200 OK\r\n"
+                         "Content-Type: multipart/related; boundary=\"b\"; start=\"head\"\r\n\r\n",
+                         {whole.substr(0, whole.rfind("\r\n--b--"))});
+        fake_threads::beforeNextWait([this] { arrived_.open(); });
+        for (int piece = 0; piece < 64; ++piece) {
+            (void)transfer.write(std::string(16 * 1024, 'x'));
+        }
+        return CURLE_OK;
+    });
+    prepare(1);
+    reachExchange();
+    const gint64 begin = g_get_monotonic_time();
+    gateway().shutdown();
+    EXPECT_LT(g_get_monotonic_time() - begin, 30 * G_USEC_PER_SEC); // the transfer has 60 s
+    budget.resize(deployment::kMemoryBudget);
+}
+
 TEST_F(OrvexMainShutdownTest, LastsUntilTheWaitForAClientEnds) {
     HttpClient::setParameter("orvexd/wait_timeout/slow", "200");
     service_.onRequestData = nullptr;
