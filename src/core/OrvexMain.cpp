@@ -179,6 +179,9 @@ int OrvexMain::sendData(std::string_view bytes, bool last, std::uint32_t connect
         return failure::kUnknownRequest;
     }
     if (!request->appendIfAccepting(bytes, last)) {
+        if (!MemoryBudget::process().hasRoomForData()) {
+            service_.onMemoryShort(); // the client may try again
+        }
         return failure::kNotAccepting;
     }
     if (exchange_) {

@@ -176,6 +176,23 @@ def test_replies_are_late_while_the_server_reads_nothing(client, server, memory)
     expect_no_error(client)
 
 
+def test_upload_of_256_mebibytes_takes_little_memory_while_its_server_pauses(client, server, memory):
+    size = 256 * MIB if not is_sanitized() else 32 * MIB
+    pauses = [{"at": "upload", "bytes": size // 8 * n, "do": "pause", "seconds": 1} for n in (1, 4, 7)]
+    server.queue({"on": pauses})
+    request = Request(client, kind="fingerprint", encoding="binary").wait_until_asked()
+    piece = pattern(256 * 1024)
+    most = 0
+    for _ in range(size // len(piece)):
+        assert request.send(piece, last=False) == 0
+        most = max(most, memory())
+    assert request.send(b"", last=True) == 0
+    assert b'bytes="%d"' % size in b"".join(request.fetch())
+    if not is_sanitized():
+        assert PROMPT // 2 < most < 16 * MIB
+    expect_no_error(client)
+
+
 def test_no_reply_is_later_than_five_seconds(client, server):
     request = paused_upload(client, server)
     begin = time.monotonic()

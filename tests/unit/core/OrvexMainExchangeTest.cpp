@@ -89,6 +89,23 @@ TEST_F(OrvexMainExchangeTest, TellsWhenAnUploadIsCrowdedAndWhenItHasRoomAgain) {
     EXPECT_FALSE(gateway().isUploadCrowded(1, 1));
 }
 
+TEST_F(OrvexMainExchangeTest, AsksForMemoryWhenItRefusesDataForLackOfIt) {
+    MemoryBudget& budget = MemoryBudget::process();
+    service_.onRequestData = [&](std::uint32_t connectionId, std::uint32_t requestId) {
+        EXPECT_EQ(gateway().sendData("x", false, connectionId + 1, requestId), 1001);
+        EXPECT_THAT(service_.only("memory"), IsEmpty());
+        budget.resize(budget.held());
+        EXPECT_EQ(gateway().sendData("x", false, connectionId, requestId), 57);
+        budget.resize(deployment::kMemoryBudget);
+        EXPECT_EQ(gateway().sendData("x", true, connectionId, requestId), 0);
+    };
+    answerExchange(1);
+    prepare(1);
+    finishExchange();
+    EXPECT_THAT(service_.only("memory"), ElementsAre("memory short"));
+    EXPECT_THAT(sent_, testing::HasSubstr("\r\n\r\nx\r\n"));
+}
+
 TEST_F(OrvexMainExchangeTest, PrintsNothingAboutTextsThatAreNotUtf8) {
     const std::uint32_t connectionId = open(1024, "caf\xE9");
     answerExchange(1);
