@@ -471,11 +471,18 @@ void Gateway::open(Input& input) {
     constexpr std::array<std::uint32_t, 6> kChunkSizes = {1000, 1, 3, 7, 16, 0};
     constexpr std::array<const char*, 2> kTypes = {"position", "fingerprint"};
     const std::uint32_t chunkSize = kChunkSizes[input.number(kChunkSizes.size())];
-    const std::uint32_t id = core_->openConnection("Element", kTypes[input.number(kTypes.size())],
-                                                   "1.0", "binary", "text/plain", chunkSize);
-    connections_.push_back(true);
-    chunkSizes_.push_back(chunkSize);
-    check(id == connections_.size(), "connection ids are handed out in order");
+    const char* const type = kTypes[input.number(kTypes.size())];
+    const bool hasRoom = budget_.hasRoom();
+    try {
+        const std::uint32_t id =
+            core_->openConnection("Element", type, "1.0", "binary", "text/plain", chunkSize);
+        connections_.push_back(true);
+        chunkSizes_.push_back(chunkSize);
+        check(hasRoom, "no connection is opened without room");
+        check(id == connections_.size(), "connection ids are handed out in order");
+    } catch (const LimitExceeded&) {
+        check(!hasRoom, "a connection is refused for a reason");
+    }
 }
 
 void Gateway::create(Input& input, bool prepared) {
@@ -483,7 +490,8 @@ void Gateway::create(Input& input, bool prepared) {
     const auto policy = static_cast<std::uint32_t>(input.number(5));
     settle();
     const bool known = connection <= connections_.size() && connections_[connection - 1];
-    const bool refused = !known || (prepared && !isAllowed(policy));
+    const bool allowed = known && (!prepared || isAllowed(policy));
+    const bool refused = !allowed || !budget_.hasRoom();
     if (!refused) { // whatever comes of it, the request exists from now on
         const std::uint32_t id = ++lastRequest_;
         requests_[id] = std::make_unique<Request>(
@@ -499,6 +507,8 @@ void Gateway::create(Input& input, bool prepared) {
         check(id == lastRequest_, "request ids are handed out in order");
     } catch (int code) {
         check(code == (known ? 2204 : 1001), "the refusal has its code");
+    } catch (const LimitExceeded&) {
+        check(allowed && refused, "a request is refused for lack of room when all else is right");
     }
     noticeStart();
     settle();
