@@ -4,6 +4,7 @@ import resource
 from pathlib import Path
 
 from harness import waiting
+from harness.agents import POLICY, SYSTEM_RULES
 from harness.daemon import Daemon
 from harness.keys import fill_preinst
 from harness.platform_file import Platform
@@ -16,24 +17,7 @@ from .requester import small_request
 
 KIND_ONE = [(1, True, False)]  # an attached request starts an exchange of its own
 PLAIN = [(2, True, False)]  # an attached request waits for another's
-_POLICY = ROOT / "data" / "com.kelvra.orvexd.conf"
 _LIMITS = ROOT / "data" / "bus-limits.conf"
-# What the system bus allows before any service's own rules.
-_SYSTEM_RULES = """
-  <policy context="default">
-    <allow user="*"/>
-    <deny own="*"/>
-    <deny send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_requested_reply="true" send_type="method_return"/>
-    <allow send_requested_reply="true" send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-    <allow receive_type="signal"/>
-    <allow send_destination="org.freedesktop.DBus"/>
-  </policy>
-"""
 
 
 class Arena:
@@ -82,10 +66,10 @@ class Arena:
         waiting.guards.clear()
 
     def _open(self, memory_limit: int) -> None:
-        policy = self._directory / _POLICY.name
-        text = _POLICY.read_text("utf-8")
+        policy = self._directory / POLICY.name
+        text = POLICY.read_text("utf-8")
         policy.write_text(text.replace('group="positioning"', f'group="{MEMBER_GROUP}"'), "utf-8")
-        self.bus = PrivateBus(self._directory, policy=f"{_SYSTEM_RULES}<include>{policy}</include>{self._limits}")
+        self.bus = PrivateBus(self._directory, policy=f"{SYSTEM_RULES}<include>{policy}</include>{self._limits}")
         self.server = self._new_server()
         self.platform = Platform(self._directory / "platform.conf")
         self.platform.write(connections=PLAIN, proxy=("127.0.0.1", self.server.port))
