@@ -53,7 +53,7 @@ private:
         left_ -= steps;
     }
 
-    void hold(std::size_t bytes) {
+    void hold(std::uint64_t bytes) {
         require(bytes <= memoryLeft_);
         memoryLeft_ -= bytes;
     }
@@ -320,7 +320,7 @@ private:
 
     Cursor cursor_;
     Steps left_ = kMostSteps;
-    std::size_t memoryLeft_;
+    std::uint64_t memoryLeft_;
     std::set<std::string_view> names_;
     std::vector<Element> open_;
     std::vector<std::string_view> prefixes_; ///< of the namespaces in force

@@ -22,7 +22,7 @@ std::string repeated(const std::string& text, std::size_t times) {
 /// The least memory with which the document may be parsed.
 std::size_t leastMemory(const std::string& document) {
     std::size_t tooLittle = 0;
-    std::size_t enough = std::size_t{1} << 32U;
+    std::size_t enough = std::size_t{1} << 30U;
     while (enough - tooLittle > 1024) {
         const std::size_t middle = tooLittle + (enough - tooLittle) / 2;
         (mayBeParsed(document, middle) ? enough : tooLittle) = middle;
