@@ -20,6 +20,7 @@ from .request import (
 )
 
 NO_CONNECTION, NOT_PERMITTED, BAD_ARGUMENTS = 2204, 2205, 2002
+LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded"
 NOT_ACCEPTING = 57
 _PROPERTIES = "org.freedesktop.DBus.Properties"
 _STATUSES = (0, 1, 3, 5)
@@ -225,6 +226,8 @@ class Actor:
         texts = ("element", kind, tag, encoding, "application/octet-stream")
 
         def on_answer(message):
+            if self._is_refused_for_memory(message):
+                return
             number = values(message)[0]
             given = number in self._world.connection_ids
             require(not given, f"connection id {number} was given twice")
@@ -252,11 +255,19 @@ class Actor:
                 require(not closed, "a request on a closed connection")
                 self._world.require_permission(True, sent)
                 self._adopt(connection, values(message)[0], prepared)
-            else:
+            elif not self._is_refused_for_memory(message):
                 self._on_creation_refused(connection, error_code(message), sent)
 
         what = f"on {connection.id} with policy {policy}"
         self._call("prepare" if prepared else "attach", arguments, on_answer, what)
+
+    def _is_refused_for_memory(self, message):
+        """A daemon with little memory may refuse what it has no room for; nothing has changed then."""
+        if message.get_error_name() != LIMITS_EXCEEDED:
+            return False
+        require(self._budget, "a daemon with plenty of memory has no room")
+        self._tally["refused for memory"] += 1
+        return True
 
     def _on_creation_refused(self, connection, code, sent):
         self._tally[f"refused {code}"] += 1
