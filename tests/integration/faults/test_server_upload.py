@@ -2,7 +2,7 @@
 
 import dataclasses
 
-from harness import curl, matrix
+from harness import curl, matrix, observe
 from harness.fault import (
     DELIVERED,
     MISSING,
@@ -61,6 +61,17 @@ def keep_sending(scene):
 
 
 @dataclasses.dataclass
+class Reset(Server):
+    """The server has reset the connection: what is sent from now on cannot arrive."""
+
+    outcome: str = "reset by server"
+
+    def check(self, scene):
+        super().check(scene)  # the record is complete before the end
+        observe.wait_until_cut_off(scene.daemon.pid)
+
+
+@dataclasses.dataclass
 class Ends(Seen):
     """The client ends its data, which are taken while the upload goes on. A transfer that is still
     busy with the data before may have come upon the connection's end, and be over."""
@@ -104,7 +115,7 @@ def early_answers():
             sees=[
                 ANSWERED,
                 Event("answered"),
-                Server("reset by server"),
+                Reset(),
                 Ends(may_be_over=True),
                 Failed(TRANSPORT, {curl.SEND_ERROR, curl.RECV_ERROR}, of=DELIVERED),
             ],

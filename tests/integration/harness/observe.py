@@ -57,8 +57,22 @@ def own_threads(pid):
 
 def file_descriptors(pid):
     """What the open file descriptors refer to, by number."""
-    base = pathlib.Path(f"/proc/{pid}/fd")
-    return {int(entry.name): os.readlink(entry) for entry in base.iterdir()}
+    found = {}
+    for entry in pathlib.Path(f"/proc/{pid}/fd").iterdir():
+        with contextlib.suppress(FileNotFoundError):  # it has just been closed
+            found[int(entry.name)] = os.readlink(entry)
+    return found
+
+
+def wait_until_cut_off(pid):
+    """Waits until none of the process's TCP connections stands: a reset takes them from the table at once."""
+
+    def cut_off():
+        table = pathlib.Path(f"/proc/{pid}/net/tcp").read_text("ascii").splitlines()[1:]
+        standing = {f"socket:[{line.split()[9]}]" for line in table}
+        return standing.isdisjoint(file_descriptors(pid).values())
+
+    poll_for(cut_off, 10, "the end of the connection")
 
 
 def is_thread_sanitized(pid):
