@@ -197,7 +197,7 @@ def test_no_reply_is_later_than_five_seconds(client, server):
     request = paused_upload(client, server)
     begin = time.monotonic()
     assert request.send(pattern(30 * MIB), last=True) == 0  # stored whole, although it is more
-    assert 4 < time.monotonic() - begin < patience(6)
+    assert 4 < time.monotonic() - begin < 5 + patience(5)
     server.give("read")
     answer = b"".join(request.fetch())
     assert b'bytes="%d"' % (30 * MIB) in answer

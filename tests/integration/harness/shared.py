@@ -66,6 +66,7 @@ def fresh(bus, server, platform, daemon, reported):
     for name, each in (("bus", bus), ("test server", server), ("daemon", daemon)):
         reported(name, each)
     server.clear()
+    server.forget_events()
     if server.last:
         server.wait(server.last)
     daemon.guard()
