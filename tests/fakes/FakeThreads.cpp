@@ -101,15 +101,17 @@ GThread* wrappedTryNew(const gchar* name, GThreadFunc entry, gpointer argument, 
 }
 
 gpointer wrappedJoin(GThread* thread) {
+    std::shared_ptr<Gate> gate;
     {
         World& w = world();
         const std::lock_guard guard(w.mutex);
         ++w.joined;
-        const auto gate = w.gates.find(thread);
-        if (gate != w.gates.end()) {
-            gate->second->open();
-            w.gates.erase(gate);
+        if (const auto held = w.gates.extract(thread)) {
+            gate = held.mapped();
         }
+    }
+    if (gate) { // without the lock, which a thread takes that is just beginning to wait at the gate
+        gate->open();
     }
     return realJoin(thread);
 }
