@@ -31,7 +31,7 @@ run_shares() {
   name=$(basename "$program")
   shares=$(nproc)
   for ((share = 0; share < shares; share++)); do
-    GTEST_TOTAL_SHARDS=$shares GTEST_SHARD_INDEX=$share timeout 900 "$program" --gtest_brief=1 \
+    GTEST_TOTAL_SHARDS=$shares GTEST_SHARD_INDEX=$share timeout 400 "$program" --gtest_brief=1 \
       --gtest_output="xml:$results/$name-$share.xml" >"$results/$name-$share.log" 2>&1 &
     pids+=($!)
   done
