@@ -16,6 +16,7 @@ namespace trilba {
 
 namespace {
 
+constexpr const char* kPathVariable = "TRILBA_PLATFORM_CONF";
 constexpr const char* kDefaultPath = "/etc/trilba/platform.conf";
 constexpr std::size_t kLargestFile = 1024UL * 1024; // bytes; a larger one is no platform file
 
@@ -142,8 +143,12 @@ std::optional<Settings> settingsOf(const Content& content) {
 } // namespace
 
 std::string PlatformFile::path() {
-    const char* chosen = std::getenv("TRILBA_PLATFORM_CONF");
-    return chosen != nullptr && *chosen != '\0' ? chosen : kDefaultPath;
+    return isNamed() ? std::getenv(kPathVariable) : kDefaultPath;
+}
+
+bool PlatformFile::isNamed() {
+    const char* chosen = std::getenv(kPathVariable);
+    return chosen != nullptr && *chosen != '\0';
 }
 
 PlatformFile::Reading PlatformFile::read(const std::string& path) {
