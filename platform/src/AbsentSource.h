@@ -18,8 +18,8 @@ public:
     void follow(const std::shared_ptr<const Settings>& /*file*/) override {}
     [[nodiscard]] std::shared_ptr<const Settings> state() const override { return state_; }
     [[nodiscard]] bool hasAnswered() const override { return true; }
-    [[nodiscard]] std::vector<std::string> remarks() const override {
-        return {"the NetworkManager source cannot be used: " + fault_};
+    [[nodiscard]] std::vector<Remark> remarks() const override {
+        return {{"the NetworkManager source cannot be used: " + fault_, true}};
     }
 
 private:

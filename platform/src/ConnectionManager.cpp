@@ -143,8 +143,13 @@ void ConnectionManager::takeState() {
     if (sourceName_ == SourceName::NetworkManager) {
         LiveState::set(state);
     }
-    const std::lock_guard hold(libraryMutex());
-    settings_ = std::move(state);
+    {
+        const std::lock_guard hold(libraryMutex());
+        settings_ = std::move(state);
+    }
+    if (heard_) {
+        heard_();
+    }
 }
 
 void ConnectionManager::notify() {
@@ -185,6 +190,10 @@ namespace trilba {
 Description describe(network::IConnectionManager& manager) {
     // Every manager that `create` makes is one.
     return dynamic_cast<network::ConnectionManager&>(manager).description();
+}
+
+void onDescriptionChange(network::IConnectionManager& manager, std::function<void()> heard) {
+    dynamic_cast<network::ConnectionManager&>(manager).onDescriptionChange(std::move(heard));
 }
 
 } // namespace trilba

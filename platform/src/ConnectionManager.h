@@ -7,8 +7,10 @@
 #include "Settings.h"
 #include "trilba/network/IConnectionManager.h"
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace trilba::network {
@@ -30,6 +32,7 @@ public:
     int lookUpProxy(const std::string& url, ProxyQuery* query) override;
 
     [[nodiscard]] Description description() const;
+    void onDescriptionChange(std::function<void()> heard) { heard_ = std::move(heard); }
 
 private:
     void onSourceChanged() override;
@@ -49,6 +52,7 @@ private:
     FileWatcher watcher_;                                // main-loop thread only
     SourceName sourceName_ = SourceName::File;           // main-loop thread only
     std::unique_ptr<IPlatformSource> source_;            // main-loop thread only
+    std::function<void()> heard_;                        // main-loop thread only
     // Main-loop thread only. It is declared last, so it ends first. A notification that finds it
     // gone uses nothing else of the manager.
     std::shared_ptr<const bool> alive_ = std::make_shared<const bool>(true);

@@ -3,7 +3,6 @@
 #include "IPlatformSource.h"
 
 #include <memory>
-#include <string>
 #include <vector>
 
 namespace trilba {
@@ -14,7 +13,7 @@ public:
     void follow(const std::shared_ptr<const Settings>& file) override { state_ = file; }
     [[nodiscard]] std::shared_ptr<const Settings> state() const override { return state_; }
     [[nodiscard]] bool hasAnswered() const override { return true; }
-    [[nodiscard]] std::vector<std::string> remarks() const override { return {}; }
+    [[nodiscard]] std::vector<Remark> remarks() const override { return {}; }
 
 private:
     std::shared_ptr<const Settings> state_ = std::make_shared<const Settings>();

@@ -8,6 +8,12 @@
 
 namespace trilba {
 
+/// What somebody who examines the device should know: one sentence, without an end.
+struct Remark {
+    std::string text;
+    bool isFault = false; ///< nothing will work until it is mended
+};
+
 /// Hears what a source has to tell. Main-loop thread. Either call may destroy the source that makes
 /// it, so a source makes it last.
 class ISourceOwner {
@@ -39,8 +45,7 @@ public:
     /// Whether the state is more than what holds until the first answer.
     [[nodiscard]] virtual bool hasAnswered() const = 0;
 
-    /// What somebody who examines the device should know, one sentence each.
-    [[nodiscard]] virtual std::vector<std::string> remarks() const = 0;
+    [[nodiscard]] virtual std::vector<Remark> remarks() const = 0;
 };
 
 /// A module exports one function of this type under the name `kMakeSource`. The owner outlives the

@@ -103,10 +103,6 @@ void readProxy(const Group& group, Settings& settings) {
     settings.proxyPort = static_cast<std::uint32_t>(*port);
 }
 
-bool isConnectionGroup(const std::string& name) {
-    return name == "Connections" || name.starts_with("Connection ");
-}
-
 void readGroups(GKeyFile* file, Settings& settings) {
     const TextList groups(g_key_file_get_groups(file, nullptr));
     for (char** group = groups.get(); *group != nullptr; ++group) {
@@ -138,8 +134,12 @@ void readNetworkManager(const Group& group, Settings& settings) {
     settings.flagMetered = group.truth("FlagMetered").value_or(false);
 }
 
-/// The text without comments. A comment begins with a ';' behind a space, a tab or the beginning of
-/// a line, and GLib does not know it. A ';' that ends a name in a list follows the name directly.
+} // namespace
+
+bool isConnectionGroup(std::string_view name) {
+    return name == "Connections" || name.starts_with("Connection ");
+}
+
 std::string withoutTrailingComments(std::string_view text) {
     std::string kept;
     kept.reserve(text.size());
@@ -155,8 +155,6 @@ std::string withoutTrailingComments(std::string_view text) {
     }
     return kept;
 }
-
-} // namespace
 
 std::optional<Settings> parseSettings(std::string_view text) {
     // A text holds no NUL. A crash leaves blocks of them in a file that was being written.

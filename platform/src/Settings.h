@@ -38,4 +38,12 @@ struct Settings {
 ///         is taken to be half-written, and no part of it is used.
 std::optional<Settings> parseSettings(std::string_view text);
 
+/// The text without comments, which GLib does not know, and with the same lines. A comment begins
+/// with a ';' behind a space, a tab or the beginning of a line. A ';' that ends a name in a list
+/// follows the name directly.
+std::string withoutTrailingComments(std::string_view text);
+
+/// Whether a group of this name is about connections.
+bool isConnectionGroup(std::string_view name);
+
 } // namespace trilba

@@ -59,6 +59,7 @@ void Modems::onAppeared() {
 
 void Modems::onVanished() {
     pending_ = std::make_unique<PendingAnswers>();
+    questions_ = 0;
     handlers_.clear();
     cards_.clear();
     manager_.reset();
@@ -121,15 +122,17 @@ void Modems::askForCard(const std::string& modem, MMModem* interface) {
     if (path.empty() || path == "/") {
         return;
     }
+    ++questions_;
     mm_modem_get_sim(interface, pending_->cancellable(), &PendingAnswers::arrive,
                      pending_->expect([this, modem, path](GObject* source, GAsyncResult* result) {
+                         --questions_;
                          Object<MMSim> sim(
                              mm_modem_get_sim_finish(MM_MODEM(source), result, nullptr));
                          Card& asked = cards_[modem];
                          if (asked.path == path) {
                              asked.sim = std::move(sim);
-                             look();
                          }
+                         look();
                      }));
 }
 

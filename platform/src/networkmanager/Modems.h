@@ -32,8 +32,8 @@ public:
     /// By object path. Empty while ModemManager does not run.
     [[nodiscard]] std::map<std::string, ModemFacts> facts() const;
 
-    /// Whether ModemManager has answered, or does not run.
-    [[nodiscard]] bool hasAnswered() const { return hasAnswered_; }
+    /// Whether ModemManager has answered all questions, or does not run.
+    [[nodiscard]] bool hasAnswered() const { return hasAnswered_ && questions_ == 0; }
 
 private:
     struct Card {
@@ -52,6 +52,7 @@ private:
     Object<GDBusConnection> bus_;
     std::function<void()> onChange_;
     bool hasAnswered_ = false;
+    int questions_ = 0; // about cards
     Object<MMManager> manager_;
     std::vector<SignalHandler> handlers_;
     std::map<std::string, Card> cards_; // by the modem's object path

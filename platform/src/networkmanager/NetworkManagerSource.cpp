@@ -53,24 +53,23 @@ void NetworkManagerSource::follow(const std::shared_ptr<const Settings>& file) {
 }
 
 bool NetworkManagerSource::hasAnswered() const {
-    return !state_->connections.empty() ||
-           (network_ && network_->hasAnswered() && modems_->hasAnswered() && !proxy_.isPending() &&
-            !timing_.due());
+    return network_ && network_->hasAnswered() && modems_->hasAnswered() && !proxy_.isPending() &&
+           !timing_.due();
 }
 
-std::vector<std::string> NetworkManagerSource::remarks() const {
-    std::vector<std::string> remarks;
+std::vector<Remark> NetworkManagerSource::remarks() const {
+    std::vector<Remark> remarks;
     if (!bus_.fault().empty()) {
-        remarks.push_back("no system bus: " + bus_.fault());
+        remarks.push_back({"there is no system bus: " + bus_.fault()});
     } else if (!network_ || !network_->hasAnswered()) {
-        remarks.emplace_back("NetworkManager has not answered yet");
+        remarks.push_back({"NetworkManager has not answered yet"});
     } else if (!facts().isRunning) {
-        remarks.emplace_back("NetworkManager does not run");
+        remarks.push_back({"NetworkManager does not run"});
     } else if (facts().isBehindPortal) {
-        remarks.emplace_back("the network wants a login: it does not count as a connection");
+        remarks.push_back({"the network wants a login and does not count as a connection"});
     }
     if (!proxy_.answer().remark.empty()) {
-        remarks.push_back(proxy_.answer().remark);
+        remarks.push_back({proxy_.answer().remark});
     }
     return remarks;
 }

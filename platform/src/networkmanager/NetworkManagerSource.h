@@ -23,7 +23,7 @@ public:
     void follow(const std::shared_ptr<const Settings>& file) override;
     [[nodiscard]] std::shared_ptr<const Settings> state() const override { return state_; }
     [[nodiscard]] bool hasAnswered() const override;
-    [[nodiscard]] std::vector<std::string> remarks() const override;
+    [[nodiscard]] std::vector<Remark> remarks() const override;
 
 private:
     void onBusChanged();

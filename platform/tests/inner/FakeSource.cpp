@@ -20,7 +20,7 @@ public:
     }
     std::shared_ptr<const Settings> state() const override { return FakeModule::instance().state; }
     bool hasAnswered() const override { return true; }
-    std::vector<std::string> remarks() const override { return {"fake"}; }
+    std::vector<Remark> remarks() const override { return {{"fake"}}; }
 };
 
 } // namespace

@@ -137,7 +137,8 @@ TEST_F(LiveSourceTest, ThatCannotBeMadeMeansNoConnection) {
     EXPECT_EQ(manager_->connectionCount(), 0U);
     const auto remarks = describe(*manager_).remarks;
     ASSERT_EQ(remarks.size(), 1U);
-    EXPECT_NE(remarks[0].find("libnm is missing"), std::string::npos);
+    EXPECT_NE(remarks[0].text.find("libnm is missing"), std::string::npos);
+    EXPECT_TRUE(remarks[0].isFault);
 }
 
 TEST_F(LiveSourceTest, EndsItsAnswersWithTheManager) {
@@ -156,13 +157,23 @@ TEST_F(LiveSourceTest, FileThatTheEnvironmentNamesIsTheSourceUnlessItSaysOtherwi
     EXPECT_EQ(module_.made, 0);
 }
 
+TEST_F(LiveSourceTest, DescriptionIsToldToHaveChangedWithEveryAnswer) {
+    manager_ = makeManager();
+    int heard = 0;
+    onDescriptionChange(*manager_, [&] { ++heard; });
+    module_.owner->onSourceDetailsChanged();
+    EXPECT_EQ(heard, 1);
+    module_.owner->onSourceChanged();
+    EXPECT_EQ(heard, 2);
+}
+
 TEST_F(LiveSourceTest, DescriptionTellsSourceRemarksAndAnswers) {
     module_.know(knowing("net"));
     manager_ = makeManager();
     const Description description = describe(*manager_);
     EXPECT_EQ(description.path, file_.string());
     EXPECT_EQ(description.source, SourceName::NetworkManager);
-    EXPECT_EQ(description.remarks, std::vector<std::string>{"fake"});
+    EXPECT_EQ(description.remarks.at(0).text, "fake");
     EXPECT_EQ(description.answers.imei, "net-imei");
     EXPECT_EQ(description.answers.connections.at(0).name, "net");
     EXPECT_EQ(description.file.source, SourceWish::NetworkManager);
