@@ -1,0 +1,119 @@
+"""A NetworkManager that python3-dbusmock plays, for states that the real one cannot be brought into here."""
+
+import os
+
+from gi.repository import Gio, GLib
+
+from harness.bus_connection import connect
+from harness.observe import poll_for
+from harness.process import Process
+
+NAME = "org.freedesktop.NetworkManager"
+_PATH = "/org/freedesktop/NetworkManager"
+_MOCK = "org.freedesktop.DBus.Mock"
+_ACTIVATED = 2
+CONNECTED_SITE, CONNECTED_GLOBAL = 60, 70
+PORTAL, LIMITED, FULL = 2, 3, 4
+
+
+class MockedNetworkManager:
+    """Says whatever a test wants."""
+
+    def __init__(self, directory, bus):
+        self._count = 0
+        environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": bus.address}
+        command = ["/usr/bin/python3", "-m", "dbusmock", "--system", "--template", "networkmanager"]
+        self.process = Process(command, directory, "dbusmock", environment=environment)
+        self._bus = connect(bus.address)
+        poll_for(self._is_there, 20, "the mocked NetworkManager")
+        self.set(_PATH, NAME, State=_u(CONNECTED_GLOBAL), Connectivity=_u(FULL))
+        # What the template leaves out.
+        for name, value in {
+            "PrimaryConnection": GLib.Variant("o", "/"),
+            "ConnectivityCheckAvailable": GLib.Variant("b", True),
+            "ConnectivityCheckEnabled": GLib.Variant("b", False),
+        }.items():
+            self._call("/org/freedesktop/NetworkManager", _MOCK, "AddProperty", "(ssv)", NAME, name, value)
+
+    def set_manager(self, **values):
+        self.set(_PATH, NAME, **values)
+
+    def set(self, path, interface, **values):
+        """Properties of one object, which are told to have changed."""
+        for name, value in values.items():
+            self._call(path, "org.freedesktop.DBus.Properties", "Set", "(ssv)", interface, name, value)
+
+    def add_device(self, kind, interface, udi="", **properties):
+        """A device of this NMDeviceType, whose own interface has this name; returns its path."""
+        self._count += 1
+        path = f"{_PATH}/Devices/{self._count}"
+        values = {
+            "DeviceType": _u(kind),
+            "Interface": GLib.Variant("s", f"dev{self._count}"),
+            "State": _u(100),
+            "Metered": _u(4),
+            "Managed": GLib.Variant("b", True),
+            "Udi": GLib.Variant("s", udi),
+            "Ports": GLib.Variant("ao", []),
+        }
+        self._add(path, NAME + ".Device", values)
+        self._announce(path, f"{NAME}.Device.{interface}", properties)
+        return path
+
+    def add_connection(self, kind, *devices, primary=True, default=True, vpn=False):
+        """A connection that is up; returns its path."""
+        self._count += 1
+        path = f"{_PATH}/ActiveConnection/{self._count}"
+        values = {
+            "Id": GLib.Variant("s", f"{kind}-{self._count}"),
+            "Uuid": GLib.Variant("s", f"00000000-0000-0000-0000-{self._count:012}"),
+            "Type": GLib.Variant("s", kind),
+            "Devices": GLib.Variant("ao", devices),
+            "State": _u(_ACTIVATED),
+            "Default": GLib.Variant("b", default),
+            "Default6": GLib.Variant("b", False),
+            "Vpn": GLib.Variant("b", vpn),
+        }
+        self._add(path, NAME + ".Connection.Active", values)
+        paths = [*self._get(_PATH, NAME, "ActiveConnections"), path]
+        self.set_manager(ActiveConnections=GLib.Variant("ao", paths))
+        if primary:
+            self.set_manager(PrimaryConnection=GLib.Variant("o", path))
+        return path
+
+    def stop(self):
+        self._bus.close_sync(None)
+        self.process.stop()
+
+    def report(self):
+        return self.process.report()
+
+    def _add(self, path, interface, values):
+        self._call("/org/freedesktop", _MOCK, "AddObject", "(ssa{sv}a(ssss))", path, interface, values, [])
+        self._announce(path, interface, values)
+
+    def _announce(self, path, interface, values):
+        told = GLib.Variant("(oa{sa{sv}})", (path, {interface: values}))
+        arguments = [GLib.Variant("o", path), told.get_child_value(1)]
+        manager = "org.freedesktop.DBus.ObjectManager"
+        self._call("/org/freedesktop", _MOCK, "EmitSignal", "(sssav)", manager, "InterfacesAdded", "oa{sa{sv}}", arguments)
+
+    def _get(self, path, interface, name):
+        return self._call(path, "org.freedesktop.DBus.Properties", "Get", "(ss)", interface, name)[0]
+
+    def _is_there(self):
+        try:
+            return self._get(_PATH, NAME, "State") is not None
+        except GLib.Error:
+            return False
+
+    def _call(self, path, interface, member, signature, *arguments):
+        answer = self._bus.call_sync(
+            *(NAME, path, interface, member, GLib.Variant(signature, arguments), None),
+            *(Gio.DBusCallFlags.NONE, 10000, None),
+        )
+        return answer.unpack()
+
+
+def _u(number):
+    return GLib.Variant("u", number)
