@@ -15,8 +15,8 @@ import subprocess
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PACKAGE_DIR = pathlib.Path(os.environ.get("ORVEXD_PACKAGE_DIR") or ROOT / "build" / "packages")
-NAMES = ("libtrilbacore1", "libtrilbacore-dev", "orvexctl", "orvexd")
-RUNTIME = ("libtrilbacore1", "orvexctl", "orvexd")
+RUNTIME = ("libtrilbacore1", "trilba-platform", "trilba-platform-networkmanager", "orvexctl", "orvexd")
+NAMES = (*RUNTIME, "libtrilbacore-dev")
 
 
 def output_of(*command, timeout=240, **options):

@@ -30,6 +30,8 @@ PLACES = {
         f"{SHARE}/bash-completion/completions/orvexctl",
     ],
     "libtrilbacore1": ["/usr/lib/{triplet}/libtrilbacore.so.1"],
+    "trilba-platform": ["/usr/bin/trilba-platform", f"{SHARE}/man/man1/trilba-platform.1.gz"],
+    "trilba-platform-networkmanager": ["/usr/lib/{triplet}/trilba/trilba-platform-networkmanager.so"],
     "libtrilbacore-dev": [
         "/usr/include/trilba/network/IConnectionManager.h",
         "/usr/lib/{triplet}/libtrilbacore.so",
@@ -62,6 +64,12 @@ def test_setup_installs_what_building_the_packages_takes():
     setup = (ROOT / "scripts/setup").read_text("utf-8")
     further = re.search(r"--packages\) packages\+=\((.*?)\)", setup)[1]
     assert needed <= packages_to_build_with() | set(further.split())
+
+
+def test_only_the_module_needs_the_libraries_of_network_services(packages):
+    network = {"libnm0", "libmm-glib0"}
+    needing = {name for name, package in packages.items() if network & package.dependencies()}
+    assert needing == {"trilba-platform-networkmanager"}
 
 
 def test_packages_are_of_one_version_and_this_architecture(packages):

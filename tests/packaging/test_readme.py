@@ -11,6 +11,8 @@ import pytest
 
 from debian_packages import PACKAGE_DIR, ROOT, dependencies_of, output_of, packages_to_build_with
 from documents import DEVICE, README, device_blocks, section
+from harness.observe import poll_for
+from harness.process import Process
 
 # A Debian is made first, of which hundreds of packages may have to be fetched.
 pytestmark = pytest.mark.timeout(1800)
@@ -18,7 +20,22 @@ pytestmark = pytest.mark.timeout(1800)
 PACKAGES, KEYS, DEVICE_ITSELF, PURGE, WITHOUT_PACKAGES = device_blocks()
 TREE = "tree"
 # What a device has beside the dependencies of the packages.
-ADMINISTRATION = {"apt", "sudo"}
+ADMINISTRATION = {"apt", "sudo", "network-manager", "iproute2"}
+# In a network of its own, on the bus of the device: with a cable whose other end is plugged in.
+NETWORK_MANAGER = """
+mount -t sysfs -o ro sysfs /sys
+mount -t tmpfs tmpfs /run/NetworkManager
+ip link set lo up
+ip link add nmv0 type veth peer name nmv1
+ip link set nmv1 up
+printf '[main]\\nauth-polkit=false\\ndns=none\\nno-auto-default=*\\n' >/run/NetworkManager/test.conf
+exec NetworkManager --no-daemon --config=/run/NetworkManager/test.conf
+"""
+CABLE = """
+nmcli connection add type ethernet ifname nmv0 con-name cable ipv4.method manual \\
+  ipv4.addresses 192.0.2.10/24 ipv4.gateway 192.0.2.1 ipv6.method disabled
+nmcli --wait 20 connection up cable
+"""
 
 
 class Machine:
@@ -45,6 +62,16 @@ class Machine:
     def start_bus(self):
         """As the README says for containers."""
         self.root.must("service", "dbus", "start")
+
+    def start_network(self, directory):
+        """Its NetworkManager has an Ethernet network. It ends with all processes of the device."""
+        (self.root.path / "run/NetworkManager").mkdir(parents=True, exist_ok=True)
+        (self.root.path / "etc/NetworkManager/system-connections").mkdir(parents=True, exist_ok=True)
+        command = ["unshare", "--net", *self.root.command("sh", "-euc", NETWORK_MANAGER)]
+        manager = Process(command, directory, "NetworkManager")
+        poll_for(lambda: self.root.run("nmcli", "general").returncode == 0, 20, "NetworkManager's answer")
+        self.root.must("sh", "-euc", CABLE)
+        return manager
 
     def _type(self, line):
         if self._is_device and not line.startswith("sudo "):
@@ -84,10 +111,11 @@ def in_group(root, user, group):
     return user in re.search(rf"^{group}:.*:(.*)$", root.text("/etc/group"), re.MULTILINE)[1].split(",")
 
 
-def test_installation_by_packages_serves_and_is_taken_back(device):
+def test_installation_by_packages_serves_and_is_taken_back(device, tmp_path):
     device.type(PACKAGES)
     device.type(KEYS)
     device.start_bus()
+    device.start_network(tmp_path)
     assert device.type(DEVICE_ITSELF).splitlines()[-1] == told_status()
     assert in_group(device.root, "nobody", "positioning")
     device.type(PURGE)
@@ -95,12 +123,12 @@ def test_installation_by_packages_serves_and_is_taken_back(device):
     # As the README says, what has members and what the packages did not bring stays.
     assert in_group(device.root, "nobody", "positioning")
     assert device.root.exists("/usr/share/orvexd/SlpClient.pem")
-    assert device.root.exists("/etc/trilba/platform.conf")
 
 
-def test_installation_without_packages_serves(workshop):
+def test_installation_without_packages_serves(workshop, tmp_path):
     workshop.type(WITHOUT_PACKAGES)
     workshop.type(KEYS)
     workshop.start_bus()
+    workshop.start_network(tmp_path)
     assert workshop.type(DEVICE_ITSELF).splitlines()[-1] == told_status()
     assert in_group(workshop.root, "nobody", "positioning")
