@@ -84,6 +84,17 @@ def test_handover_in_a_download_loses_nothing(two, server, client, first, second
     travels_over(second, client)
 
 
+def test_loss_of_one_of_two_networks_is_no_loss(two, server, client):
+    client.wait_for_status(KIND_ONE)
+    client.signals.clear()
+    for name in ["nmv0", "nmv1"] * 5:
+        two.down(name)
+        client.settle()
+        two.up(name)
+    travels_over("nmv0", client)
+    assert NONE not in statuses(client)
+
+
 @pytest.mark.long
 @BOTH_WAYS
 @pytest.mark.parametrize("upload", [True, False], ids=["upload", "download"])

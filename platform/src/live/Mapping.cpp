@@ -141,10 +141,11 @@ std::string identityOf(const NetworkFacts& facts, const MappingOptions& options)
     return identity;
 }
 
-bool isActivating(const NetworkFacts& facts) {
+bool mayTakeOver(const NetworkFacts& facts) {
     return std::any_of(facts.connections.begin(), facts.connections.end(),
                        [](const ConnectionFacts& each) {
-                           return each.phase == Phase::Activating && !isTunnel(each);
+                           const bool isReady = each.phase == Phase::Activated && each.isInReserve;
+                           return !isTunnel(each) && (each.phase == Phase::Activating || isReady);
                        });
 }
 

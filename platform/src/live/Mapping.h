@@ -23,8 +23,9 @@ network::ConnectionInfoContainer connectionsOf(const NetworkFacts& facts,
 /// Changes when the list changes or a connection in it was brought up anew.
 std::string identityOf(const NetworkFacts& facts, const MappingOptions& options);
 
-/// Whether some connection is being brought up that may take the place of a lost one.
-bool isActivating(const NetworkFacts& facts);
+/// Whether some connection may soon take the place of a lost one: it is being brought up, or it is
+/// up and the service has not yet made it the one that counts.
+bool mayTakeOver(const NetworkFacts& facts);
 
 /// The long name of a type that is known by a short one: "wifi" is "802-11-wireless".
 std::string longTypeName(std::string_view type);

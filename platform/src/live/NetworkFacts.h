@@ -20,8 +20,9 @@ struct ConnectionFacts {
     std::vector<std::string> lowerTypes;
     Phase phase = Phase::Activated;
     bool isPrimary = false;
-    bool hasDefaultRoute = false;
-    bool isVpn = false; ///< a tunnel over another connection
+    bool hasDefaultRoute = false; ///< whatever its metric
+    bool isInReserve = false;     ///< its default route is not the best one, as yet
+    bool isVpn = false;           ///< a tunnel over another connection
     Metered metered = Metered::Unknown;
     bool isRoaming = false; ///< its modem is registered in a foreign network
 };

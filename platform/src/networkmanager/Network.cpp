@@ -2,7 +2,7 @@
 
 #include "live/Mapping.h"
 
-#include <array>
+#include <algorithm>
 
 namespace trilba::live {
 
@@ -91,6 +91,24 @@ std::vector<NMDevice*> devicesOf(NMActiveConnection* connection) {
     return elementsOf<NMDevice>(nm_active_connection_get_devices(connection));
 }
 
+std::vector<NMIPConfig*> configsOf(NMActiveConnection* connection) {
+    std::vector<NMIPConfig*> configs;
+    for (NMIPConfig* config : {nm_active_connection_get_ip4_config(connection),
+                               nm_active_connection_get_ip6_config(connection)}) {
+        if (config != nullptr) {
+            configs.push_back(config);
+        }
+    }
+    return configs;
+}
+
+bool hasGateway(NMActiveConnection* connection) {
+    const auto configs = configsOf(connection);
+    return std::any_of(configs.begin(), configs.end(), [](NMIPConfig* config) {
+        return nm_ip_config_get_gateway(config) != nullptr;
+    });
+}
+
 ConnectionFacts factsOf(NMActiveConnection* connection, bool isPrimary,
                         const std::map<std::string, ModemFacts>& modems) {
     ConnectionFacts facts;
@@ -99,8 +117,10 @@ ConnectionFacts factsOf(NMActiveConnection* connection, bool isPrimary,
     facts.type = textOf(nm_active_connection_get_connection_type(connection));
     facts.phase = phaseOf(connection);
     facts.isPrimary = isPrimary;
-    facts.hasDefaultRoute = nm_active_connection_get_default(connection) ||
-                            nm_active_connection_get_default6(connection);
+    const bool isBest = nm_active_connection_get_default(connection) ||
+                        nm_active_connection_get_default6(connection);
+    facts.hasDefaultRoute = isBest || hasGateway(connection);
+    facts.isInReserve = hasGateway(connection) && !isBest && !isPrimary;
     facts.isVpn = nm_active_connection_get_vpn(connection);
     for (NMDevice* device : devicesOf(connection)) {
         facts.lowerTypes = lowerTypesOf(device);
@@ -161,8 +181,13 @@ void Network::look() {
          elementsOf<NMActiveConnection>(nm_client_get_active_connections(client_.get()))) {
         for (const char* signal :
              {"notify::" NM_ACTIVE_CONNECTION_STATE, "notify::" NM_ACTIVE_CONNECTION_DEFAULT,
-              "notify::" NM_ACTIVE_CONNECTION_DEFAULT6, "notify::" NM_ACTIVE_CONNECTION_DEVICES}) {
+              "notify::" NM_ACTIVE_CONNECTION_DEFAULT6, "notify::" NM_ACTIVE_CONNECTION_DEVICES,
+              "notify::" NM_ACTIVE_CONNECTION_IP4_CONFIG,
+              "notify::" NM_ACTIVE_CONNECTION_IP6_CONFIG}) {
             listen(connection, signal);
+        }
+        for (NMIPConfig* config : configsOf(connection)) {
+            listen(config, "notify::" NM_IP_CONFIG_GATEWAY);
         }
         for (NMDevice* device : devicesOf(connection)) {
             listen(device, "notify::" NM_DEVICE_METERED);

@@ -133,7 +133,7 @@ void NetworkManagerSource::see() {
     }
     identity_ = identity;
     // Whoever restarts NetworkManager leaves the network as it is.
-    const bool isHandover = isActivating(seen) || !seen.isRunning;
+    const bool isHandover = mayTakeOver(seen) || !seen.isRunning;
     timing_.see({std::move(identity), isConnected, isHandover, proxy_.isPending()}, now());
     if (const auto due = timing_.due()) {
         tellLater_.runAt(due->count());

@@ -213,10 +213,18 @@ TEST(Mapping, IdentityChangesWithTheListAndWithANewActivation) {
     EXPECT_NE(identityOf(network({roaming("gsm")}), {}), identityOf(network({primary("gsm")}), {}));
 }
 
-TEST(Mapping, HandoverIsAnotherConnectionThatComesUp) {
-    EXPECT_FALSE(isActivating(network({primary(kWifi)})));
-    EXPECT_TRUE(isActivating(network({in(Phase::Activating, way("gsm"))})));
-    EXPECT_FALSE(isActivating(network({in(Phase::Activating, way("vpn"))})));
+TEST(Mapping, ConnectionThatComesUpMayTakeOver) {
+    EXPECT_FALSE(mayTakeOver(network({primary(kWifi)})));
+    EXPECT_TRUE(mayTakeOver(network({in(Phase::Activating, way("gsm"))})));
+    EXPECT_FALSE(mayTakeOver(network({in(Phase::Activating, way("vpn"))})));
+}
+
+TEST(Mapping, ConnectionInReserveMayTakeOver) {
+    ConnectionFacts reserve = way("gsm");
+    reserve.isInReserve = true;
+    EXPECT_TRUE(mayTakeOver(network({reserve})));
+    EXPECT_FALSE(mayTakeOver(network({in(Phase::Other, reserve)})));
+    EXPECT_FALSE(mayTakeOver(network({way("gsm")})));
 }
 
 } // namespace
