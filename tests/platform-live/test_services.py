@@ -137,7 +137,7 @@ def test_flaps_leave_nothing_behind(wired, server, daemon, client, bus, times):
     client.wait_for_status(KIND_ONE)
     travels(client)
     observe.wait_until_idle(daemon.pid)
-    before, memory = daemon.holdings(), observe.allocated_bytes(daemon.pid)
+    before, memory = daemon.resources(), observe.allocated_bytes(daemon.pid)
     for _ in range(times):
         flapper.down()
         flapper.up()
@@ -145,7 +145,7 @@ def test_flaps_leave_nothing_behind(wired, server, daemon, client, bus, times):
     client.wait_for_status(KIND_ONE)
     travels(client)
     observe.wait_until_idle(daemon.pid)
-    assert daemon.holdings() == before
+    assert daemon.resources() == before
     grown = observe.allocated_bytes(daemon.pid) - memory
     assert grown < 2 * 1024 * 1024, f"{grown} bytes more after {times} flaps"
 

@@ -56,8 +56,8 @@ class MockedNetworkManager:
             "Udi": GLib.Variant("s", udi),
             "Ports": GLib.Variant("ao", []),
         }
-        self._add(path, NAME + ".Device", values)
-        self._announce(path, f"{NAME}.Device.{interface}", properties)
+        # Both at once: the type of a device is told by its interfaces.
+        self._add(path, {NAME + ".Device": values, f"{NAME}.Device.{interface}": properties})
         return path
 
     def add_connection(self, kind, *devices, primary=True, default=True, vpn=False):
@@ -74,7 +74,7 @@ class MockedNetworkManager:
             "Default6": GLib.Variant("b", False),
             "Vpn": GLib.Variant("b", vpn),
         }
-        self._add(path, NAME + ".Connection.Active", values)
+        self._add(path, {NAME + ".Connection.Active": values})
         paths = [*self._get(_PATH, NAME, "ActiveConnections"), path]
         self.set_manager(ActiveConnections=GLib.Variant("ao", paths))
         if primary:
@@ -88,15 +88,16 @@ class MockedNetworkManager:
     def report(self):
         return self.process.report()
 
-    def _add(self, path, interface, values):
-        self._call("/org/freedesktop", _MOCK, "AddObject", "(ssa{sv}a(ssss))", path, interface, values, [])
-        self._announce(path, interface, values)
-
-    def _announce(self, path, interface, values):
-        told = GLib.Variant("(oa{sa{sv}})", (path, {interface: values}))
-        arguments = [GLib.Variant("o", path), told.get_child_value(1)]
+    def _add(self, path, interfaces):
+        first = next(iter(interfaces))
+        arguments = (path, first, interfaces[first], [])
+        self._call("/org/freedesktop", _MOCK, "AddObject", "(ssa{sv}a(ssss))", *arguments)
+        told = GLib.Variant("(oa{sa{sv}})", (path, interfaces))
+        arguments = [told.get_child_value(0), told.get_child_value(1)]
         manager = "org.freedesktop.DBus.ObjectManager"
-        self._call("/org/freedesktop", _MOCK, "EmitSignal", "(sssav)", manager, "InterfacesAdded", "oa{sa{sv}}", arguments)
+        signature = "oa{sa{sv}}"
+        emit = (manager, "InterfacesAdded", signature, arguments)
+        self._call("/org/freedesktop", _MOCK, "EmitSignal", "(sssav)", *emit)
 
     def _get(self, path, interface, name):
         return self._call(path, "org.freedesktop.DBus.Properties", "Get", "(ss)", interface, name)[0]
