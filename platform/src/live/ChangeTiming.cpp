@@ -32,10 +32,14 @@ std::optional<ChangeTiming::Time> ChangeTiming::due() const {
     }
     const Time latest = firstChange_ + kLongest;
     const bool mayWait = seen_.isIncomplete && seen_.isConnected;
-    return mayWait ? latest : std::min<Time>(lastChange_ + kQuiet, latest);
+    if (mayWait) {
+        return latest;
+    }
+    return hasTold_ ? std::min<Time>(lastChange_ + kQuiet, latest) : lastChange_;
 }
 
 void ChangeTiming::tell() {
+    hasTold_ = true;
     wasConnected_ = seen_.isConnected;
     isChanged_ = false;
 }

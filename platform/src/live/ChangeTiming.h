@@ -9,7 +9,7 @@ namespace trilba::live {
 /// Decides when a change of the network is told. It reads no clock: whoever uses it says what time
 /// it is.
 ///
-/// Changes close to each other are told once. A loss is told late when another connection may take
+/// What is seen first is told at once. Changes close to each other are told once. A loss is told late when another connection may take
 /// over: requests that wait for a connection are failed when one is told.
 class ChangeTiming {
 public:
@@ -39,6 +39,7 @@ private:
     [[nodiscard]] bool isLoss() const { return wasConnected_ && !seen_.isConnected; }
 
     Sight seen_;
+    bool hasTold_ = false;
     bool wasConnected_ = false; // as told last
     bool isChanged_ = false;    // since it was told last
     Time firstChange_{0};

@@ -41,18 +41,26 @@ TEST_F(ChangeTimingTest, NothingIsDueBeforeAChange) {
     EXPECT_EQ(due(), kNever);
 }
 
-TEST_F(ChangeTimingTest, FirstConnectionIsToldWhenItIsQuiet) {
+TEST_F(ChangeTimingTest, WhatIsSeenFirstIsToldAtOnce) {
+    see(on("a"), 1000);
+    EXPECT_EQ(due(), 1000);
+}
+
+TEST_F(ChangeTimingTest, ChangeIsToldWhenItIsQuiet) {
+    connect("b");
     see(on("a"), 1000);
     EXPECT_EQ(due(), 1050);
 }
 
 TEST_F(ChangeTimingTest, SameSightAgainDoesNotDelay) {
+    connect("b");
     see(on("a"), 1000);
     see(on("a"), 1040);
     EXPECT_EQ(due(), 1050);
 }
 
 TEST_F(ChangeTimingTest, ChangesCloseToEachOtherAreToldOnce) {
+    connect("c");
     see(on("a"), 1000);
     see(on("b"), 1040);
     EXPECT_EQ(due(), 1090);
@@ -61,6 +69,7 @@ TEST_F(ChangeTimingTest, ChangesCloseToEachOtherAreToldOnce) {
 }
 
 TEST_F(ChangeTimingTest, ChangesThatGoOnAreToldAtTheLatestAfter300Milliseconds) {
+    connect("c");
     for (int at = 1000; at < 1290; at += 40) {
         see(on("a" + std::to_string(at)), at);
     }
@@ -127,10 +136,18 @@ TEST_F(ChangeTimingTest, LossThatWasToldIsNotToldAgain) {
 }
 
 TEST_F(ChangeTimingTest, NewConnectionWaitsForWhatIsStillBeingAsked) {
+    connect("c");
     see({"a", true, false, true}, 1000);
     EXPECT_EQ(due(), 1300);
     see({"a", true, false, false}, 1100);
     EXPECT_EQ(due(), 1050); // the answer has come, and the quiet time is over
+}
+
+TEST_F(ChangeTimingTest, FirstConnectionWaitsForWhatIsStillBeingAskedToo) {
+    see({"a", true, false, true}, 1000);
+    EXPECT_EQ(due(), 1300);
+    see({"a", true, false, false}, 1010);
+    EXPECT_EQ(due(), 1000);
 }
 
 TEST_F(ChangeTimingTest, LossWaitsForNoAnswer) {
