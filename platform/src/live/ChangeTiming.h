@@ -9,8 +9,9 @@ namespace trilba::live {
 /// Decides when a change of the network is told. It reads no clock: whoever uses it says what time
 /// it is.
 ///
-/// What is seen first is told at once. Changes close to each other are told once. A loss is told late when another connection may take
-/// over: requests that wait for a connection are failed when one is told.
+/// What is seen first is told at once. Changes close to each other are told once. A loss is told
+/// late when another connection may take over: requests that wait for a connection are failed when
+/// one is told.
 class ChangeTiming {
 public:
     using Time = std::chrono::microseconds; ///< of a clock that never goes back

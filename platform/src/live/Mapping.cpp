@@ -141,12 +141,24 @@ std::string identityOf(const NetworkFacts& facts, const MappingOptions& options)
     return identity;
 }
 
-bool mayTakeOver(const NetworkFacts& facts) {
-    return std::any_of(facts.connections.begin(), facts.connections.end(),
-                       [](const ConnectionFacts& each) {
-                           const bool isReady = each.phase == Phase::Activated && each.isInReserve;
-                           return !isTunnel(each) && (each.phase == Phase::Activating || isReady);
-                       });
+std::string inUse(const NetworkFacts& facts, const MappingOptions& options) {
+    const Connections ways = waysOut(facts);
+    const auto list = listOf(ways, facts, options);
+    for (std::size_t i = 0; i < ways.size(); ++i) {
+        if (list.at(i).active) {
+            return ways[i]->id;
+        }
+    }
+    return {};
+}
+
+bool mayTakeOver(const NetworkFacts& facts, const std::string& lost) {
+    return std::any_of(
+        facts.connections.begin(), facts.connections.end(), [&](const ConnectionFacts& each) {
+            const bool isReady = each.phase == Phase::Activated && each.hasDefaultRoute;
+            return each.id != lost && !isTunnel(each) &&
+                   (each.phase == Phase::Activating || isReady);
+        });
 }
 
 } // namespace trilba::live

@@ -23,9 +23,12 @@ network::ConnectionInfoContainer connectionsOf(const NetworkFacts& facts,
 /// Changes when the list changes or a connection in it was brought up anew.
 std::string identityOf(const NetworkFacts& facts, const MappingOptions& options);
 
-/// Whether some connection may soon take the place of a lost one: it is being brought up, or it is
-/// up and the service has not yet made it the one that counts.
-bool mayTakeOver(const NetworkFacts& facts);
+/// Identifies the connection in use; empty without one.
+std::string inUse(const NetworkFacts& facts, const MappingOptions& options);
+
+/// Whether a connection may soon take the place of `lost`, the one that was in use: it is being
+/// brought up, or it is up and the service has not yet found out that it leads out.
+bool mayTakeOver(const NetworkFacts& facts, const std::string& lost);
 
 /// The long name of a type that is known by a short one: "wifi" is "802-11-wireless".
 std::string longTypeName(std::string_view type);

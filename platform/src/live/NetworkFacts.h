@@ -21,7 +21,6 @@ struct ConnectionFacts {
     Phase phase = Phase::Activated;
     bool isPrimary = false;
     bool hasDefaultRoute = false; ///< whatever its metric
-    bool isInReserve = false;     ///< its default route is not the best one, as yet
     bool isVpn = false;           ///< a tunnel over another connection
     Metered metered = Metered::Unknown;
     bool isRoaming = false; ///< its modem is registered in a foreign network

@@ -117,10 +117,9 @@ ConnectionFacts factsOf(NMActiveConnection* connection, bool isPrimary,
     facts.type = textOf(nm_active_connection_get_connection_type(connection));
     facts.phase = phaseOf(connection);
     facts.isPrimary = isPrimary;
-    const bool isBest = nm_active_connection_get_default(connection) ||
-                        nm_active_connection_get_default6(connection);
-    facts.hasDefaultRoute = isBest || hasGateway(connection);
-    facts.isInReserve = hasGateway(connection) && !isBest && !isPrimary;
+    // Of several default routes the service calls only the best one so.
+    facts.hasDefaultRoute = nm_active_connection_get_default(connection) ||
+                            nm_active_connection_get_default6(connection) || hasGateway(connection);
     facts.isVpn = nm_active_connection_get_vpn(connection);
     for (NMDevice* device : devicesOf(connection)) {
         facts.lowerTypes = lowerTypesOf(device);

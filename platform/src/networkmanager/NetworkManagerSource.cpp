@@ -133,7 +133,7 @@ void NetworkManagerSource::see() {
     }
     identity_ = identity;
     // Whoever restarts NetworkManager leaves the network as it is.
-    const bool isHandover = mayTakeOver(seen) || !seen.isRunning;
+    const bool isHandover = mayTakeOver(seen, inUse_) || !seen.isRunning;
     timing_.see({std::move(identity), isConnected, isHandover, proxy_.isPending()}, now());
     if (const auto due = timing_.due()) {
         tellLater_.runAt(due->count());
@@ -144,8 +144,10 @@ void NetworkManagerSource::see() {
 
 void NetworkManagerSource::tell() {
     timing_.tell();
+    const NetworkFacts told = facts();
+    inUse_ = inUse(told, options_);
     Settings settings = described();
-    settings.connections = connectionsOf(facts(), options_);
+    settings.connections = connectionsOf(told, options_);
     state_ = std::make_shared<const Settings>(std::move(settings));
     owner_.onSourceChanged();
 }

@@ -39,6 +39,7 @@ private:
     MappingOptions options_;
     std::shared_ptr<const Settings> state_;
     std::string identity_; // of the list when the proxy was asked for last
+    std::string inUse_;    // the connection in use when the list was told last
     ChangeTiming timing_;
     OneShot tellLater_;
     ProxyQuestion proxy_;

@@ -214,17 +214,27 @@ TEST(Mapping, IdentityChangesWithTheListAndWithANewActivation) {
 }
 
 TEST(Mapping, ConnectionThatComesUpMayTakeOver) {
-    EXPECT_FALSE(mayTakeOver(network({primary(kWifi)})));
-    EXPECT_TRUE(mayTakeOver(network({in(Phase::Activating, way("gsm"))})));
-    EXPECT_FALSE(mayTakeOver(network({in(Phase::Activating, way("vpn"))})));
+    const NetworkFacts facts = network({in(Phase::Activating, way("gsm"))});
+    EXPECT_TRUE(mayTakeOver(facts, "/lost"));
+    EXPECT_FALSE(mayTakeOver(network({in(Phase::Activating, way("vpn"))}), "/lost"));
+    EXPECT_FALSE(mayTakeOver(network({in(Phase::Other, way("gsm"))}), "/lost"));
 }
 
-TEST(Mapping, ConnectionInReserveMayTakeOver) {
-    ConnectionFacts reserve = way("gsm");
-    reserve.isInReserve = true;
-    EXPECT_TRUE(mayTakeOver(network({reserve})));
-    EXPECT_FALSE(mayTakeOver(network({in(Phase::Other, reserve)})));
-    EXPECT_FALSE(mayTakeOver(network({way("gsm")})));
+TEST(Mapping, OtherConnectionThatLeadsOutMayTakeOver) {
+    NetworkFacts facts = network({primary("gsm")});
+    facts.reach = Reach::None; // as yet
+    EXPECT_TRUE(mayTakeOver(facts, "/lost"));
+    facts.connections[0].hasDefaultRoute = false;
+    EXPECT_FALSE(mayTakeOver(facts, "/lost"));
+}
+
+TEST(Mapping, ConnectionThatLeadsNowhereAnyMoreDoesNotTakeOverFromItself) {
+    NetworkFacts facts = network({primary("gsm")});
+    const std::string lost = inUse(facts, {});
+    EXPECT_EQ(lost, "/gsm");
+    facts.isBehindPortal = true;
+    EXPECT_EQ(inUse(facts, {}), "");
+    EXPECT_FALSE(mayTakeOver(facts, lost));
 }
 
 } // namespace
