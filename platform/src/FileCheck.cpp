@@ -111,10 +111,9 @@ std::string suggestedGroup(const std::string& group) {
     if (group.starts_with("connection ")) {
         return ": did you mean Connection, with a capital letter?";
     }
-    std::vector<std::string_view> names;
-    for (const KnownKey& known : kKnown) {
-        names.push_back(known.group);
-    }
+    std::array<std::string_view, kKnown.size()> names;
+    std::transform(kKnown.begin(), kKnown.end(), names.begin(),
+                   [](const KnownKey& known) { return known.group; });
     return suggestion(group, names);
 }
 

@@ -16,7 +16,6 @@ namespace trilba {
 
 namespace {
 
-constexpr const char* kPathVariable = "TRILBA_PLATFORM_CONF";
 constexpr const char* kDefaultPath = "/etc/trilba/platform.conf";
 constexpr std::size_t kLargestFile = 1024UL * 1024; // bytes; a larger one is no platform file
 
@@ -140,15 +139,21 @@ std::optional<Settings> settingsOf(const Content& content) {
     return std::nullopt;
 }
 
+/// What the environment names; empty: nothing.
+std::string namedPath() {
+    const char* named = std::getenv("TRILBA_PLATFORM_CONF");
+    return named == nullptr ? "" : named;
+}
+
 } // namespace
 
 std::string PlatformFile::path() {
-    return isNamed() ? std::getenv(kPathVariable) : kDefaultPath;
+    const std::string named = namedPath();
+    return named.empty() ? kDefaultPath : named;
 }
 
 bool PlatformFile::isNamed() {
-    const char* chosen = std::getenv(kPathVariable);
-    return chosen != nullptr && *chosen != '\0';
+    return !namedPath().empty();
 }
 
 PlatformFile::Reading PlatformFile::read(const std::string& path) {
