@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <glib-unix.h>
+#include <utility>
 
 namespace trilba::tool {
 
@@ -31,8 +32,8 @@ gboolean quit(gpointer loop) noexcept {
 
 } // namespace
 
-Watcher::Watcher(const Arguments& arguments)
-    : arguments_(arguments), manager_(network::IConnectionManager::create(nullptr)) {}
+Watcher::Watcher(Arguments arguments)
+    : arguments_(std::move(arguments)), manager_(network::IConnectionManager::create(nullptr)) {}
 
 int Watcher::run() {
     awaitAnswer();

@@ -14,7 +14,7 @@ namespace trilba::tool {
 /// Waits for the first answer and prints; goes on doing so when it is to watch.
 class Watcher {
 public:
-    explicit Watcher(const Arguments& arguments);
+    explicit Watcher(Arguments arguments);
     Watcher(const Watcher&) = delete;
     Watcher& operator=(const Watcher&) = delete;
     ~Watcher() = default;
