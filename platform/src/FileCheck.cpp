@@ -15,7 +15,7 @@ namespace trilba {
 
 namespace {
 
-enum class Type { Text, Digits, Truth, Kind, Port, Host, List, Source };
+enum class Type { Text, Digits, Truth, Kind, Port, Host, List, Types, Source };
 
 struct KnownKey {
     std::string_view group;
@@ -38,9 +38,40 @@ constexpr std::array<KnownKey, 14> kKnown{{
     {kConnection, "Flagged", Type::Truth},
     {"Proxy", "Host", Type::Host},
     {"Proxy", "Port", Type::Port},
-    {"NetworkManager", "KindOne", Type::List},
+    {"NetworkManager", "KindOne", Type::Types},
     {"NetworkManager", "FlagMetered", Type::Truth},
 }};
+
+/// Of NetworkManager's connections; the library knows some by their short names, too.
+constexpr std::array<std::string_view, 29> kConnectionTypes{"ethernet",
+                                                            "802-3-ethernet",
+                                                            "wifi",
+                                                            "802-11-wireless",
+                                                            "bt",
+                                                            "bluetooth",
+                                                            "gsm",
+                                                            "cdma",
+                                                            "pppoe",
+                                                            "adsl",
+                                                            "bridge",
+                                                            "bond",
+                                                            "team",
+                                                            "vlan",
+                                                            "macvlan",
+                                                            "veth",
+                                                            "dummy",
+                                                            "generic",
+                                                            "wireguard",
+                                                            "vpn",
+                                                            "tun",
+                                                            "ip-tunnel",
+                                                            "vxlan",
+                                                            "infiniband",
+                                                            "wpan",
+                                                            "6lowpan",
+                                                            "ovs-bridge",
+                                                            "ovs-interface",
+                                                            "802-11-olpc-mesh"};
 
 constexpr std::size_t kLongestHost = 131; // bytes that a proxy query has room for
 
@@ -191,7 +222,42 @@ Judgement judgeSource(const std::string& value) {
     return isKnown ? Judgement() : fault("is auto, file or networkmanager");
 }
 
+Judgement judgeTypes(const std::string& value) {
+    std::istringstream names(value);
+    for (std::string name; std::getline(names, name, ';');) {
+        name = trimmed(name);
+        if (std::find(kConnectionTypes.begin(), kConnectionTypes.end(), name) ==
+            kConnectionTypes.end()) {
+            return warning("has " + quoted(name) + ", which is no known type of connections" +
+                           suggestion(name, kConnectionTypes));
+        }
+    }
+    return {};
+}
+
+/// Whether GLib looks for backslashes in values of this type.
+bool hasEscapes(Type type) {
+    return type != Type::Truth && type != Type::Kind && type != Type::Port;
+}
+
+bool isList(Type type) {
+    return type == Type::List || type == Type::Types;
+}
+
+bool hasBadEscape(Type type, const std::string& value) {
+    const std::string good = isList(type) ? "sntr\\;" : "sntr\\";
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        if (value[i] == '\\' && (++i == value.size() || good.find(value[i]) == std::string::npos)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 Judgement judge(Type type, const std::string& value) {
+    if (hasEscapes(type) && hasBadEscape(type, value)) {
+        return {isList(type), "takes \\\\ for a backslash"}; // GLib gives no such list
+    }
     switch (type) {
     case Type::Digits:
         return isDigits(value) ? Judgement() : warning("consists of digits");
@@ -205,6 +271,8 @@ Judgement judge(Type type, const std::string& value) {
         return judgeHost(value);
     case Type::Source:
         return judgeSource(value);
+    case Type::Types:
+        return judgeTypes(value);
     case Type::Text:
     case Type::List:
         break;

@@ -38,10 +38,10 @@ Watcher::Watcher(Arguments arguments)
 int Watcher::run() {
     awaitAnswer();
     print();
-    if (arguments_.watch && status_ != kCannotPrint) {
+    if (arguments_.watch && !cannotPrint_) {
         watch();
     }
-    return status_;
+    return cannotPrint_ ? kCannotPrint : status_;
 }
 
 void Watcher::awaitAnswer() {
@@ -57,7 +57,12 @@ void Watcher::watch() {
     const Loop loop(g_main_loop_new(nullptr, FALSE));
     g_unix_signal_add(SIGINT, &quit, loop.get());
     g_unix_signal_add(SIGTERM, &quit, loop.get());
-    onDescriptionChange(*manager_, [this] { print(); });
+    onDescriptionChange(*manager_, [this, &loop] {
+        print();
+        if (cannotPrint_) {
+            g_main_loop_quit(loop.get());
+        }
+    });
     g_main_loop_run(loop.get());
 }
 
@@ -82,7 +87,7 @@ void Watcher::print() {
         std::fputs("\n", stdout);
     }
     if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
-        status_ = kCannotPrint;
+        cannotPrint_ = true;
     }
 }
 

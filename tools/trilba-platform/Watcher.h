@@ -31,6 +31,7 @@ private:
     const Arguments arguments_;
     std::string printed_;
     int status_ = 0;
+    bool cannotPrint_ = false; // nobody reads
     std::unique_ptr<network::IConnectionManager> manager_;
 };
 

@@ -72,6 +72,17 @@ INSTANTIATE_TEST_SUITE_P(
             "2 fault: Port=99999999999: Port is a number from 1 to 65535\n"},
         Row{"source", "[Platform]\nSource=connman\n",
             "2 fault: Source=connman: Source is auto, file or networkmanager\n"},
+        Row{"type", "[NetworkManager]\nKindOne=ethernet;wify;\n",
+            "2 warning: KindOne=ethernet;wify;: KindOne has \"wify\", which is no known type of "
+            "connections: did you mean wifi?\n"},
+        Row{"backslash", "[System]\nMmf=a\\q\n",
+            "2 warning: Mmf=a\\q: Mmf takes \\\\ for a backslash\n"},
+        Row{"backslash at the end", "[System]\nPlatformId=a\\\n",
+            "2 warning: PlatformId=a\\: PlatformId takes \\\\ for a backslash\n"},
+        Row{"backslash in a list", "[Connections]\nList=a\\b;\n",
+            "2 warning: \"a\\b\" is left out: there is no [Connection a\\b]\n"
+            "2 fault: List=a\\b;: List takes \\\\ for a backslash\n"},
+        Row{"good backslashes", "[System]\nMmf=a\\\\q\\s\n[NetworkManager]\nKindOne=vlan;\n", ""},
         Row{"letters in a number", "[System]\nImei=49015420323751x\n",
             "2 warning: Imei=49015420323751x: Imei consists of digits\n"},
         Row{"host as a URL", "[Proxy]\nHost=http://h:1\n",
