@@ -35,7 +35,9 @@ SourceName chosenSource(const Settings& file, const Surroundings& surroundings) 
 }
 
 SourceName chosenSource(const Settings& file) {
-    return chosenSource(file, {PlatformFile::isNamed(), SourceModule::isInstalled()});
+    const bool fileIsNamed = PlatformFile::isNamed();
+    const bool isOpen = file.source == SourceWish::Auto && !file.saysConnections && !fileIsNamed;
+    return chosenSource(file, {fileIsNamed, isOpen && SourceModule::isInstalled()});
 }
 
 Settings overridden(const Settings& live, const Settings& file) {

@@ -121,9 +121,9 @@ void ConnectionManager::readFile() {
 }
 
 /// Keeps the source when it is the one that is wanted. A live source that cannot be had knows
-/// nothing, like one that has had no answer yet.
+/// nothing, like one that has had no answer yet; each reading of the file tries to have it.
 void ConnectionManager::useSource(SourceName name) {
-    if (source_ && name == sourceName_) {
+    if (source_ && name == sourceName_ && !isAbsent_) {
         return;
     }
     source_.reset();
@@ -132,8 +132,10 @@ void ConnectionManager::useSource(SourceName name) {
     if (name == SourceName::NetworkManager) {
         std::string fault;
         source_ = SourceModule::makeSource(*this, fault);
+        isAbsent_ = source_ == nullptr;
         source_ = source_ ? std::move(source_) : std::make_unique<AbsentSource>(fault);
     } else {
+        isAbsent_ = false;
         source_ = std::make_unique<FileSource>();
     }
 }

@@ -52,6 +52,7 @@ private:
     FileWatcher watcher_;                                // main-loop thread only
     SourceName sourceName_ = SourceName::File;           // main-loop thread only
     std::unique_ptr<IPlatformSource> source_;            // main-loop thread only
+    bool isAbsent_ = false;                              // main-loop thread only; an AbsentSource
     std::function<void()> heard_;                        // main-loop thread only
     // Main-loop thread only. It is declared last, so it ends first. A notification that finds it
     // gone uses nothing else of the manager.

@@ -110,10 +110,17 @@ public:
 
     std::shared_ptr<const Settings> of(const std::string& path) {
         const std::lock_guard hold(libraryMutex());
-        return settings_ && path_ == path ? settings_ : std::make_shared<const Settings>();
+        return settings_ && path_ == path ? settings_ : std::make_shared<const Settings>(unread());
     }
 
 private:
+    /// Nobody knows what the file says, so no other source may take its place.
+    static Settings unread() {
+        Settings settings;
+        settings.source = SourceWish::File;
+        return settings;
+    }
+
     std::uint64_t begun_ = 0;                  // guarded by libraryMutex()
     std::uint64_t kept_ = 0;                   // guarded by libraryMutex()
     std::string path_;                         // guarded by libraryMutex()

@@ -29,7 +29,8 @@ public:
     static bool isNamed();
 
     /// What the file at `path` says now. Missing file: the defaults. A file that cannot be read or
-    /// parsed: what this file said when it was last good, or the defaults when it never was.
+    /// parsed: what this file said when it was last good; when it never was, the defaults with the
+    /// file as the source.
     static Reading read(const std::string& path);
 };
 

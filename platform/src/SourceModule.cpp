@@ -27,7 +27,8 @@ std::string SourceModule::path() {
 }
 
 bool SourceModule::isInstalled() {
-    return access(path().c_str(), R_OK) == 0;
+    static const bool wasInstalled = access(path().c_str(), R_OK) == 0;
+    return wasInstalled;
 }
 
 std::unique_ptr<IPlatformSource> SourceModule::makeSource(ISourceOwner& owner, std::string& fault) {

@@ -14,7 +14,8 @@ class SourceModule {
 public:
     static std::string path();
 
-    /// Whether the module is there. Any thread.
+    /// Whether the module was there when this was asked first: the answers of one process come from
+    /// one source. Any thread.
     static bool isInstalled();
 
     /// Loads the module, once, and makes a source. Main-loop thread.

@@ -2,8 +2,11 @@
 
 #include "Answers.h"
 
+#include "PlatformFile.h"
 #include "Settings.h"
 
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 
 namespace trilba::test {
@@ -58,6 +61,14 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(PlatformFile, WithAnUnknownSourceIsNotUsed) {
     EXPECT_FALSE(parseSettings("[Platform]\nSource=connman\n"));
+}
+
+TEST(PlatformFile, ThatWasNeverGoodLeavesItsPlaceToNoOtherSource) {
+    const auto path = std::filesystem::temp_directory_path() / "trilba-never-good.conf";
+    std::ofstream(path) << "[Connections]\nList=a;\n[Connection a]\nKind=wifi\n";
+    const auto reading = PlatformFile::read(path);
+    std::filesystem::remove(path);
+    EXPECT_EQ(chosenSource(*reading.settings, kModule), kFile);
 }
 
 TEST(PlatformFile, WithAFlagMeteredThatIsNoneIsNotUsed) {

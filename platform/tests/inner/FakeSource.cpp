@@ -30,6 +30,7 @@ std::string SourceModule::path() {
 }
 
 bool SourceModule::isInstalled() {
+    ++FakeModule::instance().lookedFor;
     return FakeModule::instance().isInstalled;
 }
 

@@ -11,6 +11,7 @@ namespace trilba::test {
 /// What stands in for the module of the NetworkManager source, and for what it makes.
 struct FakeModule {
     bool isInstalled = true;
+    int lookedFor = 0; ///< how often somebody asked whether it is installed
     std::string fault; ///< why no source can be made; empty: it can
     int made = 0;
     int alive = 0;

@@ -141,6 +141,25 @@ TEST_F(LiveSourceTest, ThatCannotBeMadeMeansNoConnection) {
     EXPECT_TRUE(remarks[0].isFault);
 }
 
+TEST_F(LiveSourceTest, ThatCouldNotBeMadeIsMadeWhenTheFileChanges) {
+    module_.fault = "libnm is missing";
+    module_.know(knowing("net"));
+    manager_ = makeManager();
+    module_.fault.clear();
+    replace(std::string(kLive) + "[Proxy]\n");
+    EXPECT_TRUE(runLoopUntil([&] { return firstName(*manager_) == "net"; }));
+    EXPECT_EQ(describe(*manager_).remarks.at(0).text, "fake");
+}
+
+TEST_F(LiveSourceTest, IsLookedForOnlyWhereTheFileLeavesItOpen) {
+    manager_ = makeManager();
+    imei();
+    write(listOf("named"));
+    manager_ = makeManager();
+    imei();
+    EXPECT_EQ(module_.lookedFor, 0);
+}
+
 TEST_F(LiveSourceTest, EndsItsAnswersWithTheManager) {
     module_.know(knowing("net"));
     manager_ = makeManager();
