@@ -12,6 +12,8 @@ namespace trilba {
 struct Remark {
     std::string text;
     bool isFault = false; ///< nothing will work until it is mended
+
+    bool operator==(const Remark&) const = default;
 };
 
 /// Hears what a source has to tell. Main-loop thread. Either call may destroy the source that makes
@@ -23,7 +25,7 @@ public:
     /// The list of connections changed, or the network below it, or all of the state.
     virtual void onSourceChanged() = 0;
 
-    /// Something else changed: identity or proxy. Nobody has to be notified of that.
+    /// Something else changed: identity, proxy or remarks. Nobody has to be notified of that.
     virtual void onSourceDetailsChanged() = 0;
 };
 
@@ -39,7 +41,7 @@ public:
     virtual void follow(const std::shared_ptr<const Settings>& file) = 0;
 
     /// What the source knows at this moment; never null. The list of connections changes only
-    /// together with `onSourceChanged` and within `follow`.
+    /// together with `onSourceChanged`, and within `follow` of a source that is the file itself.
     [[nodiscard]] virtual std::shared_ptr<const Settings> state() const = 0;
 
     /// Whether the state is more than what holds until the first answer.

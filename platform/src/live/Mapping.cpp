@@ -87,8 +87,12 @@ Connections waysOut(const NetworkFacts& facts) {
     if (std::any_of(ways.begin(), ways.end(), carries)) {
         std::erase_if(ways, [](const ConnectionFacts* way) { return isTunnel(*way); });
     }
-    std::stable_partition(ways.begin(), ways.end(),
-                          [](const ConnectionFacts* way) { return way->isPrimary; });
+    // None is primary when a tunnel is.
+    std::stable_sort(ways.begin(), ways.end(),
+                     [](const ConnectionFacts* left, const ConnectionFacts* right) {
+                         return left->isPrimary != right->isPrimary ? left->isPrimary
+                                                                    : left->metric < right->metric;
+                     });
     return ways;
 }
 
@@ -103,7 +107,9 @@ network::ConnectionInfoContainer listOf(const Connections& ways, const NetworkFa
     for (const ConnectionFacts* way : ways) {
         const bool active = way->phase == Phase::Activated && isConnected(facts);
         const int kind = kindOf(*way, options);
-        const bool restricted = way->isRoaming || (options.flagMetered && isMetered(*way));
+        // As long as nobody knows, it may cost.
+        const bool restricted =
+            way->roaming != Roaming::No || (options.flagMetered && isMetered(*way));
         list.add({way->name, kind, active, active && isInUse && kind == kOther && restricted});
         isInUse = isInUse && !active;
     }
@@ -139,6 +145,12 @@ std::string identityOf(const NetworkFacts& facts, const MappingOptions& options)
                     (entry.active ? " active" : "") + (entry.flagged ? " flagged" : "") + '\n';
     }
     return identity;
+}
+
+bool isIncomplete(const NetworkFacts& facts) {
+    const Connections ways = waysOut(facts);
+    return std::any_of(ways.begin(), ways.end(),
+                       [](const ConnectionFacts* way) { return way->roaming == Roaming::Unknown; });
 }
 
 std::string inUse(const NetworkFacts& facts, const MappingOptions& options) {

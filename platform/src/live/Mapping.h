@@ -23,6 +23,9 @@ network::ConnectionInfoContainer connectionsOf(const NetworkFacts& facts,
 /// Changes when the list changes or a connection in it was brought up anew.
 std::string identityOf(const NetworkFacts& facts, const MappingOptions& options);
 
+/// Whether more is being asked about what is in the list.
+bool isIncomplete(const NetworkFacts& facts);
+
 /// Identifies the connection in use; empty without one.
 std::string inUse(const NetworkFacts& facts, const MappingOptions& options);
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -11,6 +13,9 @@ enum class Metered { Unknown, Yes, No, GuessYes, GuessNo };
 /// How far a connection has come.
 enum class Phase { Activating, Activated, Other };
 
+/// Whether a connection's modem is registered in a foreign network. Unknown: nobody has said yet.
+enum class Roaming { No, Yes, Unknown };
+
 /// A connection that is up, or is being brought up.
 struct ConnectionFacts {
     std::string id;   ///< changes with each activation
@@ -21,9 +26,11 @@ struct ConnectionFacts {
     Phase phase = Phase::Activated;
     bool isPrimary = false;
     bool hasDefaultRoute = false; ///< whatever its metric
-    bool isVpn = false;           ///< a tunnel over another connection
+    static constexpr std::int64_t kNoMetric = std::numeric_limits<std::int64_t>::max();
+    std::int64_t metric = kNoMetric; ///< of its default route; the smallest is used
+    bool isVpn = false;              ///< a tunnel over another connection
     Metered metered = Metered::Unknown;
-    bool isRoaming = false; ///< its modem is registered in a foreign network
+    Roaming roaming = Roaming::No;
 };
 
 /// How far the machine as a whole is connected.

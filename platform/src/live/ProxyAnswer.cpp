@@ -9,6 +9,8 @@ namespace trilba::live {
 
 namespace {
 
+constexpr std::uint32_t kHttpPort = 80; // of a URI that names none
+
 using Uri = std::unique_ptr<GUri, FreeWith<g_uri_unref>>;
 
 /// The answer without what may be secret in it.
@@ -44,9 +46,7 @@ std::optional<ProxyAnswer> httpProxy(const std::string& answer, std::string& fau
         return std::nullopt;
     }
     const int port = g_uri_get_port(uri.get());
-    if (port > 0) {
-        proxy.port = static_cast<std::uint32_t>(port);
-    }
+    proxy.port = port > 0 ? static_cast<std::uint32_t>(port) : kHttpPort;
     return proxy;
 }
 

@@ -10,7 +10,7 @@ namespace trilba::live {
 /// A proxy as the library answers with it.
 struct ProxyAnswer {
     std::string host;                  ///< empty: no proxy; an IPv6 address is in brackets
-    std::optional<std::uint32_t> port; ///< absent: the caller's own
+    std::optional<std::uint32_t> port; ///< absent: there is no proxy
     std::string remark;                ///< for people; empty when there is nothing to say
 };
 

@@ -1,10 +1,29 @@
 #include "networkmanager/Modems.h"
 
+#include <set>
+
 namespace trilba::live {
 
 namespace {
 
 constexpr const char* kName = "org.freedesktop.ModemManager1";
+constexpr gint64 kPauseBeforeAskingAgain = 10 * G_USEC_PER_SEC;
+
+/// The libraries' own functions for this print a warning when an object has no such interface.
+template <typename T> Object<T> interfaceOf(MMObject* object, const char* name, GType type) {
+    Object<GDBusInterface> found(g_dbus_object_get_interface(G_DBUS_OBJECT(object), name));
+    const bool isOne = found && G_TYPE_CHECK_INSTANCE_TYPE(found.get(), type);
+    return Object<T>(isOne ? reinterpret_cast<T*>(found.release()) : nullptr);
+}
+
+Object<MMModem> modemOf(MMObject* object) {
+    return interfaceOf<MMModem>(object, "org.freedesktop.ModemManager1.Modem", MM_TYPE_MODEM);
+}
+
+Object<MMModem3gpp> mobileNetworkOf(MMObject* object) {
+    return interfaceOf<MMModem3gpp>(object, "org.freedesktop.ModemManager1.Modem.Modem3gpp",
+                                    MM_TYPE_MODEM_3GPP);
+}
 
 std::string textOf(const char* text) {
     return text == nullptr ? "" : text;
@@ -35,7 +54,7 @@ bool isLocked(MMModem* modem) {
 } // namespace
 
 Modems::Modems(GDBusConnection* bus, std::function<void()> onChange)
-    : bus_(shared(bus)), onChange_(std::move(onChange)) {
+    : bus_(shared(bus)), onChange_(std::move(onChange)), askAgain_([this] { ask(); }) {
     const auto onAppeared =
         +[](GDBusConnection*, const char*, const char*, gpointer self) noexcept {
             static_cast<Modems*>(self)->onAppeared();
@@ -52,6 +71,17 @@ Modems::~Modems() {
 }
 
 void Modems::onAppeared() {
+    hasAnswered_ = false;
+    ask();
+    onChange_();
+}
+
+/// For the modems, or, when they are known, for the cards that have not been told.
+void Modems::ask() {
+    if (manager_) {
+        look();
+        return;
+    }
     mm_manager_new(bus_.get(), G_DBUS_OBJECT_MANAGER_CLIENT_FLAGS_DO_NOT_AUTO_START,
                    pending_->cancellable(), &PendingAnswers::arrive,
                    pending_->expect([this](GObject*, GAsyncResult* result) { onManager(result); }));
@@ -59,6 +89,7 @@ void Modems::onAppeared() {
 
 void Modems::onVanished() {
     pending_ = std::make_unique<PendingAnswers>();
+    askAgain_.stop();
     questions_ = 0;
     handlers_.clear();
     cards_.clear();
@@ -69,8 +100,16 @@ void Modems::onVanished() {
 
 void Modems::onManager(GAsyncResult* result) {
     manager_.reset(mm_manager_new_finish(result, nullptr));
-    hasAnswered_ = true; // or it will not answer
-    look();
+    hasAnswered_ = manager_ != nullptr;
+    if (hasAnswered_) {
+        look();
+    } else {
+        askLater();
+    }
+}
+
+void Modems::askLater() {
+    askAgain_.runAt(g_get_monotonic_time() + kPauseBeforeAskingAgain);
 }
 
 void Modems::listen(gpointer object, const char* signal) {
@@ -86,23 +125,26 @@ void Modems::look() {
     if (manager_) {
         listen(manager_.get(), "object-added");
         listen(manager_.get(), "object-removed");
+        std::set<std::string> paths;
         for (const auto& object : objectsOf(manager_.get())) {
             lookAt(object.get());
+            paths.insert(mm_object_get_path(object.get()));
         }
+        std::erase_if(cards_, [&](const auto& card) { return !paths.contains(card.first); });
     }
     onChange_();
 }
 
 void Modems::lookAt(MMObject* object) {
-    if (MMModem* modem = mm_object_peek_modem(object); modem != nullptr) {
+    if (const auto modem = modemOf(object)) {
         for (const char* signal :
              {"notify::equipment-identifier", "notify::revision", "notify::sim", "notify::state"}) {
-            listen(modem, signal);
+            listen(modem.get(), signal);
         }
-        askForCard(mm_object_get_path(object), modem);
+        askForCard(mm_object_get_path(object), modem.get());
     }
-    if (MMModem3gpp* network = mm_object_peek_modem_3gpp(object); network != nullptr) {
-        listen(network, "notify::registration-state");
+    if (const auto network = mobileNetworkOf(object)) {
+        listen(network.get(), "notify::registration-state");
     }
     listen(object, "interface-added");
     listen(object, "interface-removed");
@@ -123,36 +165,47 @@ void Modems::askForCard(const std::string& modem, MMModem* interface) {
         return;
     }
     ++questions_;
-    mm_modem_get_sim(interface, pending_->cancellable(), &PendingAnswers::arrive,
-                     pending_->expect([this, modem, path](GObject* source, GAsyncResult* result) {
-                         --questions_;
-                         Object<MMSim> sim(
-                             mm_modem_get_sim_finish(MM_MODEM(source), result, nullptr));
-                         Card& asked = cards_[modem];
-                         if (asked.path == path) {
-                             asked.sim = std::move(sim);
-                         }
-                         look();
-                     }));
+    mm_modem_get_sim(
+        interface, pending_->cancellable(), &PendingAnswers::arrive,
+        pending_->expect([this, modem, path](GObject* source, GAsyncResult* result) {
+            --questions_;
+            onCard(modem, path,
+                   Object<MMSim>(mm_modem_get_sim_finish(MM_MODEM(source), result, nullptr)));
+        }));
+}
+
+/// @param sim  null when there was no answer
+void Modems::onCard(const std::string& modem, const std::string& path, Object<MMSim> sim) {
+    const auto card = cards_.find(modem);
+    if (card == cards_.end() || card->second.path != path) {
+        return; // modem or card have gone in the meantime
+    }
+    if (sim) {
+        card->second.sim = std::move(sim);
+        look();
+    } else {
+        cards_.erase(card);
+        askLater();
+    }
 }
 
 std::map<std::string, ModemFacts> Modems::facts() const {
     std::map<std::string, ModemFacts> facts;
     for (const auto& object : manager_ ? objectsOf(manager_.get()) : Objects()) {
-        MMModem* modem = mm_object_peek_modem(object.get());
-        if (modem == nullptr) {
+        const auto modem = modemOf(object.get());
+        if (!modem) {
             continue;
         }
         const std::string path = mm_object_get_path(object.get());
         ModemFacts& told = facts[path];
-        told.imei = textOf(mm_modem_get_equipment_identifier(modem));
-        told.firmware = firstLine(mm_modem_get_revision(modem));
+        told.imei = textOf(mm_modem_get_equipment_identifier(modem.get()));
+        told.firmware = firstLine(mm_modem_get_revision(modem.get()));
         const auto card = cards_.find(path);
-        if (card != cards_.end() && card->second.sim && !isLocked(modem)) {
+        if (card != cards_.end() && card->second.sim && !isLocked(modem.get())) {
             told.imsi = textOf(mm_sim_get_imsi(card->second.sim.get()));
         }
-        if (MMModem3gpp* network = mm_object_peek_modem_3gpp(object.get()); network != nullptr) {
-            told.registration = mm_modem_3gpp_get_registration_state(network);
+        if (const auto network = mobileNetworkOf(object.get())) {
+            told.registration = mm_modem_3gpp_get_registration_state(network.get());
         }
     }
     return facts;

@@ -32,7 +32,10 @@ public:
     /// By object path. Empty while ModemManager does not run.
     [[nodiscard]] std::map<std::string, ModemFacts> facts() const;
 
-    /// Whether ModemManager has answered all questions, or does not run.
+    /// Whether ModemManager has told its modems, or does not run.
+    [[nodiscard]] bool areKnown() const { return hasAnswered_; }
+
+    /// Whether it has answered all other questions, too.
     [[nodiscard]] bool hasAnswered() const { return hasAnswered_ && questions_ == 0; }
 
 private:
@@ -43,10 +46,13 @@ private:
 
     void onAppeared();
     void onVanished();
+    void ask();
+    void askLater();
     void onManager(GAsyncResult* result);
     void look();
     void lookAt(MMObject* object);
     void askForCard(const std::string& modem, MMModem* interface);
+    void onCard(const std::string& modem, const std::string& path, Object<MMSim> sim);
     void listen(gpointer object, const char* signal);
 
     Object<GDBusConnection> bus_;
@@ -56,6 +62,7 @@ private:
     Object<MMManager> manager_;
     std::vector<SignalHandler> handlers_;
     std::map<std::string, Card> cards_; // by the modem's object path
+    OneShot askAgain_;
     std::unique_ptr<PendingAnswers> pending_ = std::make_unique<PendingAnswers>();
     guint watch_ = 0;
 };

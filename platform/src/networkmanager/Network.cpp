@@ -102,6 +102,11 @@ std::vector<NMIPConfig*> configsOf(NMActiveConnection* connection) {
     return configs;
 }
 
+struct ModemsNow {
+    bool areKnown;
+    std::map<std::string, ModemFacts> facts;
+};
+
 bool hasGateway(NMActiveConnection* connection) {
     const auto configs = configsOf(connection);
     return std::any_of(configs.begin(), configs.end(), [](NMIPConfig* config) {
@@ -109,8 +114,36 @@ bool hasGateway(NMActiveConnection* connection) {
     });
 }
 
-ConnectionFacts factsOf(NMActiveConnection* connection, bool isPrimary,
-                        const std::map<std::string, ModemFacts>& modems) {
+/// Of the best default route.
+std::int64_t metricOf(NMActiveConnection* connection) {
+    std::int64_t best = ConnectionFacts::kNoMetric;
+    for (NMIPConfig* config : configsOf(connection)) {
+        for (NMIPRoute* route : elementsOf<NMIPRoute>(nm_ip_config_get_routes(config))) {
+            const std::int64_t metric = nm_ip_route_get_metric(route);
+            if (nm_ip_route_get_prefix(route) == 0 && metric >= 0) {
+                best = std::min(best, metric);
+            }
+        }
+    }
+    return best;
+}
+
+/// Modem devices have the paths of ModemManager's modems.
+Roaming roamingOf(NMDevice* device, const std::string& type, const ModemsNow& modems) {
+    const auto modem = modems.facts.find(textOf(nm_device_get_udi(device)));
+    if (modem != modems.facts.end()) {
+        return isRoamingState(modem->second.registration) ? Roaming::Yes : Roaming::No;
+    }
+    return type == NM_SETTING_GSM_SETTING_NAME && !modems.areKnown ? Roaming::Unknown : Roaming::No;
+}
+
+/// When NetworkManager has not answered in time, the library goes on as if it had told nothing, and
+/// never asks again.
+bool isEmpty(NMClient* client) {
+    return nm_client_get_nm_running(client) && nm_client_get_version(client) == nullptr;
+}
+
+ConnectionFacts factsOf(NMActiveConnection* connection, bool isPrimary, const ModemsNow& modems) {
     ConnectionFacts facts;
     facts.id = textOf(nm_object_get_path(NM_OBJECT(connection)));
     facts.name = textOf(nm_active_connection_get_id(connection));
@@ -120,12 +153,12 @@ ConnectionFacts factsOf(NMActiveConnection* connection, bool isPrimary,
     // Of several default routes the service calls only the best one so.
     facts.hasDefaultRoute = nm_active_connection_get_default(connection) ||
                             nm_active_connection_get_default6(connection) || hasGateway(connection);
+    facts.metric = metricOf(connection);
     facts.isVpn = nm_active_connection_get_vpn(connection);
     for (NMDevice* device : devicesOf(connection)) {
         facts.lowerTypes = lowerTypesOf(device);
         facts.metered = meteredOf(device);
-        const auto modem = modems.find(textOf(nm_device_get_udi(device)));
-        facts.isRoaming = modem != modems.end() && isRoamingState(modem->second.registration);
+        facts.roaming = roamingOf(device, facts.type, modems);
     }
     return facts;
 }
@@ -156,8 +189,12 @@ void Network::onClient(GAsyncResult* result) {
     if (client_) {
         look();
     } else {
-        askAgain_.runAt(g_get_monotonic_time() + kPauseBeforeAskingAgain);
+        askLater();
     }
+}
+
+void Network::askLater() {
+    askAgain_.runAt(g_get_monotonic_time() + kPauseBeforeAskingAgain);
 }
 
 void Network::listen(gpointer object, const char* signal) {
@@ -169,6 +206,13 @@ void Network::listen(gpointer object, const char* signal) {
 
 /// Listens to all that there is now. Handlers come and go with the objects.
 void Network::look() {
+    if (isEmpty(client_.get())) {
+        handlers_.clear();
+        client_.reset();
+        askLater();
+        onChange_();
+        return;
+    }
     const auto old = std::exchange(handlers_, {});
     for (const char* signal :
          {"notify::" NM_CLIENT_NM_RUNNING, "notify::" NM_CLIENT_STATE,
@@ -187,17 +231,32 @@ void Network::look() {
         }
         for (NMIPConfig* config : configsOf(connection)) {
             listen(config, "notify::" NM_IP_CONFIG_GATEWAY);
+            listen(config, "notify::" NM_IP_CONFIG_ROUTES);
         }
         for (NMDevice* device : devicesOf(connection)) {
             listen(device, "notify::" NM_DEVICE_METERED);
             listen(device, "notify::" NM_DEVICE_UDI);
-            listen(device, "notify::" NM_DEVICE_PORTS);
+            listenBelow(device, kMostLevels);
         }
     }
     onChange_();
 }
 
-NetworkFacts Network::facts(const std::map<std::string, ModemFacts>& modems) const {
+/// What changes the devices below a device.
+void Network::listenBelow(NMDevice* device, int levels) {
+    listen(device, "notify::" NM_DEVICE_PORTS);
+    if (NM_IS_DEVICE_VLAN(device)) {
+        listen(device, "notify::" NM_DEVICE_VLAN_PARENT);
+    }
+    if (NM_IS_DEVICE_MACVLAN(device)) {
+        listen(device, "notify::" NM_DEVICE_MACVLAN_PARENT);
+    }
+    for (NMDevice* each : levels > 0 ? lowerDevices(device) : std::vector<NMDevice*>()) {
+        listenBelow(each, levels - 1);
+    }
+}
+
+NetworkFacts Network::facts(const Modems& modems) const {
     NetworkFacts facts;
     if (!client_ || !nm_client_get_nm_running(client_.get())) {
         return facts;
@@ -206,10 +265,11 @@ NetworkFacts Network::facts(const std::map<std::string, ModemFacts>& modems) con
     facts.reach = reachOf(nm_client_get_state(client_.get()));
     facts.isBehindPortal = nm_client_connectivity_check_get_enabled(client_.get()) &&
                            nm_client_get_connectivity(client_.get()) == NM_CONNECTIVITY_PORTAL;
+    const ModemsNow modemsNow{modems.areKnown(), modems.facts()};
     const NMActiveConnection* primary = nm_client_get_primary_connection(client_.get());
     for (auto* connection :
          elementsOf<NMActiveConnection>(nm_client_get_active_connections(client_.get()))) {
-        facts.connections.push_back(factsOf(connection, connection == primary, modems));
+        facts.connections.push_back(factsOf(connection, connection == primary, modemsNow));
     }
     return facts;
 }

@@ -21,17 +21,19 @@ public:
     Network& operator=(const Network&) = delete;
     ~Network() = default;
 
-    /// `modems` by the paths that modem devices have of them.
-    [[nodiscard]] NetworkFacts facts(const std::map<std::string, ModemFacts>& modems) const;
+    /// With what the modems tell of their networks.
+    [[nodiscard]] NetworkFacts facts(const Modems& modems) const;
 
     /// Whether NetworkManager has answered, or does not run.
     [[nodiscard]] bool hasAnswered() const { return client_ != nullptr; }
 
 private:
     void ask();
+    void askLater();
     void onClient(GAsyncResult* result);
     void look();
     void listen(gpointer object, const char* signal);
+    void listenBelow(NMDevice* device, int levels);
 
     Object<GDBusConnection> bus_;
     std::function<void()> onChange_;

@@ -47,9 +47,8 @@ void NetworkManagerSource::follow(const std::shared_ptr<const Settings>& file) {
     }
     // Whoever changed the file may have changed the system's proxy, too.
     proxy_.ask();
-    Settings settings = described();
-    settings.connections = connectionsOf(facts(), options_);
-    state_ = std::make_shared<const Settings>(std::move(settings));
+    see();
+    takeDetails();
 }
 
 bool NetworkManagerSource::hasAnswered() const {
@@ -81,12 +80,13 @@ void NetworkManagerSource::onBusChanged() {
         modems_.emplace(bus_.connection(), [this] { onChanged(); });
         network_.emplace(bus_.connection(), [this] { onChanged(); });
     }
-    see();
+    onChanged();
 }
 
 void NetworkManagerSource::onChanged() {
     see();
-    if (takeDetails()) {
+    const auto oldRemarks = std::exchange(remarks_, remarks());
+    if (takeDetails() || remarks_ != oldRemarks) {
         owner_.onSourceDetailsChanged();
     }
 }
@@ -96,7 +96,7 @@ void NetworkManagerSource::onProxyAnswered() {
 }
 
 NetworkFacts NetworkManagerSource::facts() const {
-    return network_ ? network_->facts(modems_->facts()) : NetworkFacts();
+    return network_ ? network_->facts(*modems_) : NetworkFacts();
 }
 
 /// Everything but the list of connections, which changes only when it is told.
@@ -134,7 +134,8 @@ void NetworkManagerSource::see() {
     identity_ = identity;
     // Whoever restarts NetworkManager leaves the network as it is.
     const bool isHandover = mayTakeOver(seen, inUse_) || !seen.isRunning;
-    timing_.see({std::move(identity), isConnected, isHandover, proxy_.isPending()}, now());
+    const bool isStillAsking = proxy_.isPending() || isIncomplete(seen);
+    timing_.see({std::move(identity), isConnected, isHandover, isStillAsking}, now());
     if (const auto due = timing_.due()) {
         tellLater_.runAt(due->count());
     } else {
@@ -142,7 +143,14 @@ void NetworkManagerSource::see() {
     }
 }
 
+/// Tells what there is now, unless that gives a reason to wait again.
 void NetworkManagerSource::tell() {
+    see();
+    const auto due = timing_.due();
+    if (!due || *due > now()) {
+        return;
+    }
+    tellLater_.stop();
     timing_.tell();
     const NetworkFacts told = facts();
     inUse_ = inUse(told, options_);

@@ -38,8 +38,9 @@ private:
     ISourceOwner& owner_;
     MappingOptions options_;
     std::shared_ptr<const Settings> state_;
-    std::string identity_; // of the list when the proxy was asked for last
-    std::string inUse_;    // the connection in use when the list was told last
+    std::string identity_;        // of the list when the proxy was asked for last
+    std::string inUse_;           // the connection in use when the list was told last
+    std::vector<Remark> remarks_; // as they were when something changed last
     ChangeTiming timing_;
     OneShot tellLater_;
     ProxyQuestion proxy_;

@@ -27,6 +27,7 @@ private:
     void onAnswer(GObject* resolver, GAsyncResult* result);
 
     std::function<void()> onAnswer_;
+    Object<GProxyResolver> resolver_;
     ProxyAnswer answer_;
     std::unique_ptr<PendingAnswers> pending_;
 };

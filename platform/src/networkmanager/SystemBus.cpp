@@ -46,6 +46,10 @@ void SystemBus::onConnected(GAsyncResult* result) {
         static_cast<SystemBus*>(self)->onClosed();
     };
     closed_.emplace(connection_.get(), "closed", G_CALLBACK(onClosed), this);
+    if (g_dbus_connection_is_closed(connection_.get())) { // before anybody listened
+        this->onClosed();
+        return;
+    }
     onChange_();
 }
 

@@ -34,7 +34,13 @@ ConnectionFacts metered(const std::string& type, Metered value) {
 
 ConnectionFacts roaming(const std::string& type, Metered value = Metered::Unknown) {
     ConnectionFacts facts = metered(type, value);
-    facts.isRoaming = true;
+    facts.roaming = Roaming::Yes;
+    return facts;
+}
+
+ConnectionFacts maybeRoaming(const std::string& type) {
+    ConnectionFacts facts = primary(type);
+    facts.roaming = Roaming::Unknown;
     return facts;
 }
 
@@ -117,6 +123,7 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"flagged by a guess", metered("gsm", Metered::GuessYes), kFlag, "gsm:2+!"},
         Row{"kind 1 has no flag", metered(kWifi, Metered::No), kFlag, "802-11-wireless:1+"},
         Row{"roaming", roaming("gsm"), {}, "gsm:2+!"},
+        Row{"perhaps roaming", maybeRoaming("gsm"), {}, "gsm:2+!"},
         Row{"roaming as kind 1", roaming("gsm"), kWithGsm, "gsm:1+"},
         Row{"roaming and metered", roaming("gsm", Metered::Yes), kWithGsm, "gsm:2+!"}));
 
@@ -152,6 +159,15 @@ TEST(Mapping, OfAVpnCountsTheConnectionBelow) {
 
 TEST(Mapping, OfATunnelThatIsPrimaryCountsTheConnectionBelow) {
     EXPECT_EQ(shortList(network({primary("wireguard"), way(kWifi)})), "802-11-wireless:1+");
+}
+
+TEST(Mapping, BelowATunnelTheBestRouteIsTheFirst) {
+    ConnectionFacts gsm = way("gsm");
+    ConnectionFacts wifi = way(kWifi);
+    gsm.metric = 700;
+    wifi.metric = 600;
+    EXPECT_EQ(shortList(network({way(kEthernet), gsm, primary("wireguard"), wifi})),
+              "802-11-wireless:1+ gsm:2+ 802-3-ethernet:1+");
 }
 
 TEST(Mapping, TunnelAloneCounts) {
@@ -211,6 +227,12 @@ TEST(Mapping, IdentityChangesWithTheListAndWithANewActivation) {
     EXPECT_NE(identityOf(facts, {}), identityOf(again, {}));
     EXPECT_NE(identityOf(facts, {}), identityOf(facts, {{"gsm"}, false}));
     EXPECT_NE(identityOf(network({roaming("gsm")}), {}), identityOf(network({primary("gsm")}), {}));
+}
+
+TEST(Mapping, IsIncompleteWhileTheRegistrationOfAWayOutIsUnknown) {
+    EXPECT_TRUE(isIncomplete(network({maybeRoaming("gsm")})));
+    EXPECT_FALSE(isIncomplete(network({roaming("gsm"), primary(kWifi)})));
+    EXPECT_FALSE(isIncomplete(network({in(Phase::Other, maybeRoaming("gsm"))})));
 }
 
 TEST(Mapping, ConnectionThatComesUpMayTakeOver) {

@@ -36,7 +36,7 @@ INSTANTIATE_TEST_SUITE_P(
         Row{{}, "", 0, ""}, Row{{"direct://"}, "", 0, ""},
         Row{{"http://proxy.example:3128"}, "proxy.example", 3128, ""},
         Row{{"http://proxy.example:3128/"}, "proxy.example", 3128, ""},
-        Row{{"http://proxy.example"}, "proxy.example", 0, ""},
+        Row{{"http://proxy.example"}, "proxy.example", 80, ""},
         Row{{"http://[2001:db8::1]:3128"}, "[2001:db8::1]", 3128, ""},
         Row{{"http://" + kLongest + ":1"}, kLongest.c_str(), 1, ""},
         Row{{"http://" + kLongest + "h:1"}, "", 0, "131 bytes"},
