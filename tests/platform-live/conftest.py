@@ -14,7 +14,7 @@ from harness.settings import TIME_FACTOR
 from harness.slp_server import TestServer
 from live import cables
 from live.manager import NetworkManager
-from live.mock import MockedNetworkManager
+from live.mock import MockedNetworkManager, PlayedService
 from live.modem import Modem, ModemManager
 
 PLATFORM_FILE = pathlib.Path("/etc/trilba/platform.conf")
@@ -170,6 +170,20 @@ def mocked(tmp_path, bus, reported):
     mocked = reported("mocked NetworkManager", MockedNetworkManager(directory, bus))
     yield mocked
     mocked.stop()
+
+
+@pytest.fixture
+def played(bus):
+    """Makes services that answer as a test says."""
+    services = []
+
+    def make(name):
+        services.append(PlayedService(bus, name))
+        return services[-1]
+
+    yield make
+    for service in services:
+        service.close()
 
 
 @pytest.fixture

@@ -2,6 +2,7 @@
 
 from gi.repository import GLib
 
+from harness import observe
 from harness.observe import poll_for
 from live.mock import CONNECTED_SITE, LIMITED, PORTAL
 from live.modem import FIRMWARE, HOME, IMEI, IMSI, ROAMING
@@ -54,6 +55,22 @@ def test_identity_follows_the_card_and_the_modem(bus, wired, modems, modem):
     modem.has_card = True
     modems.start().plug(modem)
     wait_for_identity(bus, IMEI, IMSI, FIRMWARE)
+
+
+def test_modems_that_have_gone_leave_nothing_behind(played, daemon, client):
+    service = played("org.freedesktop.ModemManager1")
+    service.objects = GLib.Variant("(a{oa{sa{sv}}})", ({},))
+    poll_for(lambda: service.questions > 0, 10, "the question for modems")
+    observe.wait_until_idle(daemon.pid)
+    client.settle()
+    before = service.match_rules()
+    for number in range(3):
+        modem, card = f"{service.ROOT}/Modem/{number}", f"{service.ROOT}/SIM/{number}"
+        service.add(modem, {"org.freedesktop.ModemManager1.Modem.Simple": {}})  # the others come later
+        service.add(modem, {"org.freedesktop.ModemManager1.Modem": {"Sim": GLib.Variant("o", card)}})
+        poll_for(lambda: service.match_rules() > before, 10, "interest in the card")
+        service.remove(modem, ["org.freedesktop.ModemManager1.Modem", "org.freedesktop.ModemManager1.Modem.Simple"])
+        poll_for(lambda: service.match_rules() == before, 10, lambda: f"{before} rules, but {service.match_rules()}")
 
 
 def test_roaming_flags_the_mobile_network_in_use(bus, mocked, modems, modem, client):

@@ -12,9 +12,10 @@ from harness.client import BusError
 from harness.observe import poll_for
 from harness.settings import is_sanitized, patience
 from live.manager import Flapper
+from live.mock import network_objects
 from live.modem import FIRMWARE, IMEI, IMSI
 from live.tool import described
-from test_mobile import wait_for_identity
+from test_mobile import FLAGGED, KIND_TWO, MODEM, wait_for_identity
 from test_wired import travels
 
 NONE, KIND_ONE = 0, 3
@@ -59,6 +60,25 @@ def test_daemon_that_starts_while_networkmanager_hangs_learns_of_it_later(wired,
             client.prepare(client.connect(), 1)
     client.wait_for_status(KIND_ONE, 20)
     travels(client)
+
+
+@pytest.mark.slow
+def test_networkmanager_that_does_not_answer_the_first_question_is_asked_again(played, client):
+    network = played("org.freedesktop.NetworkManager")
+    poll_for(lambda: network.questions > 0, 10, "the first question")
+    assert client.status() == NONE
+    network.objects = network_objects()
+    client.wait_for_status(KIND_ONE, 20)
+
+
+@pytest.mark.slow
+def test_modemmanager_that_does_not_answer_the_first_question_is_asked_again(played, mocked, client):
+    mocked.add_connection("gsm", mocked.add_device(MODEM, "Modem"))
+    client.wait_for_status(KIND_TWO)
+    modems = played("org.freedesktop.ModemManager1")
+    client.wait_for_status(FLAGGED)  # as long as nobody knows whether it roams
+    modems.objects = GLib.Variant("(a{oa{sa{sv}}})", ({},))
+    client.wait_for_status(KIND_TWO, 20)
 
 
 def test_modemmanager_that_hangs_blocks_nothing(wired, modems, modem, server, client, bus):

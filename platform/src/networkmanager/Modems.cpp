@@ -54,7 +54,10 @@ bool isLocked(MMModem* modem) {
 } // namespace
 
 Modems::Modems(GDBusConnection* bus, std::function<void()> onChange)
-    : bus_(shared(bus)), onChange_(std::move(onChange)), askAgain_([this] { ask(); }) {
+    : bus_(shared(bus)),
+      onChange_(std::move(onChange)),
+      lookSoon_([this] { look(); }),
+      askAgain_([this] { ask(); }) {
     const auto onAppeared =
         +[](GDBusConnection*, const char*, const char*, gpointer self) noexcept {
             static_cast<Modems*>(self)->onAppeared();
@@ -90,6 +93,7 @@ void Modems::ask() {
 void Modems::onVanished() {
     pending_ = std::make_unique<PendingAnswers>();
     askAgain_.stop();
+    lookSoon_.stop();
     questions_ = 0;
     handlers_.clear();
     cards_.clear();
@@ -114,14 +118,16 @@ void Modems::askLater() {
 
 void Modems::listen(gpointer object, const char* signal) {
     // The arguments of these signals differ, but the object that sends comes first and `this` last.
-    const auto onNotify =
-        +[](gpointer, gpointer, gpointer self) noexcept { static_cast<Modems*>(self)->look(); };
+    // The library's mutex is locked during some of them, so nothing can be looked at.
+    const auto onNotify = +[](gpointer, gpointer, gpointer self) noexcept {
+        static_cast<Modems*>(self)->lookSoon_.runAt(0);
+    };
     handlers_.emplace_back(object, signal, G_CALLBACK(onNotify), this);
 }
 
 /// Listens to all that there is now. Handlers come and go with the objects.
 void Modems::look() {
-    const auto old = std::exchange(handlers_, {}); // one of them may be running
+    const auto old = std::exchange(handlers_, {});
     if (manager_) {
         listen(manager_.get(), "object-added");
         listen(manager_.get(), "object-removed");

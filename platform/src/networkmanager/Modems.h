@@ -62,6 +62,7 @@ private:
     Object<MMManager> manager_;
     std::vector<SignalHandler> handlers_;
     std::map<std::string, Card> cards_; // by the modem's object path
+    OneShot lookSoon_;
     OneShot askAgain_;
     std::unique_ptr<PendingAnswers> pending_ = std::make_unique<PendingAnswers>();
     guint watch_ = 0;

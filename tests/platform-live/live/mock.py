@@ -16,6 +16,83 @@ CONNECTED_SITE, CONNECTED_GLOBAL = 60, 70
 PORTAL, LIMITED, FULL = 2, 3, 4
 
 
+class PlayedService:
+    """Owns the name of a service whose objects nobody can have: until `objects` is set, questions for them fail."""
+
+    ROOT = "/org/freedesktop/ModemManager1"
+
+    def __init__(self, bus, name):
+        self.objects = None  # as a GLib.Variant of what GetManagedObjects returns
+        self.questions = 0
+        self._bus = connect(bus.address)
+        self._bus.add_filter(self._on_message)
+        bus_name = "org.freedesktop.DBus"
+        request = GLib.Variant("(su)", (name, 0))
+        self._bus.call_sync(
+            *(bus_name, "/org/freedesktop/DBus", bus_name, "RequestName", request, None, Gio.DBusCallFlags.NONE),
+            *(5000, None),
+        )
+
+    def add(self, path, interfaces):
+        """A modem, or more of its interfaces."""
+        self._say("InterfacesAdded", GLib.Variant("(oa{sa{sv}})", (path, interfaces)))
+
+    def remove(self, path, interfaces):
+        self._say("InterfacesRemoved", GLib.Variant("(oas)", (path, interfaces)))
+
+    def match_rules(self):
+        """How many the whole bus has."""
+        name, path = "org.freedesktop.DBus", "/org/freedesktop/DBus"
+        asked = (name, path, name + ".Debug.Stats", "GetAllMatchRules", None, None, Gio.DBusCallFlags.NONE, 5000, None)
+        return sum(map(len, self._bus.call_sync(*asked).unpack()[0].values()))
+
+    def close(self):
+        self._bus.close_sync(None)
+
+    def _say(self, signal, arguments):
+        self._bus.emit_signal(None, self.ROOT, "org.freedesktop.DBus.ObjectManager", signal, arguments)
+
+    def _on_message(self, bus, message, incoming):
+        """Runs in GDBus's own thread."""
+        if not incoming or message.get_member() != "GetManagedObjects":
+            return message
+        self.questions += 1
+        if self.objects is None:
+            reply = message.new_method_error_literal("org.freedesktop.DBus.Error.NoReply", "it hangs")
+        else:
+            reply = message.new_method_reply()
+            reply.set_body(self.objects)
+        bus.send_message(reply, Gio.DBusSendMessageFlags.NONE)
+        return None
+
+
+def network_objects():
+    """What a NetworkManager with one cable tells."""
+    device, connection = f"{_PATH}/Devices/1", f"{_PATH}/ActiveConnection/1"
+    objects = {
+        _PATH: {
+            NAME: {
+                "Version": GLib.Variant("s", "1.42.4"),
+                "State": _u(CONNECTED_GLOBAL),
+                "ActiveConnections": GLib.Variant("ao", [connection]),
+                "PrimaryConnection": GLib.Variant("o", connection),
+                "Devices": GLib.Variant("ao", [device]),
+            }
+        },
+        device: {NAME + ".Device": {"DeviceType": _u(1)}, NAME + ".Device.Wired": {}},
+        connection: {
+            NAME + ".Connection.Active": {
+                "Id": GLib.Variant("s", "cable"),
+                "Type": GLib.Variant("s", "802-3-ethernet"),
+                "Devices": GLib.Variant("ao", [device]),
+                "State": _u(_ACTIVATED),
+                "Default": GLib.Variant("b", True),
+            }
+        },
+    }
+    return GLib.Variant("(a{oa{sa{sv}}})", (objects,))
+
+
 class MockedNetworkManager:
     """Says whatever a test wants."""
 
