@@ -139,12 +139,13 @@ def begin(manager, name):
     manager.nmcli("--wait", "0", "connection", "up", name)
 
 
-def test_handover_to_a_network_that_is_still_coming_up_is_no_loss(manager, server, client):
+def test_handover_to_a_network_that_is_still_coming_up_is_no_loss(manager, server, client, platform_file):
     slow_second(manager, 1200)
     client.wait_for_status(KIND_ONE)
     client.signals.clear()
     begin(manager, "nmv1")
     manager.down("nmv0")
+    platform_file("[Location]\nNetworkPositioning=true\n")  # a change that is no loss either
     poll_for(lambda: "activated" in manager.nmcli("--get-values", "GENERAL.STATE", "connection", "show", "nmv1"))
     travels_over("nmv1", client)
     assert NONE not in statuses(client)

@@ -9,7 +9,7 @@ from live.modem import FIRMWARE, HOME, IMEI, IMSI, ROAMING
 from live.tool import described
 
 NONE, KIND_TWO, KIND_ONE, FLAGGED = 0, 1, 3, 5
-ETHERNET, WIFI, MODEM, BRIDGE, WIREGUARD = 1, 2, 8, 13, 29
+ETHERNET, WIFI, MODEM, BOND, BRIDGE, WIREGUARD = 1, 2, 8, 10, 13, 29
 
 
 def identity(bus):
@@ -106,6 +106,17 @@ def test_bridge_counts_as_what_it_is_over(mocked, client):
     bridge = mocked.add_device(BRIDGE, "Bridge")
     mocked.set(bridge, "org.freedesktop.NetworkManager.Device", Ports=GLib.Variant("ao", [cable]))
     mocked.add_connection("bridge", bridge)
+    client.wait_for_status(KIND_ONE)
+
+
+def test_bridge_hears_of_what_comes_below_the_device_below(mocked, client):
+    bond, bridge = mocked.add_device(BOND, "Bond"), mocked.add_device(BRIDGE, "Bridge")
+    device = "org.freedesktop.NetworkManager.Device"
+    mocked.set(bridge, device, Ports=GLib.Variant("ao", [bond]))
+    mocked.add_connection("bridge", bridge)
+    client.wait_for_status(KIND_TWO)
+    cable = mocked.add_device(ETHERNET, "Wired")
+    mocked.set(bond, device, Ports=GLib.Variant("ao", [cable]))
     client.wait_for_status(KIND_ONE)
 
 

@@ -14,7 +14,7 @@ from harness.settings import is_sanitized, patience
 from live.manager import Flapper
 from live.mock import network_objects
 from live.modem import FIRMWARE, IMEI, IMSI
-from live.tool import described
+from live.tool import Watching, described
 from test_mobile import FLAGGED, KIND_TWO, MODEM, wait_for_identity
 from test_wired import travels
 
@@ -190,6 +190,20 @@ def test_tool_tells_that_networkmanager_does_not_run(bus):
     told, status = described(bus)
     assert (told["source"], told["status"], status) == ("networkmanager", NONE, 1)
     assert told["remarks"] == [{"severity": "warning", "text": "NetworkManager does not run"}]
+
+
+def test_tool_watches_on_and_tells_of_what_is_remarkable(manager, bus, tmp_path, platform_file):
+    platform_file("[Location]\nNetworkPositioning=perhaps\n[Platform]\nSource=networkmanager\n")
+    watching = Watching(tmp_path, bus)
+    try:
+        watching.wait_for(lambda told: told["findings"] and told["source"] == "file", "a fault")
+        platform_file("[Platform]\nSource=networkmanager\n")
+        away = "NetworkManager does not run"
+        watching.wait_for(lambda told: [each["text"] for each in told["remarks"]] == [away], away)
+        manager.start()
+        watching.wait_for(lambda told: not told["remarks"], "nothing remarkable")
+    finally:
+        assert watching.stop() == 0
 
 
 def test_tool_tells_that_networkmanager_hangs(wired, bus):
