@@ -124,6 +124,7 @@ class MockedNetworkManager:
         """A device of this NMDeviceType, whose own interface has this name; returns its path."""
         self._count += 1
         path = f"{_PATH}/Devices/{self._count}"
+        properties = {"HwAddress": GLib.Variant("s", ""), **properties}
         values = {
             "DeviceType": _u(kind),
             "Interface": GLib.Variant("s", f"dev{self._count}"),
@@ -169,6 +170,10 @@ class MockedNetworkManager:
         first = next(iter(interfaces))
         arguments = (path, first, interfaces[first], [])
         self._call("/org/freedesktop", _MOCK, "AddObject", "(ssa{sv}a(ssss))", *arguments)
+        for interface, properties in interfaces.items():
+            if interface != first:  # for those who ask later
+                for name, value in properties.items():
+                    self._call(path, _MOCK, "AddProperty", "(ssv)", interface, name, value)
         told = GLib.Variant("(oa{sa{sv}})", (path, interfaces))
         arguments = [told.get_child_value(0), told.get_child_value(1)]
         manager = "org.freedesktop.DBus.ObjectManager"
