@@ -8,6 +8,7 @@
 #include "request/RequestData.h"
 #include "slp/SlpComposer.h"
 #include "slp/SlpResponseParser.h"
+#include "support/Probes.h"
 #include "support/XmlHandles.h"
 
 #include <chrono>
@@ -59,7 +60,9 @@ gpointer Exchange::threadFunc(gpointer exchange) noexcept {
 }
 
 void Exchange::runExchange() {
+    probe::exchangeBegin(queue_.size());
     Outcome outcome = transferQueue();
+    probe::exchangeEnd(outcome.code, outcome.errorText.data(), outcome.errorText.size());
     // Before the main loop hears of the end: from then on it holds the only references, so that
     // requests end on its thread.
     queue_.clear();

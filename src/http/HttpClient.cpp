@@ -9,6 +9,7 @@
 #include "protocol/Codes.h"
 #include "slp/SlpResponseParser.h"
 #include "support/Deployment.h"
+#include "support/Probes.h"
 
 #include <array>
 #include <cstdint>
@@ -56,6 +57,27 @@ struct HttpClient::Transfer {
     std::uint64_t moved = 0; ///< bytes in both directions
     unsigned pieces = 0;     ///< of the response
     ProcessorLimit processorLimit = ProcessorLimit();
+    // On g_get_monotonic_time's clock, for whoever traces the daemon; 0 for what has not come.
+    gint64 beginning = g_get_monotonic_time();
+    gint64 uploaded = 0; ///< the end of the body
+    gint64 answered = 0; ///< the first piece of the server's response
+
+    void showSent(std::size_t bytes) noexcept {
+        probe::bytesSent(bytes);
+        if (bytes == 0) {
+            uploaded = g_get_monotonic_time();
+        }
+    }
+    void showReceived(std::size_t bytes) noexcept {
+        probe::bytesReceived(bytes);
+        if (begun && answered == 0) { // what came before is a proxy's answer
+            answered = g_get_monotonic_time();
+        }
+    }
+    /// The time from the beginning to one of the others.
+    [[nodiscard]] long until(gint64 time) const noexcept {
+        return time == 0 ? 0L : static_cast<long>(time - beginning);
+    }
 };
 
 HttpClient::HttpClient(IExchangeOwner& owner) : owner_(owner) {
@@ -137,10 +159,43 @@ int HttpClient::performTransfer(const std::vector<std::string>& headerLines, Req
     if (parser.hasStalled()) {
         result = CURLE_OPERATION_TIMEDOUT; // libcurl may not have looked at its clock any more
     }
-    long status = 0;
-    curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status); // the parser judges it
+    showTransfer(transfer, result);
     errorText_ = result == CURLE_OK ? "" : curl_easy_strerror(result);
     return result == CURLE_OK ? failure::kNone : failure::kTransport;
+}
+
+/// Shows the end of a transfer to whoever traces the daemon. The parser judges the response.
+void HttpClient::showTransfer(const Transfer& transfer, CURLcode result) {
+    const auto number = [&transfer](CURLINFO which) {
+        curl_off_t value = 0;
+        curl_easy_getinfo(transfer.handle, which, &value);
+        return value;
+    };
+    long status = 0;
+    curl_easy_getinfo(transfer.handle, CURLINFO_RESPONSE_CODE, &status);
+    if (!transfer.begun) {
+        showVerifyResult(transfer.handle);
+    }
+    const auto whole = static_cast<long>(number(CURLINFO_TOTAL_TIME_T));
+    probe::transferPhases(static_cast<long>(number(CURLINFO_NAMELOOKUP_TIME_T)),
+                          static_cast<long>(number(CURLINFO_CONNECT_TIME_T)),
+                          static_cast<long>(number(CURLINFO_APPCONNECT_TIME_T)),
+                          transfer.until(transfer.uploaded), transfer.until(transfer.answered),
+                          whole);
+    probe::transferEnd(result, status, static_cast<std::size_t>(number(CURLINFO_SIZE_UPLOAD_T)),
+                       static_cast<std::size_t>(number(CURLINFO_SIZE_DOWNLOAD_T)), whole);
+}
+
+/// Shows what the TLS library says of the server's certificate. libcurl has nothing but the result
+/// of a good one when no certificate has come.
+void HttpClient::showVerifyResult(CURL* handle) {
+    long result = 0;
+    curl_off_t secured = 0;
+    curl_easy_getinfo(handle, CURLINFO_SSL_VERIFYRESULT, &result);
+    curl_easy_getinfo(handle, CURLINFO_APPCONNECT_TIME_T, &secured);
+    if (result != 0 || secured != 0) {
+        probe::tlsVerified(result);
+    }
 }
 
 void HttpClient::setTransferOptions(CURL* handle, const HeaderList& headers, char* errorBuffer) {
@@ -171,6 +226,7 @@ std::size_t HttpClient::writeResponse(char* data, std::size_t size, std::size_t 
     constexpr unsigned kPiecesPerLook = 64; // a look at the clock costs more than a small piece
     auto& self = *static_cast<Transfer*>(transfer);
     SlpResponseParser& parser = self.parser;
+    self.showReceived(size * count);
     try {
         const std::size_t taken = parser.feed({data, size * count});
         self.moved += taken;
@@ -190,10 +246,14 @@ std::size_t HttpClient::readBody(char* buffer, std::size_t size, std::size_t cou
         // The connection stands, so the key has been read: libcurl need not keep its copy of the
         // pass phrase for as long as clients deliver.
         curl_easy_setopt(self.handle, CURLOPT_KEYPASSWD, nullptr);
+        showVerifyResult(self.handle);
     }
     try {
         const std::size_t read = self.body.readBody({buffer, size * count});
-        self.moved += read == CURL_READFUNC_ABORT ? 0 : read;
+        if (read != CURL_READFUNC_ABORT) {
+            self.moved += read;
+            self.showSent(read);
+        }
         return read;
     } catch (...) {
         return CURL_READFUNC_ABORT;

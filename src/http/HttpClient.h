@@ -80,6 +80,8 @@ private:
 
     static void setTransferOptions(CURL* handle, const HeaderList& headers, char* errorBuffer);
     void setCallbacks(CURL* handle, Transfer& transfer);
+    static void showTransfer(const Transfer& transfer, CURLcode result);
+    static void showVerifyResult(CURL* handle);
 
     static std::size_t writeResponse(char* data, std::size_t size, std::size_t count,
                                      void* transfer) noexcept;
