@@ -25,6 +25,11 @@ def cannot_mount(_build):
     return not _works("unshare", "--mount", "mount", "-t", "tmpfs", "none", "/mnt")
 
 
+def cannot_trace(_build):
+    """bpftrace is missing, or the kernel does not let it look on."""
+    return not _works("sh", "-c", "exec bpftrace -e 'BEGIN { exit(); }'")
+
+
 def _works(*command):
     """Whether a command succeeds as root, in the user namespace that the tests make for an ordinary user."""
     as_root = [] if os.geteuid() == 0 else ["unshare", "--user", "--map-root-user"]
@@ -39,6 +44,8 @@ ALLOWED = {
     ("faults.test_matrix", "this build does not count"): counts_nothing,
     ("test_bus_policy", "no other user ids here"): has_one_user_id,
     ("test_users", "no other user ids here"): has_one_user_id,
+    ("test_orvextrace", "about the daemon, not a sanitizer"): is_sanitized,
+    ("test_orvextrace", "nothing can be traced here"): cannot_trace,
 }
 
 

@@ -58,7 +58,7 @@ struct HttpClient::Transfer {
     unsigned pieces = 0;     ///< of the response
     ProcessorLimit processorLimit = ProcessorLimit();
     // On g_get_monotonic_time's clock, for whoever traces the daemon; 0 for what has not come.
-    gint64 beginning = g_get_monotonic_time();
+    gint64 beginning = 0;
     gint64 uploaded = 0; ///< the end of the body
     gint64 answered = 0; ///< the first piece of the server's response
 
@@ -154,6 +154,7 @@ int HttpClient::performTransfer(const std::vector<std::string>& headerLines, Req
     setCallbacks(handle.get(), transfer);
     parser.setPatience({transferDeadline(timeoutSeconds(kTransferTimeout, kDefaultTransferTimeout)),
                         [this] { owner_.postMemoryShort(); }});
+    transfer.beginning = g_get_monotonic_time();
     CURLcode result = curl_easy_perform(handle.get());
     parser.finish(); // may wait for room, too
     if (parser.hasStalled()) {
@@ -176,14 +177,14 @@ void HttpClient::showTransfer(const Transfer& transfer, CURLcode result) {
     if (!transfer.begun) {
         showVerifyResult(transfer.handle);
     }
-    const auto whole = static_cast<long>(number(CURLINFO_TOTAL_TIME_T));
     probe::transferPhases(static_cast<long>(number(CURLINFO_NAMELOOKUP_TIME_T)),
                           static_cast<long>(number(CURLINFO_CONNECT_TIME_T)),
                           static_cast<long>(number(CURLINFO_APPCONNECT_TIME_T)),
                           transfer.until(transfer.uploaded), transfer.until(transfer.answered),
-                          whole);
+                          transfer.until(g_get_monotonic_time()));
     probe::transferEnd(result, status, static_cast<std::size_t>(number(CURLINFO_SIZE_UPLOAD_T)),
-                       static_cast<std::size_t>(number(CURLINFO_SIZE_DOWNLOAD_T)), whole);
+                       static_cast<std::size_t>(number(CURLINFO_SIZE_DOWNLOAD_T)),
+                       static_cast<long>(number(CURLINFO_TOTAL_TIME_T)));
 }
 
 /// Shows what the TLS library says of the server's certificate. libcurl has nothing but the result
