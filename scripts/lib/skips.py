@@ -44,6 +44,7 @@ ALLOWED = {
     ("faults.test_matrix", "this build does not count"): counts_nothing,
     ("test_bus_policy", "no other user ids here"): has_one_user_id,
     ("test_users", "no other user ids here"): has_one_user_id,
+    ("test_unit_file", "no other user ids here"): has_one_user_id,
     ("test_orvextrace", "about the daemon, not a sanitizer"): is_sanitized,
     ("test_orvextrace", "nothing can be traced here"): cannot_trace,
 }

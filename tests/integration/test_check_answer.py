@@ -221,6 +221,34 @@ ROWS = [
         "",
         UNDERSTOOD,
     ),
+    Row(
+        "delimiter within data",
+        head(),
+        document() + part("a", "here --b-1 you are") + END,
+        "line 13: the delimiter is not at the beginning of a line; the daemon takes it for one",
+        'code 1003. Clients get errorSignal 2001, "faulty MIME data"',
+    ),
+    Row(
+        "another header with content-id in its name",
+        head(),
+        document() + part("a", "x", "X-Content-Id: y") + END,
+        'the daemon takes the first "content-id" of a header block for Content-Id',
+    ),
+    Row(
+        "two parts for a request",
+        head(),
+        document(RESULT + '<result oid="1" href="cid:b"/>') + ANSWER + part("b", "and more") + END,
+        "",
+        UNDERSTOOD,
+    ),
+    Row("text in front of the parts", head(), "preamble" + BODY, "", UNDERSTOOD),
+    Row(
+        "text behind the parts",
+        head(),
+        BODY + "epilogue",
+        "only CR LF may come behind the closing delimiter",
+        'code 1003. Clients get errorSignal 2001, "faulty MIME data"',
+    ),
     Row("no delimiter", head(), "nothing here", 'the body has no delimiter "--b-1"'),
 ]
 

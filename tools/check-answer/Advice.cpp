@@ -235,8 +235,8 @@ void Advice::cutBody() {
         const std::size_t next = findBytes(body, delimiter, at + delimiter.size());
         if (rest.starts_with("--")) {
             isClosed_ = true;
-            if (next != kNone) {
-                note(body.substr(next), "a delimiter behind the closing one");
+            if (rest.size() > 2 && rest.substr(2) != "\r\n") {
+                fault(rest, "only CR LF may come behind the closing delimiter");
             }
             return;
         }
