@@ -7,7 +7,7 @@ import tempfile
 import time
 from pathlib import Path
 
-from . import before, counting, exchanges, growth, latency, micro, neighbours, process, report
+from . import before, counting, exchanges, growth, latency, micro, neighbours, process, report, tracing
 from .processes import TOP, Workshop
 from .rows import Row, Run
 
@@ -31,6 +31,7 @@ MEASUREMENTS = (
     ((18,), "unfetched answers beside busy neighbours", neighbours.unfetched_answers),
     ((19,), "bytes on the wire", exchanges.wire_cost),
     ((20,), "costs beside an earlier build", before.hidden_costs),
+    ((21,), "probes", tracing.probes),
 )
 
 

@@ -15,7 +15,7 @@ import subprocess
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PACKAGE_DIR = pathlib.Path(os.environ.get("ORVEXD_PACKAGE_DIR") or ROOT / "build" / "packages")
-NAMES = ("libtrilbacore1", "libtrilbacore-dev", "orvexctl", "orvexd")
+NAMES = ("libtrilbacore1", "libtrilbacore-dev", "orvexctl", "orvexd", "orvextrace")
 RUNTIME = ("libtrilbacore1", "orvexctl", "orvexd")
 
 

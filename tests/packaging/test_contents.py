@@ -29,6 +29,13 @@ PLACES = {
         f"{SHARE}/man/man1/orvexctl.1.gz",
         f"{SHARE}/bash-completion/completions/orvexctl",
     ],
+    "orvextrace": [
+        "/usr/sbin/orvextrace",
+        f"{SHARE}/man/man8/orvextrace.8.gz",
+        f"{SHARE}/orvextrace/exchange.bt",
+        f"{SHARE}/orvextrace/phases.bt",
+        f"{SHARE}/orvextrace/clients.bt",
+    ],
     "libtrilbacore1": ["/usr/lib/{triplet}/libtrilbacore.so.1"],
     "libtrilbacore-dev": [
         "/usr/include/trilba/network/IConnectionManager.h",
@@ -93,6 +100,12 @@ def test_identity_is_a_configuration_file(packages, tmp_path):
     output_of("dpkg-deb", "--control", packages["orvexd"].path, tmp_path / "control")
     conffiles = (tmp_path / "control" / "conffiles").read_text("utf-8").split()
     assert conffiles == ["/etc/default/orvexd"]
+
+
+def test_probes_are_still_in_the_stripped_program(packages, tmp_path):
+    packages["orvexd"].extract(tmp_path)
+    notes = output_of("readelf", "--wide", "--notes", tmp_path / "usr/sbin/orvexd")
+    assert "Name: exchange_begin" in notes
 
 
 def test_keys_are_in_no_package(packages):
