@@ -13,7 +13,7 @@ from gi.repository import GLib
 
 from harness import sandbox
 from harness.request import Request
-from harness.settings import DAEMON, ROOT, is_sanitized, patience
+from harness.settings import BUILD_DIR, DAEMON, ROOT, is_sanitized, patience
 from harness.waiting import wait_for
 
 ORVEXTRACE = ROOT / "tools" / "orvextrace" / "orvextrace"
@@ -163,8 +163,14 @@ def test_confined_daemon_is_traced_by_its_id(trace, make_daemon, client_of):
     look.wait_for("the exchange has succeeded")
 
 
-def test_histograms_count_each_phase_of_each_exchange(trace, client):
-    look = trace("phases", "--program", DAEMON)
+def test_histograms_count_each_phase_of_each_exchange(trace, make_daemon, client_of, tmp_path):
+    # A program of its own: other tests run daemons, too.
+    program = shutil.copy(DAEMON, tmp_path / "program")
+    daemon = make_daemon()
+    daemon.program = [program]
+    daemon.environment["LD_LIBRARY_PATH"] = str(BUILD_DIR / "lib")
+    client = client_of(daemon.start())
+    look = trace("phases", "--program", program)
     for _ in range(3):
         client.exchange(QUESTION)
     text = look.end()

@@ -47,6 +47,12 @@ global
     group haproxy
     {more}
 """
+SQUID = """\
+pid_filename {directory}/squid.pid
+access_log none
+cache_log /dev/null
+shutdown_lifetime 0 seconds
+"""
 
 
 class ServerProcess:
@@ -127,7 +133,7 @@ class Kitchen:
         return self._start("haproxy", ["haproxy", "-db", "-f", main, "-f", example], 443)
 
     def squid(self):
-        more = f"\npid_filename {self.directory}/squid.pid\naccess_log none\ncache_log /dev/null\nshutdown_lifetime 0 seconds\n"
+        more = SQUID.format(directory=self.directory)
         path = self.example("squid.conf", [("cache deny all\n", f"cache deny all\n{more}")])
         return self._start("squid", ["squid", "-N", "-f", path], 3128)
 

@@ -14,6 +14,7 @@ public:
     /// @param bytes of the file.
     /// @param contentType given when the bytes are a body alone; a head is made of it.
     Recording(std::string bytes, const std::string& contentType);
+    ~Recording() = default;
     Recording(const Recording&) = delete;
     Recording& operator=(const Recording&) = delete;
 

@@ -86,7 +86,8 @@ std::size_t endOfPiece(std::string_view body, std::string_view delimiter, std::s
     if (piece != 0) {
         return std::min(piece, body.size());
     }
-    const std::size_t next = delimiter.empty() ? body.npos : findBytes(body, delimiter, 1);
+    const std::size_t next =
+        delimiter.empty() ? std::string_view::npos : findBytes(body, delimiter, 1);
     return std::min(next, body.size());
 }
 

@@ -7,6 +7,7 @@
 #include "protocol/Codes.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <fstream>
 #include <getopt.h>
@@ -55,12 +56,12 @@ template <typename Value> bool readPositive(std::string_view text, Value& value)
 }
 
 bool readOptions(int argc, char** argv, Options& options) {
-    const option known[] = {{"content-type", required_argument, nullptr, 't'},
-                            {"requests", required_argument, nullptr, 'r'},
-                            {"pieces", required_argument, nullptr, 'p'},
-                            {nullptr, 0, nullptr, 0}};
+    const std::array<option, 4> known{{{"content-type", required_argument, nullptr, 't'},
+                                       {"requests", required_argument, nullptr, 'r'},
+                                       {"pieces", required_argument, nullptr, 'p'},
+                                       {}}};
     bool isGood = true;
-    for (int found = 0; (found = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
+    for (int found = 0; (found = getopt_long(argc, argv, "", known.data(), nullptr)) != -1;) {
         if (found == 't') {
             options.contentType = optarg;
         } else if (found == 'r') {
