@@ -4,6 +4,7 @@
 #include "http/HttpClient.h"
 #include "http/IExchangeOwner.h"
 #include "http/RequestBody.h"
+#include "http/TransferOptions.h"
 #include "protocol/Codes.h"
 #include "request/RequestData.h"
 #include "slp/SlpComposer.h"
@@ -20,12 +21,6 @@ namespace {
 
 /// The owner hears of an exchange's end this much later.
 constexpr std::chrono::milliseconds kEndDelay(50);
-
-std::vector<std::string> headerLinesFor(const std::string& boundary) {
-    return {"Content-Type: multipart/related; type=\"text/xml\"; boundary=\"" + boundary +
-                "\"; start=\"slpHeaderPart\"",
-            "Transfer-Encoding: chunked", "Expect:"}; // no 100-continue round trip
-}
 
 } // namespace
 
@@ -92,7 +87,7 @@ Exchange::Outcome Exchange::transfer() {
     RequestBody body(queue_, boundary, std::move(bodyPrefix), dataSignal_, owner_,
                      HttpClient::getConfiguration());
     SlpResponseParser parser(queue_);
-    const int code = client_.performTransfer(headerLinesFor(boundary), body, parser);
+    const int code = client_.performTransfer(TransferOptions::headerLines(boundary), body, parser);
     if (code != failure::kNone && !parser.isGivenUp()) {
         return {code, client_.errorText(), {}};
     }

@@ -3,22 +3,18 @@
 #include "config/ConfHandler.h"
 #include "config/MapWrapper.h"
 #include "http/IExchangeOwner.h"
-#include "http/KeyPassphrase.h"
 #include "http/ProcessorLimit.h"
 #include "http/RequestBody.h"
+#include "http/TransferOptions.h"
 #include "protocol/Codes.h"
 #include "slp/SlpResponseParser.h"
-#include "support/Deployment.h"
 
 #include <array>
 #include <cstdint>
 #include <cstdio>
 #include <limits>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <span>
-#include <sys/socket.h>
 #include <trilba/core/Directory.h>
 #include <utility>
 
@@ -28,7 +24,6 @@ namespace {
 
 constexpr const char* kConnectTimeout = "orvexd/connect_timeout";
 constexpr const char* kTransferTimeout = "orvexd/transfer_timeout";
-constexpr const char* kDefaultTransferTimeout = "60";
 
 /// When a transfer that begins now reaches its time-out, on g_get_monotonic_time's clock. libcurl
 /// has no time-out for a number that it refuses, and for 0.
@@ -95,27 +90,8 @@ int HttpClient::setupHandle(EasyHandle& handle) {
     }
     std::string files;
     trilba::core::Directory::getPreinstalledFilesPath(files);
-    setHandleOptions(handle.get(), files);
+    TransferOptions::setIdentity(handle.get(), files);
     return failure::kNone;
-}
-
-void HttpClient::setHandleOptions(CURL* handle, const std::string& files) {
-    const KeyPassphrase passphrase;
-    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(handle, CURLOPT_DNS_CACHE_TIMEOUT, 0L);
-    curl_easy_setopt(handle, CURLOPT_IPRESOLVE, static_cast<long>(CURL_IPRESOLVE_V4));
-    curl_easy_setopt(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1));
-    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(handle, CURLOPT_SSLCERT, (files + "/SlpClient.pem").c_str());
-    curl_easy_setopt(handle, CURLOPT_SSLKEY, (files + "/SlpClient-key.pem").c_str());
-    curl_easy_setopt(handle, CURLOPT_KEYPASSWD, passphrase.text());
-    curl_easy_setopt(handle, CURLOPT_CAINFO, (files + "/Positioning_CA.pem").c_str());
-    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
-    // The message is one chunked POST, which HTTP/2 does not have; libcurl would accept h2.
-    curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-    // A name server that does not answer holds up the thread that asks it for minutes. libcurl
-    // would wait for that thread after its own time-out has passed. This lets it go on without.
-    curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
 }
 
 int HttpClient::performTransfer(const std::vector<std::string>& headerLines, RequestBody& body,
@@ -130,8 +106,9 @@ int HttpClient::performTransfer(const std::vector<std::string>& headerLines, Req
     setTransferOptions(handle.get(), headers, errorBuffer.data());
     Transfer transfer{body, parser, handle.get()};
     setCallbacks(handle.get(), transfer);
-    parser.setPatience({transferDeadline(timeoutSeconds(kTransferTimeout, kDefaultTransferTimeout)),
-                        [this] { owner_.postMemoryShort(); }});
+    parser.setPatience(
+        {transferDeadline(timeoutSeconds(kTransferTimeout, TransferOptions::kTransferTimeout)),
+         [this] { owner_.postMemoryShort(); }});
     CURLcode result = curl_easy_perform(handle.get());
     parser.finish(); // may wait for room, too
     if (parser.hasStalled()) {
@@ -144,24 +121,20 @@ int HttpClient::performTransfer(const std::vector<std::string>& headerLines, Req
 }
 
 void HttpClient::setTransferOptions(CURL* handle, const HeaderList& headers, char* errorBuffer) {
-    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
-    curl_easy_setopt(handle, CURLOPT_HEADER, 1L); // the parser reads the response head itself
-    curl_easy_setopt(handle, CURLOPT_POST, 1L);
+    TransferOptions::setMessage(handle, headers.get()); // the parser reads the response head itself
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, timeoutSeconds(kConnectTimeout, "30"));
-    curl_easy_setopt(handle, CURLOPT_TIMEOUT,
-                     timeoutSeconds(kTransferTimeout, kDefaultTransferTimeout));
+    TransferOptions::setTimeouts(
+        handle, timeoutSeconds(kConnectTimeout, TransferOptions::kConnectTimeout),
+        timeoutSeconds(kTransferTimeout, TransferOptions::kTransferTimeout));
 }
 
 void HttpClient::setCallbacks(CURL* handle, Transfer& transfer) {
     curl_easy_setopt(handle, CURLOPT_READFUNCTION, &HttpClient::readBody);
     curl_easy_setopt(handle, CURLOPT_READDATA, &transfer);
-    curl_easy_setopt(handle, CURLOPT_PROXY, owner_.proxyForServer().c_str());
-    curl_easy_setopt(handle, CURLOPT_NOPROXY, ""); // the platform decides, not the environment
-    curl_easy_setopt(handle, CURLOPT_URL, deployment::kServerUrl);
+    TransferOptions::setRoad(handle, owner_.proxyForServer());
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &HttpClient::writeResponse);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &transfer);
-    curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, &HttpClient::socketOptionCallback);
+    TransferOptions::setSocket(handle);
     curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT,
                      freshConnectRequested_.exchange(false) ? 1L : 0L);
 }
@@ -198,15 +171,6 @@ std::size_t HttpClient::readBody(char* buffer, std::size_t size, std::size_t cou
     } catch (...) {
         return CURL_READFUNC_ABORT;
     }
-}
-
-int HttpClient::socketOptionCallback(void* /*client*/, curl_socket_t socket,
-                                     curlsocktype purpose) noexcept {
-    if (purpose == CURLSOCKTYPE_IPCXN) {
-        const int segmentSize = 1200;
-        (void)setsockopt(socket, IPPROTO_TCP, TCP_MAXSEG, &segmentSize, sizeof segmentSize);
-    }
-    return CURL_SOCKOPT_OK;
 }
 
 CURLcode HttpClient::sslContextCallback(CURL* /*handle*/, void* sslContext,
