@@ -67,7 +67,8 @@ public:
     [[nodiscard]] std::string text() const {
         std::string text = "\"" + statusLine_ + "\"";
         text += contentType_.empty() ? ", with no Content-Type" : ", Content-Type: " + contentType_;
-        return body_.empty() ? text + ", and no body" : text + ", and a body that begins \"" + body_ + "\"";
+        return body_.empty() ? text + ", and no body"
+                             : text + ", and a body that begins \"" + body_ + "\"";
     }
 
 private:

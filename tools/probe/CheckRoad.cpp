@@ -35,7 +35,8 @@ public:
           connection_("connection", report),
           tls_("tls", report) {}
 
-    void run() {
+    /// @return whether nothing is broken.
+    bool run() {
         curl_easy_setopt(road_.handle(), CURLOPT_CONNECT_ONLY, 1L);
         road_.onAddress = [this] {
             names_.fine(peer() + " has the address " + road_.address() + ".");
@@ -48,8 +49,9 @@ public:
             tellConnectionFailure(result);
         } else {
             tellConnection();
-            tellTls(result);
+            return tellTls(result);
         }
+        return false;
     }
 
 private:
@@ -126,10 +128,10 @@ private:
         }
     }
 
-    void tellTls(CURLcode result) {
+    bool tellTls(CURLcode result) {
         if (result != CURLE_OK) {
             tellTlsFailure(road_, result, tls_);
-            return;
+            return false;
         }
         const SSL* const connection = road_.tls().connection();
         const std::string version = SSL_get_version(connection);
@@ -147,6 +149,7 @@ private:
                       "The server's: " +
                       describe(serverCertificate()) + ".");
         }
+        return taken;
     }
 
     [[nodiscard]] const X509* serverCertificate() const { return road_.tls().certificate(); }
@@ -266,8 +269,8 @@ std::string serverHost() {
     return host.substr(0, host.find_first_of(":/"));
 }
 
-void checkRoad(const Destination& destination, const Report& report) {
-    RoadCheck(destination, report).run();
+bool checkRoad(const Destination& destination, const Report& report) {
+    return RoadCheck(destination, report).run();
 }
 
 } // namespace orvexd::probe

@@ -16,7 +16,8 @@ struct Destination {
 
 /// Goes to the server as the daemon does, up to a TLS connection that the server has accepted, and
 /// sends no request: names, the connection with the proxy's leave, TLS.
-void checkRoad(const Destination& destination, const findings::Report& report);
+/// @return whether a request may follow.
+bool checkRoad(const Destination& destination, const findings::Report& report);
 
 /// Why TLS did not come about, for a road that has failed with this result.
 void tellTlsFailure(const Road& road, CURLcode result, const findings::Checked& report);

@@ -108,9 +108,12 @@ void lookAtLocalThings(const std::string& files, const Options& options) {
 void lookAtTheNetwork(const std::string& files, const Options& options) {
     const findings::Report print = &printJson;
     const Destination destination{files, viewOfPlatform().proxy, options.patience};
-    checkRoad(destination, print);
-    if (options.exchange) {
-        checkExchange(destination, Checked("exchange", print), Checked("dates", print));
+    const bool open = checkRoad(destination, print);
+    const Checked exchange("exchange", print);
+    if (options.exchange && open) {
+        checkExchange(destination, exchange, Checked("dates", print));
+    } else if (options.exchange) {
+        exchange.unknown("Not sent: the way to the server is not open.");
     }
 }
 
