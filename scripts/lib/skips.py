@@ -38,6 +38,7 @@ ALLOWED = {
     ("faults.test_disk_full", "no file system can be mounted in a namespace here"): cannot_mount,
     ("faults.test_matrix", "this build does not count"): counts_nothing,
     ("test_bus_policy", "no other user ids here"): has_one_user_id,
+    ("test_doctor", "no other user ids here"): has_one_user_id,
     ("test_users", "no other user ids here"): has_one_user_id,
 }
 

@@ -20,8 +20,9 @@ using findings::Checked;
 using findings::Report;
 
 constexpr long kProxyAuthentication = 407;
-/// Under TLS 1.3 a refusal of the client comes after the handshake.
-constexpr std::chrono::milliseconds kWaitForRefusal{2000};
+/// Under TLS 1.3 a refusal of the client comes after the handshake, as late as a part of it.
+constexpr std::chrono::milliseconds kWaitForRefusal{500};
+constexpr double kHandshakesToWait = 4;
 
 constexpr const char* kProxyAdvice =
     "Mend [Proxy] of the platform file, or have the proxy let the device through.";
@@ -161,8 +162,11 @@ private:
 
     /// Reads on until the server has taken or refused the client, or says nothing.
     bool isTaken() {
-        const gint64 end =
-            g_get_monotonic_time() + std::chrono::microseconds(kWaitForRefusal).count();
+        double handshake = 0; // seconds from the beginning
+        (void)curl_easy_getinfo(road_.handle(), CURLINFO_APPCONNECT_TIME, &handshake);
+        const gint64 end = g_get_monotonic_time() +
+                           std::chrono::microseconds(kWaitForRefusal).count() +
+                           static_cast<gint64>(kHandshakesToWait * handshake * G_USEC_PER_SEC);
         curl_socket_t socket = CURL_SOCKET_BAD;
         (void)curl_easy_getinfo(road_.handle(), CURLINFO_ACTIVESOCKET, &socket);
         while (!road_.tls().isTaken()) {

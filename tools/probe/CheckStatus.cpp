@@ -12,6 +12,7 @@ namespace orvexd::probe {
 
 namespace {
 
+constexpr gint64 kFirstAnswer = 400'000; // microseconds
 constexpr gulong kPause = 20'000; // microseconds
 
 /// Nobody is told: the state is asked for once.
@@ -37,7 +38,7 @@ PlatformView viewOfPlatform() {
     OrvexNetworkManager manager(nobody);
     manager.start();
     // A live source of the platform's state may have its first answer on the way.
-    const gint64 patience = g_get_monotonic_time() + G_USEC_PER_SEC;
+    const gint64 patience = g_get_monotonic_time() + kFirstAnswer;
     while (manager.currentStatus() == 0 && g_get_monotonic_time() < patience) {
         if (g_main_context_iteration(nullptr, FALSE) == FALSE) {
             g_usleep(kPause);

@@ -28,6 +28,7 @@ constexpr std::uint32_t kLongestWait = 600; // seconds
 struct DoctorOptions {
     bool json = false;
     bool exchange = false;
+    bool local = false;
     std::string preinstDirectory;
     std::string identityFile = ORVEXCTL_IDENTITY;
     std::uint32_t timeout = 0; // seconds; 0 for the daemon's own
@@ -43,6 +44,7 @@ DoctorOptions parse(const std::vector<std::string>& words) {
                           "doubtful, or 2 when\nsomething is broken.\n");
     parser.addFlag("exchange", 'x', "Send one real request, an empty fingerprint",
                    options.exchange);
+    parser.addFlag("local", 'l', "Look at this device only, and call nobody", options.local);
     parser.addFlag("json", 'j', "Print one JSON object per line", options.json);
     parser.addNumber("timeout", 'T', "Longest wait for the connection and for the answer (30, 60)",
                      "SECONDS", options.timeout, 1, kLongestWait);
@@ -51,6 +53,9 @@ DoctorOptions parse(const std::vector<std::string>& words) {
     parser.addText("identity", 0, "The file of the five variables", "FILE", options.identityFile);
     if (!parser.parse(words).empty()) {
         throw Failure::usage("doctor takes no arguments. See 'orvexctl doctor --help'.");
+    }
+    if (options.local && options.exchange) {
+        throw Failure::usage("--local and --exchange exclude each other.");
     }
     return options;
 }
@@ -76,9 +81,9 @@ public:
                                     Checked{"platform", report_});
         checkBus(facts_, Checked{"bus", report_});
         checkVersions(facts_, probeFile_, Checked{"versions", report_});
-        if (root) {
+        if (root && !options_.local) {
             runProbe(networkArguments());
-        } else {
+        } else if (!options_.local) {
             skipTheNetwork();
         }
     }
