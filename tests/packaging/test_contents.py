@@ -6,17 +6,26 @@ import subprocess
 
 import pytest
 
-from debian_packages import ROOT, native_architecture, output_of, packages_to_build_with
+from debian_packages import (
+    PACKAGE_DIR,
+    ROOT,
+    Package,
+    native_architecture,
+    output_of,
+    packages_to_build_with,
+)
 
 SHARE = "/usr/share"
 PLACES = {
     "orvexd": [
+        "/usr/libexec/orvexd-probe",
         "/usr/sbin/orvexd",
         f"{SHARE}/dbus-1/interfaces/com.kelvra.orvexd.xml",
         f"{SHARE}/dbus-1/system.d/com.kelvra.orvexd.conf",
         f"{SHARE}/dbus-1/system-services/com.kelvra.orvexd.service",
         "/lib/systemd/system/orvexd.service",
         f"{SHARE}/man/man8/orvexd.8.gz",
+        f"{SHARE}/man/man8/orvexd-probe.8.gz",
         f"{SHARE}/man/man5/orvexd.schema.5.gz",
         f"{SHARE}/man/man5/trilba-platform.conf.5.gz",
         f"{SHARE}/doc/orvexd/examples/orvexd.schema",
@@ -87,6 +96,7 @@ def test_identity_and_storage_are_for_root_alone(packages):
     files = packages["orvexd"].files
     assert files["/etc/default/orvexd"] == "-rw-------"
     assert files["/var/lib/orvexd/"] == "drwx------"
+    assert files["/usr/libexec/orvexd-probe"] == "-rwxr-x---"
 
 
 def test_identity_is_a_configuration_file(packages, tmp_path):
@@ -134,4 +144,35 @@ def test_program_is_built_against_the_development_package(packages, triplet, tmp
 
 def test_version_is_that_of_the_tree(packages):
     text = (ROOT / "CMakeLists.txt").read_text("utf-8")
-    assert f"VERSION {packages['orvexd'].field('Version')}\n" in text
+    assert f"VERSION {packages['orvexd'].field('Version').rpartition('-')[0]}\n" in text
+
+
+@pytest.mark.parametrize("name", ["orvexd", "orvexctl", "libtrilbacore1"])
+def test_debug_symbols_are_in_a_package_of_their_own(name):
+    files = Package(f"{name}-dbgsym", native_architecture()).files
+    assert any(path.startswith("/usr/lib/debug/.build-id/") and path.endswith(".debug") for path in files)
+
+
+def test_library_declares_its_symbols(packages, tmp_path):
+    output_of("dpkg-deb", "--control", packages["libtrilbacore1"].path, tmp_path / "control")
+    symbols = (tmp_path / "control" / "symbols").read_text("utf-8")
+    assert "_ZN6trilba4core10SystemInfo7getImeiE" in symbols
+    assert "-1\n" not in symbols  # no symbol that the file does not know
+
+
+def test_source_package_unpacks_to_the_tree(tmp_path):
+    (description,) = PACKAGE_DIR.glob("orvexd_*.dsc")
+    assert re.search(r"^Format: 3.0 \(quilt\)$", description.read_text("utf-8"), re.MULTILINE)
+    output_of("dpkg-source", "--no-check", "--extract", description, tmp_path / "tree")
+    for path in ("debian/rules", "CMakeLists.txt", "src/main/main.cpp", "debian/tests/control"):
+        assert (tmp_path / "tree" / path).read_bytes() == (ROOT / path).read_bytes()
+
+
+@pytest.mark.timeout(1800)
+def test_packages_do_not_depend_on_the_folder_in_which_they_are_built(packages, tmp_path):
+    """scripts/package builds in a folder with another name each time."""
+    output_of(ROOT / "scripts" / "package", "--out", tmp_path, timeout=1800)
+    built = {path.name: path.read_bytes() for path in tmp_path.glob("*.deb")}
+    assert {package.path.name for package in packages.values()} <= built.keys()
+    different = [name for name, data in built.items() if data != (PACKAGE_DIR / name).read_bytes()]
+    assert different == []
