@@ -24,7 +24,7 @@ MANUAL = ROOT / "docs" / "man" / "orvexctl.1"
 COMPLETION = ROOT / "tools" / "orvexctl" / "completion" / "orvexctl"
 FINGERPRINT = EXAMPLES / "fingerprint.xml"
 
-COMMANDS = ["status", "request", "monitor", "cancel", "quit"]
+COMMANDS = ["status", "request", "monitor", "cancel", "quit", "doctor"]
 # The test server sends the bytes of every request that is no fingerprint back.
 ECHO = ["--element", "echo", "--type", "other", "--request-version", "1", "--content-type", "text/plain"]
 POSITION = [
@@ -742,6 +742,9 @@ def test_help_is_printed_for_the_whole_and_for_each_command(words, start):
         ["cancel", "1", "-2"],
         ["cancel", "1", "4294967296"],
         ["quit", "now"],
+        ["doctor", "word"],
+        ["doctor", "--local", "--exchange"],
+        ["doctor", "--timeout", "0"],
     ],
     ids=" ".join,
 )

@@ -104,6 +104,7 @@ def installation(make_root, runtime, tmp_path_factory):
 
 def test_faulty_installation_is_tried_five_times_and_explained(installation):
     system = installation.system
+    installation.settle()  # the boot has tried it, too
     system.run("systemctl", "reset-failed", "orvexd")
     before = system.journal().count("packaged example's")
     assert system.run("systemctl", "start", "orvexd").returncode != 0

@@ -4,6 +4,7 @@ These are containers in the README's sense: no systemd runs, so the lines with s
 system bus starts the daemon. Everything else is done as written, by the real commands, sudo included.
 """
 
+import os
 import re
 import shutil
 
@@ -15,7 +16,7 @@ from documents import DEVICE, README, device_blocks, section
 # A Debian is made first, of which hundreds of packages may have to be fetched.
 pytestmark = pytest.mark.timeout(1800)
 
-PACKAGES, KEYS, DEVICE_ITSELF, PURGE, WITHOUT_PACKAGES = device_blocks()
+PACKAGES, KEYS, DEVICE_ITSELF, PURGE, WITHOUT_PACKAGES, LOCAL = device_blocks()
 TREE = "tree"
 # What a device has beside the dependencies of the packages.
 ADMINISTRATION = {"apt", "sudo"}
@@ -40,13 +41,14 @@ class Machine:
 
     def type(self, block):
         """Types the lines of a block, and yes where a command asks; returns what they print."""
-        return "".join(self._type(line) for line in commands(block))
+        return "".join(self.type_line(line) for line in commands(block))
 
     def start_bus(self):
         """As the README says for containers."""
         self.root.must("service", "dbus", "start")
 
-    def _type(self, line):
+    def type_line(self, line):
+        """Types one line and returns what it prints."""
         if self._is_device and not line.startswith("sudo "):
             return output_of("bash", "-euc", line, cwd=self._tree)
         environment = {"USER": "nobody", "DEBIAN_FRONTEND": "noninteractive"}
@@ -104,3 +106,21 @@ def test_installation_without_packages_serves(workshop):
     workshop.start_bus()
     assert workshop.type(DEVICE_ITSELF).splitlines()[-1] == told_status()
     assert in_group(workshop.root, "nobody", "positioning")
+
+
+def test_installation_below_usr_local_serves(device, tmp_path):
+    """This machine builds what the device gets; the other lines are typed there, with the other place of the examples."""
+    configure, build, *others = commands(WITHOUT_PACKAGES)
+    assert "-D CMAKE_INSTALL_PREFIX=/usr " in configure
+    configure = configure.replace("-D CMAKE_INSTALL_PREFIX=/usr ", "")
+    output_of("bash", "-euc", f"{configure} -B {tmp_path}", cwd=ROOT, timeout=1200)
+    output_of("bash", "-euc", build.replace("--preset release", str(tmp_path)), cwd=ROOT, timeout=1200)
+    environment = {**os.environ, "DESTDIR": str(device.root.path)}
+    output_of("cmake", "--install", tmp_path, env=environment)
+
+    lines = [line for line in others if "cmake --install" not in line] + commands(KEYS) + commands(LOCAL)
+    device.start_bus()
+    for line in lines + commands(DEVICE_ITSELF):
+        printed = device.type_line(line.replace("/usr/share/doc", "/usr/local/share/doc"))
+    assert printed.splitlines()[-1] == told_status()
+    assert not device.root.exists("/usr/sbin/orvexd")

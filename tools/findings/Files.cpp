@@ -1,7 +1,5 @@
 #include "findings/Files.h"
 
-#include "support/FreeWith.h"
-
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -9,7 +7,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <glib.h>
-#include <memory>
 #include <string_view>
 #include <unistd.h>
 
@@ -25,8 +22,8 @@ constexpr std::array<std::string_view, 5> kHiddenFolders = {"/home", "/root", "/
                                                             "/var/tmp"};
 
 std::string resolved(const std::string& path) {
-    const std::unique_ptr<char, FreeWith<free>> real(realpath(path.c_str(), nullptr));
-    return real ? real.get() : path;
+    std::array<char, PATH_MAX> real{};
+    return realpath(path.c_str(), real.data()) != nullptr ? real.data() : path;
 }
 
 } // namespace

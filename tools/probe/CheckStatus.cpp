@@ -13,7 +13,7 @@ namespace orvexd::probe {
 namespace {
 
 constexpr gint64 kFirstAnswer = 400'000; // microseconds
-constexpr gulong kPause = 20'000; // microseconds
+constexpr gulong kPause = 20'000;        // microseconds
 
 /// Nobody is told: the state is asked for once.
 class Nobody : public INetworkOwner {

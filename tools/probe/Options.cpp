@@ -31,7 +31,10 @@ constexpr const char* kUsage =
     "  --timeout SECONDS     longest wait for the connection and for the answer\n"
     "  --version             prints the version\n";
 
-enum Letter : int { kIdentity = 256, kExchange, kTimeout };
+// Options without a letter of their own.
+constexpr int kIdentity = 256;
+constexpr int kExchange = 257;
+constexpr int kTimeout = 258;
 
 [[noreturn]] void end(std::FILE* stream, int status) {
     std::fputs(kUsage, stream);

@@ -23,6 +23,7 @@ class Road {
 public:
     /// @param files directory of the three PEM files. @param proxy "host:port", empty for none.
     Road(const std::string& files, const std::string& proxy, const Patience& patience);
+    ~Road() = default;
     Road(const Road&) = delete;
     Road& operator=(const Road&) = delete;
 

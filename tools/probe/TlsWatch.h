@@ -13,6 +13,7 @@ namespace orvexd::probe {
 class TlsWatch {
 public:
     TlsWatch() = default;
+    ~TlsWatch() = default;
     TlsWatch(const TlsWatch&) = delete;
     TlsWatch& operator=(const TlsWatch&) = delete;
 

@@ -22,8 +22,7 @@ constexpr int kExited = 1; // CLD_EXITED
 /// Where a system bus reads policies: the build's own place, and those of every bus.
 std::string policyFile() {
     for (const char* folder : {"/etc", "/usr/local/share", "/usr/share"}) {
-        if (const std::string path = std::string{folder} + kPolicy;
-            findings::factsOf(path).exists()) {
+        if (std::string path = std::string{folder} + kPolicy; findings::factsOf(path).exists()) {
             return path;
         }
     }

@@ -99,7 +99,7 @@ private:
     }
 
     [[nodiscard]] std::string platformFile() const {
-        if (const std::string path = variable(kPlatformVariable); !path.empty()) {
+        if (std::string path = variable(kPlatformVariable); !path.empty()) {
             return path;
         }
         const char* own = std::getenv(kPlatformVariable);

@@ -16,7 +16,8 @@ public:
 
     /// Runs it and hands on each line as it comes.
     /// @return false when it could not be run to its end.
-    bool run(const std::vector<std::string>& arguments, const findings::Report& report) const;
+    [[nodiscard]] bool run(const std::vector<std::string>& arguments,
+                           const findings::Report& report) const;
 
     /// Where it is: beside this program in a build tree, otherwise where it is installed.
     [[nodiscard]] static std::string find();
