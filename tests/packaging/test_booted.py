@@ -203,10 +203,10 @@ def test_test_of_the_installed_packages_passes(installation):
         assert done.returncode == 0, done.stdout + done.stderr
 
 
-def test_ordinary_user_cannot_run_the_probe(installation):
-    command = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "/usr/libexec/orvexd-probe", "--version"]
-    done = installation.system.run(*command)
+def test_ordinary_user_gets_at_no_secret(installation):
+    user = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+    done = installation.system.run(*user, "head", "--bytes=1", "/usr/libexec/orvexd-probe")
     assert done.returncode != 0
     assert "ermission denied" in done.stderr
-    done = installation.system.run(*command[:-2], "orvexctl", "doctor")
+    done = installation.system.run(*user, "orvexctl", "doctor")
     assert re.search(r"^unknown +files", done.stdout, re.MULTILINE), done.stdout + done.stderr

@@ -162,7 +162,10 @@ private:
 
     [[nodiscard]] std::string at(const std::string& group, const std::string& key) const {
         const std::size_t line = lineOf(text_, group, key);
-        std::string place = line == 0 ? path_ : path_ + ", line " + std::to_string(line);
+        std::string place = path_;
+        if (line != 0) {
+            place.append(", line ").append(std::to_string(line));
+        }
         const TextRef value(g_key_file_get_value(file_, group.c_str(), key.c_str(), nullptr));
         return place.append(": ").append(key).append("=").append(value ? value.get() : "");
     }
