@@ -171,6 +171,19 @@ def test_doubt_alone_gives_status_1(doctor, device):
     assert "others can read it" in done.said("identity")[0]
 
 
+def test_value_that_a_shell_reads_differently_is_a_doubt(doctor, device):
+    text = device.identity.read_text("utf-8")
+    device.identity.write_text(text.replace('"Kelvra"', "Kelvra Devices"), "utf-8")
+    said = doctor("--local").said("identity")
+    assert any("read this line" in each and "KELVRA_DEVICE_MANUFACTURER=Kelvra Devices" in each for each in said), said
+
+
+def test_daemon_with_other_variables_than_the_file_is_a_doubt(doctor, device):
+    device.write_identity(KELVRA_IMEI_FRAGMENT="111111")
+    said = doctor("--local").said("identity")
+    assert any("running daemon has other values" in each for each in said), said
+
+
 def test_daemon_that_does_not_run_is_said_and_not_started(device, make_bus, daemon):
     other = make_bus()
     environment = {**daemon.environment, "DBUS_SYSTEM_BUS_ADDRESS": other.address}
@@ -206,6 +219,21 @@ def test_daemon_with_another_view_of_the_platform_is_said(doctor, device):
     device.edit_platform("Kind=1", "Kind=wifi")
     said = doctor("--local").said("status")
     assert "The daemon reports connected, kind 1 (3), but the platform says not connected (0)." in said[0]
+
+
+def test_tool_of_the_platform_is_asked_where_there_is_one(device, daemon, tmp_path):
+    tool = tmp_path / "trilba-platform"
+    findings = [{"line": 3, "severity": "fault", "text": "Kind=wifi is no number"}]
+    remarks = [{"severity": "warning", "text": "no modem"}]
+    answer = {"source": "file", "file": "/etc/x", "remarks": remarks, "findings": findings}
+    tool.write_text(f"#!/bin/sh\ntest -n \"$TRILBA_PLATFORM_CONF\" && echo '{json.dumps(answer)}'\n", "utf-8")
+    tool.chmod(0o755)
+    command = [ORVEXCTL, "doctor", "--local", "--json", "--identity", device.identity]
+    environment = {**daemon.environment, "PATH": f"{tmp_path}:{os.environ['PATH']}"}
+    done = subprocess.run(command, env=environment, capture_output=True, text=True, check=False)
+    found = [json.loads(line) for line in done.stdout.splitlines()]
+    said = [(each["state"], each["why"]) for each in found if each["check"] == "platform"]
+    assert said == [("doubtful", "no modem"), ("broken", "/etc/x, line 3: Kind=wifi is no number")]
 
 
 def test_certificate_that_ends_soon_is_a_doubt(doctor, device):

@@ -46,6 +46,18 @@ def test_stop_waits_longer_than_a_worker_may():
     assert int(unit_values("TimeoutStopSec")[0]) >= 120
 
 
+def test_check_comes_before_the_start():
+    assert unit_values("ExecStartPre") == ["/usr/local/libexec/orvexd-probe --check"]
+
+
+def test_five_tries_are_over_before_the_limit_s_interval():
+    tries = int(unit_values("StartLimitBurst")[0])
+    assert tries == 5
+    slowest_try = 5  # seconds, generously, with all that the check reads
+    pause = int(unit_values("RestartSec")[0])
+    assert tries * (slowest_try + pause) < int(unit_values("StartLimitIntervalSec")[0])
+
+
 def test_sandbox_of_the_tests_has_the_filter_of_the_unit():
     assert unit_values("SystemCallFilter") == [
         " ".join(sandbox.ALLOWED),

@@ -207,15 +207,14 @@ bool checkContent(const std::string& path, const std::string& text, const Checke
                           kNotInForce);
         return false;
     }
-    bool good = Reader(file.get(), path, text, report).read();
+    return Reader(file.get(), path, text, report).read();
+}
+
+bool hasExampleImei(const std::string& text) {
+    const KeyFileRef file(g_key_file_new());
+    (void)g_key_file_load_from_data(file.get(), text.data(), text.size(), G_KEY_FILE_NONE, nullptr);
     const TextRef imei(g_key_file_get_string(file.get(), "System", "Imei", nullptr));
-    if (imei && kExampleImei == imei.get()) {
-        report.broken(path + ": the Imei is the example's, which is no device's.",
-                      "Write the device's own. The identity that the server sees comes from this "
-                      "file, not from the five variables.");
-        good = false;
-    }
-    return good;
+    return imei && kExampleImei == g_strchomp(imei.get());
 }
 
 /// @return false when what the file holds does not count.
@@ -247,8 +246,12 @@ bool checkAccess(const std::string& path, const FileFacts& facts, bool sandboxed
 
 } // namespace
 
-void checkPlatformFile(const std::string& path, bool sandboxed, const Checked& report) {
+void checkPlatformFile(const std::string& path, bool sandboxed, bool explained,
+                       const Checked& report) {
     const FileFacts facts = factsOf(path);
+    if (!facts.exists() && explained) {
+        return;
+    }
     if (!facts.exists()) {
         report.doubtful(path + " cannot be found: " + facts.reason() +
                             ". Every default holds, so there is no connection.",
@@ -262,7 +265,16 @@ void checkPlatformFile(const std::string& path, bool sandboxed, const Checked& r
     if (!text) {
         report.unknown(path + " cannot be read by this user: " + g_strerror(errno) + ".",
                        "Ask again as root.");
-    } else if (checkContent(path, *text, report)) {
+        return;
+    }
+    const bool isGood = explained || checkContent(path, *text, report);
+    const bool isExample = hasExampleImei(*text);
+    if (isExample) {
+        report.broken(path + ": the Imei is the example's, which is no device's.",
+                      "Write the device's own. The identity that the server sees comes from this "
+                      "file, not from the five variables.");
+    }
+    if (isGood && !isExample && !explained) {
         report.fine(path + " is well formed.");
     }
 }

@@ -179,6 +179,12 @@ SET_UPS = [
         "identity",
         "packaged example's",
     ),
+    SetUp(
+        "IMEI of the example",
+        lambda d: d.platform.write(system={**SYSTEM, "Imei": "490154203237518"}),
+        "platform",
+        "Imei is the example's, .* comes from this file, not from the five variables",
+    ),
     SetUp("platform file missing", _unlink(lambda d: d.platform.path), "platform", "platform.conf cannot be found"),
     SetUp("platform file is none", _platform(r"\[Location\]", "[Location"), "platform", "is no key file"),
     SetUp("platform: truth", _platform("Active=true", "Active=maybe"), "platform", "line 1[0-9]: Active=maybe is not"),

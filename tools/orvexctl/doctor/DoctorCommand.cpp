@@ -7,6 +7,7 @@
 #include "doctor/CheckVersions.h"
 #include "doctor/Facts.h"
 #include "doctor/Findings.h"
+#include "doctor/PlatformTool.h"
 #include "doctor/Probe.h"
 #include "findings/Files.h"
 #include "findings/PlatformCheck.h"
@@ -77,8 +78,9 @@ public:
         } else {
             lookFromOutside();
         }
-        findings::checkPlatformFile(platformFile_, facts_.isService(),
-                                    Checked{"platform", report_});
+        const Checked platform{"platform", report_};
+        const bool explained = tellPlatform(platformVariable(), platform);
+        findings::checkPlatformFile(platformFile_, facts_.isService(), explained, platform);
         checkBus(facts_, Checked{"bus", report_});
         checkVersions(facts_, probeFile_, Checked{"versions", report_});
         if (root && !options_.local) {
@@ -104,6 +106,11 @@ private:
         }
         const char* own = std::getenv(kPlatformVariable);
         return own != nullptr && *own != '\0' ? own : kPlatformFile;
+    }
+
+    /// What the variable has to be for a program to see the daemon's platform; empty for unset.
+    [[nodiscard]] std::string platformVariable() const {
+        return platformFile_ == kPlatformFile ? "" : platformFile_;
     }
 
     /// Where the running daemon was told to look; the last of its options counts.
@@ -155,7 +162,7 @@ private:
     }
 
     void runProbe(const std::vector<std::string>& arguments) const {
-        const Probe probe{probeFile_, platformFile_ == kPlatformFile ? "" : platformFile_};
+        const Probe probe{probeFile_, platformVariable()};
         if (!probe.run(arguments, report_)) {
             Checked{"probe", report_}.broken(probeFile_ + " could not be run to its end.",
                                              "Install the package orvexd of this version.");
