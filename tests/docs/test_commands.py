@@ -50,5 +50,5 @@ def test_every_shell_block_is_found():
 
 
 def test_every_block_that_installs_is_left_to_the_tests_of_the_packages():
-    assert len(device_blocks()) == 5
+    assert len(device_blocks()) == 6
     assert not [block for block in SHELL if "sudo" in block.text]

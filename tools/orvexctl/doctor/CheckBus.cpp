@@ -77,6 +77,10 @@ std::string endInWords(const UnitFacts& unit) {
     if (unit.result == "start-limit-hit") {
         return "it was tried too often within a short time";
     }
+    if (unit.result == "resources") {
+        return "the service manager could not prepare it: the file of the five variables is "
+               "missing, most likely";
+    }
     if (unit.exitCode == 0) {
         return "the check before its start found something broken";
     }
