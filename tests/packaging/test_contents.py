@@ -168,6 +168,13 @@ def test_source_package_unpacks_to_the_tree(tmp_path):
         assert (tmp_path / "tree" / path).read_bytes() == (ROOT / path).read_bytes()
 
 
+@pytest.mark.parametrize("options, wanted", [([], False), (["--preset", "release"], True)], ids=["packager", "project"])
+def test_warnings_are_errors_in_the_project_s_own_presets_only(options, wanted, tmp_path):
+    output_of("cmake", *options, "-S", ROOT, "-B", tmp_path, "-DBUILD_TESTING=OFF")
+    commands = (tmp_path / "compile_commands.json").read_text("utf-8")
+    assert ("-Werror" in commands) == wanted
+
+
 @pytest.mark.timeout(1800)
 def test_packages_do_not_depend_on_the_folder_in_which_they_are_built(packages, tmp_path):
     """scripts/package builds in a folder with another name each time."""
