@@ -4,6 +4,7 @@ import json
 import os
 import pathlib
 import re
+import shutil
 import stat
 import subprocess
 import sys
@@ -15,7 +16,7 @@ from harness.daemon import DEVICE, Daemon
 from harness.faulty import SET_UPS, Device
 from harness.keys import make_keys
 from harness.preload import SteppedClock
-from harness.settings import BUILD_DIR, patience
+from harness.settings import BUILD_DIR, DAEMON, patience
 
 bus, server, platform, preinst, _, _ = shared.FIXTURES
 
@@ -234,6 +235,18 @@ def test_tool_of_the_platform_is_asked_where_there_is_one(device, daemon, tmp_pa
     found = [json.loads(line) for line in done.stdout.splitlines()]
     said = [(each["state"], each["why"]) for each in found if each["check"] == "platform"]
     assert said == [("doubtful", "no modem"), ("broken", "/etc/x, line 3: Kind=wifi is no number")]
+
+
+def test_program_that_was_replaced_under_the_running_daemon_is_a_doubt(device, make_bus, tmp_path):
+    copy = tmp_path / "orvexd"
+    shutil.copy(DAEMON, copy)
+    daemon = Daemon(tmp_path, make_bus(), device.platform.path, device.preinst)
+    daemon.program = [copy]
+    daemon.environment["LD_LIBRARY_PATH"] = str(BUILD_DIR / "lib")
+    for each in shared.running(daemon):
+        copy.unlink()
+        said = Doctor(each, "--json", "--local", "--identity", device.identity).said("versions")
+        assert any(f"was replaced or removed: {copy}." in why for why in said), said
 
 
 def test_certificate_that_ends_soon_is_a_doubt(doctor, device):

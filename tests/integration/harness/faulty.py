@@ -7,9 +7,11 @@ import dataclasses
 import os
 import re
 import socket
+import subprocess
 
 from .daemon import DEVICE
 from .keys import restore_preinst
+from .settings import PASSPHRASE
 
 CERTIFICATE, KEY, AUTHORITY = "SlpClient.pem", "SlpClient-key.pem", "Positioning_CA.pem"
 YEAR = 366 * 24 * 3600
@@ -85,6 +87,14 @@ def _foreign_certificate(device):
     (device.preinst / CERTIFICATE).write_bytes((device.keys / "server.pem").read_bytes())
 
 
+def _other_passphrase(device):
+    """The right key, encrypted anew."""
+    key = device.preinst / KEY
+    phrases = ["-passin", f"pass:{PASSPHRASE}", "-passout", "pass:another8"]
+    command = ["openssl", "pkey", "-in", key, "-aes256", *phrases]
+    key.write_bytes(subprocess.run(command, check=True, capture_output=True).stdout)
+
+
 def _refused_identity(device):
     (device.preinst / CERTIFICATE).write_bytes((device.keys / "SlpClient-unknown-ca.pem").read_bytes())
 
@@ -140,6 +150,7 @@ SET_UPS = [
         "SlpClient.pem holds no certificate",
     ),
     SetUp("foreign key", _copy(KEY), "files", "SlpClient-key.pem is not the key of the certificate"),
+    SetUp("other pass phrase", _other_passphrase, "files", "does not open with the pass phrase of this build"),
     SetUp("foreign certificate", _foreign_certificate, "files", "is not the key of the certificate in .*/SlpClient.pem"),
     SetUp("wrong owner", _wrong_owner, "files", "SlpClient.pem belongs to user 65534 .*cannot read", needs_ids=True),
     SetUp("authority missing", _unlink(lambda d: d.preinst / AUTHORITY), "files", "Positioning_CA.pem cannot be found"),

@@ -3,6 +3,7 @@
 #include "findings/Files.h"
 
 #include <algorithm>
+#include <initializer_list>
 #include <set>
 #include <sstream>
 #include <unistd.h>
@@ -64,7 +65,9 @@ void checkMappedFiles(const DaemonFacts& daemon, const Checked& report) {
         return;
     }
     for (const std::string& file : files) {
-        if (file.ends_with(kDeleted)) {
+        // Shared memory and the like has no name any more, on purpose.
+        const bool isCode = file.find(".so") != std::string::npos || file == daemon.program;
+        if (file.ends_with(kDeleted) && isCode) {
             report.doubtful("The running daemon uses a file that was replaced or removed: " +
                                 file.substr(0, file.size() - kDeleted.size()) + ".",
                             "Restart it: systemctl restart orvexd");
@@ -111,20 +114,31 @@ std::string withoutMark(std::string path) {
     return path;
 }
 
+/// The first path that leads to a file; empty for none.
+std::string firstFile(std::initializer_list<std::string> paths) {
+    for (const std::string& path : paths) {
+        if (!path.empty() && findings::factsOf(path).exists()) {
+            return path;
+        }
+    }
+    return {};
+}
+
 } // namespace
 
 void checkVersions(const Facts& facts, const std::string& probe, const Checked& report) {
     const bool isOurs = facts.daemon && facts.daemon->uid == 0; // a stranger's is not run
-    std::string program = isOurs ? withoutMark(facts.daemon->program) : "";
-    if (facts.unit && facts.unit->isLoaded()) {
-        checkUnit(*facts.unit, program, report);
-        program = program.empty() ? facts.unit->program : program;
+    const std::string running = isOurs ? withoutMark(facts.daemon->program) : "";
+    const std::string ofUnit = facts.isService() ? facts.unit->program : "";
+    if (facts.isService()) {
+        checkUnit(*facts.unit, running, report);
     }
-    program = program.empty() ? ORVEXCTL_DAEMON : program;
-    if (findings::factsOf(program).exists()) {
+    if (const std::string program = firstFile({running, ofUnit, ORVEXCTL_DAEMON});
+        !program.empty()) {
         compare(program, versionIn(outputOf(program)), report);
-    } else {
-        report.broken("There is no " + program + ".", "Install the package orvexd.");
+    } else if (!facts.daemon) {
+        report.broken(std::string{"There is no "} + ORVEXCTL_DAEMON + ".",
+                      "Install the package orvexd.");
     }
     if (geteuid() == 0 && findings::factsOf(probe).exists()) {
         compare(probe, versionIn(outputOf(probe)), report);
