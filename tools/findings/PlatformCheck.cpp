@@ -140,14 +140,8 @@ private:
         for (char** name = names.get(); name != nullptr && *name != nullptr; ++name) {
             listed.emplace_back(g_strstrip(*name));
         }
-        for (const std::string& name : listed) {
-            const std::string group = std::string(kConnectionGroup) + name;
-            if (!name.empty() && g_key_file_has_group(file_, group.c_str()) == FALSE) {
-                doubt(at("Connections", "List") + " names \"" + name + "\", but there is no [" +
-                          group + "]: the library leaves it out.",
-                      "Add the group, or take the name from the list.");
-            }
-        }
+        std::for_each(listed.begin(), listed.end(),
+                      [this](const std::string& name) { checkName(name); });
         const ListRef groups(g_key_file_get_groups(file_, nullptr));
         for (char** group = groups.get(); *group != nullptr; ++group) {
             const std::string text = *group;
@@ -157,6 +151,16 @@ private:
                 doubt("[" + text + "] is not in the list of [Connections]: the library ignores it.",
                       "Add the name to List=.");
             }
+        }
+    }
+
+    /// A name of the list.
+    void checkName(const std::string& name) {
+        const std::string group = std::string(kConnectionGroup) + name;
+        if (!name.empty() && g_key_file_has_group(file_, group.c_str()) == FALSE) {
+            doubt(at("Connections", "List") + " names \"" + name + "\", but there is no [" + group +
+                      "]: the library leaves it out.",
+                  "Add the group, or take the name from the list.");
         }
     }
 
