@@ -108,8 +108,10 @@ def test_installation_without_packages_serves(workshop):
     assert in_group(workshop.root, "nobody", "positioning")
 
 
-def test_installation_below_usr_local_serves(device, tmp_path):
+def test_installation_below_usr_local_serves(make_root, runtime, tmp_path):
     """This machine builds what the device gets; the other lines are typed there, with the other place of the examples."""
+    contents = dependencies_of(runtime) | ADMINISTRATION | {"systemd"}
+    device = Machine(make_root("local", contents), is_device=True)
     configure, build, *others = commands(WITHOUT_PACKAGES)
     assert "-D CMAKE_INSTALL_PREFIX=/usr " in configure
     configure = configure.replace("-D CMAKE_INSTALL_PREFIX=/usr ", "")
@@ -119,8 +121,10 @@ def test_installation_below_usr_local_serves(device, tmp_path):
     output_of("cmake", "--install", tmp_path, env=environment)
 
     lines = [line for line in others if "cmake --install" not in line] + commands(KEYS) + commands(LOCAL)
+    for line in lines:
+        device.type_line(line.replace("/usr/share/doc", "/usr/local/share/doc"))
     device.start_bus()
-    for line in lines + commands(DEVICE_ITSELF):
+    for line in commands(DEVICE_ITSELF):
         printed = device.type_line(line.replace("/usr/share/doc", "/usr/local/share/doc"))
     assert printed.splitlines()[-1] == told_status()
     assert not device.root.exists("/usr/sbin/orvexd")
