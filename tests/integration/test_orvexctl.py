@@ -11,15 +11,13 @@ import threading
 import time
 
 import pytest
-from gi.repository import Gio, GLib
+from gi.repository import GLib
 
-from harness.bus_connection import connect
 from harness.client import BusError
-from harness.settings import BUILD_DIR, BUS_NAME, EXAMPLES, OBJECT_PATH, ROOT, patience
+from harness.settings import BUILD_DIR, BUS_NAME, EXAMPLES, ROOT, patience
 from harness.waiting import wait_for
 
 ORVEXCTL = BUILD_DIR / "bin" / "orvexctl"
-INTERFACE = ROOT / "data" / "com.kelvra.orvexd.xml"
 MANUAL = ROOT / "docs" / "man" / "orvexctl.1"
 COMPLETION = ROOT / "tools" / "orvexctl" / "completion" / "orvexctl"
 FINGERPRINT = EXAMPLES / "fingerprint.xml"
@@ -175,54 +173,6 @@ def subscribed(run, client):
         assert time.monotonic() < end, run.report()
         client.cancel(4294967295, 4294967295)
         time.sleep(0.01)
-
-
-class StandIn:
-    """Owns the daemon's name and answers every call in one way: for codes the daemon rarely sends."""
-
-    def __init__(self, address):
-        self.bus = connect(address)
-        description = Gio.DBusNodeInfo.new_for_xml(INTERFACE.read_text("utf-8"))
-        self.answers = {}
-        self.called = []
-        self.bus.register_object(OBJECT_PATH, description.interfaces[0], self._call, None, None)
-        owned = []
-        Gio.bus_own_name_on_connection(
-            self.bus, BUS_NAME, Gio.BusNameOwnerFlags.NONE, lambda *_: owned.append(True), None
-        )
-        wait_for(lambda: owned, 10, "the stand-in's name")
-
-    def _call(self, _bus, _sender, _path, _interface, member, arguments, invocation):
-        self.called.append((member, arguments.unpack() if member != "sendData" else None))
-        answer = self.answers.get(member)
-        if isinstance(answer, int):
-            invocation.return_dbus_error(f"{BUS_NAME}.Error", f"({answer}) unspecifiedError")
-        elif callable(answer):
-            answer(invocation)
-        elif answer is not None:
-            invocation.return_value(answer)
-
-    def emit(self, name, arguments):
-        self.bus.emit_signal(None, OBJECT_PATH, BUS_NAME, name, arguments)
-
-    def close(self):
-        if not self.bus.is_closed():
-            self.bus.close_sync(None)
-
-
-@pytest.fixture
-def stand_in(bus):
-    """In the daemon's place, with ids 7 and 9 for connection and request."""
-    stand_in = StandIn(bus.address)
-    stand_in.answers = {
-        "connect": GLib.Variant("(u)", (7,)),
-        "prepare": GLib.Variant("(u)", (9,)),
-        "attach": GLib.Variant("(u)", (9,)),
-        "sendData": GLib.Variant("(i)", (0,)),
-        "disconnect": GLib.Variant("()", ()),
-    }
-    yield stand_in
-    stand_in.close()
 
 
 # -- status ----------------------------------------------------------------------------------------

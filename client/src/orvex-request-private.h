@@ -1,0 +1,17 @@
+#pragma once
+
+#include "orvex-request.h"
+#include "orvex-transfer.h"
+
+/// Begins a transfer of this request; the task is the client's. @param bytes or @param stream is
+/// the question. @param blocking: no main loop runs for it afterwards.
+void orvex_request_send(OrvexRequest* request, OrvexLink* link, GBytes* bytes, GInputStream* stream,
+                        int io_priority, gboolean blocking, GTask* task);
+
+/// The stream of the first part, which has begun.
+GInputStream* orvex_request_first_part(OrvexRequest* request);
+
+/// In the request's own context: the transfer with this number has come to this state, or has moved
+/// bytes.
+void orvex_request_tell_state(OrvexRequest* request, guint64 run, OrvexRequestState state);
+void orvex_request_tell_progress(OrvexRequest* request, guint64 run);
