@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 /// The daemon answers at once unless it hangs.
-enum { CALL_TIMEOUT_MS = 25 * 1000, LAST_CALL_MS = 1000 };
+enum { CALL_TIMEOUT_MS = 25 * 1000, FIRST_CALL_MS = 5000, LAST_CALL_MS = 1000 };
 
 /// What the daemon would keep if the process ended now.
 typedef struct {
@@ -339,12 +339,14 @@ static gboolean read_status(OrvexLink* link, GAsyncResult* result, guint* status
     return TRUE;
 }
 
-static void ask_status(OrvexLink* link, const char* name, GDBusCallFlags flags,
-                       GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+static void ask_status(OrvexLink* link, const char* name, int timeout, GCancellable* cancellable,
+                       GAsyncReadyCallback callback, gpointer data) {
+    // By its name, the daemon is started if it is not there.
+    const GDBusCallFlags flags =
+        *name == ':' ? G_DBUS_CALL_FLAGS_NO_AUTO_START : G_DBUS_CALL_FLAGS_NONE;
     g_dbus_connection_call(link->bus, name, ORVEX_PATH, "org.freedesktop.DBus.Properties", "Get",
                            g_variant_new("(ss)", ORVEX_INTERFACE, "connectionStatus"),
-                           G_VARIANT_TYPE("(v)"), flags, CALL_TIMEOUT_MS, cancellable, callback,
-                           data);
+                           G_VARIANT_TYPE("(v)"), flags, timeout, cancellable, callback, data);
 }
 
 static void status_answered(GObject* bus, GAsyncResult* result, gpointer data) {
@@ -370,8 +372,8 @@ static void query_status(gpointer data) {
         orvex_task_return_error(task, orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL));
         return;
     }
-    ask_status(link, ORVEX_BUS_NAME, G_DBUS_CALL_FLAGS_NONE, g_task_get_cancellable(task),
-               status_answered, task);
+    ask_status(link, ORVEX_BUS_NAME, CALL_TIMEOUT_MS, g_task_get_cancellable(task), status_answered,
+               task);
 }
 
 void orvex_link_query_status(OrvexLink* link, GTask* task) {
@@ -394,8 +396,7 @@ static void waiters_answered(GObject* bus, GAsyncResult* result, gpointer data) 
 
 /// Asks a daemon that may have to be started, for those who wait.
 static void ask_for_waiters(OrvexLink* link) {
-    ask_status(link, ORVEX_BUS_NAME, G_DBUS_CALL_FLAGS_NONE, NULL, waiters_answered,
-               orvex_link_ref(link));
+    ask_status(link, ORVEX_BUS_NAME, CALL_TIMEOUT_MS, NULL, waiters_answered, orvex_link_ref(link));
 }
 
 static gboolean waiter_cancelled(GCancellable* cancellable, gpointer data) {
@@ -482,8 +483,7 @@ static void owner_changed(GDBusConnection* bus, const char* sender, const char* 
     }
     if (*after != '\0') {
         set_owner(link, after);
-        ask_status(link, after, G_DBUS_CALL_FLAGS_NO_AUTO_START, NULL, new_status,
-                   orvex_link_ref(link));
+        ask_status(link, after, CALL_TIMEOUT_MS, NULL, new_status, orvex_link_ref(link));
     } else if (link->waiters != NULL) {
         ask_for_waiters(link);
     }
@@ -636,8 +636,7 @@ static void owner_found(GObject* bus, GAsyncResult* result, gpointer data) {
     const char* owner = NULL;
     g_variant_get(reply, "(&s)", &owner);
     set_owner(link, owner);
-    ask_status(link, owner, G_DBUS_CALL_FLAGS_NO_AUTO_START, g_task_get_cancellable(task),
-               first_status, task);
+    ask_status(link, owner, FIRST_CALL_MS, g_task_get_cancellable(task), first_status, task);
 }
 
 static void use_bus(OrvexLink* link, GDBusConnection* bus, gboolean owns, GTask* task) {

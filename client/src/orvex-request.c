@@ -283,18 +283,25 @@ OrvexRequest* orvex_request_new(const char* element, const char* type, const cha
         return request->field;                                                                     \
     }
 
-#define ACCESSORS(name, NAME, ctype)                                                               \
+#define GETTER(name, ctype)                                                                        \
     ctype orvex_request_get_##name(OrvexRequest* request) {                                        \
         g_return_val_if_fail(ORVEX_IS_REQUEST(request), (ctype)0);                                 \
         return request->name;                                                                      \
-    }                                                                                              \
+    }
+
+#define SETTER(name, NAME, ctype, valid)                                                           \
     void orvex_request_set_##name(OrvexRequest* request, ctype value) {                            \
         g_return_if_fail(ORVEX_IS_REQUEST(request));                                               \
+        g_return_if_fail(valid);                                                                   \
         if (request->name != value) {                                                              \
             request->name = value;                                                                 \
             g_object_notify_by_pspec(G_OBJECT(request), properties[PROP_##NAME]);                  \
         }                                                                                          \
     }
+
+#define ACCESSORS(name, NAME, ctype)                                                               \
+    GETTER(name, ctype)                                                                            \
+    SETTER(name, NAME, ctype, TRUE)
 
 /**
  * orvex_request_get_element:
@@ -432,7 +439,8 @@ ACCESSORS(attach, ATTACH, gboolean)
  * Sets the largest number of the answer's bytes that come at once. See
  * [property@Request:chunk-size].
  */
-ACCESSORS(chunk_size, CHUNK_SIZE, guint)
+GETTER(chunk_size, guint)
+SETTER(chunk_size, CHUNK_SIZE, guint, value >= 1 && value <= LARGEST_CHUNK)
 
 /**
  * orvex_request_get_timeout:

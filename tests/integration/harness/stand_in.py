@@ -24,7 +24,10 @@ class StandIn:
             "disconnect": GLib.Variant("()", ()),
         }
         self.called = []
-        self.bus.register_object(OBJECT_PATH, description.interfaces[0], self._call, None, None)
+        self.status = 3
+        self.bus.register_object(
+            OBJECT_PATH, description.interfaces[0], self._call, lambda *_: GLib.Variant("u", self.status), None
+        )
         owned = []
         Gio.bus_own_name_on_connection(
             self.bus, BUS_NAME, Gio.BusNameOwnerFlags.NONE, lambda *_: owned.append(True), None
