@@ -384,6 +384,21 @@ def test_failure_in_the_middle_of_a_long_upload_is_explained(start, daemon, serv
     assert run.wait() == 30, run.report()
 
 
+def test_answer_that_breaks_off_has_a_status_of_its_own(start, stand_in):
+    fetches = []
+    stand_in.answers["getData"] = fetches.append
+    run = start("request", *ECHO)
+    wait_for(lambda: fetches, 10, "the request")
+    stand_in.emit("requestData", GLib.Variant("(uu)", (7, 9)))
+    fetches.pop().return_value(GLib.Variant("(ayu)", (b"begin", 2301)))
+    wait_for(lambda: fetches, 10, "the next call")
+    fetches.pop().return_value(GLib.Variant("(ayu)", (b"", 2303)))
+    stand_in.emit("errorSignal", GLib.Variant("(uss)", (2204, "Transferred a partial file", "")))
+    assert run.wait() == 8
+    assert run.stdout == b"begin"
+    assert '"Transferred a partial file"' in run.stderr
+
+
 def test_input_slower_than_the_daemons_patience_is_refused(start, daemon):
     run = start("request", *ECHO, stdin=subprocess.PIPE)
     run.child.stdin.write(b"begin")
@@ -493,9 +508,10 @@ def test_at_most_one_fetch_and_one_piece_of_bounded_size_are_under_way(start, st
 
     def send(invocation):
         sizes.append(invocation.get_parameters().get_child_value(0).n_children())
+        last = invocation.get_parameters().get_child_value(1).get_boolean()
         most.append(len(fetches))
         invocation.return_value(GLib.Variant("(i)", (0,)))
-        if sizes[-1] == 0:
+        if last:
             fetches.pop().return_value(GLib.Variant("(ayu)", (b"answer", 2303)))
 
     stand_in.answers["sendData"] = send

@@ -41,13 +41,13 @@ AnswerSink AnswerSink::toPattern(std::string pattern) {
     return sink;
 }
 
-void AnswerSink::write(VariantRef bytes, GCancellable* cancellable,
+void AnswerSink::write(BytesRef bytes, GCancellable* cancellable,
                        std::function<void(Outcome<Done>)> handler) {
     openPart();
     gsize size = 0;
-    const void* data = g_variant_get_fixed_array(bytes.get(), &size, 1);
+    const void* data = g_bytes_get_data(bytes.get(), &size);
     // The bytes live as long as the operation: its finish function holds them.
-    const auto finish = [name = name_, held = std::shared_ptr<GVariant>{std::move(bytes)}](
+    const auto finish = [name = name_, held = std::shared_ptr<GBytes>{std::move(bytes)}](
                             GObject* stream, GAsyncResult* result) -> Outcome<Done> {
         ErrorSlot error;
         if (g_output_stream_write_all_finish(G_OUTPUT_STREAM(stream), result, nullptr,

@@ -20,8 +20,8 @@ public:
     /// @throws Failure when the pattern has no "%d".
     static AnswerSink toPattern(std::string pattern);
 
-    /// Writes bytes of type "ay". One call at a time. An empty part still makes its file.
-    void write(VariantRef bytes, GCancellable* cancellable,
+    /// One call at a time.
+    void write(BytesRef bytes, GCancellable* cancellable,
                std::function<void(Outcome<Done>)> handler);
 
     /// The part is complete: closes its file. @throws Failure when its bytes cannot be kept.
@@ -30,10 +30,12 @@ public:
     /// The answer is complete. @throws Failure when its bytes cannot be kept.
     void end();
 
+    /// A part has begun: makes its file, if there is none yet. @throws Failure
+    void openPart();
+
 private:
     AnswerSink() = default;
 
-    void openPart();
     void close();
 
     std::string pattern_; ///< empty: everything goes into one stream

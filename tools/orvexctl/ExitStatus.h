@@ -16,6 +16,8 @@ enum class ExitStatus : int {
     Bus = 6,
     /// Somebody else cancelled the request.
     Cancelled = 7,
+    /// The transfer broke off within the answer: what was written is its beginning.
+    Truncated = 8,
 
     // One for each code of the daemon.
     UnknownRequest = 20,    // 41

@@ -5,6 +5,8 @@
 
 #include <array>
 #include <charconv>
+#include <optional>
+#include <orvexclient.h>
 #include <string>
 
 namespace orvexd::ctl {
@@ -186,6 +188,20 @@ std::string_view adviceOn(ExitStatus status) {
     }
 }
 
+ExitStatus statusOfLibrary(int error) {
+    switch (error) {
+    case ORVEX_ERROR_NOT_INSTALLED:
+    case ORVEX_ERROR_START_FAILED:
+        return ExitStatus::NoDaemon;
+    case ORVEX_ERROR_ACCESS_DENIED:
+        return ExitStatus::NoPermission;
+    case ORVEX_ERROR_TIMED_OUT:
+        return ExitStatus::TimedOut;
+    default:
+        return ExitStatus::Bus;
+    }
+}
+
 } // namespace
 
 Failure::Failure(ExitStatus status, std::string text) : status_{status}, text_{std::move(text)} {}
@@ -200,9 +216,37 @@ Failure Failure::fromCode(std::uint32_t code, std::string_view detail) {
             text = entry.text;
         }
     }
-    Failure failure{status, describe(text, detail) + " (code " + std::to_string(code) + ")"};
-    failure.code_ = code;
-    return failure;
+    return {status, describe(text, detail) + " (code " + std::to_string(code) + ")"};
+}
+
+Failure Failure::fromLibrary(const GError& error) {
+    const char* const words = orvex_error_get_detail(&error);
+    const std::string_view detail{words == nullptr ? "" : words};
+    // These are the library's own findings. The others follow the daemon's code, if there is one.
+    switch (error.code) {
+    case ORVEX_ERROR_TRUNCATED:
+        return {ExitStatus::Truncated,
+                describe("The transfer broke off within the answer: what was written is its "
+                         "beginning. Send the request again.",
+                         detail)};
+    case ORVEX_ERROR_CANCELLED:
+        return {ExitStatus::Cancelled,
+                "Another client cancelled the request. 'orvexctl monitor' shows who does so; send "
+                "it again."};
+    case ORVEX_ERROR_DAEMON_GONE:
+        return daemonGone();
+    case ORVEX_ERROR_NO_BUS:
+        return noBus(detail);
+    default:
+        break;
+    }
+    if (const guint code = orvex_error_get_code(&error); code != 0) {
+        return fromCode(code, detail);
+    }
+    const ExitStatus status = statusOfLibrary(error.code);
+    std::string text{error.code == ORVEX_ERROR_START_FAILED ? kFailedStart : adviceOn(status)};
+    text.append(" (").append(printable(detail)).append(")");
+    return {status, std::move(text)};
 }
 
 Failure Failure::fromBus(const GError& error) {
@@ -229,6 +273,13 @@ Failure Failure::daemonGone() {
     return {ExitStatus::NoDaemon, "The daemon left the bus in the middle of its work. Look at "
                                   "'systemctl status orvexd', then "
                                   "try again."};
+}
+
+Failure Failure::noBus(std::string_view detail) {
+    std::string text{"The system bus cannot be reached. Check that it runs, or "
+                     "DBUS_SYSTEM_BUS_ADDRESS when a private bus is meant. ("};
+    text.append(printable(detail)).append(")");
+    return {ExitStatus::NoDaemon, std::move(text)};
 }
 
 } // namespace orvexd::ctl

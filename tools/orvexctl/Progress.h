@@ -24,8 +24,10 @@ public:
     void setState(std::string state);
     /// Number of bytes that will go up in all, when known.
     void setTotal(std::optional<std::uint64_t> bytes) { total_ = bytes; }
-    void addSent(std::uint64_t bytes) { sent_ += bytes; }
-    void addReceived(std::uint64_t bytes) { received_ += bytes; }
+    void setMoved(std::uint64_t sent, std::uint64_t received) {
+        sent_ = sent;
+        received_ = received;
+    }
 
 private:
     void draw();

@@ -1,16 +1,23 @@
 #pragma once
 
-#include "Client.h"
-
 #include <chrono>
+#include <cstdint>
 #include <string>
+#include <vector>
 
 namespace orvexd::ctl {
 
 /// The command line of "orvexctl request".
 struct RequestOptions {
-    ConnectionValues connection;
-    RequestValues request;
+    std::string element;
+    std::string type;
+    std::string version;
+    std::string contentType;
+    std::string encoding = "binary";
+    std::uint32_t policy = 2;
+    std::uint32_t openDuration = 0;
+    std::uint32_t chunkSize = 64 * 1024; ///< bytes
+    bool attach = false;
     std::string input = "-";
     std::string output = "-";
     std::string outputPattern;         ///< takes the place of output when not empty
