@@ -35,7 +35,7 @@ UNKNOWN_REQUEST = 41  # of sendData, and in the text of error replies
 
 NAME = "com.kelvra.orvexd"
 DESCRIPTIONS = (
-    pathlib.Path(__file__).resolve().parents[2] / "data" / f"{NAME}.xml",
+    pathlib.Path(__file__).resolve().parents[3] / "data" / f"{NAME}.xml",
     pathlib.Path("/usr/share/dbus-1/interfaces") / f"{NAME}.xml",
 )
 
