@@ -1,6 +1,7 @@
 """The skips that are allowed: where, with which reason, and what explains it."""
 
 import os
+import shutil
 import subprocess
 
 SANITIZED = ("asan", "tsan")
@@ -18,6 +19,11 @@ def counts_nothing(build):
 def has_one_user_id(_build):
     """No process can be made under another user's id."""
     return not _works("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "true")
+
+
+def has_no_valgrind(_build):
+    """It is installed on demand: scripts/setup --valgrind."""
+    return shutil.which("valgrind") is None
 
 
 def cannot_mount(_build):
@@ -38,6 +44,8 @@ ALLOWED = {
     ("faults.test_disk_full", "no file system can be mounted in a namespace here"): cannot_mount,
     ("faults.test_matrix", "this build does not count"): counts_nothing,
     ("test_bus_policy", "no other user ids here"): has_one_user_id,
+    ("test_client_threads", "no valgrind"): has_no_valgrind,
+    ("test_library_examples", "Python cannot load a sanitized library"): is_sanitized,
     ("test_users", "no other user ids here"): has_one_user_id,
 }
 
