@@ -15,8 +15,12 @@ import subprocess
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PACKAGE_DIR = pathlib.Path(os.environ.get("ORVEXD_PACKAGE_DIR") or ROOT / "build" / "packages")
-NAMES = ("libtrilbacore1", "libtrilbacore-dev", "orvexctl", "orvexd")
-RUNTIME = ("libtrilbacore1", "orvexctl", "orvexd")
+NAMES = (
+    *("libtrilbacore1", "libtrilbacore-dev", "orvexctl", "orvexd"),
+    *("liborvexclient0", "gir1.2-orvexclient-1.0", "liborvexclient-dev", "orvexd-doc"),
+)
+FOR_ALL = ("orvexd-doc",)  # machines
+RUNTIME = ("libtrilbacore1", "liborvexclient0", "orvexctl", "orvexd")
 
 
 def output_of(*command, timeout=240, **options):
@@ -37,6 +41,7 @@ class Package:
     """One .deb file."""
 
     def __init__(self, name, architecture):
+        architecture = "all" if name in FOR_ALL else architecture
         found = sorted(PACKAGE_DIR.glob(f"{name}_*_{architecture}.deb"))
         assert len(found) == 1, f"{name}, {architecture}: {found}; run scripts/package"
         self.path = found[0]
