@@ -10,7 +10,12 @@ from harness.settings import BUS_NAME, ROOT
 from include_graph import FLOOR_OF_FOLDER
 
 INTERFACE = ElementTree.fromstring(read("data/com.kelvra.orvexd.xml")).find("interface")
-SOURCES = {"cpp": "examples/cpp/main.cpp", "python": "examples/python/client.py"}
+SOURCES = {
+    "c": ["examples/fingerprint.c"],
+    "js": ["examples/fingerprint.js"],
+    "cpp": ["examples/raw/cpp/main.cpp"],
+    "python": ["examples/fingerprint.py", "examples/raw/python/client.py"],
+}
 KINDS = {"method": "method", "signal of clients": "signal", "signal of the daemon": "signal"}
 
 
@@ -105,7 +110,13 @@ def test_the_readme_tells_every_deployment_value():
 
 @pytest.mark.parametrize("block", blocks(GUIDE, *SOURCES), ids=lambda block: f"{block.line}")
 def test_what_the_guide_quotes_stands_in_the_example(block):
-    assert block.text in read(SOURCES[block.language])
+    assert any(block.text in read(source) for source in SOURCES[block.language])
+
+
+def test_the_guide_tells_every_error_of_the_library():
+    values = set(re.findall(r"^    ORVEX_ERROR_(\w+),$", read("client/include/orvex-error.h"), re.MULTILINE))
+    told = {word for row in rows(section(GUIDE, "The library")) for word in re.findall(r"`([A-Z_]+)`", row[0])}
+    assert told == values
 
 
 def picture(document, heading):
