@@ -26,6 +26,8 @@ gboolean orvex_request_get_attach(OrvexRequest* request);
 void orvex_request_set_attach(OrvexRequest* request, gboolean attach);
 guint orvex_request_get_chunk_size(OrvexRequest* request);
 void orvex_request_set_chunk_size(OrvexRequest* request, guint bytes);
+guint orvex_request_get_piece_size(OrvexRequest* request);
+void orvex_request_set_piece_size(OrvexRequest* request, guint bytes);
 guint orvex_request_get_timeout(OrvexRequest* request);
 void orvex_request_set_timeout(OrvexRequest* request, guint seconds);
 guint64 orvex_request_get_answer_limit(OrvexRequest* request);

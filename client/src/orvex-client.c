@@ -449,7 +449,8 @@ static void send_stream(OrvexClient* client, OrvexRequest* request, GInputStream
  * @user_data: for @callback
  *
  * Sends a request. The answer comes as a stream, which holds at most two chunks in memory: a reader
- * that stops reads nothing further from the daemon. The question is read ahead by at most 256 KiB.
+ * that stops reads nothing further from the daemon. The question is read ahead by at most
+ * 256 KiB, or by one piece if that is more.
  *
  * Any thread may call it. @callback is called in its thread-default main context, in which also
  * @question is read: this context has to run until the question is sent.

@@ -196,7 +196,7 @@ static OrvexError value_of_call_error(const GError* error, const char* name) {
         return ORVEX_ERROR_TIMED_OUT;
     }
     if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED)) {
-        return ORVEX_ERROR_DAEMON_GONE;
+        return ORVEX_ERROR_NO_BUS;
     }
     return ORVEX_ERROR_PROTOCOL;
 }

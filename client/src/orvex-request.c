@@ -33,6 +33,7 @@ enum {
     PROP_OPEN_DURATION,
     PROP_ATTACH,
     PROP_CHUNK_SIZE,
+    PROP_PIECE_SIZE,
     PROP_TIMEOUT,
     PROP_ANSWER_LIMIT,
     PROP_STATE,
@@ -49,6 +50,7 @@ enum { SIGNAL_PROGRESS, SIGNAL_STATE_CHANGED, SIGNALS };
 enum {
     LARGEST_CHUNK = 16 * 1024 * 1024, ///< the daemon never hands out more at once
     DEFAULT_CHUNK = 64 * 1024,
+    DEFAULT_PIECE = 128 * 1024,
     DEFAULT_TIMEOUT = 180, ///< an exchange may have to wait for the one before it
     DEFAULT_LIMIT = 64 * 1024 * 1024,
 };
@@ -64,6 +66,7 @@ struct _OrvexRequest {
     guint open_duration;
     gboolean attach;
     guint chunk_size;
+    guint piece_size;
     guint timeout;
     guint64 answer_limit;
 
@@ -139,6 +142,7 @@ static OrvexPlan make_plan(OrvexRequest* self) {
         .open_duration = self->open_duration,
         .attach = self->attach,
         .chunk_size = self->chunk_size,
+        .piece_size = self->piece_size,
         .timeout = self->timeout,
         .answer_limit = self->answer_limit,
     };
@@ -443,6 +447,25 @@ GETTER(chunk_size, guint)
 SETTER(chunk_size, CHUNK_SIZE, guint, value >= 1 && value <= LARGEST_CHUNK)
 
 /**
+ * orvex_request_get_piece_size:
+ * @request: a request
+ *
+ * Gets the largest number of the question's bytes that are sent at once.
+ *
+ * Returns: bytes
+ */
+/**
+ * orvex_request_set_piece_size:
+ * @request: a request
+ * @bytes: from 1 to 16777216
+ *
+ * Sets the largest number of the question's bytes that are sent at once. See
+ * [property@Request:piece-size].
+ */
+GETTER(piece_size, guint)
+SETTER(piece_size, PIECE_SIZE, guint, value >= 1 && value <= LARGEST_CHUNK)
+
+/**
  * orvex_request_get_timeout:
  * @request: a request
  *
@@ -600,6 +623,9 @@ static void request_get_property(GObject* object, guint id, GValue* value, GPara
     case PROP_CHUNK_SIZE:
         g_value_set_uint(value, self->chunk_size);
         break;
+    case PROP_PIECE_SIZE:
+        g_value_set_uint(value, self->piece_size);
+        break;
     case PROP_TIMEOUT:
         g_value_set_uint(value, self->timeout);
         break;
@@ -659,6 +685,9 @@ static void request_set_property(GObject* object, guint id, const GValue* value,
     case PROP_CHUNK_SIZE:
         orvex_request_set_chunk_size(self, g_value_get_uint(value));
         break;
+    case PROP_PIECE_SIZE:
+        orvex_request_set_piece_size(self, g_value_get_uint(value));
+        break;
     case PROP_TIMEOUT:
         orvex_request_set_timeout(self, g_value_get_uint(value));
         break;
@@ -677,6 +706,7 @@ static void orvex_request_init(OrvexRequest* self) {
     self->encoding = g_strdup("binary");
     self->policy = ORVEX_POLICY_NOT_FLAGGED;
     self->chunk_size = DEFAULT_CHUNK;
+    self->piece_size = DEFAULT_PIECE;
     self->timeout = DEFAULT_TIMEOUT;
     self->answer_limit = DEFAULT_LIMIT;
 }
@@ -789,6 +819,14 @@ static void make_wishes(void) {
      */
     properties[PROP_CHUNK_SIZE] =
         g_param_spec_uint("chunk-size", NULL, NULL, 1, LARGEST_CHUNK, DEFAULT_CHUNK, flags);
+    /**
+     * OrvexRequest:piece-size:
+     *
+     * Largest number of the question's bytes that are read and sent at once. What the stream has is
+     * sent, even if it is less.
+     */
+    properties[PROP_PIECE_SIZE] =
+        g_param_spec_uint("piece-size", NULL, NULL, 1, LARGEST_CHUNK, DEFAULT_PIECE, flags);
     /**
      * OrvexRequest:timeout:
      *

@@ -9,9 +9,9 @@
 #include <string.h>
 
 enum {
-    PIECE_SIZE = 64 * 1024, ///< of the question, largest
-    READ_AHEAD = 4,         ///< pieces of the question that are read before they are wanted
-    CHUNKS_HELD = 2,        ///< of the answer, for a reader
+    READ_AHEAD = 256 * 1024, ///< bytes of the question that are read before they are wanted
+    PIECES_AHEAD = 16,       ///< however small they are
+    CHUNKS_HELD = 2,         ///< of the answer, for a reader
     CALL_TIMEOUT_MS = 60 * 1000,
     LAST_CALL_MS = 2000,      ///< the daemon answers at once unless it hangs
     REASON_MS = 2000,         ///< a failing exchange drops its requests before it says why
@@ -21,12 +21,13 @@ enum {
 // A transfer that breaks off within the last part of an answer completes the part: the last chunk
 // comes as if the answer were whole, and right behind it the failure of the exchange. The daemon
 // tells it one turn of its main loop later, so that it comes before the answers to two calls. What
-// the daemon's worker needs in between is microseconds, or a time slice if somebody else gets the
-// processor; so there is also a least time, unless the last chunk is the whole answer: of an answer
-// that broke off, the last chunk holds what may be the beginning of a boundary, and no more.
+// the daemon's worker needs in between is half a millisecond, or some time slices where others want
+// the processor: how long the two calls take tells how busy the machine is. An answer whose only
+// chunk is longer than a boundary cannot have broken off: its bytes would have come before.
 enum {
     SETTLE_CALLS = 2,
-    SETTLE_LEAST_MS = 5,
+    SETTLE_LEAST_MS = 10,
+    SETTLE_TURNS = 8, ///< times as long as the calls took
     SETTLE_MOST_MS = 30,
     BOUNDARY_SIZE = 256, ///< more than a boundary with its line ends
 };
@@ -76,7 +77,8 @@ struct OrvexTransfer {
     gboolean sending;  ///< sendData is under way
     gboolean reading;  ///< the question's stream is being read
     GQueue outgoing;   ///< of GBytes: what was read and is not sent
-    gsize offset;      ///< in plan.bytes, where the next piece begins
+    gsize outgoing_bytes;
+    gsize offset; ///< in plan.bytes, where the next piece begins
     gboolean question_ended;
     gboolean last_piece; ///< the piece under way is the last one
     gsize piece_size;
@@ -84,19 +86,20 @@ struct OrvexTransfer {
     guint chunks;      ///< that have come
     GByteArray* whole; ///< the answer, if it is collected
     gboolean answered; ///< the last chunk has come
-    guint settling;    ///< calls and times that hold the answer's end back
-    gboolean settled;
-    GError* refusal; ///< an explanation of it is awaited
-    GError* failure; ///< what is told when everything is closed
-    gboolean over;   ///< answered, failed or given up: only the clean-up is left
+    gboolean may_be_torn;
+    gint64 last_chunk; ///< when it came
+    guint turns;       ///< calls behind it that are not answered
+    gboolean settled;  ///< nothing holds the answer's end back any more
+    GError* refusal;   ///< an explanation of it is awaited
+    GError* failure;   ///< what is told when everything is closed
+    gboolean over;     ///< answered, failed or given up: only the clean-up is left
     gboolean told;
     GCancellable* stop;        ///< ends the calls that may last
     GCancellable* stop_source; ///< ends the reading of the question
     GSource* cancelled;
     GSource* silence;
     GSource* explain;
-    GSource* settle_least;
-    GSource* settle_most;
+    GSource* settling;
     GSource* last_call;
     gint64 progress; ///< when something went on
 
@@ -656,8 +659,7 @@ static void end(OrvexTransfer* t) {
     orvex_source_clear(&t->cancelled);
     orvex_source_clear(&t->silence);
     orvex_source_clear(&t->explain);
-    orvex_source_clear(&t->settle_least);
-    orvex_source_clear(&t->settle_most);
+    orvex_source_clear(&t->settling);
     if (t->connection != 0) {
         orvex_link_remove(t->link, t->connection);
     }
@@ -820,6 +822,7 @@ typedef struct {
     GInputStream* stream;
     GCancellable* cancellable;
     int io_priority;
+    gsize size; ///< at most
     GBytes* bytes;
     GError* error;
 } Piece;
@@ -848,6 +851,7 @@ static void piece_read(gpointer data) {
     if (g_bytes_get_size(piece->bytes) == 0) {
         t->question_ended = TRUE;
     } else {
+        t->outgoing_bytes += g_bytes_get_size(piece->bytes);
         g_queue_push_tail(&t->outgoing, g_steal_pointer(&piece->bytes));
         read_ahead(t);
     }
@@ -866,7 +870,7 @@ static void read_stream(gpointer data) {
     Piece* piece = data;
     GMainContext* context = g_source_get_context(g_main_current_source());
     g_main_context_push_thread_default(context);
-    g_input_stream_read_bytes_async(piece->stream, PIECE_SIZE, piece->io_priority,
+    g_input_stream_read_bytes_async(piece->stream, piece->size, piece->io_priority,
                                     piece->cancellable, stream_was_read, piece);
     g_main_context_pop_thread_default(context);
 }
@@ -874,8 +878,10 @@ static void read_stream(gpointer data) {
 /// Reads on before anything is wanted, so that a source that needs its time does not keep the
 /// daemon waiting.
 static void read_ahead(OrvexTransfer* t) {
-    if (t->plan.stream == NULL || t->reading || t->question_ended ||
-        t->outgoing.length >= READ_AHEAD) {
+    const gsize room = READ_AHEAD - MIN(READ_AHEAD, t->outgoing_bytes);
+    const gboolean full =
+        t->outgoing.length >= PIECES_AHEAD || (t->outgoing.length > 0 && room < t->plan.piece_size);
+    if (t->plan.stream == NULL || t->reading || t->question_ended || full) {
         return;
     }
     t->reading = TRUE;
@@ -884,13 +890,14 @@ static void read_ahead(OrvexTransfer* t) {
     piece->stream = g_object_ref(t->plan.stream);
     piece->cancellable = g_object_ref(t->stop_source);
     piece->io_priority = t->plan.io_priority;
+    piece->size = t->plan.piece_size;
     orvex_post(t->plan.question_context, t->plan.io_priority, read_stream, piece, NULL);
 }
 
 /// The next piece of a question that is there as a whole.
 static GBytes* cut_piece(OrvexTransfer* t) {
     const gsize left = g_bytes_get_size(t->plan.bytes) - t->offset;
-    const gsize size = MIN(left, PIECE_SIZE);
+    const gsize size = MIN(left, t->plan.piece_size);
     GBytes* piece = g_bytes_new_from_bytes(t->plan.bytes, t->offset, size);
     t->offset += size;
     t->question_ended = t->offset == g_bytes_get_size(t->plan.bytes);
@@ -903,6 +910,7 @@ static GBytes* take_piece(OrvexTransfer* t) {
         return cut_piece(t);
     }
     GBytes* piece = g_queue_pop_head(&t->outgoing);
+    t->outgoing_bytes -= piece != NULL ? g_bytes_get_size(piece) : 0;
     return piece == NULL && t->question_ended ? g_bytes_new_static(NULL, 0) : piece;
 }
 
@@ -978,49 +986,40 @@ void orvex_transfer_data_wanted(OrvexTransfer* t, guint request) {
 // -- the answer ----------------------------------------------------------------------------------
 
 static void settle(OrvexTransfer* t) {
-    if (--t->settling > 0) {
-        return;
-    }
     t->settled = TRUE;
     succeed_if_complete(t);
 }
 
+static gboolean settled(gpointer transfer) {
+    settle(transfer);
+    return G_SOURCE_REMOVE;
+}
+
+/// A call behind the last chunk is answered.
 static void turned(OrvexTransfer* t, GVariant* reply, GError* error) {
     (void)reply, (void)error;
-    if (!t->over && !t->settled) {
-        settle(t);
+    if (--t->turns > 0 || t->over || t->settled) {
+        return;
     }
-}
-
-static gboolean settled_least(gpointer transfer) {
-    OrvexTransfer* t = transfer;
-    orvex_source_clear(&t->settle_least);
-    if (!t->settled) {
+    const gint64 took = (g_get_monotonic_time() - t->last_chunk) / 1000;
+    const gint64 wanted = MAX(SETTLE_LEAST_MS, SETTLE_TURNS * took);
+    if (!t->may_be_torn || took >= SETTLE_MOST_MS) {
         settle(t);
+    } else {
+        orvex_source_clear(&t->settling);
+        t->settling = orvex_worker_timer((guint)(MIN(wanted, SETTLE_MOST_MS) - took), settled, t);
     }
-    return G_SOURCE_REMOVE;
-}
-
-static gboolean settled_most(gpointer transfer) {
-    OrvexTransfer* t = transfer;
-    t->settling = 1;
-    if (!t->settled) {
-        settle(t);
-    }
-    return G_SOURCE_REMOVE;
 }
 
 /// The last chunk has come: waits for what may speak against it.
 static void begin_to_settle(OrvexTransfer* t, gsize last) {
-    const gboolean may_be_torn = t->chunks > 1 || last <= BOUNDARY_SIZE;
     t->answered = TRUE;
-    t->settling = SETTLE_CALLS + (may_be_torn ? 1 : 0);
-    t->settle_most = orvex_worker_timer(SETTLE_MOST_MS, settled_most, t);
-    if (may_be_torn) {
-        t->settle_least = orvex_worker_timer(SETTLE_LEAST_MS, settled_least, t);
-    }
+    t->may_be_torn = t->chunks > 1 || last <= BOUNDARY_SIZE;
+    t->last_chunk = g_get_monotonic_time();
+    t->turns = SETTLE_CALLS;
+    t->settling = orvex_worker_timer(SETTLE_MOST_MS, settled, t);
     for (int number = 0; number < SETTLE_CALLS; ++number) {
-        call(t, "org.freedesktop.DBus.Peer", "Ping", NULL, "()", SETTLE_MOST_MS, NULL, turned);
+        call(t, "org.freedesktop.DBus.Peer", "Ping", NULL, "()", LAST_CALL_MS, NULL, turned);
     }
 }
 

@@ -23,6 +23,7 @@ typedef struct {
     guint open_duration;
     gboolean attach;
     guint chunk_size;
+    gsize piece_size;     ///< of the question, largest
     guint timeout;        ///< seconds without progress; 0: no limit
     guint64 answer_limit; ///< bytes, of a collected answer; 0: no limit
 

@@ -7,6 +7,7 @@ namespace orvexd::ctl {
 namespace {
 
 constexpr int kSignalBase = 128;
+constexpr guint kPieceSize = 64 * 1024;
 
 const char* wordsOf(OrvexRequestState state) {
     switch (state) {
@@ -39,6 +40,7 @@ ObjectRef<OrvexRequest> makeRequest(const RequestOptions& options) {
     orvex_request_set_open_duration(request.get(), options.openDuration);
     orvex_request_set_attach(request.get(), options.attach ? TRUE : FALSE);
     orvex_request_set_chunk_size(request.get(), options.chunkSize);
+    orvex_request_set_piece_size(request.get(), kPieceSize);
     orvex_request_set_timeout(request.get(), static_cast<guint>(options.timeout.count()));
     return request;
 }
