@@ -727,6 +727,13 @@ static gboolean nothing_explained(gpointer transfer) {
     return G_SOURCE_REMOVE;
 }
 
+/// Whether a call that was begun with a daemon has found none at its end.
+static gboolean is_loss(const GError* error) {
+    return g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_NOT_INSTALLED) ||
+           g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DAEMON_GONE) ||
+           g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_NO_BUS);
+}
+
 /// A step has failed; decides whether to wait for a better explanation. Does not take the error.
 static void step_failed(OrvexTransfer* t, const GError* error) {
     if (t->over || t->refusal != NULL) {
@@ -745,9 +752,7 @@ static void step_failed(OrvexTransfer* t, const GError* error) {
         t->refusal = g_error_copy(error);
         t->explain =
             orvex_worker_timer(slow ? TOO_SLOW_REASON_MS : REASON_MS, nothing_explained, t);
-    } else if (t->owner != NULL &&
-               (g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_NOT_INSTALLED) ||
-                g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DAEMON_GONE))) {
+    } else if (t->owner != NULL && is_loss(error)) {
         orvex_transfer_daemon_gone(t);
     } else {
         fail(t, g_error_copy(error));
