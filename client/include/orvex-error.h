@@ -27,7 +27,8 @@ G_BEGIN_DECLS
  * @ORVEX_ERROR_CANCELLED: another client has cancelled the request. One's own #GCancellable leads
  * to %G_IO_ERROR_CANCELLED instead.
  * @ORVEX_ERROR_TIMED_OUT: nothing went on for as long as [property@Request:timeout] says.
- * @ORVEX_ERROR_LIMITS: this user has as many connections or requests as one may have: end some.
+ * @ORVEX_ERROR_LIMITS: there are as many connections, requests or calls as the daemon or the bus
+ *   allows; [func@Error.get_detail] has their words. End some, or make a client anew.
  * @ORVEX_ERROR_PROTOCOL: the daemon does not speak the language of this library.
  *
  * Each value is something that a program can act on.

@@ -25,6 +25,17 @@
  *
  * When the process ends by `exit()`, or returns from `main()`, the requests that are left are taken
  * back. A signal that ends the process does not run any of its code: handle `SIGINT` and `SIGTERM`.
+ *
+ * The thread does not survive `fork()`: a child process that does not call one of the `exec`
+ * functions must not use what its parent has made, nor make clients if its parent had any.
+ *
+ * ## Limits
+ *
+ * A bus limits the calls of one connection that wait for an answer, and the daemon never answers
+ * the last one of a request that failed or was given up. A client on the system bus therefore opens
+ * further connections for many requests at once, and in exchange for a connection that has too many
+ * such calls. On a connection that was given to it, it cannot: there requests fail with
+ * %ORVEX_ERROR_LIMITS after about a hundred that failed or were given up.
  */
 
 enum { PROP_CONNECTION = 1, PROP_RUNNING, PROP_STATUS, PROPERTIES };
@@ -51,10 +62,8 @@ static void property_changed(gpointer client, const char* property) {
 }
 
 static void orvex_client_init(OrvexClient* self) {
-    GWeakRef* weak = g_new(GWeakRef, 1);
-    g_weak_ref_init(weak, self);
     g_autoptr(GMainContext) context = g_main_context_ref_thread_default();
-    self->link = orvex_link_new(context, property_changed, weak);
+    self->link = orvex_link_new(context, property_changed, self);
 }
 
 static void client_finalize(GObject* object) {
@@ -130,10 +139,6 @@ static void client_init_async(GAsyncInitable* initable, int io_priority, GCancel
     g_autoptr(GTask) task = g_task_new(self, cancellable, callback, data);
     g_task_set_source_tag(task, client_init_async);
     g_task_set_priority(task, io_priority);
-    if (orvex_link_get_bus(self->link) != NULL) { // once is enough
-        g_task_return_boolean(task, TRUE);
-        return;
-    }
     orvex_link_open(self->link, self->given, task);
 }
 
@@ -183,7 +188,9 @@ OrvexClient* orvex_client_new(GCancellable* cancellable, GError** error) {
  * @error: for a failure
  *
  * Makes a client on a connection that is there already, and waits until it knows the daemon. See
- * [ctor@Client.new].
+ * [ctor@Client.new]. It has to be a connection to a message bus, not one to a peer.
+ *
+ * The bus allows such a client fewer requests: see [class@Client].
  *
  * Returns: (transfer full): the new client, or %NULL with an error
  */
@@ -425,7 +432,6 @@ gboolean orvex_client_wait_usable(OrvexClient* client, OrvexPolicy policy,
 static void send_request(OrvexClient* client, OrvexRequest* request, GInputStream* stream,
                          GBytes* bytes, int io_priority, gboolean blocking, GTask* task) {
     g_task_set_priority(task, io_priority);
-    g_task_set_task_data(task, g_object_ref(request), g_object_unref);
     orvex_request_send(request, client->link, bytes, stream, io_priority, blocking, task);
 }
 
@@ -482,7 +488,7 @@ GInputStream* orvex_client_send_finish(OrvexClient* client, GAsyncResult* result
     if (!g_task_propagate_boolean(G_TASK(result), error)) {
         return NULL;
     }
-    return orvex_request_first_part(g_task_get_task_data(G_TASK(result)));
+    return orvex_request_first_part(G_TASK(result));
 }
 
 /**

@@ -93,7 +93,7 @@ static const char* const sentences[] = {
     [ORVEX_ERROR_DROPPED] = "The positioning gateway does not know the request any more",
     [ORVEX_ERROR_CANCELLED] = "Another client has cancelled the request",
     [ORVEX_ERROR_TIMED_OUT] = "Nothing went on for too long",
-    [ORVEX_ERROR_LIMITS] = "This user has too many connections or requests",
+    [ORVEX_ERROR_LIMITS] = "There are too many connections, requests or calls",
     [ORVEX_ERROR_PROTOCOL] = "The positioning gateway does not speak the language of this library",
 };
 
@@ -105,15 +105,23 @@ GError* orvex_failure_new(OrvexError value, guint code, const char* detail) {
     return error;
 }
 
+// These two are the daemon's own words, which nothing else has.
+static const char* const no_network = "Connection error";
+static const char* const not_allowed = "Current network connection not allowed";
+
+gboolean orvex_failure_is_before_exchange(guint code, const char* message) {
+    return code == ORVEX_CODE_NO_NETWORK &&
+           (strcmp(message, no_network) == 0 || strcmp(message, not_allowed) == 0);
+}
+
 GError* orvex_failure_from_signal(guint code, const char* message) {
     if (code != ORVEX_CODE_NO_NETWORK) {
         return orvex_failure_new(ORVEX_ERROR_SERVER, code, message);
     }
-    // These two are the daemon's own words, which nothing else has.
-    if (strcmp(message, "Connection error") == 0) {
+    if (strcmp(message, no_network) == 0) {
         return orvex_failure_new(ORVEX_ERROR_NO_NETWORK, code, message);
     }
-    if (strcmp(message, "Current network connection not allowed") == 0) {
+    if (strcmp(message, not_allowed) == 0) {
         return orvex_failure_new(ORVEX_ERROR_NOT_ALLOWED, code, message);
     }
     return orvex_failure_new(ORVEX_ERROR_NOT_REACHED, code, message);

@@ -24,6 +24,9 @@ GError* orvex_failure_new(OrvexError value, guint code, const char* detail);
 /// What an errorSignal tells of the requests that it names.
 GError* orvex_failure_from_signal(guint code, const char* message);
 
+/// Whether an errorSignal is about requests for which no exchange has begun.
+gboolean orvex_failure_is_before_exchange(guint code, const char* message);
+
 /// A code in an error reply, or the result of sendData. `connected`: whether there is a network
 /// connection, as far as is known: a refused policy looks like a missing network else.
 GError* orvex_failure_from_code(guint code, gboolean connected);

@@ -12,8 +12,9 @@
  * decides how long the daemon waits for the question's next bytes: 90 seconds for exactly
  * `fingerprint`, 5 seconds for every other type.
  *
- * A request that is answered or has failed may be sent again. While it is on its way, dropping its
- * last reference gives it up; streams that come from it hold one.
+ * A request that is answered or has failed may be sent again. Once its answer has begun, dropping
+ * its last reference gives it up; streams that come from it hold one. Before that, the operation
+ * holds one until its callback: cancel it to give the request up.
  *
  * ## Threads
  *
@@ -148,19 +149,40 @@ static OrvexPlan make_plan(OrvexRequest* self) {
     };
 }
 
-static gboolean is_on_its_way(OrvexRequest* self) {
-    OrvexTransferFacts facts = get_facts(self);
-    g_free(facts.error_detail);
-    return !facts.is_over;
+/// Makes this the last transfer, unless the one before is on its way. Takes the transfer.
+static gboolean put_transfer(OrvexRequest* self, OrvexTransfer* transfer) {
+    OrvexTransferFacts facts = {.is_over = TRUE};
+    pthread_mutex_lock(&self->lock);
+    OrvexTransfer* other = self->transfer;
+    if (other != NULL) {
+        orvex_transfer_get_facts(other, &facts);
+        g_free(facts.error_detail);
+    }
+    if (facts.is_over) {
+        self->transfer = transfer;
+    } else {
+        other = transfer;
+    }
+    pthread_mutex_unlock(&self->lock);
+    g_clear_pointer(&other, orvex_transfer_unref);
+    return facts.is_over;
+}
+
+/// What a task is about: the request may be sent again before its result is looked at.
+typedef struct {
+    OrvexRequest* request;
+    OrvexTransfer* transfer;
+} Sent;
+
+static void sent_free(gpointer data) {
+    Sent* sent = data;
+    g_object_unref(sent->request);
+    orvex_transfer_unref(sent->transfer);
+    g_free(sent);
 }
 
 void orvex_request_send(OrvexRequest* self, OrvexLink* link, GBytes* bytes, GInputStream* stream,
                         int io_priority, gboolean blocking, GTask* task) {
-    if (is_on_its_way(self)) {
-        g_task_return_new_error(task, G_IO_ERROR, G_IO_ERROR_PENDING,
-                                "The request is on its way already");
-        return;
-    }
     OrvexPlan plan = make_plan(self);
     plan.collect = bytes != NULL;
     plan.bytes = bytes != NULL ? g_bytes_ref(bytes) : NULL;
@@ -168,16 +190,21 @@ void orvex_request_send(OrvexRequest* self, OrvexLink* link, GBytes* bytes, GInp
     plan.events = g_main_context_ref_thread_default();
     plan.question_context = g_main_context_ref(blocking ? orvex_worker_context() : plan.events);
     plan.io_priority = io_priority;
-    OrvexTransfer* transfer = orvex_transfer_start(link, &plan, self, task);
-    pthread_mutex_lock(&self->lock);
-    OrvexTransfer* before = self->transfer;
-    self->transfer = transfer;
-    pthread_mutex_unlock(&self->lock);
-    g_clear_pointer(&before, orvex_transfer_unref);
+    OrvexTransfer* transfer = orvex_transfer_new(link, &plan, self);
+    Sent* sent = g_new(Sent, 1);
+    *sent = (Sent){g_object_ref(self), orvex_transfer_ref(transfer)};
+    g_task_set_task_data(task, sent, sent_free);
+    if (put_transfer(self, transfer)) {
+        orvex_transfer_start(sent->transfer, task);
+    } else {
+        g_task_return_new_error(task, G_IO_ERROR, G_IO_ERROR_PENDING,
+                                "The request is on its way already");
+    }
 }
 
-GInputStream* orvex_request_first_part(OrvexRequest* self) {
-    return orvex_answer_stream_new(self, self->transfer, 0);
+GInputStream* orvex_request_first_part(GTask* task) {
+    const Sent* sent = g_task_get_task_data(task);
+    return orvex_answer_stream_new(sent->request, sent->transfer, 0);
 }
 
 // -- parts ---------------------------------------------------------------------------------------
@@ -277,6 +304,8 @@ GInputStream* orvex_request_next_part(OrvexRequest* request, GCancellable* cance
  */
 OrvexRequest* orvex_request_new(const char* element, const char* type, const char* version,
                                 const char* content_type) {
+    g_return_val_if_fail(element != NULL && type != NULL, NULL);
+    g_return_val_if_fail(version != NULL && content_type != NULL, NULL);
     return g_object_new(ORVEX_TYPE_REQUEST, "element", element, "type", type, "version", version,
                         "content-type", content_type, NULL);
 }
@@ -655,20 +684,26 @@ static void request_get_property(GObject* object, guint id, GValue* value, GPara
     }
 }
 
+/// A text that may be left out, but never is missing.
+static char* dup_text(const GValue* value) {
+    const char* text = g_value_get_string(value);
+    return g_strdup(text != NULL ? text : "");
+}
+
 static void request_set_property(GObject* object, guint id, const GValue* value, GParamSpec* spec) {
     OrvexRequest* self = ORVEX_REQUEST(object);
     switch (id) {
     case PROP_ELEMENT:
-        self->element = g_value_dup_string(value);
+        self->element = dup_text(value);
         break;
     case PROP_TYPE:
-        self->type = g_value_dup_string(value);
+        self->type = dup_text(value);
         break;
     case PROP_VERSION:
-        self->version = g_value_dup_string(value);
+        self->version = dup_text(value);
         break;
     case PROP_CONTENT_TYPE:
-        self->content_type = g_value_dup_string(value);
+        self->content_type = dup_text(value);
         break;
     case PROP_ENCODING:
         orvex_request_set_encoding(self, g_value_get_string(value));

@@ -59,10 +59,12 @@ typedef struct {
 } Early;
 
 typedef struct Listener Listener;
+typedef struct Piece Piece;
 
 struct OrvexTransfer {
     atomic_int refs;
-    OrvexLink* link;
+    OrvexLink* home; ///< the client's
+    OrvexLink* link; ///< that one, or a spare one of it; both NULL when everything is over
     OrvexPlan plan;
     Listener* listener;
     guint64 run;
@@ -75,7 +77,9 @@ struct OrvexTransfer {
     gboolean opening;  ///< a call that brings a number is under way
     gboolean fetching; ///< getData is under way
     gboolean sending;  ///< sendData is under way
-    gboolean reading;  ///< the question's stream is being read
+    gboolean seated;   ///< it counts for the link
+    guint calls;       ///< that are under way
+    Piece* reading;    ///< for which the question's stream is being read, or NULL
     GQueue outgoing;   ///< of GBytes: what was read and is not sent
     gsize outgoing_bytes;
     gsize offset; ///< in plan.bytes, where the next piece begins
@@ -93,6 +97,7 @@ struct OrvexTransfer {
     GError* refusal;   ///< an explanation of it is awaited
     GError* failure;   ///< what is told when everything is closed
     gboolean over;     ///< answered, failed or given up: only the clean-up is left
+    gboolean closed;   ///< the end may be told
     gboolean told;
     GCancellable* stop;        ///< ends the calls that may last
     GCancellable* stop_source; ///< ends the reading of the question
@@ -108,6 +113,7 @@ struct OrvexTransfer {
     pthread_cond_t changed;
     GQueue answer;     ///< of Chunk
     guint part;        ///< number of the part that the first chunk belongs to
+    guint left;        ///< the reader wants no part before this one
     gboolean complete; ///< behind the last chunk there is nothing more
     GError* error;     ///< behind the last chunk there is this
     gboolean paused;   ///< the reader has as much as it may have
@@ -194,7 +200,8 @@ void orvex_transfer_unref(OrvexTransfer* t) {
     g_free(t->facts.error_detail);
     pthread_cond_destroy(&t->changed);
     pthread_mutex_destroy(&t->lock);
-    orvex_link_unref(t->link);
+    g_clear_pointer(&t->link, orvex_link_unref);
+    g_clear_pointer(&t->home, orvex_link_unref);
     g_free(t);
 }
 
@@ -233,6 +240,9 @@ static void event_free(gpointer data) {
 }
 
 static void post_event(OrvexTransfer* t, gboolean is_progress, OrvexRequestState state) {
+    if (t->plan.events == NULL) { // the end was told
+        return;
+    }
     Event* event = g_new0(Event, 1);
     event->listener = listener_ref(t->listener);
     event->run = t->run;
@@ -453,6 +463,7 @@ static gboolean parked_cancelled(GCancellable* cancellable, gpointer data) {
         t->reader = NULL;
     } else if (t->next == park->parked) {
         t->next = NULL;
+        t->left = t->part;
     }
     pthread_mutex_unlock(&t->lock);
     GError* error = NULL;
@@ -530,6 +541,9 @@ void orvex_transfer_read_async(OrvexTransfer* t, guint part, void* buffer, gsize
 void orvex_transfer_next_part(OrvexTransfer* t, GTask* task) {
     Parked* parked = g_new0(Parked, 1);
     parked->task = g_object_ref(task);
+    pthread_mutex_lock(&t->lock);
+    t->left = t->part + 1; // so the stream of this part may be dropped right away
+    pthread_mutex_unlock(&t->lock);
     park_later(t, parked);
 }
 
@@ -537,7 +551,7 @@ gboolean orvex_transfer_is_at_end(OrvexTransfer* t, guint part) {
     pthread_mutex_lock(&t->lock);
     const Chunk* chunk = g_queue_peek_head(&t->answer);
     const gboolean end =
-        part != t->part || t->error != NULL || t->complete ||
+        part != t->part || part < t->left || t->error != NULL || t->complete ||
         (chunk != NULL && chunk->ends_part && chunk->taken == g_bytes_get_size(chunk->bytes));
     pthread_mutex_unlock(&t->lock);
     return end;
@@ -552,6 +566,14 @@ typedef struct {
     Done done;
 } Call;
 
+/// When everything is over, a request that its user keeps must not keep a connection to the bus.
+static void let_go(OrvexTransfer* t) {
+    if (t->told && t->calls == 0) {
+        g_clear_pointer(&t->link, orvex_link_unref);
+        g_clear_pointer(&t->home, orvex_link_unref);
+    }
+}
+
 static void call_answered(GObject* bus, GAsyncResult* result, gpointer data) {
     Call* call = data;
     GError* failure = NULL;
@@ -562,7 +584,9 @@ static void call_answered(GObject* bus, GAsyncResult* result, gpointer data) {
         const OrvexStatus status = orvex_link_get_status(call->transfer->link);
         error = orvex_failure_from_call(failure, (status & ORVEX_STATUS_CONNECTED) != 0);
     }
+    --call->transfer->calls;
     call->done(call->transfer, reply, error);
+    let_go(call->transfer);
     orvex_transfer_unref(call->transfer);
     g_free(call);
 }
@@ -572,6 +596,7 @@ static void call(OrvexTransfer* t, const char* interface, const char* member, GV
                  const char* reply, int timeout, GCancellable* cancellable, Done done) {
     Call* data = g_new(Call, 1);
     *data = (Call){orvex_transfer_ref(t), done};
+    ++t->calls;
     // Only the first call starts a daemon. From then on it is this one or none.
     g_dbus_connection_call(
         orvex_link_get_bus(t->link), t->owner != NULL ? t->owner : ORVEX_BUS_NAME, ORVEX_PATH,
@@ -581,6 +606,8 @@ static void call(OrvexTransfer* t, const char* interface, const char* member, GV
 }
 
 // -- the end -------------------------------------------------------------------------------------
+
+static void stop_reading(OrvexTransfer* t);
 
 static void tell_end(OrvexTransfer* t) {
     if (t->told) {
@@ -608,17 +635,26 @@ static void tell_end(OrvexTransfer* t) {
         t->complete = TRUE;
     }
     pthread_mutex_unlock(&t->lock);
+    g_clear_pointer(&t->plan.events, g_main_context_unref); // it may keep what waits there
     wake(t);
 }
 
-static void closed(OrvexTransfer* t, GVariant* reply, GError* error) {
-    (void)reply, (void)error; // a daemon that cannot be told has forgotten it
-    orvex_link_note_closed(t->link, t->connection);
-    tell_end(t);
+/// Tells the end, unless the question's stream is still in use: its owner may send it again.
+static void tell_end_when_read(OrvexTransfer* t) {
+    t->closed = TRUE;
+    if (t->reading == NULL) {
+        tell_end(t);
+    }
 }
 
-static void nothing_sent(OrvexTransfer* t, GVariant* reply, GError* error) {
-    (void)t, (void)reply, (void)error;
+static void closed(OrvexTransfer* t, GVariant* reply, GError* error) {
+    (void)reply;
+    if (g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_LIMITS) && t->owner != NULL) {
+        orvex_link_send(t->link, t->owner, "disconnect", g_variant_new("(u)", t->connection));
+    }
+    // Another daemon that cannot be told has forgotten it.
+    orvex_link_note_closed(t->link, t);
+    tell_end_when_read(t);
 }
 
 /// Takes what is left back, and tells the end then.
@@ -627,7 +663,7 @@ static void close_connection(OrvexTransfer* t) {
         return;
     }
     if (t->owner == NULL) {
-        tell_end(t);
+        tell_end_when_read(t);
         return;
     }
     if (t->request != 0 && !t->answered) {
@@ -639,9 +675,8 @@ static void close_connection(OrvexTransfer* t) {
     if (t->upload == UPLOAD_RUNNING) {
         // The daemon would wait for the rest, and everybody's requests with it.
         GVariant* nothing = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, "", 0, 1);
-        call(t, ORVEX_INTERFACE, "sendData",
-             g_variant_new("(@aybuu)", nothing, TRUE, t->connection, t->request), "(i)",
-             LAST_CALL_MS, NULL, nothing_sent);
+        orvex_link_send(t->link, t->owner, "sendData",
+                        g_variant_new("(@aybuu)", nothing, TRUE, t->connection, t->request));
     }
     call(t, ORVEX_INTERFACE, "disconnect", g_variant_new("(u)", t->connection), "()", LAST_CALL_MS,
          NULL, closed);
@@ -650,8 +685,28 @@ static void close_connection(OrvexTransfer* t) {
 static gboolean out_of_patience(gpointer transfer) {
     OrvexTransfer* t = orvex_transfer_ref(transfer);
     tell_end(t);
+    let_go(t);
     orvex_transfer_unref(t);
     return G_SOURCE_REMOVE;
+}
+
+/// The daemon forgets the held call of a request that ends, and does not answer it.
+static guint calls_to_be_lost(OrvexTransfer* t) {
+    const guint fetches = t->fetching ? 1 : 0;
+    return t->sending ? fetches + 1 : fetches;
+}
+
+static void nothing_to_do(gpointer data) {
+    (void)data;
+}
+
+/// The question's stream is freed in the context in which it is used, or with it.
+static void drop_stream(OrvexTransfer* t) {
+    if (t->plan.stream != NULL) {
+        orvex_post(t->plan.question_context, G_PRIORITY_DEFAULT, nothing_to_do,
+                   g_steal_pointer(&t->plan.stream), g_object_unref);
+    }
+    g_clear_pointer(&t->plan.question_context, g_main_context_unref);
 }
 
 static void end(OrvexTransfer* t) {
@@ -661,15 +716,17 @@ static void end(OrvexTransfer* t) {
     orvex_source_clear(&t->explain);
     orvex_source_clear(&t->settling);
     if (t->connection != 0) {
-        orvex_link_remove(t->link, t->connection);
+        orvex_link_remove(t->link, t->connection, t);
+    }
+    if (t->seated) {
+        t->seated = FALSE;
+        orvex_link_leave(t->home, t->link, t->owner != NULL ? calls_to_be_lost(t) : 0);
     }
     g_cancellable_cancel(t->stop);
-    g_cancellable_cancel(t->stop_source);
-    if (t->plan.stream != NULL) { // which is freed where it is used
-        orvex_post(t->plan.question_context, G_PRIORITY_DEFAULT, g_object_unref,
-                   g_steal_pointer(&t->plan.stream), NULL);
+    stop_reading(t);
+    if (t->reading == NULL) {
+        drop_stream(t);
     }
-    g_clear_pointer(&t->plan.question_context, g_main_context_unref);
 }
 
 /// Takes the error. The first end counts.
@@ -684,6 +741,7 @@ static void fail(OrvexTransfer* t, GError* error) {
     set_state(t, ORVEX_REQUEST_STATE_FAILED);
     t->last_call = orvex_worker_timer(LAST_CALL_MS, out_of_patience, t);
     close_connection(t);
+    let_go(t);
     orvex_transfer_unref(t);
 }
 
@@ -691,8 +749,10 @@ static void succeed(OrvexTransfer* t) {
     orvex_transfer_ref(t);
     end(t);
     set_state(t, ORVEX_REQUEST_STATE_ANSWERED);
-    tell_end(t); // nobody has to wait until the connection is closed
+    t->last_call = orvex_worker_timer(LAST_CALL_MS, out_of_patience, t);
+    tell_end_when_read(t); // nobody has to wait until the connection is closed
     close_connection(t);
+    let_go(t);
     orvex_transfer_unref(t);
 }
 
@@ -765,9 +825,10 @@ static void daemon_gone(gpointer transfer) {
         return;
     }
     g_clear_pointer(&t->owner, g_free); // nobody is left to be told anything
-    orvex_link_note_closed(t->link, t->connection);
-    if (t->answered && t->refusal == NULL && t->upload != UPLOAD_RUNNING) {
-        succeed(t); // everything has arrived on both sides
+    orvex_link_note_closed(t->link, t);
+    const gboolean is_whole = t->answered && (t->settled || !t->may_be_torn);
+    if (is_whole && t->refusal == NULL && t->upload != UPLOAD_RUNNING) {
+        succeed(t); // everything has arrived on both sides, and nothing can speak against it
     } else {
         fail(t, orvex_failure_new(ORVEX_ERROR_DAEMON_GONE, 0, NULL));
     }
@@ -822,30 +883,63 @@ static void watch_for_silence(OrvexTransfer* t, gint64 microseconds) {
 static void pump(OrvexTransfer* t);
 static void read_ahead(OrvexTransfer* t);
 
-typedef struct {
+struct Piece {
+    atomic_int refs;
+    atomic_bool claimed; ///< by the reading, or by the end that comes before
+    GSource* source;     ///< that begins to read
     OrvexTransfer* transfer;
-    GInputStream* stream;
+    GInputStream* stream; ///< the transfer's
     GCancellable* cancellable;
     int io_priority;
     gsize size; ///< at most
     GBytes* bytes;
     GError* error;
-} Piece;
+};
 
-static void piece_free(gpointer data) {
+static Piece* piece_ref(Piece* piece) {
+    atomic_fetch_add(&piece->refs, 1);
+    return piece;
+}
+
+static void piece_unref(gpointer data) {
     Piece* piece = data;
+    if (atomic_fetch_sub(&piece->refs, 1) != 1) {
+        return;
+    }
     g_clear_pointer(&piece->bytes, g_bytes_unref);
     g_clear_error(&piece->error);
-    g_object_unref(piece->stream);
+    g_clear_pointer(&piece->source, g_source_unref);
     g_object_unref(piece->cancellable);
     orvex_transfer_unref(piece->transfer);
     g_free(piece);
 }
 
+/// The stream is free again.
+static void reading_ended(OrvexTransfer* t) {
+    g_clear_pointer(&t->reading, piece_unref);
+    if (t->over) {
+        drop_stream(t);
+    }
+    if (t->closed) {
+        tell_end(t);
+        let_go(t);
+    }
+}
+
+/// A reading that has not begun never will: its context may not run any more. One that has begun
+/// comes to its end.
+static void stop_reading(OrvexTransfer* t) {
+    g_cancellable_cancel(t->stop_source);
+    if (t->reading != NULL && !atomic_exchange(&t->reading->claimed, TRUE)) {
+        g_source_destroy(t->reading->source);
+        g_clear_pointer(&t->reading, piece_unref);
+    }
+}
+
 static void piece_read(gpointer data) {
     Piece* piece = data;
     OrvexTransfer* t = piece->transfer;
-    t->reading = FALSE;
+    reading_ended(t);
     if (t->over) {
         return;
     }
@@ -867,16 +961,19 @@ static void piece_read(gpointer data) {
 static void stream_was_read(GObject* stream, GAsyncResult* result, gpointer data) {
     Piece* piece = data;
     piece->bytes = g_input_stream_read_bytes_finish(G_INPUT_STREAM(stream), result, &piece->error);
-    orvex_worker_post(piece_read, piece, piece_free);
+    orvex_worker_post(piece_read, piece, piece_unref);
 }
 
 /// In the context of the stream: only there it may be read.
 static void read_stream(gpointer data) {
     Piece* piece = data;
+    if (atomic_exchange(&piece->claimed, TRUE)) {
+        return;
+    }
     GMainContext* context = g_source_get_context(g_main_current_source());
     g_main_context_push_thread_default(context);
     g_input_stream_read_bytes_async(piece->stream, piece->size, piece->io_priority,
-                                    piece->cancellable, stream_was_read, piece);
+                                    piece->cancellable, stream_was_read, piece_ref(piece));
     g_main_context_pop_thread_default(context);
 }
 
@@ -886,17 +983,19 @@ static void read_ahead(OrvexTransfer* t) {
     const gsize room = READ_AHEAD - MIN(READ_AHEAD, t->outgoing_bytes);
     const gboolean full =
         t->outgoing.length >= PIECES_AHEAD || (t->outgoing.length > 0 && room < t->plan.piece_size);
-    if (t->plan.stream == NULL || t->reading || t->question_ended || full) {
+    if (t->plan.stream == NULL || t->reading != NULL || t->question_ended || full) {
         return;
     }
-    t->reading = TRUE;
     Piece* piece = g_new0(Piece, 1);
+    atomic_init(&piece->refs, 2); // this side's, and that of the context's
     piece->transfer = orvex_transfer_ref(t);
-    piece->stream = g_object_ref(t->plan.stream);
+    piece->stream = t->plan.stream;
     piece->cancellable = g_object_ref(t->stop_source);
     piece->io_priority = t->plan.io_priority;
     piece->size = t->plan.piece_size;
-    orvex_post(t->plan.question_context, t->plan.io_priority, read_stream, piece, NULL);
+    t->reading = piece;
+    piece->source = orvex_prepare_post(t->plan.io_priority, read_stream, piece, piece_unref);
+    g_source_attach(piece->source, t->plan.question_context);
 }
 
 /// The next piece of a question that is there as a whole.
@@ -935,7 +1034,7 @@ static void piece_sent(OrvexTransfer* t, GVariant* reply, GError* error) {
     count(t, t->piece_size, 0);
     if (t->last_piece) {
         t->upload = UPLOAD_COMPLETE;
-        orvex_link_note_open(t->link, t->connection, t->request, FALSE);
+        orvex_link_note_open(t->link, t, t->connection, t->request, FALSE);
     }
     if (t->over || t->refusal != NULL) {
         return;
@@ -983,7 +1082,7 @@ void orvex_transfer_data_wanted(OrvexTransfer* t, guint request) {
     }
     progressed(t);
     t->upload = UPLOAD_RUNNING;
-    orvex_link_note_open(t->link, t->connection, t->request, TRUE);
+    orvex_link_note_open(t->link, t, t->connection, t->request, TRUE);
     set_state(t, ORVEX_REQUEST_STATE_SENDING);
     pump(t);
 }
@@ -1002,8 +1101,13 @@ static gboolean settled(gpointer transfer) {
 
 /// A call behind the last chunk is answered.
 static void turned(OrvexTransfer* t, GVariant* reply, GError* error) {
-    (void)reply, (void)error;
-    if (--t->turns > 0 || t->over || t->settled) {
+    (void)reply;
+    if (g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DAEMON_GONE) ||
+        g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_NOT_INSTALLED)) {
+        orvex_transfer_daemon_gone(t); // it cannot speak against the answer any more
+        return;
+    }
+    if (error != NULL || --t->turns > 0 || t->over || t->settled) {
         return;
     }
     const gint64 took = (g_get_monotonic_time() - t->last_chunk) / 1000;
@@ -1048,9 +1152,10 @@ static void keep(OrvexTransfer* t, GBytes* bytes, gboolean ends_part) {
     pthread_mutex_unlock(&t->lock);
 }
 
+/// An array of bytes ends the program when it would become longer than this.
 static gboolean is_too_long(OrvexTransfer* t, gsize more) {
-    return t->plan.collect && t->plan.answer_limit != 0 &&
-           t->whole->len + more > t->plan.answer_limit;
+    const guint64 limit = t->plan.answer_limit != 0 ? t->plan.answer_limit : G_MAXUINT;
+    return t->plan.collect && (guint64)t->whole->len + more > MIN(limit, G_MAXUINT);
 }
 
 static void chunk_came(OrvexTransfer* t, GVariant* reply, GError* error) {
@@ -1142,18 +1247,26 @@ static void probed(OrvexTransfer* t, GVariant* reply, GError* error) {
     step_failed(t, dropped);
 }
 
+void orvex_transfer_probe(OrvexTransfer* t) {
+    if (t->request == 0 || t->over || t->answered || t->sending || t->upload == UPLOAD_RUNNING) {
+        return;
+    }
+    // An empty piece changes nothing as long as it does not take the question's end back, but its
+    // result tells.
+    GVariant* nothing = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, "", 0, 1);
+    call(
+        t, ORVEX_INTERFACE, "sendData",
+        g_variant_new("(@aybuu)", nothing, t->upload == UPLOAD_COMPLETE, t->connection, t->request),
+        "(i)", CALL_TIMEOUT_MS, NULL, probed);
+}
+
 void orvex_transfer_exchange_failed(OrvexTransfer* t, guint code, const char* message) {
     // The failure of an exchange names those that are not answered. This one seems to be: its end
     // is still held back, and its part may be the one in which the transfer broke off.
-    if (t->answered) {
+    if (!t->answered) { // or its last chunk and the failure have missed each other
+        orvex_transfer_probe(t);
+    } else if (!orvex_failure_is_before_exchange(code, message)) {
         fail(t, orvex_failure_new(ORVEX_ERROR_TRUNCATED, code, message));
-    } else if (t->request != 0 && !t->over && !t->sending && t->upload != UPLOAD_RUNNING) {
-        // Or its last chunk and the failure have missed each other, and nothing more will come. An
-        // empty piece changes nothing, but its result tells.
-        GVariant* nothing = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, "", 0, 1);
-        call(t, ORVEX_INTERFACE, "sendData",
-             g_variant_new("(@aybuu)", nothing, FALSE, t->connection, t->request), "(i)",
-             CALL_TIMEOUT_MS, NULL, probed);
     }
 }
 
@@ -1185,7 +1298,7 @@ static void created(OrvexTransfer* t, GVariant* reply, GError* error) {
     t->opening = FALSE;
     if (error == NULL) {
         g_variant_get(reply, "(u)", &t->request);
-        orvex_link_note_open(t->link, t->connection, t->request, FALSE);
+        orvex_link_note_open(t->link, t, t->connection, t->request, FALSE);
         pthread_mutex_lock(&t->lock);
         t->facts.connection = t->connection;
         t->facts.request = t->request;
@@ -1210,10 +1323,15 @@ static void connected(OrvexTransfer* t, GVariant* reply, GError* error) {
     if (error == NULL) {
         g_variant_get(reply, "(u)", &t->connection);
         t->owner = g_strdup(orvex_link_get_owner(t->link));
-        orvex_link_note_open(t->link, t->connection, 0, FALSE);
+        orvex_link_note_open(t->link, t, t->connection, 0, FALSE);
     }
+    orvex_link_end_connect(t->link);
     if (t->over) {
         close_connection(t);
+        return;
+    }
+    if (error != NULL && g_dbus_connection_is_closed(orvex_link_get_bus(t->link))) {
+        fail(t, orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL)); // nothing had begun
         return;
     }
     if (error != NULL) {
@@ -1254,6 +1372,31 @@ static void start(gpointer transfer) {
         watch_for_silence(t, (gint64)t->plan.timeout * G_USEC_PER_SEC);
     }
     read_ahead(t);
+    orvex_link_find_seat(t->home, t);
+}
+
+void orvex_transfer_sit(OrvexTransfer* t, OrvexLink* link) {
+    if (t->over) {
+        return;
+    }
+    OrvexLink* before = t->link;
+    t->link = orvex_link_ref(link);
+    orvex_link_enter(link);
+    if (t->seated) {
+        orvex_link_leave(t->home, before, 0);
+    }
+    t->seated = TRUE;
+    orvex_link_unref(before);
+}
+
+void orvex_transfer_board(OrvexTransfer* t) {
+    if (t->over) {
+        return;
+    }
+    if (!orvex_link_begin_connect(t->link)) {
+        abandon(t);
+        return;
+    }
     t->opening = TRUE;
     call(t, ORVEX_INTERFACE, "connect",
          g_variant_new("(@ay@ay@ay@ay@ayu)", text_bytes(t->plan.element), text_bytes(t->plan.type),
@@ -1262,12 +1405,12 @@ static void start(gpointer transfer) {
          "(u)", CALL_TIMEOUT_MS, NULL, connected);
 }
 
-OrvexTransfer* orvex_transfer_start(OrvexLink* link, OrvexPlan* plan, OrvexRequest* request,
-                                    GTask* task) {
+OrvexTransfer* orvex_transfer_new(OrvexLink* link, OrvexPlan* plan, OrvexRequest* request) {
     static atomic_uint_fast64_t runs = 0;
     OrvexTransfer* t = g_new0(OrvexTransfer, 1);
     atomic_init(&t->refs, 1);
     t->run = atomic_fetch_add(&runs, 1) + 1;
+    t->home = orvex_link_ref(link);
     t->link = orvex_link_ref(link);
     t->plan = *plan;
     t->listener = listener_new(request);
@@ -1278,9 +1421,12 @@ OrvexTransfer* orvex_transfer_start(OrvexLink* link, OrvexPlan* plan, OrvexReque
     t->whole = plan->collect ? g_byte_array_new() : NULL;
     pthread_mutex_init(&t->lock, NULL);
     pthread_cond_init(&t->changed, NULL);
-    t->opened = g_object_ref(task);
     t->facts.state = ORVEX_REQUEST_STATE_CONNECTING;
-    post_event(t, FALSE, t->facts.state);
-    orvex_worker_post(start, orvex_transfer_ref(t), transfer_release);
     return t;
+}
+
+void orvex_transfer_start(OrvexTransfer* t, GTask* task) {
+    t->opened = g_object_ref(task);
+    post_event(t, FALSE, ORVEX_REQUEST_STATE_CONNECTING);
+    orvex_worker_post(start, orvex_transfer_ref(t), transfer_release);
 }

@@ -35,11 +35,12 @@ typedef struct {
     GMainContext* events; ///< in which the request hears of its progress
 } OrvexPlan;
 
-/// The worker starts at once. The task returns a boolean when the first part of the answer has
-/// begun, or the answer's bytes if they are collected. Its cancellable ends the transfer at any
-/// time, also later.
-OrvexTransfer* orvex_transfer_start(OrvexLink* link, OrvexPlan* plan, OrvexRequest* request,
-                                    GTask* task);
+/// Nothing happens before it is started.
+OrvexTransfer* orvex_transfer_new(OrvexLink* link, OrvexPlan* plan, OrvexRequest* request);
+/// The worker begins. The task returns a boolean when the first part of the answer has begun, or
+/// the answer's bytes if they are collected. Its cancellable ends the transfer at any time, also
+/// later.
+void orvex_transfer_start(OrvexTransfer* transfer, GTask* task);
 OrvexTransfer* orvex_transfer_ref(OrvexTransfer* transfer);
 void orvex_transfer_unref(OrvexTransfer* transfer);
 
@@ -82,11 +83,17 @@ guint64 orvex_transfer_get_run(OrvexTransfer* transfer);
 
 // -- what the link tells: the worker -------------------------------------------------------------
 
+/// This is the link to use. It may not be open yet.
+void orvex_transfer_sit(OrvexTransfer* transfer, OrvexLink* link);
+/// Its link is open.
+void orvex_transfer_board(OrvexTransfer* transfer);
 void orvex_transfer_data_wanted(OrvexTransfer* transfer, guint request);
 /// @return whether it is this request that has failed, or may be
 gboolean orvex_transfer_failed(OrvexTransfer* transfer, guint request, guint code,
                                const char* message);
 /// An exchange has failed, and its failure does not name this request.
 void orvex_transfer_exchange_failed(OrvexTransfer* transfer, guint code, const char* message);
+/// Asks the daemon whether it still knows the request.
+void orvex_transfer_probe(OrvexTransfer* transfer);
 void orvex_transfer_cancelled(OrvexTransfer* transfer, guint request);
 void orvex_transfer_daemon_gone(OrvexTransfer* transfer);

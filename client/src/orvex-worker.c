@@ -46,14 +46,20 @@ static void post_free(gpointer data) {
     g_free(post);
 }
 
-void orvex_post(GMainContext* context, int priority, void (*action)(gpointer), gpointer data,
-                GDestroyNotify release) {
+GSource* orvex_prepare_post(int priority, void (*action)(gpointer), gpointer data,
+                            GDestroyNotify release) {
     Post* post = g_new(Post, 1);
     *post = (Post){action, data, release};
     ORVEX_RELEASE(post);
-    g_autoptr(GSource) source = g_idle_source_new();
+    GSource* source = g_idle_source_new();
     g_source_set_priority(source, priority);
     g_source_set_callback(source, post_run, post, post_free);
+    return source;
+}
+
+void orvex_post(GMainContext* context, int priority, void (*action)(gpointer), gpointer data,
+                GDestroyNotify release) {
+    g_autoptr(GSource) source = orvex_prepare_post(priority, action, data, release);
     g_source_attach(source, context);
 }
 

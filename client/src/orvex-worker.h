@@ -17,7 +17,11 @@ gboolean orvex_worker_is_current(void);
 void orvex_post(GMainContext* context, int priority, void (*action)(gpointer), gpointer data,
                 GDestroyNotify release);
 
-/// The same on the worker.
+/// The same, for a context to which the caller attaches it. The caller owns a reference.
+GSource* orvex_prepare_post(int priority, void (*action)(gpointer), gpointer data,
+                            GDestroyNotify release);
+
+/// The same as orvex_post() on the worker.
 void orvex_worker_post(void (*action)(gpointer), gpointer data, GDestroyNotify release);
 
 /// Answers a task in the context of its own, and drops it there: the worker must not be the one
