@@ -19,7 +19,7 @@ from harness.stand_in import StandIn
 
 
 # Python itself has no sanitizer, so it cannot load a library that has one; test_client_threads.py is for those.
-collect_ignore = ["test_client_library.py", "test_client_traps.py"] if is_sanitized() else []
+collect_ignore = ["test_client_library.py", "test_client_mends.py", "test_client_traps.py"] if is_sanitized() else []
 
 
 @pytest.hookimpl(tryfirst=True)
