@@ -15,6 +15,7 @@ from gi.repository import Gio, GLib
 
 from harness.bus_connection import connect
 from harness.client import BusError
+from harness.observe import poll_for
 from harness.settings import BUILD_DIR, BUS_NAME, EXAMPLES, OBJECT_PATH, ROOT, patience
 from harness.waiting import wait_for
 
@@ -633,6 +634,113 @@ def test_output_that_takes_nothing_ends_the_request(start, daemon, tmp_path):
     run = start("request", *ECHO, "--input", source, "--output", "/dev/full")
     assert run.wait() == 1
     assert "/dev/full" in run.stderr
+
+
+# -- files -----------------------------------------------------------------------------------------
+
+REFUSING = {"answer": {"status": 413, "content_type": "text/html", "body": "<html>"}}
+# Breaks off behind the second of three parts.
+BREAKING_OFF = {
+    "answer": {
+        "multipart": {
+            "results": [{"oid": "1", "href": "cid:a"}],
+            "parts": [
+                {"id": "a", "headers": [["X-SLP-Next-part-ID", "b"]], "body": "first"},
+                {"id": "b", "headers": [["X-SLP-Next-part-ID", "c"]], "body": {"bytes": 200_000}},
+                {"id": "c", "body": "third"},
+            ],
+        }
+    },
+    "on": [
+        {"at": "part", "part": 2, "do": "wait", "event": "seen"},
+        {"at": "part", "part": 2, "do": "cut"},
+    ],
+}
+
+
+@pytest.fixture
+def folder(tmp_path):
+    """Holds nothing but what orvexctl writes."""
+    path = tmp_path / "folder"
+    path.mkdir()
+    return path
+
+
+def test_output_may_be_the_input(start, daemon, folder):
+    both = folder / "both"
+    both.write_bytes(b"0123456789" * 100_000)
+    run = start("request", *ECHO, "--input", both, "--output", both)
+    assert run.wait() == 0, run.report()
+    assert both.read_bytes() == b"0123456789" * 100_000
+
+
+def test_old_output_stays_when_the_request_fails(start, daemon, server, folder):
+    output = folder / "answer"
+    output.write_text("old")
+    server.queue(REFUSING)
+    assert start("request", *ECHO, "--output", output).wait() == 28
+    assert output.read_text() == "old"
+    assert os.listdir(folder) == ["answer"]
+
+
+def test_no_output_appears_when_the_request_is_interrupted(start, stand_in, folder):
+    run = start("request", *ECHO, "--output", folder / "answer")
+    wait_for(lambda: "getData" in [name for name, _ in stand_in.called], 10, "the request")
+    run.interrupt()
+    assert run.wait() == 130
+    assert not os.listdir(folder)
+
+
+def break_off(start, server, folder, *words):
+    """A request whose answer breaks off when its first part has been written."""
+    server.queue(BREAKING_OFF)
+    run = start("request", *ECHO, "--output-pattern", folder / "part-%d", *words)
+    poll_for(lambda: any(each.stat().st_size for each in folder.iterdir()), 10, "the first part")
+    server.give("seen")
+    assert run.wait() == 30
+
+
+def test_partial_answer_is_kept_on_demand(start, daemon, server, folder):
+    break_off(start, server, folder, "--keep-partial")
+    assert (folder / "part-1.partial").read_text() == "first"
+    assert not (folder / "part-1").exists()
+
+
+def test_no_part_gets_its_name_before_the_answer_is_complete(start, daemon, server, folder):
+    break_off(start, server, folder)
+    assert not os.listdir(folder)
+
+
+def test_new_output_keeps_the_rights_of_the_old_one(start, daemon, folder):
+    output = folder / "answer"
+    output.write_text("old")
+    output.chmod(0o640)
+    assert start("request", *ECHO, "--output", output).wait() == 0
+    assert output.stat().st_mode & 0o7777 == 0o640
+
+
+def test_output_that_is_a_link_stays_one(start, daemon, folder):
+    (folder / "file").write_text("old")
+    (folder / "link").symlink_to("file")
+    assert start("request", *ECHO, "--output", folder / "link").wait() == 0
+    assert (folder / "link").is_symlink()
+    assert (folder / "file").read_text() == ""
+
+
+def test_advice_follows_the_daemons_text(start, daemon, server):
+    server.queue(REFUSING)
+    run = start("request", *ECHO)
+    assert run.wait() == 28
+    assert "orvexctl doctor --exchange" in run.stderr
+
+
+def test_text_of_the_daemon_ends_with_its_first_line(start, stand_in):
+    run = start("request", *ECHO)
+    wait_for(lambda: "getData" in [name for name, _ in stand_in.called], 10, "the request")
+    text = "No such luck\r\nContent-Type: text/html"
+    stand_in.emit("errorSignal", GLib.Variant("(uss)", (2001, text, "7:9")))
+    assert run.wait() == 28
+    assert 'The daemon says: "No such luck".' in run.stderr
 
 
 # -- the other commands ----------------------------------------------------------------------------

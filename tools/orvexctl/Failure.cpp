@@ -1,5 +1,6 @@
 #include "Failure.h"
 
+#include "Advice.h"
 #include "GioHandles.h"
 #include "Printable.h"
 
@@ -69,8 +70,8 @@ constexpr std::string_view kFailedStart =
 
 std::string describe(std::string_view text, std::string_view detail) {
     std::string sentence{text};
-    if (!detail.empty()) {
-        sentence.append(" The daemon says: \"").append(printable(detail)).append("\".");
+    if (const std::string said = firstLine(detail); !said.empty()) {
+        sentence.append(" The daemon says: \"").append(said).append("\".");
     }
     return sentence;
 }
@@ -199,6 +200,9 @@ Failure Failure::fromCode(std::uint32_t code, std::string_view detail) {
             status = entry.status;
             text = entry.text;
         }
+    }
+    if (const std::string_view advice = adviceFor(code, detail); !advice.empty()) {
+        text = advice;
     }
     Failure failure{status, describe(text, detail) + " (code " + std::to_string(code) + ")"};
     failure.code_ = code;

@@ -14,7 +14,18 @@ ExitStatus RequestCommand::run(const std::vector<std::string>& words) {
     Client client;
     client.setCallTimeout(options.timeout);
     Progress progress{!options.quiet && isatty(STDERR_FILENO) != 0};
-    return RequestSession{client, options, source, sink, progress}.run();
+    try {
+        const ExitStatus status = RequestSession{client, options, source, sink, progress}.run();
+        if (status != ExitStatus::Success && options.keepPartial) {
+            sink.keepPartial();
+        }
+        return status;
+    } catch (const Failure&) {
+        if (options.keepPartial) {
+            sink.keepPartial();
+        }
+        throw;
+    }
 }
 
 } // namespace orvexd::ctl

@@ -61,6 +61,8 @@ RequestOptions RequestOptions::parse(const std::vector<std::string>& words) {
     parser.addText("output-pattern", 'O',
                    "Write each part of the answer to its own file, %d is its number", "PATTERN",
                    options.outputPattern);
+    parser.addFlag("keep-partial", 0, "When the request fails, keep what has come as FILE.partial",
+                   options.keepPartial);
     parser.addFlag("attach", 'a', "Travel along with another exchange instead of starting one",
                    options.request.attach);
     parser.addNumber("policy", 'p', "Network connections that may be used, 0 to 3 (2)", "N",

@@ -15,6 +15,7 @@ struct RequestOptions {
     std::string output = "-";
     std::string outputPattern;         ///< takes the place of output when not empty
     std::chrono::seconds timeout{120}; ///< longest time without progress; zero means no limit
+    bool keepPartial = false;
     bool quiet = false;
 
     /// @throws Failure when the words are wrong; ends the process after --help.
