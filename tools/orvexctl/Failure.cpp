@@ -23,20 +23,6 @@ constexpr std::array kCodeTexts{
         "The daemon does not know this request: it was answered, cancelled or dropped, or it never "
         "existed. Send it again; 'orvexctl monitor' shows what happens to it."},
     CodeText{
-        43, ExitStatus::Transport,
-        "The server could not be reached, or it refused the HTTP request. Check the network, the "
-        "proxy and the daemon's certificates, then try again."},
-    CodeText{
-        51, ExitStatus::ServerRefused,
-        "The server did not accept the request. Check --element, --type, --request-version and the "
-        "input against what the server expects."},
-    CodeText{55, ExitStatus::ServerBroken,
-             "The server failed internally. Try again later; if it stays so, tell the server's "
-             "operator."},
-    CodeText{56, ExitStatus::ServerDenied,
-             "The server does not let this device in. Check the client certificate that the daemon "
-             "presents."},
-    CodeText{
         57, ExitStatus::NotAccepting,
         "The daemon does not accept data for this request now: the input came too slowly, or the "
         "request is already closed. The daemon waits 5 seconds for the next bytes, 90 seconds with "
@@ -45,9 +31,6 @@ constexpr std::array kCodeTexts{
         1001, ExitStatus::UnknownConnection,
         "The daemon does not know this connection: it was closed, or the daemon was started anew. "
         "Send the request again."},
-    CodeText{1003, ExitStatus::AnswerFormat,
-             "The server's answer is malformed or incomplete. Try again; if it stays so, tell the "
-             "server's operator."},
     CodeText{
         2001, ExitStatus::ExchangeFailed,
         "The exchange with the server failed. The server was reached but did not give a usable "
