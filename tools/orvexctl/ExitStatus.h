@@ -17,8 +17,8 @@ enum class ExitStatus : int {
     /// Somebody else cancelled the request.
     Cancelled = 7,
 
-    // One for each code of the daemon that reaches clients. Numbers that are missing stood for codes
-    // that it keeps to itself.
+    // One for each code of the daemon that reaches clients. Numbers that are missing stood for
+    // codes that it keeps to itself.
     UnknownRequest = 20,    // 41
     NotAccepting = 25,      // 57
     UnknownConnection = 26, // 1001

@@ -28,7 +28,10 @@ public:
     void addReceived(std::uint64_t bytes) { received_ += bytes; }
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     void draw();
+    void measure(Clock::time_point now);
 
     bool shown_;
     std::string key_;
@@ -36,7 +39,10 @@ private:
     std::optional<std::uint64_t> total_;
     std::uint64_t sent_ = 0;
     std::uint64_t received_ = 0;
-    std::chrono::steady_clock::time_point start_;
+    Clock::time_point start_;
+    Clock::time_point measured_;        ///< when the rate was taken last
+    std::uint64_t measuredBytes_ = 0;   ///< both directions, until then
+    std::optional<std::uint64_t> rate_; ///< bytes a second
     Timer redraw_;
 };
 

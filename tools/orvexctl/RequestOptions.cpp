@@ -31,6 +31,14 @@ void require(const std::string& value, const char* option) {
     }
 }
 
+/// The value becomes a header line: a line break would end it and begin another one.
+void requireOneLine(const std::string& value, const char* option) {
+    if (value.find_first_of("\r\n") != std::string::npos) {
+        throw Failure::usage(std::string{option} +
+                             " has a line break. It stands for one header line.");
+    }
+}
+
 } // namespace
 
 RequestOptions RequestOptions::parse(const std::vector<std::string>& words) {
@@ -83,6 +91,8 @@ RequestOptions RequestOptions::parse(const std::vector<std::string>& words) {
     require(options.connection.type, "--type");
     require(options.connection.version, "--request-version");
     require(options.connection.contentType, "--content-type");
+    requireOneLine(options.connection.contentType, "--content-type");
+    requireOneLine(options.connection.transferEncoding, "--encoding");
     if (!output.empty() && !options.outputPattern.empty()) {
         throw Failure::usage("--output and --output-pattern exclude each other.");
     }
