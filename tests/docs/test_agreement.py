@@ -156,3 +156,28 @@ def test_links_lead_somewhere(document):
 
 def test_the_interface_has_the_name_of_the_bus():
     assert INTERFACE.get("name") == BUS_NAME
+
+
+def used_options():
+    """Commands and options of orvexctl as the documents and examples show them."""
+    files = [*ROOT.glob("*.md"), *ROOT.glob("docs/*.md"), *ROOT.glob("examples/**/*.md"), ROOT / "scripts/demo"]
+    for path in files:
+        text = path.read_text("utf-8").replace("\\\n", " ")
+        for command, words in re.findall(r"orvexctl (status|request|monitor|cancel|quit|doctor)\b([^\n`|]*)", text):
+            for option in re.findall(r"(?<!\S)--?([\w-]+)", words):
+                yield path.name, command, option
+
+
+def manual_options(command):
+    """Long names and letters that orvexctl(1) has for a command."""
+    sections = re.split(r"^\.S[sh] (.*)$", read("docs/man/orvexctl.1"), flags=re.MULTILINE)
+    text = sections[sections.index(f"orvexctl {command}") + 1]
+    items = re.findall(r"^\.It Fl (.*)$", text, re.MULTILINE)
+    return {word.lstrip("-") for item in items for word in item.split() if word != ","}
+
+
+def test_the_documents_use_options_that_the_manual_has():
+    used = list(used_options())
+    assert used
+    unknown = [use for use in used if use[2] not in manual_options(use[1])]
+    assert not unknown
