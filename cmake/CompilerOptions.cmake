@@ -5,7 +5,7 @@ add_library(orvexd_options INTERFACE)
 add_library(orvexd::options ALIAS orvexd_options)
 
 target_compile_options(orvexd_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # Finds overlaps that do not exist in "text" + std::string (GCC bug 105651, mended in 13).
   target_compile_options(orvexd_options INTERFACE -Wno-restrict)

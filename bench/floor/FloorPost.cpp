@@ -3,6 +3,7 @@
 // the body stands in memory before the clock starts.
 
 #include "http/HttpClient.h"
+#include "http/TransferOptions.h"
 #include "request/Answer.h"
 #include "request/RequestData.h"
 #include "slp/SlpComposer.h"
@@ -142,7 +143,7 @@ Times post(const std::string& files, const std::string& proxy, std::size_t paylo
     const auto begin = Clock::now();
     EasyHandle owned(curl_easy_init());
     CURL* handle = owned.get();
-    HttpClient::setHandleOptions(handle, files);
+    TransferOptions::setIdentity(handle, files);
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
     curl_easy_setopt(handle, CURLOPT_HEADER, 1L);
     curl_easy_setopt(handle, CURLOPT_POST, 1L);
@@ -155,7 +156,7 @@ Times post(const std::string& files, const std::string& proxy, std::size_t paylo
     curl_easy_setopt(handle, CURLOPT_URL, deployment::kServerUrl);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, dropResponse);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &down);
-    curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, &HttpClient::socketOptionCallback);
+    curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, &TransferOptions::clampSegmentSize);
     const CURLcode result = curl_easy_perform(handle);
     curl_off_t connected = 0;
     curl_off_t secured = 0;

@@ -7,7 +7,20 @@ import tempfile
 import time
 from pathlib import Path
 
-from . import before, counting, exchanges, growth, latency, micro, neighbours, process, report
+from . import (
+    before,
+    counting,
+    exchanges,
+    growth,
+    latency,
+    library,
+    micro,
+    neighbours,
+    network,
+    process,
+    report,
+    tracing,
+)
 from .processes import TOP, Workshop
 from .rows import Row, Run
 
@@ -30,7 +43,12 @@ MEASUREMENTS = (
     ((17,), "allocations", counting.allocations),
     ((18,), "unfetched answers beside busy neighbours", neighbours.unfetched_answers),
     ((19,), "bytes on the wire", exchanges.wire_cost),
+    ((21, 22, 23), "the client library beside a raw client", library.beside_raw),
+    ((24,), "memory of the client library", library.memory_of_streams),
+    ((25,), "what the client library leaves behind", library.remains),
+    ((26,), "the NetworkManager source", network.sources),
     ((20,), "costs beside an earlier build", before.hidden_costs),
+    ((27,), "probes", tracing.probes),
 )
 
 

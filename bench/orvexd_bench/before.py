@@ -16,7 +16,7 @@ def hidden_costs(run):
         return
     run.workshop.server.answer(4 * KIB)
     with run.workshop.stage() as now, run.workshop.stage() as before:
-        sides = [_Side(now, now.orvexd_command()), _Side(before, before.orvexd_command(run.before))]
+        sides = [Side(now, now.orvexd_command()), Side(before, before.orvexd_command(run.before))]
         for number in range(4 * run.pairs):
             for side in sides if number % 2 else reversed(sides):
                 side.measure()
@@ -39,7 +39,7 @@ def _add(run, measure, ours, theirs, unit):
     )
 
 
-class _Side:
+class Side:
     """A daemon with its client, and the seconds that things took."""
 
     def __init__(self, stage, command):

@@ -60,7 +60,29 @@ def _instructions(workshop, kind, count):
                     time.sleep(0.1)  # slow under valgrind, and the end comes 50 ms later
             daemon.process.send_signal(signal.SIGTERM)
             daemon.process.wait()
-        return int(re.search(r"^(?:summary|totals): (\d+)", output.read_text("utf-8"), re.M)[1])
+        return _total(output)
+
+
+def daemon_instructions(workshop, program, answer, count):
+    """Of a daemon that carries so many exchanges, from its start to its end."""
+    with workshop.stage() as stage:
+        output = stage.directory / "callgrind.out"
+        tool = ("valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={output}")
+        daemon = stage.start(stage.orvexd_command(program), tool)
+        _carry(stage.client(), daemon, count, UPLOAD, answer)
+        return _total(output)
+
+
+def _carry(client, daemon, count, upload, answer):
+    for _ in range(count):
+        client.exchange(upload, answer)
+        time.sleep(0.1)  # slow under valgrind, and the end comes 50 ms later
+    daemon.process.send_signal(signal.SIGTERM)
+    daemon.process.wait()
+
+
+def _total(output):
+    return int(re.search(r"^(?:summary|totals): (\d+)", output.read_text("utf-8"), re.M)[1])
 
 
 def system_calls(run):

@@ -210,6 +210,13 @@ class Stage:
         self._children.append(post)
         return post
 
+    def match_rules(self):
+        """How many rules the clients of the bus have on it, as the bus counts them."""
+        command = ["dbus-send", f"--bus={self.bus.address}", "--print-reply", "--dest=org.freedesktop.DBus"]
+        command += ["/org/freedesktop/DBus", "org.freedesktop.DBus.Debug.Stats.GetAllMatchRules"]
+        done = subprocess.run(command, capture_output=True, text=True, check=False)
+        return done.stdout.count("type=")
+
     def _await_name(self, child):
         address = {"DBUS_SYSTEM_BUS_ADDRESS": self.bus.address}
         subprocess.run(

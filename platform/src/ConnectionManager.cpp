@@ -1,7 +1,10 @@
 #include "ConnectionManager.h"
 
+#include "AbsentSource.h"
+#include "FileSource.h"
 #include "LibraryMutex.h"
 #include "PlatformFile.h"
+#include "SourceModule.h"
 
 #include <algorithm>
 #include <cstring>
@@ -17,7 +20,13 @@ IConnectionManager* IConnectionManager::create(INetworkAdaptation* /*adaptation*
 // The watch comes before the first reading: no change can fall between them.
 ConnectionManager::ConnectionManager()
     : path_(PlatformFile::path()), watcher_(path_, [this] { onFileChanged(); }) {
-    readList();
+    readFile();
+}
+
+ConnectionManager::~ConnectionManager() {
+    if (sourceName_ == SourceName::NetworkManager) {
+        LiveState::set(nullptr);
+    }
 }
 
 void ConnectionManager::getConnections(ConnectionInfoContainer& connections) {
@@ -62,7 +71,7 @@ int ConnectionManager::lookUpProxy(const std::string& /*url*/, ProxyQuery* query
     if (query == nullptr || query->size != sizeof(ProxyQuery)) {
         return kProxyBadQuery;
     }
-    const auto settings = PlatformFile::read(path_).settings;
+    const auto settings = answersNow(path_);
     const std::string& host = settings->proxyHost;
     if (host.empty()) {
         return kProxyNone;
@@ -76,18 +85,73 @@ int ConnectionManager::lookUpProxy(const std::string& /*url*/, ProxyQuery* query
     return kProxyFound;
 }
 
+Description ConnectionManager::description() const {
+    Settings answers = *answersNow(path_);
+    answers.connections = latest()->connections;
+    return {path_,
+            sourceName_,
+            source_->hasAnswered(),
+            source_->remarks(),
+            *PlatformFile::read(path_).settings,
+            std::move(answers)};
+}
+
 void ConnectionManager::onFileChanged() {
-    readList();
+    readFile();
     notify();
 }
 
-void ConnectionManager::readList() {
-    auto [settings, lookAgain] = PlatformFile::read(path_);
+void ConnectionManager::onSourceChanged() {
+    takeState();
+    notify();
+}
+
+void ConnectionManager::onSourceDetailsChanged() {
+    takeState();
+}
+
+void ConnectionManager::readFile() {
+    const auto [file, lookAgain] = PlatformFile::read(path_);
     if (lookAgain) {
         watcher_.lookAgainIn(PlatformFile::kEmptyCountsAsHalfWritten);
     }
-    const std::lock_guard hold(libraryMutex());
-    settings_ = std::move(settings);
+    useSource(chosenSource(*file));
+    source_->follow(file);
+    takeState();
+}
+
+/// Keeps the source when it is the one that is wanted. A live source that cannot be had knows
+/// nothing, like one that has had no answer yet; each reading of the file tries to have it.
+void ConnectionManager::useSource(SourceName name) {
+    if (source_ && name == sourceName_ && !isAbsent_) {
+        return;
+    }
+    source_.reset();
+    LiveState::set(nullptr);
+    sourceName_ = name;
+    if (name == SourceName::NetworkManager) {
+        std::string fault;
+        source_ = SourceModule::makeSource(*this, fault);
+        isAbsent_ = source_ == nullptr;
+        source_ = source_ ? std::move(source_) : std::make_unique<AbsentSource>(fault);
+    } else {
+        isAbsent_ = false;
+        source_ = std::make_unique<FileSource>();
+    }
+}
+
+void ConnectionManager::takeState() {
+    auto state = source_->state();
+    if (sourceName_ == SourceName::NetworkManager) {
+        LiveState::set(state);
+    }
+    {
+        const std::lock_guard hold(libraryMutex());
+        settings_ = std::move(state);
+    }
+    if (heard_) {
+        heard_();
+    }
 }
 
 void ConnectionManager::notify() {
@@ -122,3 +186,16 @@ std::shared_ptr<const Settings> ConnectionManager::latest() const {
 }
 
 } // namespace trilba::network
+
+namespace trilba {
+
+Description describe(network::IConnectionManager& manager) {
+    // Every manager that `create` makes is one.
+    return dynamic_cast<network::ConnectionManager&>(manager).description();
+}
+
+void onDescriptionChange(network::IConnectionManager& manager, std::function<void()> heard) {
+    dynamic_cast<network::ConnectionManager&>(manager).onDescriptionChange(std::move(heard));
+}
+
+} // namespace trilba

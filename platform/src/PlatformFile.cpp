@@ -110,10 +110,17 @@ public:
 
     std::shared_ptr<const Settings> of(const std::string& path) {
         const std::lock_guard hold(libraryMutex());
-        return settings_ && path_ == path ? settings_ : std::make_shared<const Settings>();
+        return settings_ && path_ == path ? settings_ : std::make_shared<const Settings>(unread());
     }
 
 private:
+    /// Nobody knows what the file says, so no other source may take its place.
+    static Settings unread() {
+        Settings settings;
+        settings.source = SourceWish::File;
+        return settings;
+    }
+
     std::uint64_t begun_ = 0;                  // guarded by libraryMutex()
     std::uint64_t kept_ = 0;                   // guarded by libraryMutex()
     std::string path_;                         // guarded by libraryMutex()
@@ -139,11 +146,21 @@ std::optional<Settings> settingsOf(const Content& content) {
     return std::nullopt;
 }
 
+/// What the environment names; empty: nothing.
+std::string namedPath() {
+    const char* named = std::getenv("TRILBA_PLATFORM_CONF");
+    return named == nullptr ? "" : named;
+}
+
 } // namespace
 
 std::string PlatformFile::path() {
-    const char* chosen = std::getenv("TRILBA_PLATFORM_CONF");
-    return chosen != nullptr && *chosen != '\0' ? chosen : kDefaultPath;
+    const std::string named = namedPath();
+    return named.empty() ? kDefaultPath : named;
+}
+
+bool PlatformFile::isNamed() {
+    return !namedPath().empty();
 }
 
 PlatformFile::Reading PlatformFile::read(const std::string& path) {

@@ -25,12 +25,13 @@ public:
     /// or empty.
     static std::string path();
 
-    /// What the file at `path` says now. Missing file: the defaults. A file that cannot be read or
-    /// parsed: what this file said when it was last good, or the defaults when it never was.
-    static Reading read(const std::string& path);
+    /// Whether the environment names the file.
+    static bool isNamed();
 
-    /// Settings of the file at `path()`.
-    static std::shared_ptr<const Settings> now() { return read(path()).settings; }
+    /// What the file at `path` says now. Missing file: the defaults. A file that cannot be read or
+    /// parsed: what this file said when it was last good; when it never was, the defaults with the
+    /// file as the source.
+    static Reading read(const std::string& path);
 };
 
 } // namespace trilba

@@ -103,8 +103,43 @@ void readProxy(const Group& group, Settings& settings) {
     settings.proxyPort = static_cast<std::uint32_t>(*port);
 }
 
-/// The text without comments. A comment begins with a ';' behind a space, a tab or the beginning of
-/// a line, and GLib does not know it. A ';' that ends a name in a list follows the name directly.
+void readGroups(GKeyFile* file, Settings& settings) {
+    const TextList groups(g_key_file_get_groups(file, nullptr));
+    for (char** group = groups.get(); *group != nullptr; ++group) {
+        settings.saysSystem = settings.saysSystem || std::string_view(*group) == "System";
+        settings.saysProxy = settings.saysProxy || std::string_view(*group) == "Proxy";
+        settings.saysConnections = settings.saysConnections || isConnectionGroup(*group);
+    }
+}
+
+SourceWish sourceWish(const Group& group) {
+    const std::string source = group.text("Source").value_or("auto");
+    if (source == "file") {
+        return SourceWish::File;
+    }
+    if (source == "networkmanager") {
+        return SourceWish::NetworkManager;
+    }
+    if (source != "auto") {
+        throw MalformedValue{};
+    }
+    return SourceWish::Auto;
+}
+
+void readNetworkManager(const Group& group, Settings& settings) {
+    const TextList types = group.list("KindOne");
+    for (char** type = types.get(); type != nullptr && *type != nullptr; ++type) {
+        settings.kindOne.emplace_back(g_strstrip(*type));
+    }
+    settings.flagMetered = group.truth("FlagMetered").value_or(false);
+}
+
+} // namespace
+
+bool isConnectionGroup(std::string_view name) {
+    return name == "Connections" || name.starts_with("Connection ");
+}
+
 std::string withoutTrailingComments(std::string_view text) {
     std::string kept;
     kept.reserve(text.size());
@@ -120,8 +155,6 @@ std::string withoutTrailingComments(std::string_view text) {
     }
     return kept;
 }
-
-} // namespace
 
 std::optional<Settings> parseSettings(std::string_view text) {
     // A text holds no NUL. A crash leaves blocks of them in a file that was being written.
@@ -140,6 +173,9 @@ std::optional<Settings> parseSettings(std::string_view text) {
         settings.networkPositioning = Group(file.get(), "Location").truth("NetworkPositioning");
         readConnections(file.get(), settings);
         readProxy(Group(file.get(), "Proxy"), settings);
+        readGroups(file.get(), settings);
+        settings.source = sourceWish(Group(file.get(), "Platform"));
+        readNetworkManager(Group(file.get(), "NetworkManager"), settings);
         return settings;
     } catch (const MalformedValue&) {
         return std::nullopt;

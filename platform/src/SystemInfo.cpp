@@ -1,20 +1,20 @@
 #include "trilba/core/SystemInfo.h"
 
-#include "PlatformFile.h"
+#include "Answers.h"
 
 namespace trilba::core {
 
 void SystemInfo::getPlatformId(std::string& id) {
-    id = PlatformFile::now()->platformId;
+    id = answersNow()->platformId;
 }
 void SystemInfo::getImei(std::string& imei) {
-    imei = PlatformFile::now()->imei;
+    imei = answersNow()->imei;
 }
 void SystemInfo::getImsi(std::string& imsi) {
-    imsi = PlatformFile::now()->imsi;
+    imsi = answersNow()->imsi;
 }
 void SystemInfo::getMMF(std::string& firmwareId) {
-    firmwareId = PlatformFile::now()->mmf;
+    firmwareId = answersNow()->mmf;
 }
 
 } // namespace trilba::core

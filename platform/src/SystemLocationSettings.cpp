@@ -1,6 +1,6 @@
 #include "SystemLocationSettings.h"
 
-#include "PlatformFile.h"
+#include "Answers.h"
 
 #include <memory>
 
@@ -11,11 +11,11 @@ ISystemLocationSettings* ISystemLocationSettings::create() {
 }
 
 bool SystemLocationSettings::isNetworkPositioningPermitted() {
-    return PlatformFile::now()->networkPositioning.value_or(true);
+    return answersNow()->networkPositioning.value_or(true);
 }
 
 bool SystemLocationSettings::isNetworkPositioningStated() {
-    return PlatformFile::now()->networkPositioning.has_value();
+    return answersNow()->networkPositioning.has_value();
 }
 
 bool SystemLocationSettings::isNetworkPositioningEnabled() {

@@ -6,6 +6,7 @@
 #include "protocol/States.h"
 #include "request/RequestData.h"
 #include "support/MemoryBudget.h"
+#include "support/Probes.h"
 
 #include <algorithm>
 #include <trilba/core/SystemInfo.h>
@@ -161,6 +162,8 @@ std::uint32_t OrvexMain::createRequest(std::uint32_t connectionId, std::uint32_t
     const std::uint32_t requestId = nextId(lastRequestId_);
     requests_.add(std::make_shared<RequestData>(connectionId, requestId, prepared,
                                                 connection->parameters, connectionPolicy, &posts_));
+    probe::requestNew(connectionId, requestId, prepared, connectionPolicy, client.uid,
+                      client.name.c_str());
     raiseOpenDuration(openDuration);
     const bool wantsExchange = prepared || (reportedStatus_ & StatusKindOne) != 0;
     if (wantsExchange && !isTransferRunning() && !startExchange()) {

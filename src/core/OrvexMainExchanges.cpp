@@ -7,6 +7,7 @@
 #include "protocol/States.h"
 #include "request/RequestData.h"
 #include "support/MemoryBudget.h"
+#include "support/Probes.h"
 
 #include <algorithm>
 #include <glib.h>
@@ -172,6 +173,7 @@ std::uint32_t OrvexMain::connectionStatus() {
 
 void OrvexMain::storeStatus(std::uint32_t status) {
     requestFreshConnect();
+    probe::networkStatus(reportedStatus_, status);
     reportedStatus_ = status;
     posts_.postConnectionStatus(status);
 }

@@ -2,6 +2,7 @@
 
 #include "protocol/Codes.h"
 #include "protocol/Names.h"
+#include "support/Probes.h"
 
 #include <algorithm>
 #include <glib.h>
@@ -74,6 +75,7 @@ void BusLink::sendError(DBusMessage& call, int code) {
     if (dbus_message_get_serial(&call) == 0) {
         return; // libdbus ends the process when asked to answer a message that was never sent
     }
+    probe::callRefused(code, dbus_message_get_member(&call));
     BusMessage reply(
         dbus_message_new_error_printf(&call, bus::kErrorName, "(%d) %s", code, "unspecifiedError"));
     if (!reply) {

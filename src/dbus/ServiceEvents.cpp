@@ -6,6 +6,7 @@
 #include "protocol/Codes.h"
 #include "protocol/Names.h"
 #include "request/Answer.h"
+#include "support/Probes.h"
 
 #include <utility>
 
@@ -45,6 +46,7 @@ void DbusService::emitRequestData(std::uint32_t connectionId, std::uint32_t requ
 
 void DbusService::emitErrorSignal(std::uint32_t code, const std::string& message,
                                   const std::string& requests) {
+    probe::requestsFailed(code, message.data(), message.size(), requests.c_str());
     const dbus_uint32_t value = code;
     const std::string text = toBusText(message);
     const char* messageArgument = text.c_str();
@@ -67,6 +69,7 @@ void DbusService::deliverChunk(std::uint32_t connectionId, std::uint32_t request
     if (dbus_message_append_args(reply.get(), DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &data, length,
                                  DBUS_TYPE_UINT32, &deliveryCode, DBUS_TYPE_INVALID) != FALSE) {
         BusLink::sendOrThrow(std::move(reply));
+        probe::chunkDelivered(connectionId, requestId, deliveryCode, bytes.size());
     }
 }
 

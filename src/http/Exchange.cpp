@@ -4,10 +4,12 @@
 #include "http/HttpClient.h"
 #include "http/IExchangeOwner.h"
 #include "http/RequestBody.h"
+#include "http/TransferOptions.h"
 #include "protocol/Codes.h"
 #include "request/RequestData.h"
 #include "slp/SlpComposer.h"
 #include "slp/SlpResponseParser.h"
+#include "support/Probes.h"
 #include "support/XmlHandles.h"
 
 #include <chrono>
@@ -20,12 +22,6 @@ namespace {
 
 /// The owner hears of an exchange's end this much later.
 constexpr std::chrono::milliseconds kEndDelay(50);
-
-std::vector<std::string> headerLinesFor(const std::string& boundary) {
-    return {"Content-Type: multipart/related; type=\"text/xml\"; boundary=\"" + boundary +
-                "\"; start=\"slpHeaderPart\"",
-            "Transfer-Encoding: chunked", "Expect:"}; // no 100-continue round trip
-}
 
 } // namespace
 
@@ -59,7 +55,9 @@ gpointer Exchange::threadFunc(gpointer exchange) noexcept {
 }
 
 void Exchange::runExchange() {
+    probe::exchangeBegin(queue_.size());
     Outcome outcome = transferQueue();
+    probe::exchangeEnd(outcome.code, outcome.errorText.data(), outcome.errorText.size());
     // Before the main loop hears of the end: from then on it holds the only references, so that
     // requests end on its thread.
     queue_.clear();
@@ -92,7 +90,7 @@ Exchange::Outcome Exchange::transfer() {
     RequestBody body(queue_, boundary, std::move(bodyPrefix), dataSignal_, owner_,
                      HttpClient::getConfiguration());
     SlpResponseParser parser(queue_);
-    const int code = client_.performTransfer(headerLinesFor(boundary), body, parser);
+    const int code = client_.performTransfer(TransferOptions::headerLines(boundary), body, parser);
     if (code != failure::kNone && !parser.isGivenUp()) {
         return {code, client_.errorText(), {}};
     }

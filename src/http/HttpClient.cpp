@@ -3,22 +3,19 @@
 #include "config/ConfHandler.h"
 #include "config/MapWrapper.h"
 #include "http/IExchangeOwner.h"
-#include "http/KeyPassphrase.h"
 #include "http/ProcessorLimit.h"
 #include "http/RequestBody.h"
+#include "http/TransferOptions.h"
 #include "protocol/Codes.h"
 #include "slp/SlpResponseParser.h"
-#include "support/Deployment.h"
+#include "support/Probes.h"
 
 #include <array>
 #include <cstdint>
 #include <cstdio>
 #include <limits>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <span>
-#include <sys/socket.h>
 #include <trilba/core/Directory.h>
 #include <utility>
 
@@ -28,7 +25,6 @@ namespace {
 
 constexpr const char* kConnectTimeout = "orvexd/connect_timeout";
 constexpr const char* kTransferTimeout = "orvexd/transfer_timeout";
-constexpr const char* kDefaultTransferTimeout = "60";
 
 /// When a transfer that begins now reaches its time-out, on g_get_monotonic_time's clock. libcurl
 /// has no time-out for a number that it refuses, and for 0.
@@ -56,6 +52,27 @@ struct HttpClient::Transfer {
     std::uint64_t moved = 0; ///< bytes in both directions
     unsigned pieces = 0;     ///< of the response
     ProcessorLimit processorLimit = ProcessorLimit();
+    // On g_get_monotonic_time's clock, for whoever traces the daemon; 0 for what has not come.
+    gint64 beginning = 0;
+    gint64 uploaded = 0; ///< the end of the body
+    gint64 answered = 0; ///< the first piece of the server's response
+
+    void showSent(std::size_t bytes) noexcept {
+        probe::bytesSent(bytes);
+        if (bytes == 0) {
+            uploaded = g_get_monotonic_time();
+        }
+    }
+    void showReceived(std::size_t bytes) noexcept {
+        probe::bytesReceived(bytes);
+        if (begun && answered == 0) { // what came before is a proxy's answer
+            answered = g_get_monotonic_time();
+        }
+    }
+    /// The time from the beginning to one of the others.
+    [[nodiscard]] long until(gint64 time) const noexcept {
+        return time == 0 ? 0L : static_cast<long>(time - beginning);
+    }
 };
 
 HttpClient::HttpClient(IExchangeOwner& owner) : owner_(owner) {
@@ -95,27 +112,8 @@ int HttpClient::setupHandle(EasyHandle& handle) {
     }
     std::string files;
     trilba::core::Directory::getPreinstalledFilesPath(files);
-    setHandleOptions(handle.get(), files);
+    TransferOptions::setIdentity(handle.get(), files);
     return failure::kNone;
-}
-
-void HttpClient::setHandleOptions(CURL* handle, const std::string& files) {
-    const KeyPassphrase passphrase;
-    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(handle, CURLOPT_DNS_CACHE_TIMEOUT, 0L);
-    curl_easy_setopt(handle, CURLOPT_IPRESOLVE, static_cast<long>(CURL_IPRESOLVE_V4));
-    curl_easy_setopt(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1));
-    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(handle, CURLOPT_SSLCERT, (files + "/SlpClient.pem").c_str());
-    curl_easy_setopt(handle, CURLOPT_SSLKEY, (files + "/SlpClient-key.pem").c_str());
-    curl_easy_setopt(handle, CURLOPT_KEYPASSWD, passphrase.text());
-    curl_easy_setopt(handle, CURLOPT_CAINFO, (files + "/Positioning_CA.pem").c_str());
-    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
-    // The message is one chunked POST, which HTTP/2 does not have; libcurl would accept h2.
-    curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-    // A name server that does not answer holds up the thread that asks it for minutes. libcurl
-    // would wait for that thread after its own time-out has passed. This lets it go on without.
-    curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
 }
 
 int HttpClient::performTransfer(const std::vector<std::string>& headerLines, RequestBody& body,
@@ -130,38 +128,69 @@ int HttpClient::performTransfer(const std::vector<std::string>& headerLines, Req
     setTransferOptions(handle.get(), headers, errorBuffer.data());
     Transfer transfer{body, parser, handle.get()};
     setCallbacks(handle.get(), transfer);
-    parser.setPatience({transferDeadline(timeoutSeconds(kTransferTimeout, kDefaultTransferTimeout)),
-                        [this] { owner_.postMemoryShort(); }});
+    parser.setPatience(
+        {transferDeadline(timeoutSeconds(kTransferTimeout, TransferOptions::kTransferTimeout)),
+         [this] { owner_.postMemoryShort(); }});
+    transfer.beginning = g_get_monotonic_time();
     CURLcode result = curl_easy_perform(handle.get());
     parser.finish(); // may wait for room, too
     if (parser.hasStalled()) {
         result = CURLE_OPERATION_TIMEDOUT; // libcurl may not have looked at its clock any more
     }
-    long status = 0;
-    curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status); // the parser judges it
+    showTransfer(transfer, result);
     errorText_ = result == CURLE_OK ? "" : curl_easy_strerror(result);
     return result == CURLE_OK ? failure::kNone : failure::kTransport;
 }
 
+/// Shows the end of a transfer to whoever traces the daemon. The parser judges the response.
+void HttpClient::showTransfer(const Transfer& transfer, CURLcode result) {
+    const auto number = [&transfer](CURLINFO which) {
+        curl_off_t value = 0;
+        curl_easy_getinfo(transfer.handle, which, &value);
+        return value;
+    };
+    long status = 0;
+    curl_easy_getinfo(transfer.handle, CURLINFO_RESPONSE_CODE, &status);
+    if (!transfer.begun) {
+        showVerifyResult(transfer.handle);
+    }
+    probe::transferPhases(static_cast<long>(number(CURLINFO_NAMELOOKUP_TIME_T)),
+                          static_cast<long>(number(CURLINFO_CONNECT_TIME_T)),
+                          static_cast<long>(number(CURLINFO_APPCONNECT_TIME_T)),
+                          transfer.until(transfer.uploaded), transfer.until(transfer.answered),
+                          transfer.until(g_get_monotonic_time()));
+    probe::transferEnd(result, status, static_cast<std::size_t>(number(CURLINFO_SIZE_UPLOAD_T)),
+                       static_cast<std::size_t>(number(CURLINFO_SIZE_DOWNLOAD_T)),
+                       static_cast<long>(number(CURLINFO_TOTAL_TIME_T)));
+}
+
+/// Shows what the TLS library says of the server's certificate. libcurl has nothing but the result
+/// of a good one when no certificate has come.
+void HttpClient::showVerifyResult(CURL* handle) {
+    long result = 0;
+    curl_off_t secured = 0;
+    curl_easy_getinfo(handle, CURLINFO_SSL_VERIFYRESULT, &result);
+    curl_easy_getinfo(handle, CURLINFO_APPCONNECT_TIME_T, &secured);
+    if (result != 0 || secured != 0) {
+        probe::tlsVerified(result);
+    }
+}
+
 void HttpClient::setTransferOptions(CURL* handle, const HeaderList& headers, char* errorBuffer) {
-    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
-    curl_easy_setopt(handle, CURLOPT_HEADER, 1L); // the parser reads the response head itself
-    curl_easy_setopt(handle, CURLOPT_POST, 1L);
+    TransferOptions::setMessage(handle, headers.get()); // the parser reads the response head itself
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, timeoutSeconds(kConnectTimeout, "30"));
-    curl_easy_setopt(handle, CURLOPT_TIMEOUT,
-                     timeoutSeconds(kTransferTimeout, kDefaultTransferTimeout));
+    TransferOptions::setTimeouts(
+        handle, timeoutSeconds(kConnectTimeout, TransferOptions::kConnectTimeout),
+        timeoutSeconds(kTransferTimeout, TransferOptions::kTransferTimeout));
 }
 
 void HttpClient::setCallbacks(CURL* handle, Transfer& transfer) {
     curl_easy_setopt(handle, CURLOPT_READFUNCTION, &HttpClient::readBody);
     curl_easy_setopt(handle, CURLOPT_READDATA, &transfer);
-    curl_easy_setopt(handle, CURLOPT_PROXY, owner_.proxyForServer().c_str());
-    curl_easy_setopt(handle, CURLOPT_NOPROXY, ""); // the platform decides, not the environment
-    curl_easy_setopt(handle, CURLOPT_URL, deployment::kServerUrl);
+    TransferOptions::setRoad(handle, owner_.proxyForServer());
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &HttpClient::writeResponse);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &transfer);
-    curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, &HttpClient::socketOptionCallback);
+    TransferOptions::setSocket(handle);
     curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT,
                      freshConnectRequested_.exchange(false) ? 1L : 0L);
 }
@@ -171,6 +200,7 @@ std::size_t HttpClient::writeResponse(char* data, std::size_t size, std::size_t 
     constexpr unsigned kPiecesPerLook = 64; // a look at the clock costs more than a small piece
     auto& self = *static_cast<Transfer*>(transfer);
     SlpResponseParser& parser = self.parser;
+    self.showReceived(size * count);
     try {
         const std::size_t taken = parser.feed({data, size * count});
         self.moved += taken;
@@ -190,23 +220,18 @@ std::size_t HttpClient::readBody(char* buffer, std::size_t size, std::size_t cou
         // The connection stands, so the key has been read: libcurl need not keep its copy of the
         // pass phrase for as long as clients deliver.
         curl_easy_setopt(self.handle, CURLOPT_KEYPASSWD, nullptr);
+        showVerifyResult(self.handle);
     }
     try {
         const std::size_t read = self.body.readBody({buffer, size * count});
-        self.moved += read == CURL_READFUNC_ABORT ? 0 : read;
+        if (read != CURL_READFUNC_ABORT) {
+            self.moved += read;
+            self.showSent(read);
+        }
         return read;
     } catch (...) {
         return CURL_READFUNC_ABORT;
     }
-}
-
-int HttpClient::socketOptionCallback(void* /*client*/, curl_socket_t socket,
-                                     curlsocktype purpose) noexcept {
-    if (purpose == CURLSOCKTYPE_IPCXN) {
-        const int segmentSize = 1200;
-        (void)setsockopt(socket, IPPROTO_TCP, TCP_MAXSEG, &segmentSize, sizeof segmentSize);
-    }
-    return CURL_SOCKOPT_OK;
 }
 
 CURLcode HttpClient::sslContextCallback(CURL* /*handle*/, void* sslContext,

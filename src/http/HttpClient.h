@@ -39,12 +39,7 @@ public:
     /// As `setParameter`, but an empty value changes nothing.
     static void setParameterIfSet(const std::string& key, const std::string& value);
 
-    /// Sets what does not change from one transfer to the next: how names are resolved, TLS with
-    /// the client certificate, the HTTP version. Any thread.
-    /// @param files directory of the three PEM files.
-    static void setHandleOptions(CURL* handle, const std::string& files);
-
-    /// Makes a libcurl handle with these options for the platform's directory. A handle that exists
+    /// Makes a libcurl handle with the identity of the platform's directory. A handle that exists
     /// is left as it is. Worker thread.
     /// @return 0, or 57 when libcurl has no handle to give.
     static int setupHandle(EasyHandle& handle);
@@ -66,11 +61,6 @@ public:
     /// the TLS library is in force.
     static CURLcode sslContextCallback(CURL* handle, void* sslContext, void* userData) noexcept;
 
-    /// Clamps the TCP segment size of the connection's socket to 1200 bytes, whatever the path's
-    /// MTU. A socket for another purpose stays as it is, and a refusal of the system is ignored.
-    static int socketOptionCallback(void* client, curl_socket_t socket,
-                                    curlsocktype purpose) noexcept;
-
     /// Renders bytes, 16 a line, in hexadecimal and as characters. Nothing calls it; it is for the
     /// debugger.
     [[nodiscard]] static std::string hexDump(std::string_view bytes);
@@ -80,6 +70,8 @@ private:
 
     static void setTransferOptions(CURL* handle, const HeaderList& headers, char* errorBuffer);
     void setCallbacks(CURL* handle, Transfer& transfer);
+    static void showTransfer(const Transfer& transfer, CURLcode result);
+    static void showVerifyResult(CURL* handle);
 
     static std::size_t writeResponse(char* data, std::size_t size, std::size_t count,
                                      void* transfer) noexcept;

@@ -4,6 +4,7 @@
 #include "http/IExchangeOwner.h"
 #include "http/LineEnds.h"
 #include "request/RequestData.h"
+#include "support/Probes.h"
 
 #include <algorithm>
 #include <curl/curl.h>
@@ -165,13 +166,17 @@ void RequestBody::announceOnce(const RequestData& part) {
 }
 
 void RequestBody::awaitData(DataSignal::Reader& reader, RequestData& part) {
+    const std::chrono::milliseconds wait = waitTimeout(part.parameters().type, parameters_);
     const gint64 begin = g_get_monotonic_time();
-    const gint64 end = deadlineAfter(begin, waitTimeout(part.parameters().type, parameters_));
+    const gint64 end = deadlineAfter(begin, wait);
     const auto deadline = [&] {
         const gint64 left = part.openerLeft();
         return left == 0 ? end : std::min(end, deadlineAfter(std::max(begin, left), kDefaultWait));
     };
-    if (!reader.waitForData(deadline)) {
+    probe::dataWaitBegin(part.connectionId(), part.requestId(), static_cast<long>(wait.count()));
+    const bool arrived = reader.waitForData(deadline);
+    probe::dataWaitEnd(part.connectionId(), part.requestId(), arrived);
+    if (!arrived) {
         part.appendRequestData({}, true); // the part ends with what it has
     }
 }

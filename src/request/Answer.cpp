@@ -1,5 +1,6 @@
 #include "request/Answer.h"
 
+#include "support/Probes.h"
 #include "support/Statistics.h"
 
 #include <utility>
@@ -139,16 +140,17 @@ bool Answer::awaitRoom(std::string_view& bytes, bool partComplete, const Patienc
         return true;
     }
     countEvent(Statistic::RoomWaits);
+    probe::roomWaitBegin(connectionId_, requestId_);
     RoomWait change(charge_.budget());
     if (patience.memoryIsShort && !charge_.budget().hasRoomForData()) {
         patience.memoryIsShort();
     }
-    while (!canStore(bytes, partComplete)) {
-        if (!change.wait(patience.deadline)) {
-            return false;
-        }
+    bool isThere = true;
+    while (isThere && !canStore(bytes, partComplete)) {
+        isThere = change.wait(patience.deadline);
     }
-    return true;
+    probe::roomWaitEnd(connectionId_, requestId_, isThere);
+    return isThere;
 }
 
 /// Whether the bytes may be stored. Without room for them, chunks go on to a client that waits, and
@@ -165,7 +167,7 @@ bool Answer::canStore(std::string_view& bytes, bool partComplete) {
     if (bytes.size() <= chunkSize_ + lineBreak) {
         return true;
     }
-    state_ = RequestState::Receiving;
+    setState(RequestState::Receiving);
     post(DeliveryCode::PartContinues, std::string(bytes.substr(0, chunkSize_)));
     bytes.remove_prefix(chunkSize_);
     return false;
@@ -186,11 +188,11 @@ Answer::Added Answer::store(std::string_view bytes, bool partComplete) {
         return Added::Stored;
     }
     if (!partComplete) {
-        state_ = RequestState::Receiving;
+        setState(RequestState::Receiving);
     } else if (++completedParts_ == expectedParts_) {
-        state_ = RequestState::AllPartsReceived;
+        setState(RequestState::AllPartsReceived);
     } else {
-        state_ = RequestState::PartReceived;
+        setState(RequestState::PartReceived);
         openBuffer();
     }
     const bool isFull = responseBuffers_.size() > charge_.budget().accountBound() / kPartCost;
@@ -246,7 +248,7 @@ bool Answer::passThrough(std::string_view bytes) {
     buffer.bytes.append(bytes.substr(size));
     pressure_.stored(bytes.size() - size);
     pressure_.fetched(0);
-    state_ = RequestState::Receiving;
+    setState(RequestState::Receiving);
     post(DeliveryCode::PartContinues, std::move(chunk));
     return true;
 }
@@ -260,6 +262,7 @@ std::size_t Answer::blockSize() const noexcept {
 
 void Answer::post(DeliveryCode code, std::string chunk) {
     waitingForGetData_ = true;
+    probe::chunkPosted(connectionId_, requestId_, static_cast<unsigned>(code), chunk.size());
     if (receiver_ != nullptr) {
         receiver_->postChunk(connectionId_, requestId_, code, std::move(chunk));
     }
@@ -273,7 +276,7 @@ bool Answer::deliverNext() {
 bool Answer::deliverStored() {
     if (cancelled_) {
         if (state_ == RequestState::AllPartsReceived) {
-            state_ = RequestState::Delivered;
+            setState(RequestState::Delivered);
         }
         return true;
     }
@@ -292,7 +295,7 @@ bool Answer::deliverStored() {
         closeFrontBuffer();
     }
     if (state_ == RequestState::AllPartsReceived && responseBuffers_.empty()) {
-        state_ = RequestState::Delivered;
+        setState(RequestState::Delivered);
     }
     post(code, std::move(chunk));
     return true;
@@ -308,6 +311,7 @@ DeliveryCode Answer::nextCode(const ResponseBuffer& front) const noexcept {
 }
 
 void Answer::requestNextChunk() {
+    probe::chunkWanted(connectionId_, requestId_);
     const Lock guard(lock_);
     waitingForGetData_ = false;
     if (isClientAtEnd()) { // still being filled: the next bytes deliver

@@ -4,6 +4,7 @@
 #include "protocol/States.h"
 #include "support/ByteQueue.h"
 #include "support/MemoryBudget.h"
+#include "support/Probes.h"
 #include "support/Threads.h"
 
 #include <algorithm>
@@ -108,6 +109,16 @@ struct Patience {
     /// Told once for each wait whose cause is not the answer alone: the whole budget is used up.
     std::function<void()> memoryIsShort;
 };
+
+/// Sets the state of a request, and shows a change to whoever traces the daemon. Any thread.
+inline void changeState(std::atomic<RequestState>& state, std::uint32_t connectionId,
+                        std::uint32_t requestId, RequestState now) noexcept {
+    const RequestState before = state.exchange(now);
+    if (before != now) {
+        probe::requestState(connectionId, requestId, static_cast<unsigned>(before),
+                            static_cast<unsigned>(now));
+    }
+}
 
 /// The answer to one request: which response parts the server announced, and their bytes on the way
 /// to the client, one chunk for each getData.
@@ -218,6 +229,9 @@ private:
     [[nodiscard]] std::size_t blockSize() const noexcept;
     [[nodiscard]] DeliveryCode nextCode(const ResponseBuffer& front) const noexcept;
     void post(DeliveryCode code, std::string chunk);
+    void setState(RequestState state) noexcept {
+        changeState(state_, connectionId_, requestId_, state);
+    }
 
     const std::uint32_t connectionId_;
     const std::uint32_t requestId_;

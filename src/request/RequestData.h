@@ -72,7 +72,9 @@ public:
     // -- state; any thread --------------------------------------------------------------------
 
     /// Sets `state`, also a lower one.
-    void setState(RequestState state) noexcept { state_ = state; }
+    void setState(RequestState state) noexcept {
+        changeState(state_, connectionId_, requestId_, state);
+    }
     /// Sets `state` unless the request is already further on: a server may answer while the upload
     /// still runs, and the upload must not undo what the response has reached.
     void raiseState(RequestState state) noexcept;
@@ -181,8 +183,12 @@ inline RequestData::RequestData(std::uint32_t connectionId, std::uint32_t reques
 
 inline void RequestData::raiseState(RequestState state) noexcept {
     RequestState current = state_;
-    while (current < state && !state_.compare_exchange_weak(current, state)) {
-        // `current` has been read anew
+    while (current < state) {
+        if (state_.compare_exchange_weak(current, state)) { // else it has been read anew
+            probe::requestState(connectionId_, requestId_, static_cast<unsigned>(current),
+                                static_cast<unsigned>(state));
+            return;
+        }
     }
 }
 

@@ -4,6 +4,7 @@
 #include "request/RequestData.h"
 #include "slp/ResponseHead.h"
 #include "slp/TextSearch.h"
+#include "support/Probes.h"
 
 #include <algorithm>
 #include <utility>
@@ -95,6 +96,7 @@ void SlpResponseParser::feedHead(std::string_view chunk) {
 
 void SlpResponseParser::parseHead(std::string_view head) {
     ResponseHead parsed = parseResponseHead(head);
+    probe::responseHead(head.data(), head.size(), parsed.error ? parsed.error->code : 0);
     if (parsed.error) {
         recordError(parsed.error->code, std::move(parsed.error->text));
     }
@@ -172,8 +174,32 @@ void SlpResponseParser::startPart(std::string_view piece, bool closesResponse) {
 }
 
 void SlpResponseParser::completePart(std::string_view piece) {
-    if (!skipping_) {
+    if (skipping_) {
+        endPart();
+    } else {
         handlePart(piece, true);
+    }
+}
+
+/// Shows to whoever traces the daemon which part has begun.
+void SlpResponseParser::showPart(const std::string& id) const noexcept {
+    if (currentRequest_ != nullptr) {
+        probe::partBegin(probe::Part::Data, currentRequest_->connectionId(),
+                         currentRequest_->requestId(), id.data(), id.size());
+    } else {
+        const auto kind = inHeaderPart_ ? probe::Part::Document : probe::Part::Nobody;
+        probe::partBegin(kind, 0, 0, id.data(), id.size());
+    }
+}
+
+/// A part that is not the start part has ended.
+void SlpResponseParser::endPart() noexcept {
+    if (currentRequest_ != nullptr) {
+        probe::partEnd(probe::Part::Data, currentRequest_->connectionId(),
+                       currentRequest_->requestId());
+        currentRequest_ = nullptr;
+    } else if (!isStopped()) {
+        probe::partEnd(probe::Part::Nobody, 0, 0);
     }
 }
 
@@ -183,7 +209,7 @@ void SlpResponseParser::handlePart(std::string_view piece, bool partComplete) {
     if (currentRequest_ != nullptr) {
         deliver(piece, partComplete);
         if (partComplete) {
-            currentRequest_ = nullptr;
+            endPart();
         }
         return;
     }
@@ -209,7 +235,9 @@ void SlpResponseParser::handlePart(std::string_view piece, bool partComplete) {
 void SlpResponseParser::handleNewPart(std::string_view part, std::size_t blankLine,
                                       bool partComplete) {
     const std::string_view headers = part.substr(0, blankLine);
-    selectPart(headerValue(headers, "content-id"));
+    const std::string id = headerValue(headers, "content-id");
+    selectPart(id);
+    showPart(id);
     if (inHeaderPart_) {
         if (partComplete) {
             parseSlpHeaderPart(part);
@@ -220,6 +248,9 @@ void SlpResponseParser::handleNewPart(std::string_view part, std::size_t blankLi
     }
     if (currentRequest_ == nullptr) {
         skipping_ = !partComplete;
+        if (partComplete) {
+            endPart();
+        }
         return;
     }
     expectNextPart(headerValue(headers, "x-slp-next-part-id"));
@@ -228,7 +259,7 @@ void SlpResponseParser::handleNewPart(std::string_view part, std::size_t blankLi
     }
     deliver(part.substr(blankLine + kBlankLine.size()), partComplete, true);
     if (partComplete) {
-        currentRequest_ = nullptr;
+        endPart();
     }
 }
 
@@ -290,6 +321,7 @@ void SlpResponseParser::deliver(std::string_view bytes, bool partComplete, bool 
 }
 
 void SlpResponseParser::parseSlpHeaderPart(std::string_view part) {
+    probe::partEnd(probe::Part::Document, 0, 0);
     const std::size_t blankLine = findBytes(part, kBlankLine);
     if (blankLine == kNone) {
         recordError(failure::kFormat, "Invalid SLP header part");
@@ -309,8 +341,8 @@ void SlpResponseParser::parseSlpHeaderPart(std::string_view part) {
 void SlpResponseParser::finish() {
     if (currentRequest_ != nullptr) {
         deliver(pending_, true);
+        endPart();
     }
-    currentRequest_ = nullptr;
     insidePart_ = false;
     inHeaderPart_ = false;
     const bool complete = std::all_of(requests_.begin(), requests_.end(), [](const auto& request) {
@@ -323,6 +355,7 @@ void SlpResponseParser::finish() {
 }
 
 void SlpResponseParser::recordError(int code, std::string text) {
+    probe::responseFault(code, text.data(), text.size());
     hasError_ = true;
     error_ = {code, std::move(text)};
 }

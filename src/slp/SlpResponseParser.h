@@ -84,6 +84,8 @@ private:
     void handlePart(std::string_view piece, bool partComplete);
     void handleNewPart(std::string_view part, std::size_t blankLine, bool partComplete);
     void selectPart(const std::string& id);
+    void showPart(const std::string& id) const noexcept;
+    void endPart() noexcept;
     void expectNextPart(const std::string& id);
     void deliver(std::string_view bytes, bool partComplete, bool first = false);
 

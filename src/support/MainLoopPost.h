@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/Probes.h"
 #include "support/Statistics.h"
 #include "support/Threads.h"
 
@@ -33,6 +34,7 @@ public:
     /// GLib's callback: runs the action if its target lives. Main loop's thread, once.
     static gboolean run(gpointer data) noexcept {
         tsan::acquire(data);
+        probe::postRun(data);
         auto& post = *static_cast<MainLoopPost*>(data);
         if (!post.target_.expired()) {
             post.action_();
@@ -58,6 +60,7 @@ private:
 template <typename Action> void postToMainLoop(const Lifetime& target, Action action) {
     using Post = MainLoopPost<Action>;
     auto post = std::make_unique<Post>(target.watch(), std::move(action));
+    probe::postQueued(post.get());
     tsan::release(post.get());
     // GLib owns the record from here on. It frees it through the notification, also when the main
     // context ends before the source has run.

@@ -14,7 +14,7 @@ from harness.slp_server import TestServer
 
 COMMANDS = ROOT / "tests" / "docs" / "commands"
 # Those that build, test, install or take long; see README.md.
-STOOD_IN_SCRIPTS = ("test", "package", "setup", "lint", "bench", "fuzz", "stress", "soak", "hostile")
+STOOD_IN_SCRIPTS = ("api-docs", "test", "package", "setup", "lint", "bench", "fuzz", "stress", "soak", "hostile")
 
 
 @pytest.hookimpl(tryfirst=True)
@@ -78,6 +78,8 @@ def environment(bus_address):
         "PATH": f"{COMMANDS}:{BUILD_DIR}/bin:/usr/sbin:/usr/bin:/sbin:/bin",
         "LC_ALL": "C.UTF-8",
         "DBUS_SYSTEM_BUS_ADDRESS": bus_address,
+        "GI_TYPELIB_PATH": f"{BUILD_DIR}/client",
+        "LD_LIBRARY_PATH": f"{BUILD_DIR}/lib",
         "ORVEXD_DEMO_STAGE": "run",
         "DOCS_TOP": str(ROOT),
         "DOCS_BUILD": str(BUILD_DIR),

@@ -10,7 +10,12 @@ from harness.settings import BUS_NAME, ROOT
 from include_graph import FLOOR_OF_FOLDER
 
 INTERFACE = ElementTree.fromstring(read("data/com.kelvra.orvexd.xml")).find("interface")
-SOURCES = {"cpp": "examples/cpp/main.cpp", "python": "examples/python/client.py"}
+SOURCES = {
+    "c": ["examples/fingerprint.c"],
+    "js": ["examples/fingerprint.js"],
+    "cpp": ["examples/raw/cpp/main.cpp"],
+    "python": ["examples/fingerprint.py", "examples/raw/python/client.py"],
+}
 KINDS = {"method": "method", "signal of clients": "signal", "signal of the daemon": "signal"}
 
 
@@ -105,7 +110,13 @@ def test_the_readme_tells_every_deployment_value():
 
 @pytest.mark.parametrize("block", blocks(GUIDE, *SOURCES), ids=lambda block: f"{block.line}")
 def test_what_the_guide_quotes_stands_in_the_example(block):
-    assert block.text in read(SOURCES[block.language])
+    assert any(block.text in read(source) for source in SOURCES[block.language])
+
+
+def test_the_guide_tells_every_error_of_the_library():
+    values = set(re.findall(r"^    ORVEX_ERROR_(\w+),$", read("client/include/orvex-error.h"), re.MULTILINE))
+    told = {word for row in rows(section(GUIDE, "The library")) for word in re.findall(r"`([A-Z_]+)`", row[0])}
+    assert told == values
 
 
 def picture(document, heading):
@@ -139,20 +150,53 @@ def test_the_picture_of_the_states_has_every_state():
 
 @pytest.mark.parametrize(
     "document",
-    [README, "CONTRIBUTING.md", "CHANGELOG.md", "examples/README.md", GUIDE, ARCHITECTURE],
+    [
+        README,
+        "CONTRIBUTING.md",
+        "CHANGELOG.md",
+        "examples/README.md",
+        GUIDE,
+        ARCHITECTURE,
+        "docs/tracing.md",
+        "docs/debugging.md",
+        "docs/server-guide.md",
+        "tools/slp-testserver/README.md",
+    ],
 )
 def test_links_lead_somewhere(document):
-    text = read(document)
-    headings = {
-        re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-")
-        for heading in re.findall(r"^#+ (.*)$", text, re.MULTILINE)
-    }
-    for target in re.findall(r"\]\(([^)]+)\)", text):
-        if target.startswith("#"):
-            assert target[1:] in headings, target
-        else:
-            assert ((ROOT / document).parent / target).exists(), target
+    for link in re.findall(r"\]\(([^)]+)\)", read(document)):
+        target, _, heading = link.partition("#")
+        file = (ROOT / document).parent / target if target else ROOT / document
+        assert file.exists(), link
+        if heading:
+            headings = re.findall(r"^#+ (.*)$", file.read_text("utf-8"), re.MULTILINE)
+            assert heading in {re.sub(r"[^\w -]", "", each.lower()).replace(" ", "-") for each in headings}, link
 
 
 def test_the_interface_has_the_name_of_the_bus():
     assert INTERFACE.get("name") == BUS_NAME
+
+
+def used_options():
+    """Commands and options of orvexctl as the documents and examples show them."""
+    files = [*ROOT.glob("*.md"), *ROOT.glob("docs/*.md"), *ROOT.glob("examples/**/*.md"), ROOT / "scripts/demo"]
+    for path in files:
+        text = path.read_text("utf-8").replace("\\\n", " ")
+        for command, words in re.findall(r"orvexctl (status|request|monitor|cancel|quit|doctor)\b([^\n`|]*)", text):
+            for option in re.findall(r"(?<!\S)--?([\w-]+)", words):
+                yield path.name, command, option
+
+
+def manual_options(command):
+    """Long names and letters that orvexctl(1) has for a command."""
+    sections = re.split(r"^\.S[sh] (.*)$", read("docs/man/orvexctl.1"), flags=re.MULTILINE)
+    text = sections[sections.index(f"orvexctl {command}") + 1]
+    items = re.findall(r"^\.It Fl (.*)$", text, re.MULTILINE)
+    return {word.lstrip("-") for item in items for word in item.split() if word != ","}
+
+
+def test_the_documents_use_options_that_the_manual_has():
+    used = list(used_options())
+    assert used
+    unknown = [use for use in used if use[2] not in manual_options(use[1])]
+    assert not unknown

@@ -1,4 +1,4 @@
-"""The example clients against the real daemon: both do the same, word for word."""
+"""The example clients that speak raw D-Bus, against the real daemon: both do the same, word for word."""
 
 import hashlib
 import os
@@ -14,7 +14,7 @@ from harness.waiting import wait_for
 
 PROGRAMS = {
     "cpp": BUILD_DIR / "bin" / "orvexd-example-client",
-    "python": EXAMPLES / "python" / "client.py",
+    "python": EXAMPLES / "raw" / "python" / "client.py",
 }
 FINGERPRINT = EXAMPLES / "fingerprint.xml"
 HELD_ANSWER = {"on": [{"at": "upload-end", "do": "wait", "event": "answer"}]}

@@ -319,12 +319,16 @@ def test_loss_gives_the_request_up_whose_client_waits(client, daemon, platform, 
     platform.write(connections=[])
     lost = (2204, "Connection error", "{}:{}".format(*busy))
     assert client.wait_for_signal("errorSignal") == lost
+    # It travels on, and is known until its exchange ends.
+    again = client.getData(*busy)
+    client.settle()
+    assert not again.done
     server.give("go")
     server.wait(1)
     observe.wait_until_idle(daemon.pid)
     assert refusal(lambda: client.getData(*busy).wait()) == 41
     client.settle()
-    assert not held.done
+    assert not held.done and not again.done
 
 
 def test_every_notification_without_a_connection_counts_as_a_loss(client, platform, busy, server):
@@ -387,6 +391,20 @@ def test_proxy_without_a_port_is_asked_at_8080(client, platform):
             head = peer.recv(4096)
             assert head.startswith(b"CONNECT slp.kelvra.example:443 HTTP/1.1\r\n")
     assert client.wait_for_signal("errorSignal")[::2] == (2204, f"{connection}:{request}")
+
+
+@pytest.mark.parametrize(
+    ("host", "text"),
+    [("[::1]", "Couldn't connect to server"), ("::1", "Couldn't resolve proxy name")],
+)
+def test_proxy_with_an_address_of_ipv6_is_never_reached(host, text, client, platform):
+    with socket.create_server(("::1", 0), family=socket.AF_INET6) as proxy:
+        platform.write(proxy=(host, proxy.getsockname()[1]))
+        client.prepare(client.connect())
+        assert client.wait_for_signal("errorSignal")[:2] == (2204, text)
+        proxy.settimeout(0)
+        with pytest.raises(BlockingIOError):
+            proxy.accept()
 
 
 def test_proxy_is_looked_up_for_each_exchange(client, platform, make_server):

@@ -11,20 +11,19 @@ import threading
 import time
 
 import pytest
-from gi.repository import Gio, GLib
+from gi.repository import GLib
 
-from harness.bus_connection import connect
 from harness.client import BusError
-from harness.settings import BUILD_DIR, BUS_NAME, EXAMPLES, OBJECT_PATH, ROOT, patience
+from harness.observe import poll_for
+from harness.settings import BUILD_DIR, BUS_NAME, EXAMPLES, ROOT, patience
 from harness.waiting import wait_for
 
 ORVEXCTL = BUILD_DIR / "bin" / "orvexctl"
-INTERFACE = ROOT / "data" / "com.kelvra.orvexd.xml"
 MANUAL = ROOT / "docs" / "man" / "orvexctl.1"
 COMPLETION = ROOT / "tools" / "orvexctl" / "completion" / "orvexctl"
 FINGERPRINT = EXAMPLES / "fingerprint.xml"
 
-COMMANDS = ["status", "request", "monitor", "cancel", "quit"]
+COMMANDS = ["status", "request", "monitor", "cancel", "quit", "doctor"]
 # The test server sends the bytes of every request that is no fingerprint back.
 ECHO = ["--element", "echo", "--type", "other", "--request-version", "1", "--content-type", "text/plain"]
 POSITION = [
@@ -175,54 +174,6 @@ def subscribed(run, client):
         assert time.monotonic() < end, run.report()
         client.cancel(4294967295, 4294967295)
         time.sleep(0.01)
-
-
-class StandIn:
-    """Owns the daemon's name and answers every call in one way: for codes the daemon rarely sends."""
-
-    def __init__(self, address):
-        self.bus = connect(address)
-        description = Gio.DBusNodeInfo.new_for_xml(INTERFACE.read_text("utf-8"))
-        self.answers = {}
-        self.called = []
-        self.bus.register_object(OBJECT_PATH, description.interfaces[0], self._call, None, None)
-        owned = []
-        Gio.bus_own_name_on_connection(
-            self.bus, BUS_NAME, Gio.BusNameOwnerFlags.NONE, lambda *_: owned.append(True), None
-        )
-        wait_for(lambda: owned, 10, "the stand-in's name")
-
-    def _call(self, _bus, _sender, _path, _interface, member, arguments, invocation):
-        self.called.append((member, arguments.unpack() if member != "sendData" else None))
-        answer = self.answers.get(member)
-        if isinstance(answer, int):
-            invocation.return_dbus_error(f"{BUS_NAME}.Error", f"({answer}) unspecifiedError")
-        elif callable(answer):
-            answer(invocation)
-        elif answer is not None:
-            invocation.return_value(answer)
-
-    def emit(self, name, arguments):
-        self.bus.emit_signal(None, OBJECT_PATH, BUS_NAME, name, arguments)
-
-    def close(self):
-        if not self.bus.is_closed():
-            self.bus.close_sync(None)
-
-
-@pytest.fixture
-def stand_in(bus):
-    """In the daemon's place, with ids 7 and 9 for connection and request."""
-    stand_in = StandIn(bus.address)
-    stand_in.answers = {
-        "connect": GLib.Variant("(u)", (7,)),
-        "prepare": GLib.Variant("(u)", (9,)),
-        "attach": GLib.Variant("(u)", (9,)),
-        "sendData": GLib.Variant("(i)", (0,)),
-        "disconnect": GLib.Variant("()", ()),
-    }
-    yield stand_in
-    stand_in.close()
 
 
 # -- status ----------------------------------------------------------------------------------------
@@ -434,6 +385,21 @@ def test_failure_in_the_middle_of_a_long_upload_is_explained(start, daemon, serv
     assert run.wait() == 30, run.report()
 
 
+def test_answer_that_breaks_off_has_a_status_of_its_own(start, stand_in):
+    fetches = []
+    stand_in.answers["getData"] = fetches.append
+    run = start("request", *ECHO)
+    wait_for(lambda: fetches, 10, "the request")
+    stand_in.emit("requestData", GLib.Variant("(uu)", (7, 9)))
+    fetches.pop().return_value(GLib.Variant("(ayu)", (b"begin", 2301)))
+    wait_for(lambda: fetches, 10, "the next call")
+    fetches.pop().return_value(GLib.Variant("(ayu)", (b"", 2303)))
+    stand_in.emit("errorSignal", GLib.Variant("(uss)", (2204, "Transferred a partial file", "")))
+    assert run.wait() == 8
+    assert run.stdout == b"begin"
+    assert '"Transferred a partial file"' in run.stderr
+
+
 def test_input_slower_than_the_daemons_patience_is_refused(start, daemon):
     run = start("request", *ECHO, stdin=subprocess.PIPE)
     run.child.stdin.write(b"begin")
@@ -543,9 +509,10 @@ def test_at_most_one_fetch_and_one_piece_of_bounded_size_are_under_way(start, st
 
     def send(invocation):
         sizes.append(invocation.get_parameters().get_child_value(0).n_children())
+        last = invocation.get_parameters().get_child_value(1).get_boolean()
         most.append(len(fetches))
         invocation.return_value(GLib.Variant("(i)", (0,)))
-        if sizes[-1] == 0:
+        if last:
             fetches.pop().return_value(GLib.Variant("(ayu)", (b"answer", 2303)))
 
     stand_in.answers["sendData"] = send
@@ -633,6 +600,113 @@ def test_output_that_takes_nothing_ends_the_request(start, daemon, tmp_path):
     run = start("request", *ECHO, "--input", source, "--output", "/dev/full")
     assert run.wait() == 1
     assert "/dev/full" in run.stderr
+
+
+# -- files -----------------------------------------------------------------------------------------
+
+REFUSING = {"answer": {"status": 413, "content_type": "text/html", "body": "<html>"}}
+# Breaks off behind the second of three parts.
+BREAKING_OFF = {
+    "answer": {
+        "multipart": {
+            "results": [{"oid": "1", "href": "cid:a"}],
+            "parts": [
+                {"id": "a", "headers": [["X-SLP-Next-part-ID", "b"]], "body": "first"},
+                {"id": "b", "headers": [["X-SLP-Next-part-ID", "c"]], "body": {"bytes": 200_000}},
+                {"id": "c", "body": "third"},
+            ],
+        }
+    },
+    "on": [
+        {"at": "part", "part": 2, "do": "wait", "event": "seen"},
+        {"at": "part", "part": 2, "do": "cut"},
+    ],
+}
+
+
+@pytest.fixture
+def folder(tmp_path):
+    """Holds nothing but what orvexctl writes."""
+    path = tmp_path / "folder"
+    path.mkdir()
+    return path
+
+
+def test_output_may_be_the_input(start, daemon, folder):
+    both = folder / "both"
+    both.write_bytes(b"0123456789" * 100_000)
+    run = start("request", *ECHO, "--input", both, "--output", both)
+    assert run.wait() == 0, run.report()
+    assert both.read_bytes() == b"0123456789" * 100_000
+
+
+def test_old_output_stays_when_the_request_fails(start, daemon, server, folder):
+    output = folder / "answer"
+    output.write_text("old")
+    server.queue(REFUSING)
+    assert start("request", *ECHO, "--output", output).wait() == 28
+    assert output.read_text() == "old"
+    assert os.listdir(folder) == ["answer"]
+
+
+def test_no_output_appears_when_the_request_is_interrupted(start, stand_in, folder):
+    run = start("request", *ECHO, "--output", folder / "answer")
+    wait_for(lambda: "getData" in [name for name, _ in stand_in.called], 10, "the request")
+    run.interrupt()
+    assert run.wait() == 130
+    assert not os.listdir(folder)
+
+
+def break_off(start, server, folder, *words):
+    """A request whose answer breaks off when its first part has been written."""
+    server.queue(BREAKING_OFF)
+    run = start("request", *ECHO, "--output-pattern", folder / "part-%d", *words)
+    poll_for(lambda: any(each.stat().st_size for each in folder.iterdir()), 10, "the first part")
+    server.give("seen")
+    assert run.wait() == 30
+
+
+def test_partial_answer_is_kept_on_demand(start, daemon, server, folder):
+    break_off(start, server, folder, "--keep-partial")
+    assert (folder / "part-1.partial").read_text() == "first"
+    assert not (folder / "part-1").exists()
+
+
+def test_no_part_gets_its_name_before_the_answer_is_complete(start, daemon, server, folder):
+    break_off(start, server, folder)
+    assert not os.listdir(folder)
+
+
+def test_new_output_keeps_the_rights_of_the_old_one(start, daemon, folder):
+    output = folder / "answer"
+    output.write_text("old")
+    output.chmod(0o640)
+    assert start("request", *ECHO, "--output", output).wait() == 0
+    assert output.stat().st_mode & 0o7777 == 0o640
+
+
+def test_output_that_is_a_link_stays_one(start, daemon, folder):
+    (folder / "file").write_text("old")
+    (folder / "link").symlink_to("file")
+    assert start("request", *ECHO, "--output", folder / "link").wait() == 0
+    assert (folder / "link").is_symlink()
+    assert (folder / "file").read_text() == ""
+
+
+def test_advice_follows_the_daemons_text(start, daemon, server):
+    server.queue(REFUSING)
+    run = start("request", *ECHO)
+    assert run.wait() == 28
+    assert "orvexctl doctor --exchange" in run.stderr
+
+
+def test_text_of_the_daemon_ends_with_its_first_line(start, stand_in):
+    run = start("request", *ECHO)
+    wait_for(lambda: "getData" in [name for name, _ in stand_in.called], 10, "the request")
+    text = "No such luck\r\nContent-Type: text/html"
+    stand_in.emit("errorSignal", GLib.Variant("(uss)", (2001, text, "7:9")))
+    assert run.wait() == 28
+    assert 'The daemon says: "No such luck".' in run.stderr
 
 
 # -- the other commands ----------------------------------------------------------------------------
@@ -736,12 +810,17 @@ def test_help_is_printed_for_the_whole_and_for_each_command(words, start):
         ["request", *ECHO, "--policy", "4"],
         ["request", *ECHO, "--chunk-size", "0"],
         ["request", *ECHO, "--timeout", "soon"],
+        ["request", *ECHO, "--content-type", "text/xml\r\nX-More: 1"],
+        ["request", *ECHO, "--encoding", "binary\n"],
         ["request", *ECHO, "--output-pattern", "no-number"],
         ["request", *ECHO, "--output", "a", "--output-pattern", "%d"],
         ["cancel", "1"],
         ["cancel", "1", "-2"],
         ["cancel", "1", "4294967296"],
         ["quit", "now"],
+        ["doctor", "word"],
+        ["doctor", "--local", "--exchange"],
+        ["doctor", "--timeout", "0"],
     ],
     ids=" ".join,
 )
@@ -773,15 +852,18 @@ def test_progress_is_shown_on_a_terminal(start, daemon, tmp_path):
     source = tmp_path / "source"
     source.write_bytes(bytes(5 * 1024))
     shown = on_a_terminal(start, "request", *ECHO, "--input", source, "--output", os.devnull)
-    assert "request 1:1  done  up 5.0 KiB of 5.0 KiB  down 5.0 KiB  0:0" in shown.replace("\xa0", " ")
+    assert re.search(
+        r"request 1:1  done  up 100 % of 5\.0 KiB  down 5\.0 KiB  [\d.]+ \w+/s  0:0",
+        shown.replace("\xa0", " "),
+    )
 
 
 @pytest.mark.parametrize(
     "columns, last",
     [
-        (59, "done  up 5.0 KiB of 5.0 KiB  down 5.0 KiB  0:0"),
-        (46, "done  up 5.0 KiB  down 5.0 KiB  0:0"),
-        (21, "done  up 5.0 KiB  do"),
+        (64, r"done  up 100 % of 5.0 KiB  down 5.0 KiB  [\d.]+ \w+/s  0:0"),
+        (46, "done  up 100 % of 5.0 KiB  down 5.0 KiB  0:0"),
+        (21, "done  up 100 % of 5."),
         (1, ""),
     ],
 )
@@ -792,7 +874,7 @@ def test_progress_stays_on_one_line_of_a_narrow_terminal(columns, last, start, d
     shown = on_a_terminal(start, *words, columns=columns).replace("\xa0", " ")
     lines = [line.removesuffix("\x1b[K") for line in shown.rstrip("\r\n").split("\r")]
     assert max(map(len, lines)) < columns
-    assert lines[-1].startswith(last)
+    assert re.match(last, lines[-1])
 
 
 def test_quiet_shows_no_progress(start, daemon):

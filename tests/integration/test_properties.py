@@ -1,5 +1,7 @@
 """The property "connectionStatus" and what stands for errors there."""
 
+import xml.etree.ElementTree as ElementTree
+
 import pytest
 from gi.repository import GLib
 
@@ -52,6 +54,17 @@ def test_arguments_behind_the_property_are_accepted(raw):
 )
 def test_other_property_is_left_to_the_library(interface, name, raw):
     answer = get(raw, GLib.Variant("(ss)", (interface, name)))
+    assert answer.get_error_name() == UNKNOWN_METHOD
+
+
+def test_introspection_is_answered_with_an_empty_node(raw):
+    answer = raw.call("Introspect", None, interface="org.freedesktop.DBus.Introspectable")
+    (text,) = values(answer)
+    assert list(ElementTree.fromstring(text)) == []
+
+
+def test_all_properties_at_once_are_left_to_the_library(raw):
+    answer = raw.call("GetAll", GLib.Variant("(s)", (BUS_NAME,)), interface=PROPERTIES)
     assert answer.get_error_name() == UNKNOWN_METHOD
 
 

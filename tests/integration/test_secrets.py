@@ -54,6 +54,15 @@ def asked(client):
     return connection, request
 
 
+def test_environment_can_have_the_keys_of_tls_written(make_daemon, client_of, tmp_path):
+    daemon = make_daemon()
+    daemon.environment["SSLKEYLOGFILE"] = str(tmp_path / "tls-keys")
+    assert client_of(daemon.start()).exchange(b"data", kind="other") == [b"data"]
+    text = (tmp_path / "tls-keys").read_text("ascii")
+    assert "CLIENT_TRAFFIC_SECRET_0 " in text
+    assert (tmp_path / "tls-keys").stat().st_mode & 0o777 == 0o600
+
+
 def test_pass_phrase_is_neither_argument_nor_variable(client, daemon):
     connection, request = asked(client)
     for name in ("cmdline", "environ"):

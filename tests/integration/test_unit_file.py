@@ -1,5 +1,6 @@
 """The systemd unit: how exposed it is, and that the daemon bears its restrictions."""
 
+import os
 import pathlib
 import re
 import subprocess
@@ -46,6 +47,19 @@ def test_stop_waits_longer_than_a_worker_may():
     assert int(unit_values("TimeoutStopSec")[0]) >= 120
 
 
+def test_check_comes_before_the_start():
+    (command,) = unit_values("ExecStartPre")
+    assert command.endswith("/libexec/orvexd-probe --check")
+
+
+def test_five_tries_are_over_before_the_limit_s_interval():
+    tries = int(unit_values("StartLimitBurst")[0])
+    assert tries == 5
+    slowest_try = 5  # seconds, generously, with all that the check reads
+    pause = int(unit_values("RestartSec")[0])
+    assert tries * (slowest_try + pause) < int(unit_values("StartLimitIntervalSec")[0])
+
+
 def test_sandbox_of_the_tests_has_the_filter_of_the_unit():
     assert unit_values("SystemCallFilter") == [
         " ".join(sandbox.ALLOWED),
@@ -53,6 +67,20 @@ def test_sandbox_of_the_tests_has_the_filter_of_the_unit():
     ]
     assert unit_values("CapabilityBoundingSet") == [""]
     assert unit_values("NoNewPrivileges") == ["yes"]
+
+
+@pytest.mark.parametrize(("mode", "status"), [(0o600, 0), (0o644, 3)])
+def test_confined_daemon_reads_another_users_file_only_if_everybody_may(
+    make_daemon, client_of, platform, mode, status
+):
+    try:
+        os.chown(platform.path, 65534, 65534)
+    except OSError:
+        pytest.skip("no other user ids here")
+    os.chmod(platform.path, mode)
+    daemon = make_daemon()
+    daemon.program = [sys.executable, sandbox.__file__, DAEMON]
+    assert client_of(daemon.start()).status() == status
 
 
 @pytest.mark.parametrize(

@@ -45,6 +45,12 @@ def make_root(tmp_path_factory):
         shutil.rmtree(root.path)
 
 
+@pytest.fixture(scope="session")
+def for_programs(packages):
+    """Those that programs in Python and JavaScript take."""
+    return [packages[name] for name in (*RUNTIME, "gir1.2-orvexclient-1.0")]
+
+
 @pytest.fixture
 def clean_root(make_root, runtime):
     """A Debian with exactly what the packages name as dependencies, of the test's own."""

@@ -15,8 +15,15 @@ import subprocess
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PACKAGE_DIR = pathlib.Path(os.environ.get("ORVEXD_PACKAGE_DIR") or ROOT / "build" / "packages")
-NAMES = ("libtrilbacore1", "libtrilbacore-dev", "orvexctl", "orvexd")
-RUNTIME = ("libtrilbacore1", "orvexctl", "orvexd")
+RUNTIME = (
+    *("libtrilbacore1", "liborvexclient0", "trilba-platform", "trilba-platform-networkmanager"),
+    *("orvexctl", "orvexd"),
+)
+NAMES = (
+    *(*RUNTIME, "libtrilbacore-dev", "orvextrace"),
+    *("gir1.2-orvexclient-1.0", "liborvexclient-dev", "orvexd-doc"),
+)
+FOR_ALL = ("orvexd-doc",)  # machines
 
 
 def output_of(*command, timeout=240, **options):
@@ -37,6 +44,7 @@ class Package:
     """One .deb file."""
 
     def __init__(self, name, architecture):
+        architecture = "all" if name in FOR_ALL else architecture
         found = sorted(PACKAGE_DIR.glob(f"{name}_*_{architecture}.deb"))
         assert len(found) == 1, f"{name}, {architecture}: {found}; run scripts/package"
         self.path = found[0]

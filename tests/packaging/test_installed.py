@@ -42,8 +42,14 @@ def system_bus(installed, tmp_path_factory):
 
 
 def test_daemon_tells_its_version(installed):
-    banner = r"trilba 3\.0\.1415 \[linux-generic\] orvexd built: .+\n"
+    banner = r"trilba 3\.0\.1415 \[debian-\d+\] orvexd built: .+\n"
     assert re.fullmatch(banner, installed.must("orvexd", "--version"))
+
+
+def test_daemon_without_the_module_knows_no_system(clean_root, runtime):
+    clean_root.install([package for package in runtime if "networkmanager" not in package.path.name])
+    banner = r"trilba 3\.0\.1415 \[linux-generic\] orvexd built: .+\n"
+    assert re.fullmatch(banner, clean_root.must("orvexd", "--version"))
 
 
 def test_call_of_a_client_starts_the_daemon(installed, system_bus):

@@ -1,9 +1,7 @@
 #include "AnswerSink.h"
 
-#include "FileDescriptor.h"
 #include "PendingCall.h"
 
-#include <fcntl.h>
 #include <gio/gunixoutputstream.h>
 #include <memory>
 #include <unistd.h>
@@ -13,20 +11,15 @@ namespace {
 
 constexpr std::string_view kNumber = "%d";
 
-ObjectRef<GOutputStream> createFile(const std::string& path) {
-    const int fd = openFile(path, O_WRONLY | O_CREAT | O_TRUNC);
-    return ObjectRef<GOutputStream>{g_unix_output_stream_new(fd, TRUE)};
-}
-
 } // namespace
 
 AnswerSink AnswerSink::toFile(const std::string& path) {
     AnswerSink sink;
-    const bool standardOutput = path == "-";
-    sink.name_ = standardOutput ? "standard output" : path;
-    sink.stream_ = standardOutput
-                       ? ObjectRef<GOutputStream>{g_unix_output_stream_new(STDOUT_FILENO, FALSE)}
-                       : createFile(path);
+    if (path == "-") {
+        sink.standardOutput_.reset(g_unix_output_stream_new(STDOUT_FILENO, FALSE));
+    } else {
+        sink.file_.emplace(path);
+    }
     return sink;
 }
 
@@ -41,13 +34,13 @@ AnswerSink AnswerSink::toPattern(std::string pattern) {
     return sink;
 }
 
-void AnswerSink::write(VariantRef bytes, GCancellable* cancellable,
+void AnswerSink::write(BytesRef bytes, GCancellable* cancellable,
                        std::function<void(Outcome<Done>)> handler) {
     openPart();
     gsize size = 0;
-    const void* data = g_variant_get_fixed_array(bytes.get(), &size, 1);
+    const void* data = g_bytes_get_data(bytes.get(), &size);
     // The bytes live as long as the operation: its finish function holds them.
-    const auto finish = [name = name_, held = std::shared_ptr<GVariant>{std::move(bytes)}](
+    const auto finish = [name = name(), held = std::shared_ptr<GBytes>{std::move(bytes)}](
                             GObject* stream, GAsyncResult* result) -> Outcome<Done> {
         ErrorSlot error;
         if (g_output_stream_write_all_finish(G_OUTPUT_STREAM(stream), result, nullptr,
@@ -56,45 +49,59 @@ void AnswerSink::write(VariantRef bytes, GCancellable* cancellable,
         }
         return Done{};
     };
-    g_output_stream_write_all_async(stream_.get(), data, size, G_PRIORITY_DEFAULT, cancellable,
+    GOutputStream* const stream = file_ ? file_->stream() : standardOutput_.get();
+    g_output_stream_write_all_async(stream, data, size, G_PRIORITY_DEFAULT, cancellable,
                                     PendingCall<Done>::finished,
                                     PendingCall<Done>::start(std::move(handler), finish));
 }
 
 void AnswerSink::endPart() {
-    if (pattern_.empty()) {
+    if (pattern_.empty() || !file_) {
         return;
     }
-    close();
+    file_->finish();
+    complete_.push_back(std::move(*file_));
+    file_.reset();
     ++part_;
 }
 
 void AnswerSink::end() {
-    close();
+    if (file_) {
+        file_->finish();
+        complete_.push_back(std::move(*file_));
+        file_.reset();
+    }
+    for (OutputFile& file : complete_) {
+        file.commit();
+    }
+}
+
+void AnswerSink::keepPartial() noexcept {
+    for (OutputFile& file : complete_) {
+        file.keepPartial();
+    }
+    if (file_) {
+        file_->keepPartial();
+    }
 }
 
 void AnswerSink::openPart() {
-    if (stream_ != nullptr) {
-        return;
+    if (standardOutput_ == nullptr && !file_) {
+        file_.emplace(name());
     }
-    name_ = pattern_;
-    const std::string number = std::to_string(part_);
-    for (auto at = name_.find(kNumber); at != std::string::npos;
-         at = name_.find(kNumber, at + number.size())) {
-        name_.replace(at, kNumber.size(), number);
-    }
-    stream_ = createFile(name_);
 }
 
-void AnswerSink::close() {
-    const ObjectRef<GOutputStream> stream = std::move(stream_);
-    if (stream == nullptr) {
-        return;
+std::string AnswerSink::name() const {
+    if (pattern_.empty()) {
+        return file_ ? file_->path() : "standard output";
     }
-    ErrorSlot error;
-    if (g_output_stream_close(stream.get(), nullptr, error.out()) == FALSE) {
-        throw Failure::fromFile("write " + name_, *error);
+    std::string name = pattern_;
+    const std::string number = std::to_string(part_);
+    for (auto at = name.find(kNumber); at != std::string::npos;
+         at = name.find(kNumber, at + number.size())) {
+        name.replace(at, kNumber.size(), number);
     }
+    return name;
 }
 
 } // namespace orvexd::ctl

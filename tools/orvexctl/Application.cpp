@@ -8,6 +8,7 @@
 #include "QuitCommand.h"
 #include "RequestCommand.h"
 #include "StatusCommand.h"
+#include "doctor/DoctorCommand.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -20,6 +21,7 @@ Application::Application() {
     commands_.push_back(std::make_unique<MonitorCommand>());
     commands_.push_back(std::make_unique<CancelCommand>());
     commands_.push_back(std::make_unique<QuitCommand>());
+    commands_.push_back(std::make_unique<DoctorCommand>());
 }
 
 ExitStatus Application::run(const std::vector<std::string>& words) {

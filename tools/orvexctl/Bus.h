@@ -2,6 +2,8 @@
 
 #include "GioHandles.h"
 
+#include <orvexclient.h>
+
 namespace orvexd::ctl {
 
 inline constexpr const char* kBusName = "com.kelvra.orvexd";
@@ -12,5 +14,8 @@ inline constexpr const char* kObjectPath = "/com/kelvra/orvexd";
 /// "closed".
 /// @throws Failure when the bus cannot be reached.
 ObjectRef<GDBusConnection> connectToSystemBus();
+
+/// A client of the library on a connection of its own. @throws Failure
+ObjectRef<OrvexClient> makeClient();
 
 } // namespace orvexd::ctl

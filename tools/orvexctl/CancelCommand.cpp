@@ -1,6 +1,7 @@
 #include "CancelCommand.h"
 
-#include "Client.h"
+#include "Failure.h"
+#include "Gateway.h"
 #include "OptionParser.h"
 
 namespace orvexd::ctl {
@@ -19,14 +20,7 @@ ExitStatus CancelCommand::run(const std::vector<std::string>& words) {
     const std::uint32_t connection = parseNumber(rest[0], "CONNECTION");
     const std::uint32_t request = parseNumber(rest[1], "REQUEST");
 
-    Client client;
-    // Signals vanish without a trace when there is no daemon or no permission; a call tells.
-    client.ping();
-    client.cancel(connection, request);
-    // The daemon asks the bus whose signal it is, and cannot learn it when the sender has left. It
-    // answers a client's messages in order, so the signal has been dealt with when this is
-    // answered.
-    (void)client.connectionStatus();
+    Gateway{}.cancel(connection, request);
     return ExitStatus::Success;
 }
 

@@ -1,7 +1,7 @@
 #include "DataSource.h"
 
+#include "Failure.h"
 #include "FileDescriptor.h"
-#include "PendingCall.h"
 
 #include <fcntl.h>
 #include <gio/gunixinputstream.h>
@@ -22,21 +22,6 @@ DataSource::DataSource(const std::string& path) : name_{path == "-" ? "standard 
     if (known && S_ISREG(facts.st_mode) && !standardInput) {
         size_ = static_cast<std::uint64_t>(facts.st_size);
     }
-}
-
-void DataSource::read(GCancellable* cancellable, std::function<void(Outcome<BytesRef>)> handler) {
-    const auto finish = [name = name_](GObject* stream, GAsyncResult* result) -> Outcome<BytesRef> {
-        ErrorSlot error;
-        BytesRef bytes{
-            g_input_stream_read_bytes_finish(G_INPUT_STREAM(stream), result, error.out())};
-        if (error) {
-            return Failure::fromFile("read " + name, *error);
-        }
-        return bytes;
-    };
-    g_input_stream_read_bytes_async(stream_.get(), kPieceSize, G_PRIORITY_DEFAULT, cancellable,
-                                    PendingCall<BytesRef>::finished,
-                                    PendingCall<BytesRef>::start(std::move(handler), finish));
 }
 
 } // namespace orvexd::ctl

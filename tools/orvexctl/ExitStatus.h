@@ -16,16 +16,14 @@ enum class ExitStatus : int {
     Bus = 6,
     /// Somebody else cancelled the request.
     Cancelled = 7,
+    /// The transfer broke off within the answer: what was written is its beginning.
+    Truncated = 8,
 
-    // One for each code of the daemon.
+    // One for each code of the daemon that reaches clients. Numbers that are missing stood for
+    // codes that it keeps to itself.
     UnknownRequest = 20,    // 41
-    Transport = 21,         // 43
-    ServerRefused = 22,     // 51
-    ServerBroken = 23,      // 55
-    ServerDenied = 24,      // 56
     NotAccepting = 25,      // 57
     UnknownConnection = 26, // 1001
-    AnswerFormat = 27,      // 1003
     ExchangeFailed = 28,    // 2001
     BadArguments = 29,      // 2002
     NoNetwork = 30,         // 2204

@@ -1,10 +1,13 @@
 #include "Failure.h"
 
+#include "Advice.h"
 #include "GioHandles.h"
 #include "Printable.h"
 
 #include <array>
 #include <charconv>
+#include <optional>
+#include <orvexclient.h>
 #include <string>
 
 namespace orvexd::ctl {
@@ -22,20 +25,6 @@ constexpr std::array kCodeTexts{
         "The daemon does not know this request: it was answered, cancelled or dropped, or it never "
         "existed. Send it again; 'orvexctl monitor' shows what happens to it."},
     CodeText{
-        43, ExitStatus::Transport,
-        "The server could not be reached, or it refused the HTTP request. Check the network, the "
-        "proxy and the daemon's certificates, then try again."},
-    CodeText{
-        51, ExitStatus::ServerRefused,
-        "The server did not accept the request. Check --element, --type, --request-version and the "
-        "input against what the server expects."},
-    CodeText{55, ExitStatus::ServerBroken,
-             "The server failed internally. Try again later; if it stays so, tell the server's "
-             "operator."},
-    CodeText{56, ExitStatus::ServerDenied,
-             "The server does not let this device in. Check the client certificate that the daemon "
-             "presents."},
-    CodeText{
         57, ExitStatus::NotAccepting,
         "The daemon does not accept data for this request now: the input came too slowly, or the "
         "request is already closed. The daemon waits 5 seconds for the next bytes, 90 seconds with "
@@ -44,9 +33,6 @@ constexpr std::array kCodeTexts{
         1001, ExitStatus::UnknownConnection,
         "The daemon does not know this connection: it was closed, or the daemon was started anew. "
         "Send the request again."},
-    CodeText{1003, ExitStatus::AnswerFormat,
-             "The server's answer is malformed or incomplete. Try again; if it stays so, tell the "
-             "server's operator."},
     CodeText{
         2001, ExitStatus::ExchangeFailed,
         "The exchange with the server failed. The server was reached but did not give a usable "
@@ -69,8 +55,8 @@ constexpr std::string_view kFailedStart =
 
 std::string describe(std::string_view text, std::string_view detail) {
     std::string sentence{text};
-    if (!detail.empty()) {
-        sentence.append(" The daemon says: \"").append(printable(detail)).append("\".");
+    if (const std::string said = firstLine(detail); !said.empty()) {
+        sentence.append(" The daemon says: \"").append(said).append("\".");
     }
     return sentence;
 }
@@ -186,6 +172,20 @@ std::string_view adviceOn(ExitStatus status) {
     }
 }
 
+ExitStatus statusOfLibrary(int error) {
+    switch (error) {
+    case ORVEX_ERROR_NOT_INSTALLED:
+    case ORVEX_ERROR_START_FAILED:
+        return ExitStatus::NoDaemon;
+    case ORVEX_ERROR_ACCESS_DENIED:
+        return ExitStatus::NoPermission;
+    case ORVEX_ERROR_TIMED_OUT:
+        return ExitStatus::TimedOut;
+    default:
+        return ExitStatus::Bus;
+    }
+}
+
 } // namespace
 
 Failure::Failure(ExitStatus status, std::string text) : status_{status}, text_{std::move(text)} {}
@@ -200,9 +200,40 @@ Failure Failure::fromCode(std::uint32_t code, std::string_view detail) {
             text = entry.text;
         }
     }
-    Failure failure{status, describe(text, detail) + " (code " + std::to_string(code) + ")"};
-    failure.code_ = code;
-    return failure;
+    if (const std::string_view advice = adviceFor(code, detail); !advice.empty()) {
+        text = advice;
+    }
+    return {status, describe(text, detail) + " (code " + std::to_string(code) + ")"};
+}
+
+Failure Failure::fromLibrary(const GError& error) {
+    const char* const words = orvex_error_get_detail(&error);
+    const std::string_view detail{words == nullptr ? "" : words};
+    // These are the library's own findings. The others follow the daemon's code, if there is one.
+    switch (error.code) {
+    case ORVEX_ERROR_TRUNCATED:
+        return {ExitStatus::Truncated,
+                describe("The transfer broke off within the answer: what was written is its "
+                         "beginning. Send the request again.",
+                         detail)};
+    case ORVEX_ERROR_CANCELLED:
+        return {ExitStatus::Cancelled,
+                "Another client cancelled the request. 'orvexctl monitor' shows who does so; send "
+                "it again."};
+    case ORVEX_ERROR_DAEMON_GONE:
+        return daemonGone();
+    case ORVEX_ERROR_NO_BUS:
+        return noBus(detail);
+    default:
+        break;
+    }
+    if (const guint code = orvex_error_get_code(&error); code != 0) {
+        return fromCode(code, detail);
+    }
+    const ExitStatus status = statusOfLibrary(error.code);
+    std::string text{error.code == ORVEX_ERROR_START_FAILED ? kFailedStart : adviceOn(status)};
+    text.append(" (").append(printable(detail)).append(")");
+    return {status, std::move(text)};
 }
 
 Failure Failure::fromBus(const GError& error) {
@@ -229,6 +260,13 @@ Failure Failure::daemonGone() {
     return {ExitStatus::NoDaemon, "The daemon left the bus in the middle of its work. Look at "
                                   "'systemctl status orvexd', then "
                                   "try again."};
+}
+
+Failure Failure::noBus(std::string_view detail) {
+    std::string text{"The system bus cannot be reached. Check that it runs, or "
+                     "DBUS_SYSTEM_BUS_ADDRESS when a private bus is meant. ("};
+    text.append(printable(detail)).append(")");
+    return {ExitStatus::NoDaemon, std::move(text)};
 }
 
 } // namespace orvexd::ctl

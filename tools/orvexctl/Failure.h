@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <exception>
 #include <gio/gio.h>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -22,6 +21,9 @@ public:
     /// @param detail the daemon's own message, which may stem from the server; may be empty.
     static Failure fromCode(std::uint32_t code, std::string_view detail = {});
 
+    /// An error of the client library.
+    static Failure fromLibrary(const GError& error);
+
     /// A failed D-Bus call: an error reply of the daemon or of the bus, or a failure on this side.
     static Failure fromBus(const GError& error);
 
@@ -33,17 +35,16 @@ public:
     /// The daemon left the bus while it was needed.
     static Failure daemonGone();
 
+    /// There is no bus. @param detail what the bus library says
+    static Failure noBus(std::string_view detail);
+
     [[nodiscard]] ExitStatus status() const noexcept { return status_; }
     [[nodiscard]] const std::string& text() const noexcept { return text_; }
     [[nodiscard]] const char* what() const noexcept override { return text_.c_str(); }
 
-    /// The daemon's code, when the failure carries one.
-    [[nodiscard]] std::optional<std::uint32_t> code() const noexcept { return code_; }
-
 private:
     ExitStatus status_;
     std::string text_;
-    std::optional<std::uint32_t> code_;
 };
 
 /// The end of an asynchronous operation.

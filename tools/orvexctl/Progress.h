@@ -24,11 +24,16 @@ public:
     void setState(std::string state);
     /// Number of bytes that will go up in all, when known.
     void setTotal(std::optional<std::uint64_t> bytes) { total_ = bytes; }
-    void addSent(std::uint64_t bytes) { sent_ += bytes; }
-    void addReceived(std::uint64_t bytes) { received_ += bytes; }
+    void setMoved(std::uint64_t sent, std::uint64_t received) {
+        sent_ = sent;
+        received_ = received;
+    }
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     void draw();
+    void measure(Clock::time_point now);
 
     bool shown_;
     std::string key_;
@@ -36,7 +41,10 @@ private:
     std::optional<std::uint64_t> total_;
     std::uint64_t sent_ = 0;
     std::uint64_t received_ = 0;
-    std::chrono::steady_clock::time_point start_;
+    Clock::time_point start_;
+    Clock::time_point measured_;        ///< when the rate was taken last
+    std::uint64_t measuredBytes_ = 0;   ///< both directions, until then
+    std::optional<std::uint64_t> rate_; ///< bytes a second
     Timer redraw_;
 };
 

@@ -1,6 +1,7 @@
 #include "QuitCommand.h"
 
-#include "Client.h"
+#include "Failure.h"
+#include "Gateway.h"
 #include "OptionParser.h"
 
 namespace orvexd::ctl {
@@ -15,8 +16,7 @@ ExitStatus QuitCommand::run(const std::vector<std::string>& words) {
     if (!parser.parse(words).empty()) {
         throw Failure::usage("quit takes no arguments. See 'orvexctl quit --help'.");
     }
-    Client client;
-    client.quit(delayed);
+    Gateway{}.quit(delayed);
     return ExitStatus::Success;
 }
 

@@ -11,10 +11,19 @@ ExitStatus RequestCommand::run(const std::vector<std::string>& words) {
     DataSource source{options.input};
     AnswerSink sink = options.outputPattern.empty() ? AnswerSink::toFile(options.output)
                                                     : AnswerSink::toPattern(options.outputPattern);
-    Client client;
-    client.setCallTimeout(options.timeout);
     Progress progress{!options.quiet && isatty(STDERR_FILENO) != 0};
-    return RequestSession{client, options, source, sink, progress}.run();
+    try {
+        const ExitStatus status = RequestSession{options, source, sink, progress}.run();
+        if (status != ExitStatus::Success && options.keepPartial) {
+            sink.keepPartial();
+        }
+        return status;
+    } catch (const Failure&) {
+        if (options.keepPartial) {
+            sink.keepPartial();
+        }
+        throw;
+    }
 }
 
 } // namespace orvexd::ctl

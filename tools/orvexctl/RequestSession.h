@@ -1,34 +1,24 @@
 #pragma once
 
 #include "AnswerSink.h"
-#include "Client.h"
 #include "DataSource.h"
 #include "Progress.h"
 #include "RequestOptions.h"
 #include "StopSignals.h"
-#include "Timer.h"
 
-#include <chrono>
-#include <cstdint>
-#include <map>
+#include <functional>
 #include <optional>
-#include <set>
-#include <string>
+#include <orvexclient.h>
 
 namespace orvexd::ctl {
 
-/// One whole request, from "connect" to "disconnect".
-///
-/// Upload and download run side by side: the daemon may answer while it still takes bytes, and it
-/// tells of a lost network only to clients that wait for a chunk. Each has at most one operation
-/// under way, a call or a file operation, so memory stays bounded in both directions. Whatever ends
-/// the request, the session cancels what is left of it and disconnects before run() returns: the
-/// daemon would keep the remains for ever.
+/// One whole request: what the client library does not know of it, which is where the answer goes,
+/// what people see meanwhile, and what a signal means.
 class RequestSession {
 public:
     /// All arguments outlive the session.
-    RequestSession(Client& client, const RequestOptions& options, DataSource& source,
-                   AnswerSink& sink, Progress& progress);
+    RequestSession(const RequestOptions& options, DataSource& source, AnswerSink& sink,
+                   Progress& progress);
     ~RequestSession();
     RequestSession(const RequestSession&) = delete;
     RequestSession& operator=(const RequestSession&) = delete;
@@ -38,79 +28,37 @@ public:
     ExitStatus run();
 
 private:
-    /// Makes the handler of one operation; run() does not return before it ran.
+    /// Makes the handler of the one operation that is under way.
     template <typename Result>
     std::function<void(Outcome<Result>)> then(void (RequestSession::*step)(Result));
 
-    /// The same for the calls that bring an id, without which nothing can be closed.
-    std::function<void(Outcome<std::uint32_t>)>
-    thenOpen(void (RequestSession::*step)(std::uint32_t));
-
-    void connected(std::uint32_t connection);
-    void created(std::uint32_t request);
-
-    void dataWanted(std::uint32_t connection, std::uint32_t request);
-    void readPiece();
-    void sendPiece(BytesRef bytes);
-    void pieceSent(Done);
-
-    void fetchChunk();
-    void writeChunk(Chunk chunk);
+    void send();
+    void readPart(ObjectRef<GInputStream> part);
+    void readChunk();
+    void writeChunk(BytesRef bytes);
     void chunkWritten(Done);
-    void endWhenComplete();
+    void goToNextPart();
 
-    void errorReported(const Failure& failure, const std::string& keys);
-    void cancelled(std::uint32_t connection, std::uint32_t request);
-    void daemonGone();
     void interrupted(int signal);
-
-    /// A step failed; decides whether to wait for a better explanation.
-    void failed(const Failure& failure);
     void fail(const Failure& failure);
-    void end();
-    void close();
-    void abandonRequest();
-    void leaveWhenIdle();
+    [[nodiscard]] Failure failureOf(const GError& error) const;
 
-    void progressed();
-    void watchForSilence(std::chrono::milliseconds delay);
+    static void stateChanged(OrvexRequest* request, OrvexRequestState state,
+                             gpointer self) noexcept;
+    static void moved(OrvexRequest* request, guint64 sent, guint64 received,
+                      gpointer self) noexcept;
 
-    [[nodiscard]] std::string keyOf(std::uint32_t request) const;
-
-    Client& client_;
     const RequestOptions& options_;
     DataSource& source_;
     AnswerSink& sink_;
     Progress& progress_;
 
     MainLoopRef loop_;
-    ObjectRef<GCancellable> stop_; ///< ends the operations that may last
+    ObjectRef<GCancellable> stop_;
     StopSignals signals_;
-    Timer silence_;  ///< no progress for too long
-    Timer explain_;  ///< time for an errorSignal to overtake a bare refusal
-    Timer vanished_; ///< time for replies that came before the daemon left
-    Timer lastCall_; ///< time for cancelling and disconnecting
-
-    std::optional<std::uint32_t> connection_;
-    std::optional<std::uint32_t> request_;
-    /// What arrived for requests of this connection before the reply that names ours.
-    std::set<std::uint32_t> earlyWanted_;
-    std::map<std::string, Failure> earlyErrors_;
-
-    enum class Upload { NotWanted, Running, Complete };
-    Upload upload_ = Upload::NotWanted;
-    bool lastPiece_ = false;                      ///< the piece under way is the last one
-    std::uint64_t pieceSize_ = 0;                 ///< number of bytes in the piece under way
-    Delivery delivery_ = Delivery::PartContinues; ///< of the chunk being written
-    bool answered_ = false;
-
-    std::chrono::steady_clock::time_point lastProgress_;
-    unsigned underWay_ = 0; ///< operations whose handler has still to run
-    bool opening_ = false;  ///< a call that brings an id is under way
-    bool ended_ = false;    ///< answered, failed or interrupted: only the clean-up is left
-    bool closing_ = false;  ///< the clean-up calls are on their way
-    bool closed_ = false;   ///< the clean-up is complete
-    bool gone_ = false;     ///< there is no daemon left to clean up
+    ObjectRef<OrvexClient> client_;
+    ObjectRef<OrvexRequest> request_;
+    ObjectRef<GInputStream> part_; ///< of the answer, being read
     std::optional<Failure> failure_;
     ExitStatus status_ = ExitStatus::Success;
 };

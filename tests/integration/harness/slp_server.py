@@ -13,11 +13,12 @@ class TestServer:
 
     __test__ = False  # not a class of tests, whatever its name begins with
 
-    def __init__(self, directory, keys, *options, host="127.0.0.1"):
+    def __init__(self, directory, keys, *options, host="127.0.0.1", control_host=None, prefix=()):
+        """`prefix` runs the server somewhere else, where its control port is at `control_host`."""
         ready, write_end = os.pipe()
         try:
             self.process = Process(
-                [TEST_SERVER, "--keys", keys, "--host", host, "--log", *options],
+                [*prefix, TEST_SERVER, "--keys", keys, "--host", host, "--log", *options],
                 directory,
                 "slp-testserver",
                 stdout=write_end,
@@ -33,7 +34,7 @@ class TestServer:
             os.close(ready)
         self.port = ports["port"]
         self.control_port = ports["control"]
-        self._control = http.client.HTTPConnection(host, self.control_port)
+        self._control = http.client.HTTPConnection(control_host or host, self.control_port)
 
     # -- what it shall do ----------------------------------------------------------------------
 

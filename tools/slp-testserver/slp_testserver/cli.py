@@ -6,7 +6,7 @@ import os
 import signal
 import sys
 
-from . import control, script
+from . import checker, control, script
 from .server import Server
 
 DESCRIPTION = """\
@@ -34,6 +34,8 @@ do anything else, --help-control what the control port understands. An example:
 
 def main(arguments=None):
     """Runs the server until SIGTERM or SIGINT; the exit status."""
+    if checker.is_wanted(arguments):
+        return checker.main(arguments)
     options = _parser().parse_args(arguments)
     wanted = {signal.SIGTERM, signal.SIGINT}
     # Blocked before any thread exists, so that sigwait alone receives them.
@@ -102,6 +104,11 @@ def _parser():
         help="bytes of each request body in memory (default %(default)s)",
     )
     add("--log", action="store_true", help="one line for each exchange on the standard error")
+    add(
+        "--check-answer",
+        metavar="FILE",
+        help="do not serve: say what the daemon makes of a recorded answer (--check-answer --help)",
+    )
     add("--help-script", action=_Print, text=script.__doc__, help="tell about behaviours and end")
     add("--help-control", action=_Print, text=control.__doc__, help="tell about the control port")
     return parser

@@ -7,10 +7,11 @@
 namespace trilba::core {
 
 /// Who this device is: the values of `[System]` in the platform file as it is at the moment of the
-/// call. Any thread; reads the file; never fails: what the file does not tell has its default.
+/// call, or without that group what a live source said last. Any thread; reads the file; never
+/// fails: what nobody tells has its default.
 class TRILBA_API SystemInfo {
 public:
-    /// Fills `id` with `PlatformId`, default "linux-generic".
+    /// Fills `id` with `PlatformId`, default "linux-generic", or the system's own of a live source.
     static void getPlatformId(std::string& id);
 
     /// Fills `imei` with the device identity `Imei`, default empty.

@@ -7,7 +7,7 @@
 
 namespace trilba::network {
 
-/// One connection of the device, as the platform file describes it.
+/// One connection of the device, as the platform file or a live source describes it.
 struct ConnectionInfo {
     std::string name;
     int kind = 0;         ///< the platform's kind of bearer; 1 and 2 are known to the daemon

@@ -15,7 +15,8 @@ class INetworkAdaptation;
 
 /// The device's connections and its proxy. The list is the one read when the manager was created or
 /// at the latest notification, so it changes together with the notifications; the proxy is looked
-/// up in the platform file as it is at the moment of the question.
+/// up in the platform file as it is at the moment of the question. The file may leave the list, and
+/// what else it does not say, to a live source, which has no connections until it was answered.
 ///
 /// Create and delete a manager on the thread that runs the default main loop; its other operations
 /// may be called on any thread. Deleting it ends the notifications, those on their way included.
@@ -50,14 +51,15 @@ public:
     virtual bool findConnection(const std::string& name, ConnectionInfo& connection) = 0;
 
     /// Slot 9: looks up the proxy for `url`; the open library has one proxy for every URL. Reads
-    /// the platform file. On success `host` ends with NUL and `port` is overwritten only when the
-    /// file names a port; otherwise the query is untouched.
+    /// the platform file; never asks a resolver, but answers with what a live source was told last.
+    /// On success `host` ends with NUL and `port` is overwritten only when the file names a port;
+    /// otherwise the query is untouched.
     /// @return 0 (`kProxyFound`) or one of the other results in ProxyQuery.h.
     virtual int lookUpProxy(const std::string& url, ProxyQuery* query) = 0;
 
     /// Reads the connection list and begins to watch the platform file with sources on the default
-    /// main context. The library starts no thread. A process that has forked creates a manager
-    /// anew.
+    /// main context. The library starts no thread before; a live source may start some now. A
+    /// process that has forked creates a manager anew.
     /// @param adaptation  may be null.
     /// @return a new manager that the caller owns and deletes; never null. The pointer is plain
     ///         because it is part of the binary interface: put it into a `std::unique_ptr` at once.

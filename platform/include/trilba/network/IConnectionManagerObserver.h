@@ -10,7 +10,8 @@ class TRILBA_API IConnectionManagerObserver {
 public:
     virtual ~IConnectionManagerObserver() = default;
 
-    /// Slot 3: the platform file changed and the list was read again; it may be the same as before.
+    /// Slot 3: the platform file or the network changed and the list was read again; it may be the
+    /// same as before.
     /// Main-loop thread, no lock of the library held: every operation of the manager may be called,
     /// deleting it included. Must not throw.
     virtual void onConnectionsChanged() = 0;

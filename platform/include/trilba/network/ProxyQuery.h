@@ -22,7 +22,7 @@ static_assert(offsetof(ProxyQuery, port) == 136);
 
 /// Results of a proxy lookup; only `kProxyFound` fills the query.
 constexpr int kProxyFound = 0;
-constexpr int kProxyNone = 1;        ///< the platform file names no proxy host
+constexpr int kProxyNone = 1;        ///< there is no proxy
 constexpr int kProxyBadQuery = 2;    ///< null query, or its `size` is not 140
 constexpr int kProxyHostTooLong = 3; ///< the host name needs more than 131 bytes
 

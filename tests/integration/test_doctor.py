@@ -1,0 +1,344 @@
+"""orvexctl doctor: it names the cause in each of the faulty set-ups, and changes nothing."""
+
+import json
+import os
+import pathlib
+import re
+import shutil
+import stat
+import subprocess
+import sys
+
+import pytest
+
+from harness import agents, sandbox, shared
+from harness.daemon import DEVICE, Daemon
+from harness.faulty import SET_UPS, Device
+from harness.keys import make_keys
+from harness.preload import SteppedClock
+from harness.settings import BUILD_DIR, DAEMON, patience
+
+bus, server, platform, preinst, _, _ = shared.FIXTURES
+
+ORVEXCTL = BUILD_DIR / "bin" / "orvexctl"
+PROBE = BUILD_DIR / "bin" / "orvexd-probe"
+STATES = ["unknown", "fine", "doubtful", "broken"]
+HAS_IDS = agents.has_other_ids()
+
+
+@pytest.fixture(name="clock_and_daemon", scope="module")
+def fixture_clock_and_daemon(tmp_path_factory, bus, platform, preinst):
+    directory = tmp_path_factory.mktemp("daemon")
+    daemon = Daemon(directory, bus, platform.path, preinst)
+    clock = SteppedClock(daemon, directory)
+    for each in shared.running(daemon):
+        yield clock, each
+
+
+@pytest.fixture(name="daemon", scope="module")
+def fixture_daemon(clock_and_daemon):
+    return clock_and_daemon[1]
+
+
+@pytest.fixture(name="other_keys", scope="module")
+def fixture_other_keys(tmp_path_factory):
+    directory = tmp_path_factory.mktemp("other-keys")
+    make_keys(directory)
+    return directory
+
+
+@pytest.fixture(name="device")
+def fixture_device(server, platform, preinst, keys, other_keys, clock_and_daemon, tmp_path, reported):
+    """A sound set-up, whatever the test before has made of it."""
+    clock, daemon = clock_and_daemon
+    for name, each in (("test server", server), ("daemon", daemon)):
+        reported(name, each)
+    device = Device(server, platform, preinst, keys, other_keys, tmp_path / "identity", clock)
+    device.mend()
+    yield device
+    device.mend()
+
+
+class Doctor:
+    """What one run has said."""
+
+    def __init__(self, daemon, *arguments, user=()):
+        # It finds out by itself where the daemon's files are.
+        environment = {k: v for k, v in daemon.environment.items() if k != "TRILBA_PLATFORM_CONF"}
+        done = subprocess.run(
+            [*user, ORVEXCTL, "doctor", *map(str, arguments)],
+            env=environment,
+            capture_output=True,
+            text=True,
+            timeout=patience(60),
+            check=False,
+        )
+        self.status, self.text, self.stderr = done.returncode, done.stdout, done.stderr
+
+    @property
+    def findings(self):
+        return [json.loads(line) for line in self.text.splitlines()]
+
+    def said(self, check):
+        """What a check has found that is not fine: why and advice."""
+        found = [each for each in self.findings if each["check"] == check]
+        return [f"{f['why']} {f['advice']}" for f in found if f["state"] in ("doubtful", "broken")]
+
+
+@pytest.fixture(name="doctor")
+def fixture_doctor(daemon, device):
+    def run(*arguments):
+        return Doctor(daemon, "--json", "--identity", device.identity, *arguments)
+
+    return run
+
+
+def test_sound_set_up_is_fine_up_to_the_server_s_answer(doctor):
+    done = doctor("--exchange")
+    assert done.status == 0, done.text
+    checks = [each["check"] for each in done.findings]
+    road = "identity files dates schema status platform bus versions names connection tls exchange"
+    assert list(dict.fromkeys(checks)) == road.split()
+    unseen = [each["why"] for each in done.findings if each["state"] == "unknown"]
+    assert len(unseen) == 2 and all("bus" in why for why in unseen)  # a private bus has no installed files
+
+
+@pytest.mark.parametrize("set_up", [s for s in SET_UPS if HAS_IDS or not s.needs_ids], ids=lambda s: s.name)
+def test_doctor_names_the_cause(set_up, doctor, device):
+    set_up.spoil(device)
+    options = ["--exchange"] if set_up.exchange else ["--local"] if set_up.is_local else []
+    done = doctor("--timeout", set_up.patience, *options)
+    assert done.status in (1, 2), done.text
+    assert any(re.search(set_up.finds, said, re.DOTALL) for said in done.said(set_up.check)), done.text
+
+
+def test_no_request_is_sent_without_the_option(doctor, device):
+    before = device.server.last
+    doctor()
+    assert device.server.last == before + 1  # the connection alone
+    device.server.wait(before + 1)
+    assert device.server.exchange(before + 1)["request"] is None
+
+
+def test_nobody_is_called_when_only_the_device_is_looked_at(doctor, device):
+    before = device.server.last
+    assert {"names", "connection", "tls"}.isdisjoint(each["check"] for each in doctor("--local").findings)
+    assert device.server.last == before
+
+
+def test_request_of_doctor_is_what_the_daemon_would_send(doctor, device):
+    before = device.server.last
+    doctor("--exchange")
+    record = device.server.wait(before + 2)
+    assert record["findings"] == []
+    assert record["slp"]["requests"][0]["type"] == "fingerprint"
+
+
+def test_doctor_changes_nothing(doctor, device, daemon):
+    def state():
+        files = [*device.preinst.iterdir(), device.platform.path, device.identity]
+        return {path: (path.read_bytes(), path.stat().st_mtime_ns, path.stat().st_mode) for path in files}
+
+    before = state(), daemon.pid, daemon.resources()
+    doctor("--exchange")
+    assert (state(), daemon.pid, daemon.resources()) == before
+
+
+def test_text_has_a_line_for_each_finding_and_a_sum(daemon, device):
+    (device.preinst / "SlpClient.pem").unlink()
+    done = Doctor(daemon, "--local", "--identity", device.identity)
+    assert re.search(r"^broken +files +.*SlpClient.pem cannot be found.*\n +-> Install", done.text, re.MULTILINE)
+    assert re.fullmatch(r"\d+ broken, \d+ doubtful, \d+ fine, \d+ not seen", done.text.splitlines()[-1])
+    assert done.status == 2
+
+
+def test_lines_come_as_soon_as_they_are_known(daemon, device):
+    device.server.default({"on": [{"at": "connect", "do": "hang"}]})
+    command = [ORVEXCTL, "doctor", "--json", "--identity", device.identity]
+    with subprocess.Popen(list(map(str, command)), env=daemon.environment, stdout=subprocess.PIPE, text=True) as run:
+        try:
+            for line in run.stdout:
+                if json.loads(line)["check"] == "names":
+                    break
+            assert run.poll() is None  # the proxy still says nothing
+        finally:
+            run.kill()
+
+
+def test_doubt_alone_gives_status_1(doctor, device):
+    device.identity.chmod(0o644)
+    done = doctor("--local")
+    assert done.status == 1, done.text
+    assert "others can read it" in done.said("identity")[0]
+
+
+def test_value_that_a_shell_reads_differently_is_a_doubt(doctor, device):
+    text = device.identity.read_text("utf-8")
+    device.identity.write_text(text.replace('"Kelvra"', "Kelvra Devices"), "utf-8")
+    said = doctor("--local").said("identity")
+    assert any("read this line" in each and "KELVRA_DEVICE_MANUFACTURER=Kelvra Devices" in each for each in said), said
+
+
+def test_daemon_with_other_variables_than_the_file_is_a_doubt(doctor, device):
+    device.write_identity(KELVRA_IMEI_FRAGMENT="111111")
+    said = doctor("--local").said("identity")
+    assert any("running daemon has other values" in each for each in said), said
+
+
+def test_daemon_that_does_not_run_is_said_and_not_started(device, make_bus, daemon):
+    other = make_bus()
+    environment = {**daemon.environment, "DBUS_SYSTEM_BUS_ADDRESS": other.address}
+    done = subprocess.run(
+        [ORVEXCTL, "doctor", "--json", "--local", "--preinst-dir", device.preinst, "--identity", device.identity],
+        env=environment,
+        capture_output=True,
+        text=True,
+        check=False,
+    )
+    assert done.returncode == 2
+    assert "the daemon does not run" in done.stdout
+
+
+def test_no_bus_is_said(device, daemon):
+    environment = {**daemon.environment, "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nonexistent"}
+    command = [ORVEXCTL, "doctor", "--local", "--preinst-dir", device.preinst, "--identity", device.identity]
+    done = subprocess.run(command, env=environment, capture_output=True, text=True, check=False)
+    assert re.search(r"^broken +bus +The system bus cannot be reached", done.stdout, re.MULTILINE)
+
+
+def test_malformed_configuration_is_said(doctor, device):
+    schema = device.preinst / "orvexd.schema"
+    schema.write_text("<other/>", "utf-8")
+    try:
+        assert "ends the daemon at its start: Invalid root tag name" in doctor("--local").said("schema")[0]
+    finally:
+        schema.unlink()
+
+
+def test_daemon_with_another_view_of_the_platform_is_said(doctor, device):
+    # The daemon keeps to the last good state.
+    device.edit_platform("Kind=1", "Kind=wifi")
+    said = doctor("--local").said("status")
+    assert "The daemon reports connected, kind 1 (3), but the platform says not connected (0)." in said[0]
+
+
+def test_tool_of_the_platform_is_asked_where_there_is_one(device, daemon, tmp_path):
+    tool = tmp_path / "trilba-platform"
+    findings = [{"line": 3, "severity": "fault", "text": "Kind=wifi is no number"}]
+    remarks = [{"severity": "warning", "text": "no modem"}]
+    answer = {"source": "file", "file": "/etc/x", "remarks": remarks, "findings": findings}
+    tool.write_text(f"#!/bin/sh\ntest -n \"$TRILBA_PLATFORM_CONF\" && echo '{json.dumps(answer)}'\n", "utf-8")
+    tool.chmod(0o755)
+    command = [ORVEXCTL, "doctor", "--local", "--json", "--identity", device.identity]
+    environment = {**daemon.environment, "PATH": f"{tmp_path}:{os.environ['PATH']}"}
+    done = subprocess.run(command, env=environment, capture_output=True, text=True, check=False)
+    found = [json.loads(line) for line in done.stdout.splitlines()]
+    said = [(each["state"], each["why"]) for each in found if each["check"] == "platform"]
+    assert said == [("doubtful", "no modem"), ("broken", "/etc/x, line 3: Kind=wifi is no number")]
+
+
+def test_program_that_was_replaced_under_the_running_daemon_is_a_doubt(device, make_bus, tmp_path):
+    copy = tmp_path / "orvexd"
+    shutil.copy(DAEMON, copy)
+    daemon = Daemon(tmp_path, make_bus(), device.platform.path, device.preinst)
+    daemon.program = [copy]
+    daemon.environment["LD_LIBRARY_PATH"] = str(BUILD_DIR / "lib")
+    for each in shared.running(daemon):
+        copy.unlink()
+        said = Doctor(each, "--json", "--local", "--identity", device.identity).said("versions")
+        assert any(f"was replaced or removed: {copy}." in why for why in said), said
+
+
+def test_certificate_that_ends_soon_is_a_doubt(doctor, device):
+    device.clock.step_to(wall=715 * 24 * 3600)  # they are made for 730 days
+    assert any("SlpClient.pem expires on" in said for said in doctor("--local").said("dates"))
+
+
+@pytest.mark.skipif(not HAS_IDS, reason="no other user ids here")
+def test_ordinary_user_is_told_what_only_root_can_see(device, daemon, tmp_path):
+    program = pathlib.Path("/tmp") / f"orvexctl-{os.getpid()}"
+    program.write_bytes(ORVEXCTL.read_bytes())
+    program.chmod(0o755)
+    try:
+        user = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+        command = [*user, program, "doctor", "--json", "--exchange"]
+        done = subprocess.run(command, env=daemon.environment, cwd="/", capture_output=True, text=True, check=False)
+    finally:
+        program.unlink()
+    findings = [json.loads(line) for line in done.stdout.splitlines()]
+    unseen = {each["check"] for each in findings if each["state"] == "unknown"}
+    assert {"files", "dates", "schema", "names", "connection", "tls", "exchange"} <= unseen, done.stdout + done.stderr
+
+
+# -- the check before the start --------------------------------------------------------------------
+
+
+def check(device, *prefix, **changes):
+    """orvexd-probe --check with the five variables but for the changes: status and complaints."""
+    environment = {
+        "TRILBA_PLATFORM_CONF": str(device.platform.path),
+        "PATH": os.environ["PATH"],
+        **DEVICE,
+        **changes,
+    }
+    done = subprocess.run(
+        [*prefix, PROBE, "--check", "--preinst-dir", device.preinst],
+        env=environment,
+        capture_output=True,
+        text=True,
+        timeout=patience(20),
+        check=False,
+    )
+    assert done.stdout == ""
+    return done.returncode, done.stderr
+
+
+def test_check_is_content_and_silent_where_the_daemon_can_work(device):
+    assert check(device) == (0, "")
+
+
+@pytest.mark.parametrize(
+    "changes, complaint",
+    [
+        ({"KELVRA_DEVICE_TERMINAL_MODEL": ""}, "KELVRA_DEVICE_TERMINAL_MODEL"),
+        ({"KELVRA_UNIQUE_DEVICE_ID": "00000000-0000-0000-0000-000000000000"}, "packaged example's"),
+    ],
+    ids=["missing", "example"],
+)
+def test_check_refuses_an_identity_that_is_none(device, changes, complaint):
+    status, said = check(device, **changes)
+    assert status == 1
+    assert complaint in said
+
+
+def test_check_refuses_missing_files(device):
+    (device.preinst / "SlpClient-key.pem").unlink()
+    status, said = check(device)
+    assert (status, "SlpClient-key.pem cannot be found" in said) == (1, True), said
+
+
+def test_check_refuses_the_example_s_imei(device):
+    device.platform.write(system={"Imei": "490154203237518"})
+    status, said = check(device)
+    assert (status, "example's IMEI" in said) == (1, True), said
+
+
+def test_check_refuses_a_configuration_that_ends_the_daemon(device):
+    schema = device.preinst / "orvexd.schema"
+    schema.write_text("<orvexdconfig><thing/></orvexdconfig>", "utf-8")
+    try:
+        status, said = check(device)
+        assert (status, "invalid tag-name" in said) == (1, True), said
+    finally:
+        schema.unlink()
+
+
+def test_check_bears_the_sandbox(device):
+    assert check(device, sys.executable, sandbox.__file__) == (0, "")
+
+
+def test_probe_hides_its_secrets_as_the_daemon_does():
+    program = PROBE.read_bytes()
+    assert b"ovx-7Kq2" not in program
+    assert b"slp.kelvra.example" not in ORVEXCTL.read_bytes()
+    assert stat.S_ISREG(PROBE.stat().st_mode)

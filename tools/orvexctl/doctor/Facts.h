@@ -1,0 +1,55 @@
+#pragma once
+
+#include "GioHandles.h"
+#include "findings/Identity.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orvexd::ctl {
+
+/// The daemon that owns the name on the bus.
+struct DaemonFacts {
+    std::uint32_t pid = 0;
+    std::uint32_t uid = 0;
+    std::string program;                            ///< empty when this user cannot see it
+    std::vector<std::string> arguments;             ///< empty when this user cannot see them
+    std::optional<findings::Variables> environment; ///< unset when this user cannot see it
+};
+
+/// What the service manager says of the unit.
+struct UnitFacts {
+    std::string loadState;   ///< "loaded", "not-found", …
+    std::string activeState; ///< "active", "inactive", "failed", …
+    std::string subState;
+    std::string result;       ///< of the service's last end
+    std::string file;         ///< of the unit
+    std::string program;      ///< of ExecStart=
+    bool needsReload = false; ///< the file has changed since it was read
+    std::uint32_t restarts = 0;
+    std::int32_t exitCode = 0;   ///< how the last process ended: CLD_EXITED, CLD_KILLED, …
+    std::int32_t exitStatus = 0; ///< its status or signal
+
+    [[nodiscard]] bool isLoaded() const { return loadState == "loaded"; }
+};
+
+/// The system bus, the daemon and the unit, asked once and without starting or changing anything.
+struct Facts {
+    ObjectRef<GDBusConnection> bus; ///< null when it cannot be reached
+    std::string busFault;
+    bool activatable = false;            ///< the bus can start the daemon
+    std::optional<DaemonFacts> daemon;   ///< unset when nobody owns the name
+    std::optional<UnitFacts> unit;       ///< unset where there is no service manager
+    std::optional<std::uint32_t> status; ///< the daemon's connection status
+    std::string callFault;               ///< why a call to the daemon fails; empty when it works
+    bool callDenied = false;             ///< because the bus does not let this user call
+
+    /// Whether the daemon is, or will be, the service that the unit describes.
+    [[nodiscard]] bool isService() const { return unit && unit->isLoaded(); }
+};
+
+[[nodiscard]] Facts gatherFacts();
+
+} // namespace orvexd::ctl

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "findings/Finding.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace orvexd::probe {
+
+/// The platform's connections as the daemon sees them, now.
+struct PlatformView {
+    std::uint32_t status = 0;
+    std::string proxy; ///< "host:port", empty for none
+    bool permitted = true;
+    std::string imei;
+};
+
+[[nodiscard]] PlatformView viewOfPlatform();
+
+/// What the daemon reports against what the platform says.
+/// @param reported the daemon's connection status; nothing when there is no daemon.
+void checkStatus(const PlatformView& platform, std::optional<std::uint32_t> reported,
+                 const findings::Checked& report);
+
+} // namespace orvexd::probe
