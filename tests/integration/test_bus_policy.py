@@ -5,7 +5,6 @@ policy can be shown.
 """
 
 import os
-import shutil
 import subprocess
 
 import pytest
@@ -15,11 +14,11 @@ from harness import agents
 from harness.agents import PREFIXES
 from harness.bus_connection import connect
 from harness.private_bus import PERMISSIVE_POLICY
-from harness.settings import BUILD_DIR, BUS_NAME, ROOT, patience
+from harness.program import copy_of_orvexctl
+from harness.settings import BUS_NAME, ROOT, patience
 
 directory, bus, make_agent = agents.FIXTURES
 
-ORVEXCTL = BUILD_DIR / "bin" / "orvexctl"
 
 each_kind = pytest.mark.parametrize("kind", ["root", "member", "stranger"][: len(PREFIXES)])
 
@@ -106,9 +105,7 @@ def test_signals_are_for_root_and_members(kind, make_agent):
 
 def run_orvexctl(kind, words, bus, directory):
     """Runs it to its end under the user id of a kind of client."""
-    # The tree may lie where only its owner can enter.
-    program = directory / "orvexctl"
-    shutil.copy(ORVEXCTL, program)
+    program = copy_of_orvexctl(directory)
     return subprocess.run(
         [*PREFIXES[kind], program, *words],
         env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": bus.address},

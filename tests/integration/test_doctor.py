@@ -8,6 +8,7 @@ import shutil
 import stat
 import subprocess
 import sys
+import tempfile
 
 import pytest
 
@@ -16,6 +17,7 @@ from harness.daemon import DEVICE, Daemon
 from harness.faulty import SET_UPS, Device
 from harness.keys import make_keys
 from harness.preload import SteppedClock
+from harness.program import copy_of_orvexctl
 from harness.settings import BUILD_DIR, DAEMON, patience
 
 bus, server, platform, preinst, _, _ = shared.FIXTURES
@@ -255,16 +257,12 @@ def test_certificate_that_ends_soon_is_a_doubt(doctor, device):
 
 
 @pytest.mark.skipif(not HAS_IDS, reason="no other user ids here")
-def test_ordinary_user_is_told_what_only_root_can_see(device, daemon, tmp_path):
-    program = pathlib.Path("/tmp") / f"orvexctl-{os.getpid()}"
-    program.write_bytes(ORVEXCTL.read_bytes())
-    program.chmod(0o755)
-    try:
+def test_ordinary_user_is_told_what_only_root_can_see(device, daemon):
+    with tempfile.TemporaryDirectory(prefix="orvexctl-", dir="/tmp") as directory:
+        os.chmod(directory, 0o755)
         user = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
-        command = [*user, program, "doctor", "--json", "--exchange"]
+        command = [*user, copy_of_orvexctl(pathlib.Path(directory)), "doctor", "--json", "--exchange"]
         done = subprocess.run(command, env=daemon.environment, cwd="/", capture_output=True, text=True, check=False)
-    finally:
-        program.unlink()
     findings = [json.loads(line) for line in done.stdout.splitlines()]
     unseen = {each["check"] for each in findings if each["state"] == "unknown"}
     assert {"files", "dates", "schema", "names", "connection", "tls", "exchange"} <= unseen, done.stdout + done.stderr
