@@ -5,6 +5,13 @@
 #include "OptionParser.h"
 
 namespace orvexd::ctl {
+namespace {
+
+/// The request's own client asks the bus, too, whose signal it is. Nothing tells when it has done
+/// so.
+constexpr gulong kOthersMayAsk = 300'000; // us
+
+} // namespace
 
 ExitStatus CancelCommand::run(const std::vector<std::string>& words) {
     OptionParser parser{
@@ -20,7 +27,9 @@ ExitStatus CancelCommand::run(const std::vector<std::string>& words) {
     const std::uint32_t connection = parseNumber(rest[0], "CONNECTION");
     const std::uint32_t request = parseNumber(rest[1], "REQUEST");
 
-    Gateway{}.cancel(connection, request);
+    Gateway gateway;
+    gateway.cancel(connection, request);
+    g_usleep(kOthersMayAsk); // on the bus
     return ExitStatus::Success;
 }
 

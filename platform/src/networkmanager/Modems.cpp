@@ -7,7 +7,7 @@ namespace trilba::live {
 namespace {
 
 constexpr const char* kName = "org.freedesktop.ModemManager1";
-constexpr gint64 kPauseBeforeAskingAgain = 10 * G_USEC_PER_SEC;
+constexpr gint64 kPauseBeforeAskingAgain = gint64{10} * G_USEC_PER_SEC;
 
 /// The libraries' own functions for this print a warning when an object has no such interface.
 template <typename T> Object<T> interfaceOf(MMObject* object, const char* name, GType type) {
