@@ -17,6 +17,8 @@ public:
     ~OutputFile();
     OutputFile(OutputFile&& other) noexcept;
     OutputFile& operator=(OutputFile&&) = delete;
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
 
     /// Takes the bytes; closed by `finish`.
     [[nodiscard]] GOutputStream* stream() const noexcept { return stream_.get(); }
