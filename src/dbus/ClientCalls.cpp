@@ -7,9 +7,6 @@ namespace orvexd {
 
 namespace {
 
-constexpr auto kHandled = DBUS_HANDLER_RESULT_HANDLED;
-constexpr auto kNotHandled = DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-
 /// Memory that a message takes besides its texts and byte arrays, its place in a line included.
 constexpr std::size_t kMessageCost = 1024;
 /// A refused call of this size waits for the names even when the memory budget is full. There is

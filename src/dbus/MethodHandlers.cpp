@@ -17,9 +17,6 @@ namespace orvexd {
 
 namespace {
 
-constexpr auto kHandled = DBUS_HANDLER_RESULT_HANDLED;
-constexpr auto kNotHandled = DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-
 /// A byte-array argument, read in place; valid as long as its message.
 using Bytes = std::string_view;
 

@@ -10,7 +10,6 @@
 namespace orvexd::markup {
 
 inline constexpr std::string_view kBlanks = " \t\r\n";
-inline constexpr auto kNone = std::string_view::npos;
 
 /// The text is no document, or a costly one.
 struct Refused {};

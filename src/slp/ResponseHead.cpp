@@ -11,8 +11,6 @@ namespace orvexd {
 
 namespace {
 
-constexpr auto kNone = std::string_view::npos;
-
 constexpr long kFirstErrorStatus = 400;
 constexpr long kFirstServerError = 500;
 

@@ -13,7 +13,6 @@ namespace orvexd {
 
 namespace {
 
-constexpr auto kNone = std::string_view::npos;
 constexpr std::string_view kLineBreak = "\r\n";
 constexpr std::string_view kHeadStart = "HTTP";
 constexpr const char* kFaultyMime = "faulty MIME data";

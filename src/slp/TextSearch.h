@@ -7,6 +7,9 @@
 
 namespace orvexd {
 
+/// Where a search has found nothing.
+inline constexpr auto kNone = std::string_view::npos;
+
 /// The empty line that ends a block of header lines, with the line break before it.
 inline constexpr std::string_view kBlankLine = "\r\n\r\n";
 

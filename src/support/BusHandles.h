@@ -7,6 +7,10 @@
 
 namespace orvexd {
 
+/// What a filter tells libdbus: whether the message was for it.
+inline constexpr auto kHandled = DBUS_HANDLER_RESULT_HANDLED;
+inline constexpr auto kNotHandled = DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+
 /// One reference to a message; ends with the owner. libdbus counts references atomically, but the
 /// daemon uses messages on the main loop's thread only.
 using BusMessage = std::unique_ptr<DBusMessage, FreeWith<dbus_message_unref>>;

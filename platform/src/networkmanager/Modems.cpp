@@ -7,7 +7,6 @@ namespace trilba::live {
 namespace {
 
 constexpr const char* kName = "org.freedesktop.ModemManager1";
-constexpr gint64 kPauseBeforeAskingAgain = gint64{10} * G_USEC_PER_SEC;
 
 /// The libraries' own functions for this print a warning when an object has no such interface.
 template <typename T> Object<T> interfaceOf(MMObject* object, const char* name, GType type) {
@@ -23,10 +22,6 @@ Object<MMModem> modemOf(MMObject* object) {
 Object<MMModem3gpp> mobileNetworkOf(MMObject* object) {
     return interfaceOf<MMModem3gpp>(object, "org.freedesktop.ModemManager1.Modem.Modem3gpp",
                                     MM_TYPE_MODEM_3GPP);
-}
-
-std::string textOf(const char* text) {
-    return text == nullptr ? "" : text;
 }
 
 /// A modem may tell several lines.

@@ -8,12 +8,7 @@ namespace trilba::live {
 
 namespace {
 
-constexpr gint64 kPauseBeforeAskingAgain = gint64{10} * G_USEC_PER_SEC;
 constexpr int kMostLevels = 8; // of devices over devices
-
-std::string textOf(const char* text) {
-    return text == nullptr ? "" : text;
-}
 
 template <typename T> std::vector<T*> elementsOf(const GPtrArray* array) {
     std::vector<T*> elements;

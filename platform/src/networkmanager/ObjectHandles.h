@@ -5,9 +5,18 @@
 #include <functional>
 #include <gio/gio.h>
 #include <memory>
+#include <string>
 #include <utility>
 
 namespace trilba::live {
+
+/// Before a service that did not answer is asked again.
+inline constexpr gint64 kPauseBeforeAskingAgain = gint64{10} * G_USEC_PER_SEC;
+
+/// The text; nothing for null.
+inline std::string textOf(const char* text) {
+    return text == nullptr ? "" : text;
+}
 
 /// A reference to a GObject.
 template <typename T> using Object = std::unique_ptr<T, FreeWith<g_object_unref>>;
