@@ -174,7 +174,8 @@ static gboolean somebody_connects(void) {
 /// The numbers of connections that are being made have to be known before they can be closed. With
 /// the registry's lock, which the worker gets meanwhile.
 static void await_numbers(gint64 deadline) {
-    const struct timespec until = {deadline / G_USEC_PER_SEC, deadline % G_USEC_PER_SEC * 1000};
+    const struct timespec until = {(time_t)(deadline / G_USEC_PER_SEC),
+                                   (long)(deadline % G_USEC_PER_SEC * 1000)};
     int waited = 0;
     while (waited == 0 && somebody_connects()) {
         waited = pthread_cond_timedwait(&registry_connected, &registry_lock, &until);
