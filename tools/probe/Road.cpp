@@ -26,7 +26,8 @@ Road::Road(const std::string& files, const std::string& proxy, const Patience& p
     TransferOptions::setIdentity(handle, files);
     TransferOptions::setRoad(handle, proxy);
     TransferOptions::setSocket(handle);
-    TransferOptions::setTimeouts(handle, patience.connect.count(), patience.whole.count());
+    TransferOptions::setTimeouts(handle, static_cast<long>(patience.connect.count()),
+                                 static_cast<long>(patience.whole.count()));
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorText_.data());
     curl_easy_setopt(handle, CURLOPT_OPENSOCKETFUNCTION, &Road::onSocket);
     curl_easy_setopt(handle, CURLOPT_OPENSOCKETDATA, this);
