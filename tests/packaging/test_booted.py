@@ -15,6 +15,7 @@ from harness.observe import poll_for
 from harness.platform_file import Platform
 from harness.process import Process, read_line
 from harness.settings import EXAMPLES
+from identity import give_identity
 
 pytestmark = pytest.mark.timeout(600)
 
@@ -37,11 +38,6 @@ class Installation:
         shutil.copytree(ROOT, root.path / TREE, symlinks=True, ignore=ignored)
         self.system = Booted(root.path)
         self.server = None
-
-    def give_identity(self):
-        path = self.root.path / "etc/default/orvexd"
-        text = re.sub(r'^(KELVRA_UNIQUE_DEVICE_ID)=.*$', r'\1="d41d8cd98f00b204"', path.read_text("utf-8"), flags=re.M)
-        path.write_text(text.replace("Example Devices", "Kelvra").replace("Model One", "linux"), "utf-8")
 
     def give_certificates(self):
         for name in CLIENT_FILES:
@@ -123,7 +119,7 @@ def test_faulty_installation_is_tried_five_times_and_explained(installation):
 
 def test_mended_installation_is_started_by_a_call_and_carries_an_exchange(installation):
     system = installation.system
-    installation.give_identity()
+    give_identity(installation.root.path)
     installation.give_certificates()
     installation.give_platform()
     shutil.rmtree(installation.root.path / "var/lib/orvexd")

@@ -10,6 +10,7 @@ from harness.keys import fill_preinst, make_keys
 from harness.observe import poll_for
 from harness.settings import EXAMPLES
 from harness.slp_server import TestServer
+from identity import give_identity
 
 pytestmark = pytest.mark.timeout(1200)
 
@@ -49,6 +50,7 @@ def phone(make_root, runtime, keys, there):
     """Booted, with the packages, and with a cable to where the server is."""
     root = make_root("phone", dependencies_of(runtime) | PHONE)
     root.install(runtime)
+    give_identity(root.path)
     fill_preinst(root.path / "usr/share/orvexd", keys)
     with open(root.path / "etc/hosts", "a", encoding="utf-8") as hosts:
         hosts.write(f"{SERVER} slp.kelvra.example\n")
