@@ -9,8 +9,8 @@ namespace {
 
 /// Memory that a message takes besides its texts and byte arrays, its place in a line included.
 constexpr std::size_t kMessageCost = 1024;
-/// A refused call of this size waits for the names even when the memory budget is full. There is
-/// one for each client at the most.
+/// A message of this size waits even when data fill the memory budget, as every request needs it. A
+/// refused call, of which a client has one at the most, waits even when nothing has room.
 constexpr std::size_t kSmallMessage = 4096;
 
 // -- copies --------------------------------------------------------------------------------------
@@ -167,7 +167,7 @@ bool ClientCalls::wait(Line& line, DBusMessage& message, const char* arguments,
         return false;
     }
     MemoryBudget& budget = MemoryBudget::process();
-    if (!isRefused && !budget.hasRoomForData()) {
+    if (!isRefused && !budget.hasRoom()) {
         return false;
     }
     std::size_t size = kMessageCost;

@@ -30,7 +30,7 @@ _THINK_SECONDS = 0.02  # between two doings, on average
 _RETRY_SECONDS = 30  # for data that was refused, as there may have been no room
 _ANSWERED_KEPT = 1000  # serials of answered calls that are remembered
 
-Call = collections.namedtuple("Call", "on_answer what may_be_held")
+Call = collections.namedtuple("Call", "on_answer what may_be_held on_refused")
 
 
 def body(signature, *arguments):
@@ -87,10 +87,13 @@ class Actor:
     def close(self):
         self.link.close()
 
-    def _call(self, member, arguments, on_answer, what="", may_be_held=False, **where):
+    def _call(
+        self, member, arguments, on_answer, what="", may_be_held=False, on_refused=None, **where
+    ):
+        """`on_refused` is what the client does when the daemon has no memory for the call."""
         message = self.link.compose(member, arguments, **where)
         serial = message.get_serial()
-        self._calls[serial] = Call(on_answer, f"{member} {what}", may_be_held)
+        self._calls[serial] = Call(on_answer, f"{member} {what}", may_be_held, on_refused)
         self.link.send(message)
         return serial
 
@@ -100,8 +103,14 @@ class Actor:
 
     def read(self):
         """Handles what has arrived."""
+        violation = None
         for message in self.link.take_arrived():
-            self._on_message(message)
+            try:
+                self._on_message(message)
+            except Violation as found:  # the messages behind it count, too
+                violation = violation or found
+        if violation:
+            raise violation
 
     def _on_message(self, message):
         kind = message.get_message_type()
@@ -118,7 +127,10 @@ class Actor:
             raise Violation(f"{self.name}: call {serial} {what}: {describe(message)[:200]}")
         self._answered.append(serial)
         self._tally["calls answered"] += 1
-        call.on_answer(message)
+        if not self._is_refused_for_memory(message):
+            call.on_answer(message)
+        elif call.on_refused is not None:
+            call.on_refused()
 
     # -- signals -------------------------------------------------------------------------------
 
@@ -226,8 +238,6 @@ class Actor:
         texts = ("element", kind, tag, encoding, "application/octet-stream")
 
         def on_answer(message):
-            if self._is_refused_for_memory(message):
-                return
             number = values(message)[0]
             given = number in self._world.connection_ids
             require(not given, f"connection id {number} was given twice")
@@ -255,11 +265,15 @@ class Actor:
                 require(not closed, "a request on a closed connection")
                 self._world.require_permission(True, sent)
                 self._adopt(connection, values(message)[0], prepared)
-            elif not self._is_refused_for_memory(message):
+            else:
                 self._on_creation_refused(connection, error_code(message), sent)
 
+        def on_refused():
+            connection.creating -= 1
+
+        member = "prepare" if prepared else "attach"
         what = f"on {connection.id} with policy {policy}"
-        self._call("prepare" if prepared else "attach", arguments, on_answer, what)
+        self._call(member, arguments, on_answer, what, on_refused=on_refused)
 
     def _is_refused_for_memory(self, message):
         """A daemon with little memory may refuse what it has no room for; nothing has changed then."""
@@ -346,12 +360,16 @@ class Actor:
         def on_answer(message):
             result = values(message)[0]
             self._checked(request, request.on_sent, data, result, is_open)
-            if last and result == NOT_ACCEPTING and self._may_retry(request):
-                self._refused.append(request)
+            if result == NOT_ACCEPTING:
+                on_refused()
             self._end_if_over(request)
 
+        def on_refused():
+            if last and self._may_retry(request):
+                self._refused.append(request)
+
         arguments = data_body(data, last, connection.id, request.id)
-        self._call("sendData", arguments, on_answer, f"for {request.key}")
+        self._call("sendData", arguments, on_answer, f"for {request.key}", on_refused=on_refused)
 
     def _may_retry(self, request):
         """An exchange would wait for the end of a request's data, of a fingerprint's for long."""
@@ -382,10 +400,16 @@ class Actor:
             if not request.over and not rests and request.held is None and self.dice.random() < 0.8:
                 self._ask_for(request)
 
+        def on_refused():
+            request.note("getData refused for memory")
+            request.open_calls -= 1
+            if request.held == serial:
+                request.held = None
+
         request.note("getData")
         request.open_calls += 1
         arguments = body("(uu)", request.connection.id, request.id)
-        serial = self._call("getData", arguments, on_answer, request.key, may_be_held=True)
+        serial = self._call("getData", arguments, on_answer, request.key, True, on_refused)
         request.held = serial
 
     def _ask_twice(self):
@@ -430,7 +454,15 @@ class Actor:
         for request in [r for r in self.requests.values() if r.connection is connection]:
             request.note(how)
             self._end_by_client(request, how)
-        self._call("disconnect", body("(u)", connection.id), lambda message: None)
+        self._disconnect_from_daemon(connection)
+
+    def _disconnect_from_daemon(self, connection):
+        self._call(
+            "disconnect",
+            body("(u)", connection.id),
+            lambda message: None,
+            on_refused=lambda: self._disconnect_from_daemon(connection),
+        )
 
     def _vanish(self):
         """Leaves the bus with everything open, comes back and cleans up."""
