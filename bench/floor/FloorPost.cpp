@@ -156,7 +156,7 @@ Times post(const std::string& files, const std::string& proxy, std::size_t paylo
     curl_easy_setopt(handle, CURLOPT_URL, deployment::kServerUrl);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, dropResponse);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &down);
-    curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, &TransferOptions::clampSegmentSize);
+    curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, &TransferOptions::socketOptionCallback);
     const CURLcode result = curl_easy_perform(handle);
     curl_off_t connected = 0;
     curl_off_t secured = 0;

@@ -3,7 +3,6 @@
 #include "config/ConfHandler.h"
 #include "config/MapWrapper.h"
 #include "protocol/Codes.h"
-#include "protocol/States.h"
 #include "request/RequestData.h"
 #include "support/MemoryBudget.h"
 #include "support/Probes.h"

@@ -4,7 +4,6 @@
 #include "core/OrvexMain.h"
 #include "http/RequestBody.h"
 #include "protocol/Codes.h"
-#include "protocol/States.h"
 #include "request/RequestData.h"
 #include "support/MemoryBudget.h"
 #include "support/Probes.h"

@@ -1,6 +1,6 @@
 #include "core/RequestRegistry.h"
 
-#include "protocol/States.h"
+#include "protocol/Codes.h"
 #include "request/RequestData.h"
 
 #include <algorithm>

@@ -4,7 +4,6 @@
 #include "config/MapWrapper.h"
 #include "core/OrvexMain.h"
 #include "dbus/BusLink.h"
-#include "dbus/IMainLoop.h"
 #include "protocol/Names.h"
 #include "support/Threads.h"
 

@@ -4,7 +4,6 @@
 #include "core/ServicePosts.h"
 #include "dbus/BusLink.h"
 #include "dbus/ClientCalls.h"
-#include "dbus/IMainLoop.h"
 #include "dbus/PendingReplies.h"
 #include "support/BusHandles.h"
 #include "support/MainLoopPost.h"
@@ -17,6 +16,29 @@
 #include <trilba/core/ISystemLocationSettings.h>
 
 namespace orvexd {
+
+class DbusService;
+
+/// The process-wide main loop as the service on the bus sees it. The order of the operations is
+/// part of the interface. Main loop's thread.
+class IMainLoop {
+public:
+    virtual ~IMainLoop() = default;
+
+    /// Creates the service and takes its name on the bus. A second call does nothing.
+    /// @return false when the environment is not right or the name cannot be had.
+    virtual bool init(int argc, char** argv) = 0;
+    /// Destroys the service, which ends a running exchange first.
+    virtual void deinit() = 0;
+    /// Runs until `quit`. @return 0, or 1 when `init` has not succeeded.
+    virtual int run() = 0;
+    /// Asks the running loop to stop. Nothing happens when none runs.
+    virtual void quit() = 0;
+    /// Null before `init` and after `deinit`.
+    virtual DbusService* getService() = 0;
+    /// True when the process runs as root and the device identity is in the environment.
+    virtual bool checkEnvironment() = 0;
+};
 
 /// The daemon's client interface on the system bus. Owns the gateway core. Main loop's thread only,
 /// which the bus connection shares with nobody, so there is no lock.

@@ -3,7 +3,6 @@
 #include "core/OrvexMain.h"
 #include "dbus/BusLink.h"
 #include "dbus/DbusService.h"
-#include "dbus/IMainLoop.h"
 #include "protocol/Codes.h"
 #include "protocol/Names.h"
 

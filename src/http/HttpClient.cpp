@@ -3,7 +3,6 @@
 #include "config/ConfHandler.h"
 #include "config/MapWrapper.h"
 #include "http/IExchangeOwner.h"
-#include "http/ProcessorLimit.h"
 #include "http/RequestBody.h"
 #include "http/TransferOptions.h"
 #include "protocol/Codes.h"

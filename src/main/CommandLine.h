@@ -1,5 +1,15 @@
 #pragma once
 
+#include "protocol/Names.h"
+
+#include <cstdio>
+#include <span>
+#include <string>
+#include <string_view>
+#include <trilba/core/Directory.h>
+#include <trilba/core/SystemInfo.h>
+#include <unistd.h>
+
 namespace orvexd {
 
 /// What the command line asks for beyond the options that have taken effect already.
@@ -12,9 +22,39 @@ enum class StartUp {
 /// of the program. "--daemon" or "-D" detaches, "--preinst-dir DIR" and "--storage-dir DIR" set the
 /// platform's directories, "--version" or "-v" ends the scan. Unknown words are skipped. An option
 /// that lacks its argument ends the scan.
-[[nodiscard]] StartUp applyCommandLine(int argc, char** argv);
+[[nodiscard]] inline StartUp applyCommandLine(int argc, char** argv) {
+    const std::span<char*> words(argv, argc > 0 ? static_cast<std::size_t>(argc) : 0);
+    for (auto word = words.begin(); word != words.end() && *word != nullptr; ++word) {
+        const std::string_view option(*word);
+        if (option == "--version" || option == "-v") {
+            return StartUp::PrintVersion;
+        }
+        if (option == "--daemon" || option == "-D") {
+            [[maybe_unused]] const int ignored = daemon(0, 0); // or serves in the foreground
+            continue;
+        }
+        const bool preinstalled = option == "--preinst-dir";
+        if (!preinstalled && option != "--storage-dir") {
+            continue;
+        }
+        if (++word == words.end() || *word == nullptr) {
+            break;
+        }
+        if (preinstalled) {
+            trilba::core::Directory::setPreinstalledFilesPath(*word);
+        } else {
+            trilba::core::Directory::setDefaultStoragePath(*word, false);
+        }
+    }
+    return StartUp::Serve;
+}
 
 /// Prints the one line that the daemon ever prints: platform version, platform id, build time.
-void printVersionBanner();
+inline void printVersionBanner() {
+    std::string platformId;
+    trilba::core::SystemInfo::getPlatformId(platformId);
+    std::printf("trilba %i.%i.%i [%s] orvexd built: %s %s\n", version::kMajor, version::kMinor,
+                version::kBuild, platformId.c_str(), __DATE__, __TIME__);
+}
 
 } // namespace orvexd

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "dbus/DbusService.h"
-#include "dbus/IMainLoop.h"
 #include "support/FreeWith.h"
 
 #include <glib.h>

@@ -1,6 +1,6 @@
 #include "network/OrvexNetworkManager.h"
 
-#include "protocol/States.h"
+#include "protocol/Codes.h"
 #include "support/Deployment.h"
 
 #include <algorithm>

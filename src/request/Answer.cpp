@@ -332,24 +332,4 @@ void Answer::setCancelled(bool cancelled) {
     }
 }
 
-bool Answer::isCancelled() const {
-    const Lock guard(lock_);
-    return cancelled_;
-}
-
-bool Answer::isWaitingForGetData() const {
-    const Lock guard(lock_);
-    return waitingForGetData_;
-}
-
-std::size_t Answer::storedBytes() const {
-    const Lock guard(lock_);
-    return pressure_.waiting();
-}
-
-bool Answer::isPausing() const {
-    const Lock guard(lock_);
-    return pressure_.isPausing();
-}
-
 } // namespace orvexd

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "protocol/Codes.h"
-#include "protocol/States.h"
 #include "support/ByteQueue.h"
 #include "support/MemoryBudget.h"
 #include "support/Probes.h"
@@ -187,13 +186,22 @@ public:
     void requestNextChunk();
 
     /// True while the next chunk is held until the client asks for it. Any thread.
-    [[nodiscard]] bool isWaitingForGetData() const;
+    [[nodiscard]] bool isWaitingForGetData() const {
+        const Lock guard(lock_);
+        return waitingForGetData_;
+    }
 
     /// Bytes that are stored and not yet fetched. Any thread.
-    [[nodiscard]] std::size_t storedBytes() const;
+    [[nodiscard]] std::size_t storedBytes() const {
+        const Lock guard(lock_);
+        return pressure_.waiting();
+    }
 
     /// True while the worker pauses for the client. Any thread.
-    [[nodiscard]] bool isPausing() const;
+    [[nodiscard]] bool isPausing() const {
+        const Lock guard(lock_);
+        return pressure_.isPausing();
+    }
 
     /// Stored bytes at which the worker pauses.
     [[nodiscard]] std::size_t highWater() const noexcept { return pressure_.highWater(); }
@@ -202,7 +210,10 @@ public:
     /// still counts parts, so that the request reaches Delivered. No chunk is posted after the
     /// call, so what the caller posts next comes behind all of them. Any thread.
     void setCancelled(bool cancelled);
-    [[nodiscard]] bool isCancelled() const;
+    [[nodiscard]] bool isCancelled() const {
+        const Lock guard(lock_);
+        return cancelled_;
+    }
 
 private:
     /// One response part on its way to the client.

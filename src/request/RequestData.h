@@ -1,6 +1,6 @@
 #pragma once
 
-#include "protocol/States.h"
+#include "protocol/Codes.h"
 #include "request/Answer.h"
 #include "request/OutgoingPart.h"
 #include "support/Statistics.h"

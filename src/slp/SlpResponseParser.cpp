@@ -13,18 +13,9 @@ namespace orvexd {
 
 namespace {
 
-constexpr std::string_view kLineBreak = "\r\n";
 constexpr std::string_view kHeadStart = "HTTP";
 constexpr const char* kFaultyMime = "faulty MIME data";
 constexpr const char* kFaultyDocument = "could not parse document"; // too long to be looked at
-
-/// The end of `bytes` that may be the line break in front of a delimiter.
-std::string_view lineBreakAtEnd(std::string_view bytes) {
-    if (bytes.ends_with(kLineBreak)) {
-        return bytes.substr(bytes.size() - kLineBreak.size());
-    }
-    return bytes.ends_with('\r') ? bytes.substr(bytes.size() - 1) : std::string_view();
-}
 
 } // namespace
 
@@ -289,8 +280,7 @@ void SlpResponseParser::expectNextPart(const std::string& id) {
 /// Delivers bytes to the current request. A line break at their end is held back, because it may
 /// belong to a delimiter that comes next.
 /// @param first the bytes stand directly behind the header block. The request hears that its part
-/// has
-///   begun even when there are no bytes.
+/// has begun even when there are no bytes.
 void SlpResponseParser::deliver(std::string_view bytes, bool partComplete, bool first) {
     std::string joined;
     if (!held_.empty()) {
@@ -344,10 +334,7 @@ void SlpResponseParser::finish() {
     }
     insidePart_ = false;
     inHeaderPart_ = false;
-    const bool complete = std::all_of(requests_.begin(), requests_.end(), [](const auto& request) {
-        return request->hasExpectedPartIds() && !request->hasOutstandingPartIds();
-    });
-    if (!complete && !givenUp_) {
+    if (!parts_.areComplete() && !givenUp_) {
         recordError(failure::kFormat, "missing MIME parts");
     }
     parts_.finish();

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "request/Answer.h"
-#include "slp/AnnouncedParts.h"
+#include "slp/SlpDocument.h"
 #include "support/MemoryBudget.h"
 
 #include <cstddef>

@@ -12,6 +12,7 @@ inline constexpr auto kNone = std::string_view::npos;
 
 /// The empty line that ends a block of header lines, with the line break before it.
 inline constexpr std::string_view kBlankLine = "\r\n\r\n";
+inline constexpr std::string_view kLineBreak = "\r\n";
 
 /// ASCII lower case. Bytes above 127 stay as they are, whatever the locale.
 constexpr char asciiLower(char c) noexcept {
@@ -40,6 +41,14 @@ constexpr char asciiLower(char c) noexcept {
                                     [](char a, char b) { return asciiLower(a) == asciiLower(b); });
     return found == text.end() ? std::string_view::npos
                                : static_cast<std::size_t>(found - text.begin());
+}
+
+/// The end of `bytes` that may be the line break in front of a delimiter.
+[[nodiscard]] inline std::string_view lineBreakAtEnd(std::string_view bytes) {
+    if (bytes.ends_with(kLineBreak)) {
+        return bytes.substr(bytes.size() - kLineBreak.size());
+    }
+    return bytes.ends_with('\r') ? bytes.substr(bytes.size() - 1) : std::string_view();
 }
 
 /// Answers "where is the next one?" for positions that only grow. The place found last is the

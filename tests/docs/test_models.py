@@ -51,7 +51,8 @@ def test_every_field_of_a_model_is_in_the_list(model):
 
 
 def test_the_states_of_the_models_are_the_codes_in_their_order():
-    known = re.findall(r"^    (\w+) = \d,", read("src/protocol/States.h"), re.M)
+    (states,) = re.findall(r"enum class RequestState.*?\};", read("src/protocol/Codes.h"), re.DOTALL)
+    known = re.findall(r"^    (\w+) = \d,", states, re.M)
     lists = [
         re.findall(r"\w+", text)
         for model in MODELS

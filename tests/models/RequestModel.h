@@ -1,7 +1,6 @@
 #pragma once
 
 #include "protocol/Codes.h"
-#include "protocol/States.h"
 
 #include <algorithm>
 #include <cstddef>

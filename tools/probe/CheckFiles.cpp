@@ -1,7 +1,6 @@
 #include "probe/CheckFiles.h"
 
 #include "findings/Files.h"
-#include "http/KeyPassphrase.h"
 #include "http/TransferOptions.h"
 
 #include <array>

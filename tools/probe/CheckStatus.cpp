@@ -1,7 +1,7 @@
 #include "probe/CheckStatus.h"
 
 #include "network/OrvexNetworkManager.h"
-#include "protocol/States.h"
+#include "protocol/Codes.h"
 
 #include <glib.h>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "dbus/IMainLoop.h"
+#include "dbus/DbusService.h"
 
 #include <bit>
 #include <cstddef>

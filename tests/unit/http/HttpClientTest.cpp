@@ -5,9 +5,9 @@
 #include "fakes/FakeCurl.h"
 #include "fakes/FakePlatform.h"
 #include "fakes/MainContext.h"
-#include "http/KeyPassphrase.h"
 #include "http/RecordingOwner.h"
 #include "http/RequestBody.h"
+#include "http/TransferOptions.h"
 #include "slp/SlpResponseParser.h"
 #include "support/Deployment.h"
 

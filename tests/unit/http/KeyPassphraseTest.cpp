@@ -1,5 +1,4 @@
-#include "http/KeyPassphrase.h"
-
+#include "http/TransferOptions.h"
 #include "support/Deployment.h"
 
 #include <array>

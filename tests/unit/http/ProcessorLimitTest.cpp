@@ -1,4 +1,4 @@
-#include "http/ProcessorLimit.h"
+#include "http/HttpClient.h"
 
 #include <gtest/gtest.h>
 

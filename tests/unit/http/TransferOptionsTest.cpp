@@ -27,20 +27,21 @@ protected:
 
 TEST_F(SocketOptionTest, ClampsTheSegmentSizeOfTheConnection) {
     ASSERT_NE(segmentSize(), 1200);
-    EXPECT_EQ(TransferOptions::clampSegmentSize(nullptr, socket_, CURLSOCKTYPE_IPCXN),
+    EXPECT_EQ(TransferOptions::socketOptionCallback(nullptr, socket_, CURLSOCKTYPE_IPCXN),
               CURL_SOCKOPT_OK);
     EXPECT_EQ(segmentSize(), 1200);
 }
 
 TEST_F(SocketOptionTest, LeavesSocketsOfAnotherPurposeAlone) {
     const int before = segmentSize();
-    EXPECT_EQ(TransferOptions::clampSegmentSize(nullptr, socket_, CURLSOCKTYPE_ACCEPT),
+    EXPECT_EQ(TransferOptions::socketOptionCallback(nullptr, socket_, CURLSOCKTYPE_ACCEPT),
               CURL_SOCKOPT_OK);
     EXPECT_EQ(segmentSize(), before);
 }
 
 TEST_F(SocketOptionTest, GoesOnWhenTheSystemRefuses) {
-    EXPECT_EQ(TransferOptions::clampSegmentSize(nullptr, -1, CURLSOCKTYPE_IPCXN), CURL_SOCKOPT_OK);
+    EXPECT_EQ(TransferOptions::socketOptionCallback(nullptr, -1, CURLSOCKTYPE_IPCXN),
+              CURL_SOCKOPT_OK);
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 // What must not depend on the machine's word: the daemon is at home on 32-bit ARM.
 #include "http/RequestBody.h"
 #include "protocol/Codes.h"
-#include "protocol/States.h"
 #include "request/Answer.h"
 #include "request/OutgoingPart.h"
 #include "support/ByteQueue.h"
