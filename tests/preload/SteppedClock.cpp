@@ -1,8 +1,8 @@
 // Moves the clocks of one process while it runs: the machine's own clocks must not be touched.
 //
-// Preloaded. The file that ORVEXD_STEPPED_CLOCK names holds two steps in seconds as signed 64-bit
-// numbers, the wall clock's and the monotonic clock's, which are read at every question for the
-// time. Who sleeps already sleeps as long as before, and so does the C library itself, which asks
+// Preloaded. The file that ORVEXD_STEPPED_CLOCK names holds three steps in seconds as signed 64-bit
+// numbers, the wall clock's, the monotonic clock's and that of a thread's processor time, which are
+// read at every question for the time. Who sleeps already sleeps as long as before, and so does the C library itself, which asks
 // the kernel without asking here.
 
 #include <atomic>
@@ -20,6 +20,7 @@ namespace {
 struct Steps {
     std::atomic<std::int64_t> wall;
     std::atomic<std::int64_t> monotonic;
+    std::atomic<std::int64_t> processor;
 };
 using GetTime = int (*)(clockid_t, timespec*);
 
@@ -48,7 +49,9 @@ std::int64_t stepOf(clockid_t clock) noexcept {
     case CLOCK_MONOTONIC_COARSE:
     case CLOCK_MONOTONIC_RAW:
         return shared->monotonic;
-    default: // processor time and the like
+    case CLOCK_THREAD_CPUTIME_ID:
+        return shared->processor;
+    default:
         return 0;
     }
 }

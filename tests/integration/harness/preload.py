@@ -10,7 +10,7 @@ from . import observe
 from .settings import BUILD_DIR
 
 _FLOCK = {"x86_64": "73"}.get(os.uname().machine)
-_STEPS = struct.Struct("=qq")
+_STEPS = struct.Struct("=qqq")
 
 
 def preload(daemon, name, **environment):
@@ -53,11 +53,11 @@ class SteppedClock:
 
     def __init__(self, daemon, directory):
         path = directory / "stepped-clock"
-        path.write_bytes(_STEPS.pack(0, 0))
+        path.write_bytes(_STEPS.pack(0, 0, 0))
         preload(daemon, "SteppedClock", ORVEXD_STEPPED_CLOCK=path)
         with open(path, "r+b") as file:
             self._memory = mmap.mmap(file.fileno(), _STEPS.size)
 
-    def step_to(self, wall=0, monotonic=0):
+    def step_to(self, wall=0, monotonic=0, processor=0):
         """Lets the daemon's clocks be so many seconds ahead of the machine's."""
-        _STEPS.pack_into(self._memory, 0, wall, monotonic)
+        _STEPS.pack_into(self._memory, 0, wall, monotonic, processor)
