@@ -8,16 +8,19 @@ import subprocess
 
 from harness.observe import poll_for
 
+from debian_packages import output_of
+
 CGROUPS = pathlib.Path("/sys/fs/cgroup")
 
 # Everything that a boot loader and an initial file system would have done. The network has nothing but a loopback.
+# As in every container, /sys is read-only: udev is not started then, and NetworkManager does not wait for it.
 BOOT = """
 set -e
 mount --make-rprivate /
 mount --bind {root} {root}
 cd {root}
 mount -t proc proc proc
-mount -t sysfs sysfs sys
+mount -t sysfs -o ro sysfs sys
 mount -t cgroup2 cgroup2 sys/fs/cgroup
 mount -t tmpfs tmpfs run
 mount -t tmpfs tmpfs tmp
@@ -98,6 +101,15 @@ class Booted:
         """What the unit's programs have said, and what was said about them."""
         return self.must("journalctl", "--unit=orvexd", "--output=cat", "--no-pager")
 
+    def in_its_network(self, *words):
+        """The words that run a command of this machine in the network inside."""
+        return ["nsenter", "--target", str(self.pid), "--net", *words]
+
+    def add_cable(self, name, far, there):
+        """A cable whose far end is in another network namespace, that of the process `there`."""
+        peer = ["peer", far, "netns", there]
+        output_of(*self.in_its_network("ip", "link", "add", name, "type", "veth", *peer))
+
     def stop(self):
         """All processes inside end with the first one."""
         inner = getattr(self, "pid", None)
@@ -117,3 +129,4 @@ class Booted:
             return True
 
         poll_for(gone, 20, "the end of the control group")
+        (self._root / ".old").rmdir()

@@ -1,10 +1,11 @@
 """The packages in a Debian that is booted with systemd and NetworkManager: no platform file is there."""
 
+import json
 import subprocess
 
 import pytest
 
-from booted_network import BootedRoot
+from booted import Booted
 from debian_packages import dependencies_of, output_of
 from harness.keys import fill_preinst, make_keys
 from harness.observe import poll_for
@@ -21,10 +22,10 @@ REQUEST = [
     *["--request-version", "1.0", "--content-type", "application/xml", "--encoding", "binary"],
 ]
 PHONE = {"systemd-sysv", "dbus", "network-manager", "polkitd", "iproute2", "procps"}
-CABLE = """
-nmcli connection add type ethernet ifname nmv0 con-name cable ipv4.method manual \\
-  ipv4.addresses 192.0.2.10/24 ipv4.gateway 192.0.2.1 ipv6.method disabled
-nmcli --wait 20 connection up cable
+NETWORKS = {"cable": "192.0.2", "spare": "198.51.100"}
+CONNECTION = """
+nmcli connection add type ethernet ifname {name} con-name {name} ipv4.method manual autoconnect no \\
+  ipv4.addresses {network}.10/24 ipv4.gateway {network}.1 ipv4.route-metric {metric} ipv6.method disabled
 """
 
 
@@ -47,28 +48,29 @@ def keys(tmp_path_factory):
 
 @pytest.fixture(scope="module")
 def phone(make_root, runtime, keys, there):
-    """Booted, with the packages, and with a cable to where the server is."""
+    """Booted, with the packages, and with two cables to where the server is, one of them in use."""
     root = make_root("phone", dependencies_of(runtime) | PHONE)
     root.install(runtime)
     give_identity(root.path)
     fill_preinst(root.path / "usr/share/orvexd", keys)
     with open(root.path / "etc/hosts", "a", encoding="utf-8") as hosts:
         hosts.write(f"{SERVER} slp.kelvra.example\n")
-    # The cable is to wait for the test.
+    # The cables are to wait for the test.
     (root.path / "etc/NetworkManager/conf.d/test.conf").write_text("[main]\nno-auto-default=*\n", "utf-8")
-    phone = BootedRoot(root)
+    phone = Booted(root.path)
     try:
-        phone.boot()
-        phone.add_cable("nmv0", there)
         inside = ["nsenter", "-t", there, "--net"]
         output_of(*inside, "ip", "link", "set", "lo", "up")
         output_of(*inside, "ip", "address", "add", f"{SERVER}/32", "dev", "lo")
-        output_of(*inside, "ip", "address", "add", "192.0.2.1/24", "dev", "far")
-        output_of(*inside, "ip", "link", "set", "far", "up")
-        phone.must("sh", "-euc", CABLE)
+        for metric, (name, network) in zip((200, 100), NETWORKS.items()):
+            phone.add_cable(name, f"far-{name}", there)
+            output_of(*inside, "ip", "address", "add", f"{network}.1/24", "dev", f"far-{name}")
+            output_of(*inside, "ip", "link", "set", f"far-{name}", "up")
+            phone.must("sh", "-euc", CONNECTION.format(name=name, network=network, metric=metric))
+        phone.must("nmcli", "--wait", "20", "connection", "up", "cable")
         yield phone
     finally:
-        phone.halt()
+        phone.stop()
 
 
 def status(phone):
@@ -76,7 +78,7 @@ def status(phone):
 
 
 def wait_for_status(phone, wanted):
-    poll_for(lambda: status(phone) == wanted, 20, lambda: f"{wanted}, but {status(phone)}\n{phone.report()}")
+    poll_for(lambda: status(phone) == wanted, 20, lambda: f"{wanted}, but {status(phone)}\n{phone.journal()}")
 
 
 def test_sandboxed_unit_sees_the_live_network(phone):
@@ -87,21 +89,73 @@ def test_sandboxed_unit_sees_the_live_network(phone):
 
 
 def test_metered_network_is_of_kind_two(phone):
-    phone.must("nmcli", "device", "modify", "nmv0", "connection.metered", "yes")
+    phone.must("nmcli", "device", "modify", "cable", "connection.metered", "yes")
     wait_for_status(phone, "connected (1)")
-    phone.must("nmcli", "device", "modify", "nmv0", "connection.metered", "no")
+    phone.must("nmcli", "device", "modify", "cable", "connection.metered", "no")
     wait_for_status(phone, "connected, kind 1 (3)")
 
 
-def test_request_travels_over_the_cable(phone, keys, there, tmp_path):
-    server = TestServer(
-        tmp_path, keys, "--port", "443", host="0.0.0.0", prefix=["nsenter", "-t", there, "--net"]
-    )
-    try:
-        answer = phone.must(*REQUEST, input=FINGERPRINT.read_text("utf-8"))
-        assert "<position latitude=" in answer
-    finally:
-        server.process.stop()
+_ASK = """
+import sys, urllib.request
+request = urllib.request.Request(sys.argv[2], sys.stdin.buffer.read() or None, method=sys.argv[1])
+sys.stdout.buffer.write(urllib.request.urlopen(request).read())
+"""
+
+
+class ServerThere(TestServer):
+    """The server in the other network, whose control port is reached from that network only."""
+
+    __test__ = False
+
+    def __init__(self, directory, keys, there):
+        self._enter = ["nsenter", "--target", there, "--net"]
+        super().__init__(directory, keys, "--port", "443", host="0.0.0.0", prefix=self._enter)
+
+    def _ask(self, method, path, values=None):
+        url = f"http://127.0.0.1:{self.control_port}{path}"
+        body = "" if values is None else json.dumps(values)
+        answer = output_of(*self._enter, "/usr/bin/python3", "-c", _ASK, method, url, input=body)
+        return json.loads(answer) if answer.startswith(("{", "[")) else answer
+
+
+@pytest.fixture
+def server(tmp_path, keys, there):
+    server = ServerThere(tmp_path, keys, there)
+    yield server
+    server.stop()
+
+
+def begin_request(phone):
+    with open(FINGERPRINT, "rb") as question:
+        return subprocess.Popen(
+            phone.command(*REQUEST), stdin=question, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
+        )
+
+
+def expect_position(request):
+    answer, errors = request.communicate(timeout=100)
+    assert request.returncode == 0, errors
+    assert "<position latitude=" in answer
+
+
+def test_request_travels_over_the_cable(phone, server):
+    assert server
+    expect_position(begin_request(phone))
+
+
+def test_request_in_the_middle_of_a_handover_is_answered_and_so_is_the_next(phone, server):
+    server.queue({"on": [{"at": "upload-end", "do": "wait", "event": "answer"}]})
+    before = begin_request(phone)
+    server.wait(1, "upload-end")
+    phone.must("nmcli", "--wait", "20", "connection", "up", "spare")
+    wait_for_status(phone, "connected, kind 1 (3)")
+    server.give("answer")
+    expect_position(before)
+    phone.must("nmcli", "connection", "down", "cable")
+    wait_for_status(phone, "connected, kind 1 (3)")
+    expect_position(begin_request(phone))
+    phone.must("nmcli", "--wait", "20", "connection", "up", "cable")
+    phone.must("nmcli", "connection", "down", "spare")
 
 
 def test_loss_and_return_of_the_network_are_seen(phone):
