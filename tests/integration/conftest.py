@@ -5,14 +5,19 @@ import shutil
 
 import pytest
 
-from harness import waiting
 from harness.become_root import become_root
 from harness.client import Client
-from harness.daemon import Daemon, DaemonDefect
-from harness.keys import fill_preinst, make_keys
+from harness.daemon import Daemon
 from harness.platform_file import Platform
 from harness.private_bus import PrivateBus
 from harness.raw_client import RawClient
+from harness.reports import (  # pylint: disable=unused-import
+    keys,
+    no_guards_left,
+    preinst,
+    pytest_runtest_makereport,
+    reported,
+)
 from harness.settings import BUS_NAME, DAEMON, TIME_FACTOR, is_sanitized
 from harness.slp_server import TestServer
 from harness.stand_in import StandIn
@@ -38,64 +43,6 @@ def pytest_collection_modifyitems(config, items):
     for item in items:
         if item.get_closest_marker("timeout") is None:
             item.add_marker(pytest.mark.timeout(300 * TIME_FACTOR))
-
-
-def defect_of(failure, reporters):
-    """What is wrong with the daemon of a failed test, or None."""
-    if failure.errisinstance(DaemonDefect):
-        return str(failure.value).splitlines()[0]
-    daemons = (reporter for _, reporter in reporters if isinstance(reporter, Daemon))
-    return next(filter(None, (daemon.defect() for daemon in daemons)), None)
-
-
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    """Adds what the daemon and the server have to say to the report of a failed test."""
-    report = (yield).get_result()
-    if not report.failed:
-        return
-    reporters = getattr(item, "reporters", [])
-    if defect := defect_of(call.excinfo, reporters):
-        # scripts/test tries no test with this property again.
-        item.user_properties.append(("defect", defect))
-    for name, reporter in reporters:
-        try:
-            report.sections.append((name, reporter.report()))
-        except Exception as error:  # pylint: disable=broad-except
-            report.sections.append((name, f"no report: {error}"))
-
-
-@pytest.fixture(autouse=True)
-def no_guards_left():
-    """A daemon that was given up must not make the next test fail."""
-    yield
-    waiting.guards.clear()
-
-
-@pytest.fixture
-def reported(request):
-    """Call it with a name and an object that has report(): shown when the test fails."""
-    request.node.reporters = []
-
-    def add(name, reporter):
-        request.node.reporters.append((name, reporter))
-        return reporter
-
-    return add
-
-
-@pytest.fixture(scope="session")
-def keys(tmp_path_factory):
-    """A directory with a set of throw-away keys."""
-    directory = tmp_path_factory.mktemp("keys")
-    make_keys(directory)
-    return directory
-
-
-@pytest.fixture
-def preinst(tmp_path, keys):
-    """A preinstalled-files directory of the test's own, which it may spoil."""
-    return fill_preinst(tmp_path / "preinst", keys)
 
 
 @pytest.fixture

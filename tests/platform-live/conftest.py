@@ -5,11 +5,16 @@ import pathlib
 
 import pytest
 
-from harness import waiting
 from harness.client import Client
 from harness.daemon import Daemon
-from harness.keys import fill_preinst, make_keys
 from harness.private_bus import PrivateBus
+from harness.reports import (  # pylint: disable=unused-import
+    keys,
+    no_guards_left,
+    preinst,
+    pytest_runtest_makereport,
+    reported,
+)
 from harness.settings import TIME_FACTOR
 from harness.slp_server import TestServer
 from live import cables
@@ -31,52 +36,11 @@ def pytest_collection_modifyitems(config, items):
             item.add_marker(pytest.mark.timeout(300 * TIME_FACTOR))
 
 
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item):
-    """Adds what everybody has to say to the report of a failed test."""
-    report = (yield).get_result()
-    if report.failed:
-        for name, reporter in getattr(item, "reporters", []):
-            try:
-                report.sections.append((name, reporter.report()))
-            except Exception as error:  # pylint: disable=broad-except
-                report.sections.append((name, f"no report: {error}"))
-
-
-@pytest.fixture(autouse=True)
-def no_guards_left():
-    yield
-    waiting.guards.clear()
-
-
-@pytest.fixture
-def reported(request):
-    request.node.reporters = []
-
-    def add(name, reporter):
-        request.node.reporters.append((name, reporter))
-        return reporter
-
-    return add
-
-
 @pytest.fixture(scope="session", autouse=True)
 def cables_laid():
     """The networks, and the certainty that no machine in use is touched."""
     assert os.path.ismount("/etc"), "to be run by tests/platform-live/enter"
     cables.lay()
-
-
-@pytest.fixture(scope="session")
-def keys(tmp_path_factory):
-    directory = tmp_path_factory.mktemp("keys")
-    make_keys(directory)
-    return directory
-
-
-@pytest.fixture
-def preinst(tmp_path, keys):
-    return fill_preinst(tmp_path / "preinst", keys)
 
 
 @pytest.fixture
