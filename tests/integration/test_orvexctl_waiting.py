@@ -14,6 +14,8 @@ from harness.settings import EXAMPLES
 
 start_fixture = orvexctl.FIXTURE
 
+pytestmark = pytest.mark.waits
+
 TIMED_OUT = 5
 COMMANDS = pytest.mark.parametrize(
     "words", [["status"], ["request", *ECHO], ["cancel", "1", "1"], ["quit"]], ids=lambda words: words[0]
