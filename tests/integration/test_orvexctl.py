@@ -238,17 +238,6 @@ def test_answer_that_breaks_off_has_a_status_of_its_own(start, stand_in):
     assert '"Transferred a partial file"' in run.stderr
 
 
-def test_input_slower_than_the_daemons_patience_is_refused(start, daemon):
-    run = start("request", *ECHO, stdin=subprocess.PIPE)
-    run.child.stdin.write(b"begin")
-    run.child.stdin.flush()
-    time.sleep(6)  # the daemon's five seconds are what this is about
-    run.child.stdin.write(b"end")
-    run.child.stdin.close()
-    # Also when the server has answered the torso by then.
-    assert run.wait() == 25, run.report()
-
-
 def test_vanishing_daemon_ends_the_request_at_once(start, daemon, server):
     server.queue(HELD_ANSWER)
     run = start("request", *ECHO)
