@@ -68,10 +68,21 @@ def test_daemon_that_hangs_is_named(words, what, start, hung):
     expect_overdue(start(*words, "--timeout", "1"), what)
 
 
-def test_request_that_travels_with_others_waits_for_them(start, platform, client):
-    platform.write(connections=[(2, True, False)])
-    client.wait_for_status(1)
-    expect_overdue(start("request", *ECHO, "--attach", "--timeout", "1"), "the exchange of another request")
+@pytest.mark.parametrize(
+    "connections, status, what",
+    [
+        ([(2, True, False)], 1, "the exchange of another request"),
+        ([(2, True, True)], 5, "a network connection that the request may use"),
+        ([], 0, "a network connection that the request may use"),
+    ],
+    ids=["usable", "restricted", "none"],
+)
+def test_request_that_travels_with_others_waits_for_them_or_a_network(
+    connections, status, what, start, platform, client
+):
+    platform.write(connections=connections)
+    client.wait_for_status(status)
+    expect_overdue(start("request", *ECHO, "--attach", "--timeout", "1"), what)
 
 
 def test_proxy_that_says_nothing_is_told_from_the_server(start, daemon, server):

@@ -29,6 +29,23 @@ const char* wordsOf(OrvexRequestState state) {
     }
 }
 
+/// Whether a request of this policy may use the network.
+bool isUsable(OrvexStatus status, std::uint32_t policy) {
+    constexpr std::uint32_t kAny = 3;
+    const bool restricted = (status & ORVEX_STATUS_FLAGGED) != 0;
+    return (status & ORVEX_STATUS_CONNECTED) != 0 &&
+           (policy == kAny || (policy == kAny - 1 && !restricted));
+}
+
+/// What a request waits for that the daemon has taken.
+Awaited awaitedInDaemon(OrvexStatus status, const RequestOptions& options) {
+    // Every policy allows a connection of kind 1, and there an attached request starts an exchange.
+    if (!options.attach || (status & ORVEX_STATUS_KIND_ONE) != 0) {
+        return Awaited::Exchange;
+    }
+    return isUsable(status, options.policy) ? Awaited::OtherExchange : Awaited::Network;
+}
+
 ObjectRef<OrvexRequest> makeRequest(const RequestOptions& options) {
     ObjectRef<OrvexRequest> request{orvex_request_new(options.element.c_str(), options.type.c_str(),
                                                       options.version.c_str(),
@@ -244,13 +261,9 @@ Failure RequestSession::failureOf(const GError& error) const {
 
 /// What the request stands and waits for.
 Awaited RequestSession::awaited() const {
-    const OrvexStatus status = orvex_client_get_status(client_.get());
     switch (reached_) {
     case ORVEX_REQUEST_STATE_WAITING:
-        if (!options_.attach || (status & ORVEX_STATUS_KIND_ONE) != 0) {
-            return Awaited::Exchange;
-        }
-        return (status & ORVEX_STATUS_CONNECTED) != 0 ? Awaited::OtherExchange : Awaited::Network;
+        return awaitedInDaemon(orvex_client_get_status(client_.get()), options_);
     case ORVEX_REQUEST_STATE_SENDING:
         return source_.isDry() ? Awaited::Input : Awaited::Upload;
     case ORVEX_REQUEST_STATE_SENT:
