@@ -17,6 +17,7 @@ class Wait {
 public:
     /// @param limit zero for none
     explicit Wait(std::chrono::seconds limit);
+    ~Wait() = default;
     Wait(const Wait&) = delete;
     Wait& operator=(const Wait&) = delete;
 
