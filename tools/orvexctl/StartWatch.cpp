@@ -2,6 +2,7 @@
 
 #include "doctor/UnitFacts.h"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -18,12 +19,7 @@ constexpr int kPatience = 2000; // milliseconds
 constexpr std::array<std::string_view, 4> kFailures{"failed", "timeout", "dependency", "canceled"};
 
 bool isFailure(std::string_view result) {
-    for (const std::string_view each : kFailures) {
-        if (each == result) {
-            return true;
-        }
-    }
-    return false;
+    return std::ranges::find(kFailures, result) != kFailures.end();
 }
 
 std::string reasonOf(const UnitFacts& unit) {
