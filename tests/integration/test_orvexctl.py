@@ -702,6 +702,11 @@ def test_quiet_shows_no_progress(start, daemon):
     assert on_a_terminal(start, "request", *ECHO, "--quiet") == ""
 
 
+def test_verbose_takes_the_place_of_progress(start, daemon):
+    shown = on_a_terminal(start, "request", *ECHO, "--verbose")
+    assert "the answer is complete" in shown and "\x1b[K" not in shown
+
+
 @pytest.mark.parametrize("command", ["", *COMMANDS])
 def test_completion_knows_every_option(command, start):
     run = start(*filter(None, [command]), "--help")

@@ -10,7 +10,7 @@ import pytest
 from gi.repository import Gio, GLib
 
 from harness import orvexctl
-from harness.activation import with_service
+from harness.activation import start_activating_bus, with_service, write_variables
 from harness.bus_connection import connect
 from harness.observe import poll_for
 from harness.orvexctl import ECHO
@@ -137,6 +137,22 @@ def test_end_of_other_jobs_does_not_matter(start, manager, started):
     manager.remove_job("failed", unit="other.service")
     assert run.wait() == 3
     assert "waited for the start of the daemon" in run.stderr
+
+
+def test_daemon_that_runs_is_not_given_up(start, make_bus, tmp_path, platform):
+    platform.write(connections=[(2, True, False)])
+    folder = tmp_path / "activating"
+    folder.mkdir()
+    write_variables(folder / "variables", platform)
+    bus = start_activating_bus(make_bus, folder, folder / "variables")
+    manager = Manager(bus.address)
+    run = start("request", *ECHO, "--attach", "--verbose", "--timeout", "1", address=bus.address)
+    poll_for(lambda: "as request" in run.stderr, 10, "the daemon's answer")
+    manager.unit = FAILED
+    manager.remove_job("failed")
+    assert run.wait() == 5, run.report()
+    assert start("quit", address=bus.address).wait() == 0
+    manager.bus.close_sync(None)
 
 
 @pytest.mark.parametrize("words", [["status"], ["request", *ECHO]], ids=["status", "request"])

@@ -308,6 +308,9 @@ void RequestSession::stateChanged(OrvexRequest* request, OrvexRequestState state
         session.reached_ = state;
         session.moved_ = std::chrono::steady_clock::now();
     }
+    if (state == ORVEX_REQUEST_STATE_WAITING) {
+        session.start_.reset(); // it runs, whatever becomes of the unit's next jobs
+    }
     session.tellStep(state);
     const TextRef key{orvex_request_dup_key(request)};
     session.progress_.setKey(key == nullptr ? "" : key.get());
