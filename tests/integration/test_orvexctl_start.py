@@ -14,7 +14,7 @@ from harness.activation import start_activating_bus, with_service, write_variabl
 from harness.bus_connection import connect
 from harness.observe import poll_for
 from harness.orvexctl import ECHO
-from harness.settings import BUS_NAME
+from harness.settings import BUS_NAME, patience
 from harness.waiting import wait_for
 
 start_fixture = orvexctl.FIXTURE
@@ -130,7 +130,7 @@ def test_request_does_not_wait_for_a_daemon_that_does_not_start(start, manager, 
 
 
 def test_end_of_other_jobs_does_not_matter(start, manager, started):
-    run = start("status", "--timeout", "1")
+    run = start("status", "--timeout", round(patience(2)))
     wait_until_tried(run, started)
     manager.unit = FAILED
     manager.remove_job("done")
@@ -146,7 +146,7 @@ def test_daemon_that_runs_is_not_given_up(start, make_bus, tmp_path, platform):
     write_variables(folder / "variables", platform)
     bus = start_activating_bus(make_bus, folder, folder / "variables")
     manager = Manager(bus.address)
-    run = start("request", *ECHO, "--attach", "--verbose", "--timeout", "1", address=bus.address)
+    run = start("request", *ECHO, "--attach", "--verbose", "--timeout", round(patience(1)), address=bus.address)
     poll_for(lambda: "as request" in run.stderr, 10, "the daemon's answer")
     manager.unit = FAILED
     manager.remove_job("failed")
@@ -158,6 +158,6 @@ def test_daemon_that_runs_is_not_given_up(start, make_bus, tmp_path, platform):
 @pytest.mark.parametrize("words", [["status"], ["request", *ECHO]], ids=["status", "request"])
 def test_daemon_that_does_not_come_up_is_none_without_a_manager(words, start, started):
     run = start(*words, "--timeout", "1")
-    wait_until_tried(run, started)
+    poll_for(started.exists, 10, "the start")
     assert run.wait() == 3
     assert "waited for the start of the daemon" in run.stderr and "orvexctl doctor" in run.stderr
