@@ -11,7 +11,7 @@ namespace {
 /// so.
 constexpr gulong kOthersMayAsk = 300'000; // us
 
-constexpr std::uint32_t kUsualTimeout = 25; // seconds
+constexpr std::uint32_t kCancelTimeout = 25; // seconds
 
 } // namespace
 
@@ -22,7 +22,7 @@ ExitStatus CancelCommand::run(const std::vector<std::string>& words) {
         "show."};
     parser.setDescription("It has to be a request of the same user, unless root cancels it.\n"
                           "The daemon does not tell whether there was such a request.\n");
-    std::uint32_t timeout = kUsualTimeout;
+    std::uint32_t timeout = kCancelTimeout;
     parser.addNumber("timeout", 'T', "Give up after so long, 0 is never (25)", "SECONDS", timeout);
     const auto rest = parser.parse(words);
     if (rest.size() != 2) {

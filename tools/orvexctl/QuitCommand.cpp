@@ -8,13 +8,13 @@ namespace orvexd::ctl {
 namespace {
 
 /// The daemon ends its exchange before it answers, which may take one wait for data: 90 s.
-constexpr std::uint32_t kUsualTimeout = 150; // seconds
+constexpr std::uint32_t kQuitTimeout = 150; // seconds
 
 } // namespace
 
 ExitStatus QuitCommand::run(const std::vector<std::string>& words) {
     bool delayed = false;
-    std::uint32_t timeout = kUsualTimeout;
+    std::uint32_t timeout = kQuitTimeout;
     OptionParser parser{"quit", "", "Ends the daemon. Root only, by the bus policy."};
     parser.setDescription(
         "The daemon finishes a wait for data first, which may take up to 90 seconds.\n");

@@ -13,7 +13,7 @@ constexpr const char* kManager = "org.freedesktop.systemd1";
 constexpr const char* kManagerPath = "/org/freedesktop/systemd1";
 constexpr const char* kManagerInterface = "org.freedesktop.systemd1.Manager";
 constexpr std::string_view kUnit = "orvexd.service";
-constexpr int kPatience = 2000; // milliseconds
+constexpr int kSubscribing = 2000; // milliseconds
 
 /// What may come of a job that starts nothing.
 constexpr std::array<std::string_view, 4> kFailures{"failed", "timeout", "dependency", "canceled"};
@@ -52,7 +52,7 @@ StartWatch::~StartWatch() {
 void StartWatch::subscribe() {
     const VariantRef answer{g_dbus_connection_call_sync(
         bus_.get(), kManager, kManagerPath, kManagerInterface, "Subscribe", nullptr, nullptr,
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, kPatience, nullptr, nullptr)};
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, kSubscribing, nullptr, nullptr)};
     if (answer != nullptr) {
         subscription_ = g_dbus_connection_signal_subscribe(
             bus_.get(), kManager, kManagerInterface, "JobRemoved", kManagerPath, nullptr,

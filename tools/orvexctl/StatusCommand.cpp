@@ -14,9 +14,9 @@
 namespace orvexd::ctl {
 namespace {
 
-constexpr std::uint32_t kUsualTimeout = 25; // seconds
+constexpr std::uint32_t kStatusTimeout = 25; // seconds
 
-constexpr const char* kDescription =
+constexpr const char* kValues =
     "Values:\n"
     "  0  not connected\n"
     "  1  connected\n"
@@ -29,15 +29,15 @@ constexpr const char* kDescription =
 struct Options {
     bool watch = false;
     bool json = false;
-    std::chrono::seconds timeout{kUsualTimeout};
+    std::chrono::seconds timeout{kStatusTimeout};
 };
 
 Options parse(const std::vector<std::string>& words) {
     Options options;
-    std::uint32_t timeout = kUsualTimeout;
+    std::uint32_t timeout = kStatusTimeout;
     OptionParser parser{
         "status", "", "Prints the state of the device's network connection as the daemon sees it."};
-    parser.setDescription(kDescription);
+    parser.setDescription(kValues);
     parser.addFlag("watch", 'w', "Go on with one line per change, until interrupted",
                    options.watch);
     parser.addFlag("json", 'j', "Print one JSON object per line", options.json);

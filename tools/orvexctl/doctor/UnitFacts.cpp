@@ -10,15 +10,15 @@ namespace {
 constexpr const char* kUnit = "orvexd.service";
 constexpr const char* kManager = "org.freedesktop.systemd1";
 constexpr const char* kManagerPath = "/org/freedesktop/systemd1";
-constexpr int kPatience = 5000; // milliseconds
-constexpr int kExited = 1;      // CLD_EXITED
+constexpr int kManagerPatience = 5000; // milliseconds
+constexpr int kExited = 1;             // CLD_EXITED
 
 /// @return null on failure.
 VariantRef call(GDBusConnection* bus, const char* path, const char* interface, const char* member,
                 GVariant* arguments) {
     return VariantRef{g_dbus_connection_call_sync(bus, kManager, path, interface, member, arguments,
                                                   nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START,
-                                                  kPatience, nullptr, nullptr)};
+                                                  kManagerPatience, nullptr, nullptr)};
 }
 
 /// A property of an object of the service manager; null when it cannot be told.
