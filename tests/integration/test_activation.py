@@ -1,47 +1,29 @@
 """The bus starts the daemon when a client calls it, by the activation file that is shipped."""
 
 import os
-import re
 import subprocess
 
 import pytest
 from gi.repository import Gio, GLib
 
 from harness import observe
+from harness.activation import start_activating_bus, with_service, write_variables
 from harness.client import Client
-from harness.daemon import DEVICE
-from harness.private_bus import PERMISSIVE_POLICY
-from harness.settings import BUILD_DIR, BUS_NAME, DAEMON, OBJECT_PATH, patience
+from harness.settings import BUILD_DIR, BUS_NAME, OBJECT_PATH, patience
 
 ORVEXCTL = BUILD_DIR / "bin" / "orvexctl"
-SHIPPED = BUILD_DIR / "data" / "com.kelvra.orvexd.service"
 
 
 @pytest.fixture
 def environment_file(tmp_path, platform):
-    """What the administrator fills in."""
     path = tmp_path / "orvexd.env"
-    values = {**DEVICE, "TRILBA_PLATFORM_CONF": platform.path}
-    path.write_text("".join(f"{name}='{value}'\n" for name, value in values.items()), "utf-8")
+    write_variables(path, platform)
     return path
 
 
 @pytest.fixture
 def bus(tmp_path, make_bus, environment_file):
-    """A bus that knows the service: the shipped file, with this build's program and environment."""
-    text = SHIPPED.read_text("utf-8")
-    (program,) = re.findall(r"exec (\S+)\"$", text, re.MULTILINE)
-    (defaults,) = set(re.findall(r"-r (\S+) ", text))
-    services = tmp_path / "services"
-    services.mkdir()
-    (services / SHIPPED.name).write_text(
-        text.replace(program, str(DAEMON)).replace(defaults, str(environment_file)), "utf-8"
-    )
-    bus = make_bus(policy=f"{PERMISSIVE_POLICY}  <servicedir>{services}</servicedir>\n")
-    # The address goes to the daemon the way the administrator would give it.
-    with open(environment_file, "a", encoding="utf-8") as file:
-        file.write(f"DBUS_SYSTEM_BUS_ADDRESS='{bus.address}'\n")
-    return bus
+    return start_activating_bus(make_bus, tmp_path, environment_file)
 
 
 def process_of(client, name):
@@ -106,19 +88,11 @@ def test_orvexctl_explains_a_daemon_that_refuses_to_start(bus, environment_file)
 
 
 def test_orvexctl_explains_a_daemon_that_does_not_come_up(tmp_path, make_bus):
-    services = tmp_path / "services"
-    services.mkdir()
     # It lives for as long as its caller keeps the pipe, and never takes the name.
     read_end, write_end = os.pipe()
-    (services / SHIPPED.name).write_text(
-        f"[D-BUS Service]\nName={BUS_NAME}\nUser=root\n"
-        f'Exec=/bin/sh -c "read line </proc/{os.getpid()}/fd/{read_end}"\n',
-        "utf-8",
-    )
-    bus = make_bus(
-        policy=f"{PERMISSIVE_POLICY}  <servicedir>{services}</servicedir>\n",
-        limits={"service_start_timeout": 200},
-    )
+    command = f'/bin/sh -c "read line </proc/{os.getpid()}/fd/{read_end}"'
+    policy = with_service(tmp_path, f"[D-BUS Service]\nName={BUS_NAME}\nUser=root\nExec={command}\n")
+    bus = make_bus(policy=policy, limits={"service_start_timeout": 200})
     try:
         done = status_on(bus)
     finally:

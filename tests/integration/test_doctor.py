@@ -12,53 +12,19 @@ import tempfile
 
 import pytest
 
-from harness import agents, sandbox, shared
+from harness import agents, faulty_device, sandbox, shared
 from harness.daemon import DEVICE, Daemon
-from harness.faulty import SET_UPS, Device
-from harness.keys import make_keys
-from harness.preload import SteppedClock
+from harness.faulty import SET_UPS
 from harness.program import copy_of_orvexctl
 from harness.settings import BUILD_DIR, DAEMON, patience
 
 bus, server, platform, preinst, _, _ = shared.FIXTURES
+clock_and_daemon, fixture_daemon, other_keys, device_of_its_own = faulty_device.FIXTURES
 
 ORVEXCTL = BUILD_DIR / "bin" / "orvexctl"
 PROBE = BUILD_DIR / "bin" / "orvexd-probe"
 STATES = ["unknown", "fine", "doubtful", "broken"]
 HAS_IDS = agents.has_other_ids()
-
-
-@pytest.fixture(name="clock_and_daemon", scope="module")
-def fixture_clock_and_daemon(tmp_path_factory, bus, platform, preinst):
-    directory = tmp_path_factory.mktemp("daemon")
-    daemon = Daemon(directory, bus, platform.path, preinst)
-    clock = SteppedClock(daemon, directory)
-    for each in shared.running(daemon):
-        yield clock, each
-
-
-@pytest.fixture(name="daemon", scope="module")
-def fixture_daemon(clock_and_daemon):
-    return clock_and_daemon[1]
-
-
-@pytest.fixture(name="other_keys", scope="module")
-def fixture_other_keys(tmp_path_factory):
-    directory = tmp_path_factory.mktemp("other-keys")
-    make_keys(directory)
-    return directory
-
-
-@pytest.fixture(name="device")
-def fixture_device(server, platform, preinst, keys, other_keys, clock_and_daemon, tmp_path, reported):
-    """A sound set-up, whatever the test before has made of it."""
-    clock, daemon = clock_and_daemon
-    for name, each in (("test server", server), ("daemon", daemon)):
-        reported(name, each)
-    device = Device(server, platform, preinst, keys, other_keys, tmp_path / "identity", clock)
-    device.mend()
-    yield device
-    device.mend()
 
 
 class Doctor:

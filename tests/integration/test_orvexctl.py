@@ -7,25 +7,25 @@ import re
 import signal
 import subprocess
 import termios
-import threading
 import time
 
 import pytest
 from gi.repository import GLib
 
+from harness import orvexctl
 from harness.client import BusError
 from harness.observe import poll_for
-from harness.settings import BUILD_DIR, BUS_NAME, EXAMPLES, ROOT, patience
+from harness.orvexctl import ECHO, wait_for_output
+from harness.settings import BUS_NAME, EXAMPLES, ROOT, patience
 from harness.waiting import wait_for
 
-ORVEXCTL = BUILD_DIR / "bin" / "orvexctl"
 MANUAL = ROOT / "docs" / "man" / "orvexctl.1"
 COMPLETION = ROOT / "tools" / "orvexctl" / "completion" / "orvexctl"
 FINGERPRINT = EXAMPLES / "fingerprint.xml"
 
+start_fixture = orvexctl.FIXTURE
+
 COMMANDS = ["status", "request", "monitor", "cancel", "quit", "doctor"]
-# The test server sends the bytes of every request that is no fingerprint back.
-ECHO = ["--element", "echo", "--type", "other", "--request-version", "1", "--content-type", "text/plain"]
 POSITION = [
     *["--element", "fingerprintRequest", "--type", "fingerprint", "--request-version", "1.0"],
     *["--content-type", "application/xml"],
@@ -43,128 +43,11 @@ TWO_PARTS = {
 }
 HELD_ANSWER = {"on": [{"at": "upload-end", "do": "wait", "event": "answer"}]}
 
-# Prints the largest resident size of a command, in KiB, and ends with its status.
-MEASURE = """
-import resource, subprocess, sys
-status = subprocess.call(sys.argv[1:])
-print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
-sys.exit(status)
-"""
-
-
 def exit_statuses():
     """The list of the manual: the daemon's codes with the status of each."""
     text = MANUAL.read_text("utf-8")
     found = re.findall(r"^\.It (\d+)\n.*\((?:code )?(\d+)\)\.$", text, re.MULTILINE)
     return {int(code): int(status) for status, code in found}
-
-
-class Run:
-    """One orvexctl process; its output is collected while it runs."""
-
-    def __init__(
-        self,
-        environment,
-        arguments,
-        stdin=subprocess.DEVNULL,
-        stderr=subprocess.PIPE,
-        measured=False,
-    ):
-        command = ["setpriv", "--pdeathsig", "KILL"]
-        command += ["/usr/bin/python3", "-c", MEASURE] if measured else []
-        command += [ORVEXCTL, *arguments]
-        self.child = subprocess.Popen(
-            list(map(str, command)),
-            env=environment,
-            stdin=stdin,
-            stdout=subprocess.PIPE,
-            stderr=stderr,
-        )
-        self._output = {}
-        self._threads = [self._collect("stdout"), self._collect("stderr")]
-
-    def _collect(self, name):
-        self._output[name] = b""
-
-        def read():
-            stream = getattr(self.child, name)
-            while stream and (data := os.read(stream.fileno(), 65536)):
-                self._output[name] += data
-
-        thread = threading.Thread(target=read)
-        thread.start()
-        return thread
-
-    @property
-    def stdout(self):
-        return self._output["stdout"]
-
-    @property
-    def stderr(self):
-        return self._output["stderr"].decode()
-
-    def wait(self, seconds=30):
-        """Waits for the end, with the test's own bus connections served, and returns the status."""
-        try:
-            end = time.monotonic() + patience(seconds)
-            while self.child.poll() is None and time.monotonic() < end:
-                while GLib.MainContext.default().iteration(False):
-                    pass
-                time.sleep(0.002)
-            assert self.child.poll() is not None, f"orvexctl does not end\n{self.report()}"
-        finally:
-            self.kill()
-        return self.child.returncode
-
-    def kill(self):
-        """Leaves nothing running."""
-        if self.child.poll() is None:
-            self.child.kill()
-        self.child.wait()
-        for thread in self._threads:
-            thread.join()
-
-    def interrupt(self):
-        self.child.send_signal(signal.SIGINT)
-
-    def lines(self):
-        return self.stdout.decode().splitlines()
-
-    def wait_for_lines(self, count):
-        wait_for_output(lambda: self.stdout.count(b"\n") >= count, f"{count} lines", self)
-        return self.lines()
-
-    def report(self):
-        return f"orvexctl: {self.child.returncode}\n{self.stdout!r}\n{self.stderr}"
-
-
-def wait_for_output(predicate, what, run):
-    """Waits for something that a reader thread brings."""
-    end = time.monotonic() + patience(10)
-    while not predicate():
-        assert time.monotonic() < end, f"waited for {what}\n{run.report()}"
-        time.sleep(0.002)
-
-
-@pytest.fixture
-def start(bus, reported):
-    """Starts orvexctl with these words on the private bus."""
-    runs = []
-
-    def run(*arguments, address=bus.address, **options):
-        environment = {
-            **os.environ,
-            "DBUS_SYSTEM_BUS_ADDRESS": address,
-            "LC_ALL": "C.UTF-8",
-            # What the address sanitizer keeps of freed memory would count as growth.
-            "ASAN_OPTIONS": "quarantine_size_mb=1",
-        }
-        runs.append(reported("orvexctl", Run(environment, arguments, **options)))
-        return runs[-1]
-
-    yield run
-    for each in runs:
-        each.kill()
 
 
 def subscribed(run, client):
@@ -174,51 +57,6 @@ def subscribed(run, client):
         assert time.monotonic() < end, run.report()
         client.cancel(4294967295, 4294967295)
         time.sleep(0.01)
-
-
-# -- status ----------------------------------------------------------------------------------------
-
-
-@pytest.mark.parametrize(
-    "connections, line",
-    [
-        ([], "not connected (0)"),
-        ([(2, True, False)], "connected (1)"),
-        ([(1, True, False)], "connected, kind 1 (3)"),
-        ([(2, True, True)], "connected, restricted (5)"),
-    ],
-)
-def test_status_prints_words_and_number(connections, line, start, platform, make_daemon):
-    platform.write(connections=connections)
-    make_daemon().start()
-    run = start("status")
-    assert run.wait() == 0, run.report()
-    assert run.lines() == [line]
-
-
-def test_status_watch_prints_one_line_per_change_until_interrupted(start, platform, client):
-    run = start("status", "--watch")
-    run.wait_for_lines(1)
-    platform.write(connections=[(2, True, True)])
-    run.wait_for_lines(2)
-    client.status()
-    platform.write(connections=[])
-    run.wait_for_lines(3)
-    run.interrupt()
-    assert run.wait() == 0
-    assert run.lines() == [
-        "connected, kind 1 (3)",
-        "connected, restricted (5)",
-        "not connected (0)",
-    ]
-
-
-def test_status_watch_fails_when_the_daemon_ends(start, daemon, client):
-    run = start("status", "--watch")
-    run.wait_for_lines(1)
-    daemon.expect_end()
-    client.quit()
-    assert run.wait() == 3
 
 
 # -- request ---------------------------------------------------------------------------------------
@@ -400,17 +238,6 @@ def test_answer_that_breaks_off_has_a_status_of_its_own(start, stand_in):
     assert '"Transferred a partial file"' in run.stderr
 
 
-def test_input_slower_than_the_daemons_patience_is_refused(start, daemon):
-    run = start("request", *ECHO, stdin=subprocess.PIPE)
-    run.child.stdin.write(b"begin")
-    run.child.stdin.flush()
-    time.sleep(6)  # the daemon's five seconds are what this is about
-    run.child.stdin.write(b"end")
-    run.child.stdin.close()
-    # Also when the server has answered the torso by then.
-    assert run.wait() == 25, run.report()
-
-
 def test_vanishing_daemon_ends_the_request_at_once(start, daemon, server):
     server.queue(HELD_ANSWER)
     run = start("request", *ECHO)
@@ -426,14 +253,6 @@ def test_vanishing_bus_ends_the_request_at_once(start, stand_in, bus):
     wait_for(lambda: "prepare" in [name for name, _ in stand_in.called], 10, "the request")
     bus.stop()
     assert run.wait(5) == 3
-
-
-def test_silence_ends_the_request_after_its_time_out(start, daemon, server):
-    server.queue(HELD_ANSWER)
-    run = start("request", *ECHO, "--timeout", "1")
-    assert run.wait() == 5
-    assert "--timeout" in run.stderr
-    server.give("answer")
 
 
 def test_cancelling_by_somebody_else_ends_the_request(start, daemon, server, client):
@@ -812,6 +631,8 @@ def test_help_is_printed_for_the_whole_and_for_each_command(words, start):
         ["request", *ECHO, "--timeout", "soon"],
         ["request", *ECHO, "--content-type", "text/xml\r\nX-More: 1"],
         ["request", *ECHO, "--encoding", "binary\n"],
+        ["request", *ECHO, "--quiet", "--verbose"],
+        ["status", "--timeout", "-1"],
         ["request", *ECHO, "--output-pattern", "no-number"],
         ["request", *ECHO, "--output", "a", "--output-pattern", "%d"],
         ["cancel", "1"],
@@ -879,6 +700,11 @@ def test_progress_stays_on_one_line_of_a_narrow_terminal(columns, last, start, d
 
 def test_quiet_shows_no_progress(start, daemon):
     assert on_a_terminal(start, "request", *ECHO, "--quiet") == ""
+
+
+def test_verbose_takes_the_place_of_progress(start, daemon):
+    shown = on_a_terminal(start, "request", *ECHO, "--verbose")
+    assert "the answer is complete" in shown and "\x1b[K" not in shown
 
 
 @pytest.mark.parametrize("command", ["", *COMMANDS])

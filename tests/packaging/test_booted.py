@@ -4,6 +4,7 @@ import json
 import os
 import re
 import shutil
+import time
 
 import pytest
 
@@ -115,6 +116,29 @@ def test_faulty_installation_is_tried_five_times_and_explained(installation):
     assert any("packaged example's" in why for why in told(findings, "identity"))
     assert any("SlpClient.pem cannot be found" in why for why in told(findings, "files"))
     assert any("The unit is failed" in why for why in told(findings, "bus"))
+
+
+@pytest.mark.parametrize("words", [["orvexctl", "status"], REQUEST], ids=["status", "request"])
+def test_client_hears_at_once_why_the_daemon_does_not_start(words, installation):
+    system = installation.system
+    system.run("systemctl", "reset-failed", "orvexd")
+    for _ in ("the first start", "a start behind the fifth, which systemd refuses"):
+        begin = time.monotonic()
+        done = system.run(*words)
+        assert done.returncode == 3, done.stderr
+        assert "The daemon does not start: the check before its start found something broken" in done.stderr
+        assert time.monotonic() - begin < 15  # the bus itself would wait for 25
+        installation.settle()
+
+
+def test_client_hears_that_the_unit_is_masked(installation):
+    system = installation.system
+    system.must("systemctl", "mask", "orvexd")
+    try:
+        done = system.run("orvexctl", "status")
+    finally:
+        system.must("systemctl", "unmask", "orvexd")
+    assert (done.returncode, "the unit is masked" in done.stderr) == (3, True), done.stderr
 
 
 def test_mended_installation_is_started_by_a_call_and_carries_an_exchange(installation):

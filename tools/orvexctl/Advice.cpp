@@ -15,8 +15,9 @@ struct TextAdvice {
 
 constexpr std::string_view kRefusedOrGone =
     "The connection ended in the middle. The likeliest causes: the server does not accept the "
-    "daemon's client certificate, a proxy refuses (407 asks for a name and a password, which the "
-    "daemon has not), or the server or the network broke off. 'orvexctl doctor' tells which.";
+    "daemon's client certificate, the proxy refuses (407 asks for a name and a password, which "
+    "the daemon has not) or is no HTTP proxy, or the server or something on the way to it broke "
+    "off. 'orvexctl doctor' tells which.";
 
 constexpr std::string_view kNoHost =
     "The server's host name could not be resolved. Check the name server of this network; "
@@ -30,8 +31,11 @@ constexpr std::string_view kNobodyListens =
 
 /// Texts of libcurl 7.88; where later ones differ, their texts stand behind.
 constexpr std::array kTransferAdvice{
-    TextAdvice{"Connection error",
-               "There is no network connection. See 'orvexctl status', and bring up a network."},
+    TextAdvice{
+        "Connection error",
+        "There is no network connection, or the platform's settings are missing or faulty so "
+        "that the daemon sees none. See 'orvexctl status', and bring up a network; 'orvexctl "
+        "doctor' names the line of the settings that is wrong."},
     TextAdvice{"Current network connection not allowed",
                "The request may not use the network connection that there is. See 'orvexctl "
                "status'; allow more with --policy, or bring up another network."},
@@ -61,8 +65,9 @@ constexpr std::array kTransferAdvice{
                "exchange deliver their data late. 'orvexctl doctor' tells how far it gets."},
     TextAdvice{"SSL connect error",
                "TLS with the server failed. The likeliest causes: it does not accept the daemon's "
-               "client certificate, what answers does not speak TLS, or it has no TLS version and "
-               "cipher in common. 'orvexctl doctor' tells which."},
+               "client certificate, what answers does not speak TLS, it has no TLS version and "
+               "cipher in common, or the server or something on the way to it broke off. 'orvexctl "
+               "doctor' tells which."},
     TextAdvice{"Server returned nothing (no headers, no data)",
                "The server closed the connection without an answer. It may not accept the daemon's "
                "client certificate, or it does not speak HTTP. 'orvexctl doctor' tells which."},
@@ -70,13 +75,15 @@ constexpr std::array kTransferAdvice{
     TextAdvice{"Failure when receiving data from the peer", kRefusedOrGone},
     TextAdvice{"Problem with the local SSL certificate",
                "The daemon cannot use its own certificate. Check SlpClient.pem and "
-               "SlpClient-key.pem: both there, owned by root, readable, made for each other, and "
-               "the key encrypted with the pass phrase of this build. 'orvexctl doctor' as root "
-               "tells which."},
-    TextAdvice{"SSL peer certificate or SSH remote key was not OK",
-               "The server's certificate is not trusted. The likeliest causes: it was issued by an "
-               "authority other than Positioning_CA.pem, it has expired or the device's clock is "
-               "wrong, or it names another host. 'orvexctl doctor' tells which."},
+               "SlpClient-key.pem: both there, in PEM form, owned by root, readable, made for each "
+               "other, and the key encrypted with the pass phrase of this build. 'orvexctl doctor' "
+               "as root tells which."},
+    TextAdvice{
+        "SSL peer certificate or SSH remote key was not OK",
+        "The server's certificate is not trusted. The likeliest causes: it is self-signed or "
+        "was issued by an authority other than Positioning_CA.pem, it has expired or is not "
+        "yet valid, or the device's clock is wrong, or it names another host. 'orvexctl "
+        "doctor' tells which."},
     TextAdvice{"Problem with the SSL CA cert (path? access rights?)",
                "The daemon cannot read the authority's certificate. Check Positioning_CA.pem: "
                "there, owned by root, readable, and in PEM form."},

@@ -11,6 +11,8 @@ namespace {
 /// so.
 constexpr gulong kOthersMayAsk = 300'000; // us
 
+constexpr std::uint32_t kCancelTimeout = 25; // seconds
+
 } // namespace
 
 ExitStatus CancelCommand::run(const std::vector<std::string>& words) {
@@ -20,6 +22,8 @@ ExitStatus CancelCommand::run(const std::vector<std::string>& words) {
         "show."};
     parser.setDescription("It has to be a request of the same user, unless root cancels it.\n"
                           "The daemon does not tell whether there was such a request.\n");
+    std::uint32_t timeout = kCancelTimeout;
+    parser.addNumber("timeout", 'T', "Give up after so long, 0 is never (25)", "SECONDS", timeout);
     const auto rest = parser.parse(words);
     if (rest.size() != 2) {
         throw Failure::usage("cancel needs two ids. See 'orvexctl cancel --help'.");
@@ -27,7 +31,7 @@ ExitStatus CancelCommand::run(const std::vector<std::string>& words) {
     const std::uint32_t connection = parseNumber(rest[0], "CONNECTION");
     const std::uint32_t request = parseNumber(rest[1], "REQUEST");
 
-    Gateway gateway;
+    Gateway gateway{std::chrono::seconds{timeout}};
     gateway.cancel(connection, request);
     g_usleep(kOthersMayAsk); // on the bus
     return ExitStatus::Success;

@@ -1,5 +1,7 @@
 #include "ConnectionStatus.h"
 
+#include "JsonLine.h"
+
 namespace orvexd::ctl {
 namespace {
 
@@ -21,6 +23,24 @@ std::string connectionStatusWords(std::uint32_t status) {
         words += ", unknown bits";
     }
     return words;
+}
+
+std::string connectionStatusLine(std::optional<std::uint32_t> status, bool json) {
+    if (!json) {
+        return status ? connectionStatusWords(*status) + " (" + std::to_string(*status) + ")"
+                      : "the daemon does not run";
+    }
+    JsonLine line;
+    line.addText("time", timeStamp());
+    line.addTruth("running", status.has_value());
+    if (status) {
+        line.addNumber("status", *status);
+        line.addText("words", connectionStatusWords(*status));
+        line.addTruth("connected", (*status & kConnected) != 0);
+        line.addTruth("kindOne", (*status & kKindOne) != 0);
+        line.addTruth("restricted", (*status & kRestricted) != 0);
+    }
+    return line.text();
 }
 
 } // namespace orvexd::ctl

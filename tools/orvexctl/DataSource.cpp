@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <gio/gunixinputstream.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +23,12 @@ DataSource::DataSource(const std::string& path) : name_{path == "-" ? "standard 
     if (known && S_ISREG(facts.st_mode) && !standardInput) {
         size_ = static_cast<std::uint64_t>(facts.st_size);
     }
+}
+
+bool DataSource::isDry() const {
+    // An end is something to read, too.
+    pollfd state{g_unix_input_stream_get_fd(G_UNIX_INPUT_STREAM(stream_.get())), POLLIN, 0};
+    return poll(&state, 1, 0) == 0;
 }
 
 } // namespace orvexd::ctl

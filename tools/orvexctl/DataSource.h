@@ -22,6 +22,9 @@ public:
 
     [[nodiscard]] GInputStream* stream() const noexcept { return stream_.get(); }
 
+    /// Whether there is nothing to read at this moment, though more may come.
+    [[nodiscard]] bool isDry() const;
+
 private:
     std::string name_;
     ObjectRef<GInputStream> stream_;

@@ -51,7 +51,8 @@ constexpr std::array kCodeTexts{
 
 constexpr std::string_view kFailedStart =
     "The bus could not start the daemon. Check 'systemctl status orvexd', and that all five "
-    "KELVRA_ variables in /etc/default/orvexd have a value; see orvexd(8).";
+    "KELVRA_ variables in /etc/default/orvexd have a value; 'orvexctl doctor' checks these and "
+    "more.";
 
 std::string describe(std::string_view text, std::string_view detail) {
     std::string sentence{text};
@@ -117,9 +118,6 @@ bool isFailedStart(const GError& error) {
 }
 
 ExitStatus statusOf(const GError& error) {
-    if (isFailedStart(error)) {
-        return ExitStatus::NoDaemon;
-    }
     if (error.domain == G_IO_ERROR) {
         switch (error.code) {
         case G_IO_ERROR_TIMED_OUT:
@@ -230,8 +228,11 @@ Failure Failure::fromLibrary(const GError& error) {
     if (const guint code = orvex_error_get_code(&error); code != 0) {
         return fromCode(code, detail);
     }
+    if (error.code == ORVEX_ERROR_START_FAILED) {
+        return startFailed(detail);
+    }
     const ExitStatus status = statusOfLibrary(error.code);
-    std::string text{error.code == ORVEX_ERROR_START_FAILED ? kFailedStart : adviceOn(status)};
+    std::string text{adviceOn(status)};
     text.append(" (").append(printable(detail)).append(")");
     return {status, std::move(text)};
 }
@@ -240,8 +241,11 @@ Failure Failure::fromBus(const GError& error) {
     if (const auto code = codeOf(error)) {
         return fromCode(*code);
     }
+    if (isFailedStart(error)) {
+        return startFailed(error.message);
+    }
     const ExitStatus status = statusOf(error);
-    std::string text{isFailedStart(error) ? kFailedStart : adviceOn(status)};
+    std::string text{adviceOn(status)};
     text.append(" (").append(printable(error.message)).append(")");
     return {status, std::move(text)};
 }
@@ -260,6 +264,12 @@ Failure Failure::daemonGone() {
     return {ExitStatus::NoDaemon, "The daemon left the bus in the middle of its work. Look at "
                                   "'systemctl status orvexd', then "
                                   "try again."};
+}
+
+Failure Failure::startFailed(std::string_view detail) {
+    std::string text{kFailedStart};
+    text.append(" (").append(printable(detail)).append(")");
+    return {ExitStatus::NoDaemon, std::move(text)};
 }
 
 Failure Failure::noBus(std::string_view detail) {

@@ -35,6 +35,9 @@ public:
     /// The daemon left the bus while it was needed.
     static Failure daemonGone();
 
+    /// The bus, or the service manager behind it, could not start the daemon.
+    static Failure startFailed(std::string_view detail);
+
     /// There is no bus. @param detail what the bus library says
     static Failure noBus(std::string_view detail);
 

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "GioHandles.h"
+#include "Wait.h"
 
+#include <chrono>
 #include <cstdint>
 
 namespace orvexd::ctl {
@@ -10,8 +12,9 @@ namespace orvexd::ctl {
 /// a daemon that is not running.
 class Gateway {
 public:
+    /// @param limit of all calls together; zero for none
     /// @throws Failure when the bus cannot be reached.
-    Gateway();
+    explicit Gateway(std::chrono::seconds limit);
 
     /// Cancels a request of whomever this user may, and returns when the daemon has dealt with it.
     /// @throws Failure
@@ -21,8 +24,10 @@ public:
     void quit(bool delayed);
 
 private:
-    void call(const char* interface, const char* member, GVariant* arguments, int timeoutMs);
+    void call(const char* interface, const char* member, GVariant* arguments,
+              Awaited what = Awaited::Daemon);
 
+    Wait wait_;
     ObjectRef<GDBusConnection> bus_;
 };
 

@@ -2,21 +2,17 @@
 
 #include "Bus.h"
 #include "Failure.h"
+#include "JsonLine.h"
 #include "OptionParser.h"
 #include "Output.h"
 #include "SignalText.h"
 #include "StopSignals.h"
+#include "Wait.h"
 
 #include <optional>
 
 namespace orvexd::ctl {
 namespace {
-
-std::string timeStamp() {
-    using TimeRef = std::unique_ptr<GDateTime, FreeWith<g_date_time_unref>>;
-    const TimeRef now{g_date_time_new_now_local()};
-    return TextRef{g_date_time_format(now.get(), "%Y-%m-%dT%H:%M:%S.%f%:z")}.get();
-}
 
 /// Prints what it receives until it is stopped.
 class SignalPrinter {
@@ -123,7 +119,8 @@ ExitStatus MonitorCommand::run(const std::vector<std::string>& words) {
     if (!parser.parse(words).empty()) {
         throw Failure::usage("monitor takes no arguments. See 'orvexctl monitor --help'.");
     }
-    const ObjectRef<GDBusConnection> bus = connectToSystemBus();
+    Wait patient{std::chrono::seconds{0}};
+    const ObjectRef<GDBusConnection> bus = connectToSystemBus(patient);
     SignalPrinter{bus.get(), json}.run();
     return ExitStatus::Success;
 }

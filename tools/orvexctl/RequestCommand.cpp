@@ -11,9 +11,10 @@ ExitStatus RequestCommand::run(const std::vector<std::string>& words) {
     DataSource source{options.input};
     AnswerSink sink = options.outputPattern.empty() ? AnswerSink::toFile(options.output)
                                                     : AnswerSink::toPattern(options.outputPattern);
-    Progress progress{!options.quiet && isatty(STDERR_FILENO) != 0};
+    Progress progress{!options.quiet && !options.verbose && isatty(STDERR_FILENO) != 0};
+    StepLog steps{options.verbose};
     try {
-        const ExitStatus status = RequestSession{options, source, sink, progress}.run();
+        const ExitStatus status = RequestSession{options, source, sink, progress, steps}.run();
         if (status != ExitStatus::Success && options.keepPartial) {
             sink.keepPartial();
         }

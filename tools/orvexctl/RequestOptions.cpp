@@ -77,6 +77,7 @@ RequestOptions RequestOptions::parse(const std::vector<std::string>& words) {
     parser.addNumber("timeout", 'T', "Give up after so long without progress, 0 is never (120)",
                      "SECONDS", timeout);
     parser.addFlag("quiet", 'q', "Show no progress", options.quiet);
+    parser.addFlag("verbose", 'v', "Tell each step with its time instead", options.verbose);
     if (const auto rest = parser.parse(words); !rest.empty()) {
         throw Failure::usage("request takes options only; '" + rest.front() +
                              "' is one word too many.");
@@ -93,6 +94,9 @@ RequestOptions RequestOptions::parse(const std::vector<std::string>& words) {
     }
     if (!output.empty()) {
         options.output = output;
+    }
+    if (options.quiet && options.verbose) {
+        throw Failure::usage("--quiet and --verbose exclude each other.");
     }
     options.timeout = std::chrono::seconds{timeout};
     return options;

@@ -24,6 +24,7 @@ struct RequestOptions {
     std::chrono::seconds timeout{120}; ///< longest time without progress; zero means no limit
     bool keepPartial = false;
     bool quiet = false;
+    bool verbose = false;
 
     /// @throws Failure when the words are wrong; ends the process after --help.
     static RequestOptions parse(const std::vector<std::string>& words);

@@ -1,11 +1,16 @@
 #pragma once
 
 #include "AnswerSink.h"
+#include "Awaited.h"
 #include "DataSource.h"
 #include "Progress.h"
 #include "RequestOptions.h"
+#include "StartWatch.h"
+#include "StepLog.h"
 #include "StopSignals.h"
+#include "Timer.h"
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <orvexclient.h>
@@ -18,7 +23,7 @@ class RequestSession {
 public:
     /// All arguments outlive the session.
     RequestSession(const RequestOptions& options, DataSource& source, AnswerSink& sink,
-                   Progress& progress);
+                   Progress& progress, StepLog& steps);
     ~RequestSession();
     RequestSession(const RequestSession&) = delete;
     RequestSession& operator=(const RequestSession&) = delete;
@@ -32,6 +37,8 @@ private:
     template <typename Result>
     std::function<void(Outcome<Result>)> then(void (RequestSession::*step)(Result));
 
+    void open();
+    void opened(Done);
     void send();
     void readPart(ObjectRef<GInputStream> part);
     void readChunk();
@@ -42,6 +49,8 @@ private:
     void interrupted(int signal);
     void fail(const Failure& failure);
     [[nodiscard]] Failure failureOf(const GError& error) const;
+    [[nodiscard]] Awaited awaited() const;
+    void tellStep(OrvexRequestState state);
 
     static void stateChanged(OrvexRequest* request, OrvexRequestState state,
                              gpointer self) noexcept;
@@ -52,13 +61,19 @@ private:
     DataSource& source_;
     AnswerSink& sink_;
     Progress& progress_;
+    StepLog& steps_;
 
     MainLoopRef loop_;
     ObjectRef<GCancellable> stop_;
     StopSignals signals_;
+    Timer patience_; ///< with the bus
     ObjectRef<OrvexClient> client_;
+    std::optional<StartWatch> start_;
     ObjectRef<OrvexRequest> request_;
     ObjectRef<GInputStream> part_; ///< of the answer, being read
+    unsigned partNumber_ = 0;
+    OrvexRequestState reached_ = ORVEX_REQUEST_STATE_IDLE; ///< before it failed
+    std::chrono::steady_clock::time_point moved_;          ///< when that was, or bytes went
     std::optional<Failure> failure_;
     ExitStatus status_ = ExitStatus::Success;
 };

@@ -1,15 +1,15 @@
 #include "SignalText.h"
 
 #include "ConnectionStatus.h"
+#include "JsonLine.h"
 #include "Printable.h"
 
-#include <json-glib/json-glib.h>
+#include <iterator>
 #include <sstream>
+#include <vector>
 
 namespace orvexd::ctl {
 namespace {
-
-using JsonNodeRef = std::unique_ptr<JsonNode, FreeWith<json_node_unref>>;
 
 bool isSignal(const SignalEvent& event, const char* name, const char* signature) {
     return event.name == name &&
@@ -43,39 +43,24 @@ std::string argumentsText(const SignalEvent& event) {
     return TextRef{g_variant_print(event.arguments.get(), TRUE)}.get();
 }
 
-void addNumber(JsonBuilder* json, const char* name, std::uint32_t value) {
-    json_builder_set_member_name(json, name);
-    json_builder_add_int_value(json, value);
+std::vector<std::string> wordsOf(const std::string& text) {
+    std::istringstream list{text};
+    return {std::istream_iterator<std::string>{list}, {}};
 }
 
-void addText(JsonBuilder* json, const char* name, const std::string& value) {
-    json_builder_set_member_name(json, name);
-    json_builder_add_string_value(json, value.c_str());
-}
-
-void addKeys(JsonBuilder* json, const std::string& keys) {
-    json_builder_set_member_name(json, "requests");
-    json_builder_begin_array(json);
-    std::istringstream list{keys};
-    for (std::string key; list >> key;) {
-        json_builder_add_string_value(json, key.c_str());
-    }
-    json_builder_end_array(json);
-}
-
-void addArguments(JsonBuilder* json, const SignalEvent& event) {
+void addArguments(JsonLine& json, const SignalEvent& event) {
     if (isStatus(event)) {
-        addNumber(json, "status", numberAt(event, 0));
-        addText(json, "words", connectionStatusWords(numberAt(event, 0)));
+        json.addNumber("status", numberAt(event, 0));
+        json.addText("words", connectionStatusWords(numberAt(event, 0)));
     } else if (isAboutRequest(event)) {
-        addNumber(json, "connection", numberAt(event, 0));
-        addNumber(json, "request", numberAt(event, 1));
+        json.addNumber("connection", numberAt(event, 0));
+        json.addNumber("request", numberAt(event, 1));
     } else if (isError(event)) {
-        addNumber(json, "code", numberAt(event, 0));
-        addText(json, "message", textAt(event, 1));
-        addKeys(json, textAt(event, 2));
+        json.addNumber("code", numberAt(event, 0));
+        json.addText("message", textAt(event, 1));
+        json.addTexts("requests", wordsOf(textAt(event, 2)));
     } else {
-        addText(json, "arguments", argumentsText(event));
+        json.addText("arguments", argumentsText(event));
     }
 }
 
@@ -102,15 +87,12 @@ std::string signalAsText(const SignalEvent& event) {
 }
 
 std::string signalAsJson(const SignalEvent& event) {
-    const ObjectRef<JsonBuilder> json{json_builder_new()};
-    json_builder_begin_object(json.get());
-    addText(json.get(), "time", event.time);
-    addText(json.get(), "sender", event.sender);
-    addText(json.get(), "signal", event.name);
-    addArguments(json.get(), event);
-    json_builder_end_object(json.get());
-    const JsonNodeRef root{json_builder_get_root(json.get())};
-    return TextRef{json_to_string(root.get(), FALSE)}.get();
+    JsonLine json;
+    json.addText("time", event.time);
+    json.addText("sender", event.sender);
+    json.addText("signal", event.name);
+    addArguments(json, event);
+    return json.text();
 }
 
 } // namespace orvexd::ctl

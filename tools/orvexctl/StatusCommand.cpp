@@ -2,10 +2,11 @@
 
 #include "Bus.h"
 #include "ConnectionStatus.h"
-#include "Failure.h"
 #include "OptionParser.h"
 #include "Output.h"
-#include "StopSignals.h"
+#include "StartWatch.h"
+#include "StatusWatch.h"
+#include "Wait.h"
 
 #include <optional>
 #include <orvexclient.h>
@@ -13,98 +14,83 @@
 namespace orvexd::ctl {
 namespace {
 
-void print(std::uint32_t status) {
-    printLine(connectionStatusWords(status) + " (" + std::to_string(status) + ")");
+constexpr std::uint32_t kStatusTimeout = 25; // seconds
+
+constexpr const char* kValues =
+    "Values:\n"
+    "  0  not connected\n"
+    "  1  connected\n"
+    "  3  connected, kind 1\n"
+    "  5  connected, restricted\n"
+    "\n"
+    "JSON objects have the members time, running, and while the daemon runs\n"
+    "status (the value), words, connected, kindOne, restricted.\n";
+
+struct Options {
+    bool watch = false;
+    bool json = false;
+    std::chrono::seconds timeout{kStatusTimeout};
+};
+
+Options parse(const std::vector<std::string>& words) {
+    Options options;
+    std::uint32_t timeout = kStatusTimeout;
+    OptionParser parser{
+        "status", "", "Prints the state of the device's network connection as the daemon sees it."};
+    parser.setDescription(kValues);
+    parser.addFlag("watch", 'w', "Go on with one line per change, until interrupted",
+                   options.watch);
+    parser.addFlag("json", 'j', "Print one JSON object per line", options.json);
+    parser.addNumber("timeout", 'T', "Give up when the first answer takes so long, 0 is never (25)",
+                     "SECONDS", timeout);
+    if (!parser.parse(words).empty()) {
+        throw Failure::usage("status takes no arguments. See 'orvexctl status --help'.");
+    }
+    options.timeout = std::chrono::seconds{timeout};
+    return options;
 }
 
 /// Asks the daemon, which is started if need be.
-std::uint32_t query(OrvexClient* client) {
-    ErrorSlot error;
-    OrvexStatus status{};
-    if (orvex_client_query_status(client, &status, nullptr, error.out()) == FALSE) {
-        throw Failure::fromLibrary(*error);
+std::uint32_t query(OrvexClient* client, Wait& wait) {
+    std::optional<StartWatch> start;
+    if (orvex_client_get_running(client) == FALSE) {
+        start.emplace(orvex_client_get_connection(client),
+                      [&](const Failure& why) { wait.giveUp(why); });
     }
-    return status;
+    for (;;) {
+        ErrorSlot error;
+        OrvexStatus status{};
+        const Awaited what =
+            orvex_client_get_running(client) != FALSE ? Awaited::Daemon : Awaited::Start;
+        orvex_client_query_status_async(client, wait.cancellable(), Wait::finished, &wait);
+        if (orvex_client_query_status_finish(client, wait.run(what), &status, error.out()) !=
+            FALSE) {
+            return status;
+        }
+        if (error->code == ORVEX_ERROR_START_FAILED && start) {
+            throw Failure{start->failure(Failure::fromLibrary(*error))};
+        }
+        // The library has a limit of its own, which a longer one goes beyond.
+        if (!g_error_matches(&*error, ORVEX_ERROR, ORVEX_ERROR_TIMED_OUT)) {
+            throw Failure::fromLibrary(*error);
+        }
+    }
 }
-
-/// Prints the status now and after each change, until a signal ends it.
-class Watch {
-public:
-    explicit Watch(OrvexClient* client) : client_{client} {
-        g_signal_connect(client_, "notify::status", G_CALLBACK(changed), this);
-        g_signal_connect(client_, "notify::running", G_CALLBACK(gone), this);
-    }
-    ~Watch() { g_signal_handlers_disconnect_by_data(client_, this); }
-    Watch(const Watch&) = delete;
-    Watch& operator=(const Watch&) = delete;
-
-    /// @throws Failure
-    void run() {
-        const StopSignals signals{[this](int /*signal*/) { g_main_loop_quit(loop_.get()); }};
-        show(query(client_));
-        if (!failure_) {
-            g_main_loop_run(loop_.get());
-        }
-        if (failure_) {
-            throw Failure{*failure_};
-        }
-    }
-
-private:
-    static void changed(OrvexClient* client, GParamSpec* /*property*/, gpointer self) noexcept {
-        static_cast<Watch*>(self)->show(orvex_client_get_status(client));
-    }
-
-    static void gone(OrvexClient* client, GParamSpec* /*property*/, gpointer self) noexcept {
-        if (orvex_client_get_running(client) == FALSE) {
-            static_cast<Watch*>(self)->stop(Failure::daemonGone());
-        }
-    }
-
-    void show(std::uint32_t status) {
-        // A daemon that has left has no status.
-        if (failure_ || last_ == status || orvex_client_get_running(client_) == FALSE) {
-            return;
-        }
-        last_ = status;
-        try {
-            print(status);
-        } catch (const Failure& why) {
-            stop(why);
-        }
-    }
-
-    void stop(const Failure& why) {
-        failure_ = why;
-        g_main_loop_quit(loop_.get());
-    }
-
-    OrvexClient* client_;
-    MainLoopRef loop_{g_main_loop_new(nullptr, FALSE)};
-    std::optional<std::uint32_t> last_;
-    std::optional<Failure> failure_;
-};
 
 } // namespace
 
 ExitStatus StatusCommand::run(const std::vector<std::string>& words) {
-    bool watching = false;
-    OptionParser parser{
-        "status", "", "Prints the state of the device's network connection as the daemon sees it."};
-    parser.setDescription("Values:\n"
-                          "  0  not connected\n"
-                          "  1  connected\n"
-                          "  3  connected, kind 1\n"
-                          "  5  connected, restricted\n");
-    parser.addFlag("watch", 'w', "Go on with one line per change, until interrupted", watching);
-    if (!parser.parse(words).empty()) {
-        throw Failure::usage("status takes no arguments. See 'orvexctl status --help'.");
-    }
-    const ObjectRef<OrvexClient> client = makeClient();
-    if (watching) {
-        Watch{client.get()}.run();
+    const Options options = parse(words);
+    const auto show = [&](std::optional<std::uint32_t> status) {
+        printLine(connectionStatusLine(status, options.json));
+    };
+    Wait wait{options.timeout};
+    const ObjectRef<OrvexClient> client = makeClient(wait);
+    const std::uint32_t status = query(client.get(), wait);
+    if (options.watch) {
+        StatusWatch{client.get(), show}.run(status);
     } else {
-        print(query(client.get()));
+        show(status);
     }
     return ExitStatus::Success;
 }

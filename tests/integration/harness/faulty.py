@@ -1,63 +1,23 @@
-"""Set-ups in which no request is answered: what is wrong with each, and what doctor has to say about it.
+"""Set-ups in which no request is answered: what is wrong with each, and what doctor and request have to say about it.
 
 A set-up is spoilt and mended again while the daemon runs, so that a whole table of them needs one daemon.
 """
 
 import dataclasses
-import os
-import re
-import socket
-import subprocess
 
-from .daemon import DEVICE
-from .keys import restore_preinst
-from .settings import PASSPHRASE
+from . import spoil
+from .faulty_device import SYSTEM
+from .spoil import AUTHORITY, CERTIFICATE, KEY
 
-CERTIFICATE, KEY, AUTHORITY = "SlpClient.pem", "SlpClient-key.pem", "Positioning_CA.pem"
 YEAR = 366 * 24 * 3600
-STRANGER_ID = 65534
 
-SYSTEM = {"PlatformId": "linux-test", "Imei": "352099001761481", "Imsi": "262011234567890", "Mmf": "fw-1.0"}
-
-
-@dataclasses.dataclass
-class Device:
-    """What a set-up can spoil."""
-
-    server: object
-    platform: object
-    preinst: object
-    keys: object
-    other_keys: object  # made by another authority
-    identity: object  # path of the file of the five variables
-    clock: object  # of daemon and doctor
-
-    def write_identity(self, **changes):
-        values = {**DEVICE, **changes}
-        self.identity.write_text("".join(f'{name}="{value}"\n' for name, value in values.items()), "utf-8")
-        self.identity.chmod(0o600)
-
-    def mend(self):
-        """Makes everything good, whatever it was."""
-        self.server.clear()
-        self.server.forget_events()
-        self.server.default({})
-        restore_preinst(self.preinst, self.keys)
-        for file in self.preinst.iterdir():
-            file.chmod(0o600)
-        proxy = ("127.0.0.1", self.server.port)
-        self.platform.restore(
-            {"system": dict(SYSTEM), "positioning": True, "connections": [(1, True, False)], "proxy": proxy}
-        )
-        os.chown(self.platform.path, 0, 0)
-        self.write_identity()
-        self.clock.step_to()
-
-    def edit_platform(self, pattern, replacement):
-        text = self.platform.text()
-        changed = re.sub(pattern, replacement, text, count=1)
-        assert changed != text, pattern
-        self.platform.write_text(changed)
+# What request advises: it knows the daemon's text only, behind which several causes may stand, and names them all.
+OWN_FILES = "SlpClient.pem and SlpClient-key.pem: "
+NOT_TRUSTED = "server's certificate is not trusted"
+BROKE_OFF = "does not accept the daemon's client certificate"
+NO_NETWORK = "no network connection"
+FAULTY_PLATFORM = f"{NO_NETWORK}.*platform's settings.*faulty.*orvexctl doctor"
+ASK_DOCTOR = "orvexctl doctor --exchange"
 
 
 @dataclasses.dataclass
@@ -71,6 +31,14 @@ class SetUp:
     exchange: bool = False  # only a request shows it
     needs_ids: bool = False  # takes other user ids than root's
     patience: int = 20  # seconds that doctor waits; those that it waits in vain are few
+    advises: str = ""  # a pattern in what request advises; nothing where requests are answered
+    status: int = 30  # of request
+    overdue: tuple = ()  # the point of the exchange at which the daemon waits in vain, and for how many seconds
+
+    @property
+    def needs_a_start(self):
+        """Whether a daemon that runs already goes on with what it has."""
+        return self.check == "platform" or self.needs_ids
 
     @property
     def is_local(self):
@@ -78,115 +46,212 @@ class SetUp:
         return self.check not in ("names", "connection", "tls", "exchange")
 
 
-def _copy(name, source=None):
-    return lambda d: (d.preinst / name).write_bytes((d.other_keys / (source or name)).read_bytes())
-
-
-def _foreign_certificate(device):
-    """From the very authority, so that only the key is at fault."""
-    (device.preinst / CERTIFICATE).write_bytes((device.keys / "server.pem").read_bytes())
-
-
-def _other_passphrase(device):
-    """The right key, encrypted anew."""
-    key = device.preinst / KEY
-    phrases = ["-passin", f"pass:{PASSPHRASE}", "-passout", "pass:another8"]
-    command = ["openssl", "pkey", "-in", key, "-aes256", *phrases]
-    key.write_bytes(subprocess.run(command, check=True, capture_output=True).stdout)
-
-
-def _refused_identity(device):
-    (device.preinst / CERTIFICATE).write_bytes((device.keys / "SlpClient-unknown-ca.pem").read_bytes())
-
-
-def _wrong_owner(device):
-    path = device.preinst / CERTIFICATE
-    path.chmod(0o600)
-    os.chown(path, STRANGER_ID, STRANGER_ID)
-
-
-def _closed_port(device):
-    with socket.create_server(("127.0.0.1", 0)) as listener:
-        port = listener.getsockname()[1]
-    device.platform.write(proxy=("127.0.0.1", port))
-
-
-def _platform_of_a_stranger(device):
-    device.platform.path.chmod(0o600)
-    os.chown(device.platform.path, STRANGER_ID, STRANGER_ID)
-
-
-def _unlink(path_of):
-    return lambda device: path_of(device).unlink()
-
-
-def _default(**behaviour):
-    return lambda device: device.server.default(behaviour)
-
-
-def _certificate(name):
-    return _default(certificate=name)
-
-
-def _answer(status, body="<html>no</html>"):
-    return _default(answer={"status": status, "content_type": "text/html", "body": body})
-
-
-def _platform(pattern, replacement):
-    return lambda device: device.edit_platform(pattern, replacement)
-
-
-def _identity(**changes):
-    return lambda device: device.write_identity(**changes)
-
-
 SET_UPS = [
     # the device's files
-    SetUp("certificate missing", _unlink(lambda d: d.preinst / CERTIFICATE), "files", "SlpClient.pem cannot be found"),
+    SetUp(
+        "certificate missing",
+        spoil.unlink(lambda d: d.preinst / CERTIFICATE),
+        "files",
+        "SlpClient.pem cannot be found",
+        advises=f"{OWN_FILES}both there",
+    ),
     SetUp(
         "certificate garbage",
         lambda d: (d.preinst / CERTIFICATE).write_text("garbage", "utf-8"),
         "files",
         "SlpClient.pem holds no certificate",
+        advises=f"{OWN_FILES}.*PEM form",
     ),
-    SetUp("foreign key", _copy(KEY), "files", "SlpClient-key.pem is not the key of the certificate"),
-    SetUp("other pass phrase", _other_passphrase, "files", "does not open with the pass phrase of this build"),
-    SetUp("foreign certificate", _foreign_certificate, "files", "is not the key of the certificate in .*/SlpClient.pem"),
-    SetUp("wrong owner", _wrong_owner, "files", "SlpClient.pem belongs to user 65534 .*cannot read", needs_ids=True),
-    SetUp("authority missing", _unlink(lambda d: d.preinst / AUTHORITY), "files", "Positioning_CA.pem cannot be found"),
-    SetUp("authority wrong", _copy(AUTHORITY), "tls", "self-signed .*Positioning_CA.pem is not the authority"),
+    SetUp(
+        "foreign key",
+        spoil.copy(KEY),
+        "files",
+        "SlpClient-key.pem is not the key of the certificate",
+        advises=f"{OWN_FILES}.*made for each other",
+    ),
+    SetUp(
+        "other pass phrase",
+        spoil.other_passphrase,
+        "files",
+        "does not open with the pass phrase of this build",
+        advises=f"{OWN_FILES}.*pass phrase of this build",
+    ),
+    SetUp(
+        "foreign certificate",
+        spoil.foreign_certificate,
+        "files",
+        "is not the key of the certificate in .*/SlpClient.pem",
+        advises=f"{OWN_FILES}.*made for each other",
+    ),
+    SetUp(
+        "wrong owner",
+        spoil.wrong_owner,
+        "files",
+        "SlpClient.pem belongs to user 65534 .*cannot read",
+        needs_ids=True,
+        advises=f"{OWN_FILES}.*owned by root",
+    ),
+    SetUp(
+        "authority missing",
+        spoil.unlink(lambda d: d.preinst / AUTHORITY),
+        "files",
+        "Positioning_CA.pem cannot be found",
+        advises="Check Positioning_CA.pem: there",
+    ),
+    SetUp(
+        "authority wrong",
+        spoil.copy(AUTHORITY),
+        "tls",
+        "self-signed .*Positioning_CA.pem is not the authority",
+        advises=f"{NOT_TRUSTED}.*authority other than Positioning_CA.pem",
+    ),
     # the server's certificate
-    SetUp("server expired", _certificate("expired"), "tls", "server's certificate .*has expired"),
-    SetUp("server not yet valid", _certificate("not-yet-valid"), "tls", "server's certificate .*not yet valid"),
-    SetUp("wrong host", _certificate("wrong-host"), "tls", "another host name: elsewhere.kelvra.example"),
-    SetUp("self-signed", _certificate("self-signed"), "tls", "self-signed certificate"),
-    SetUp("unknown authority", _certificate("unknown-ca"), "tls", "signed by .*Throw-away other authority"),
+    SetUp(
+        "server expired",
+        spoil.certificate("expired"),
+        "tls",
+        "server's certificate .*has expired",
+        advises=f"{NOT_TRUSTED}.*has expired",
+    ),
+    SetUp(
+        "server not yet valid",
+        spoil.certificate("not-yet-valid"),
+        "tls",
+        "server's certificate .*not yet valid",
+        advises=f"{NOT_TRUSTED}.*not yet valid",
+    ),
+    SetUp(
+        "wrong host",
+        spoil.certificate("wrong-host"),
+        "tls",
+        "another host name: elsewhere.kelvra.example",
+        advises=f"{NOT_TRUSTED}.*names another host",
+    ),
+    SetUp(
+        "self-signed",
+        spoil.certificate("self-signed"),
+        "tls",
+        "self-signed certificate",
+        advises=f"{NOT_TRUSTED}.*self-signed",
+    ),
+    SetUp(
+        "unknown authority",
+        spoil.certificate("unknown-ca"),
+        "tls",
+        "signed by .*Throw-away other authority",
+        advises=f"{NOT_TRUSTED}.*authority other than",
+    ),
     # the way
-    SetUp("identity refused", _refused_identity, "tls", "refuses the device's certificate.*unknown CA"),
-    SetUp("reset", _default(on=[{"at": "client-hello", "do": "reset"}]), "tls", "handshake broke off.*reset"),
-    SetUp("proxy wants a password", _default(proxy={"status": 407}), "connection", "name and a password"),
-    SetUp("proxy refuses", _default(proxy={"status": 403}), "connection", "refuses to connect to .* 403"),
-    SetUp("proxy silent", _default(on=[{"at": "connect", "do": "hang"}]), "connection", "says nothing for", patience=1),
-    SetUp("proxy wrong", _default(proxy={"raw": "220 mail ready\r\n\r\n"}), "connection", "does not answer like a proxy"),
-    SetUp("port closed", _closed_port, "connection", "nothing listens on that port"),
+    SetUp(
+        "identity refused",
+        spoil.refused_identity,
+        "tls",
+        "refuses the device's certificate.*unknown CA",
+        advises=BROKE_OFF,
+    ),
+    SetUp(
+        "reset",
+        spoil.default(on=[{"at": "client-hello", "do": "reset"}]),
+        "tls",
+        "handshake broke off.*reset",
+        advises="the server or something on the way to it broke off",
+    ),
+    SetUp(
+        "proxy wants a password",
+        spoil.default(proxy={"status": 407}),
+        "connection",
+        "name and a password",
+        advises="the proxy refuses .407 asks for a name and a password",
+    ),
+    SetUp(
+        "proxy refuses",
+        spoil.default(proxy={"status": 403}),
+        "connection",
+        "refuses to connect to .* 403",
+        advises="the proxy refuses",
+    ),
+    SetUp(
+        "proxy silent",
+        spoil.default(on=[{"at": "connect", "do": "hang"}]),
+        "connection",
+        "says nothing for",
+        patience=1,
+        advises="30 seconds for the connection.*the proxy is silent",
+        overdue=("connect", 30),
+    ),
+    SetUp(
+        "proxy wrong",
+        spoil.default(proxy={"raw": "220 mail ready\r\n\r\n"}),
+        "connection",
+        "does not answer like a proxy",
+        advises="proxy .* is no HTTP proxy",
+    ),
+    SetUp(
+        "port closed",
+        spoil.closed_port,
+        "connection",
+        "nothing listens on that port",
+        advises="Nobody accepts connections.*port is closed",
+    ),
     # the server's answer
-    SetUp("404", _answer(404), "exchange", "404 Not Found.*<html>no</html>.*path", exchange=True),
-    SetUp("413", _answer(413), "exchange", " 413 .*smaller requests", exchange=True),
-    SetUp("502", _answer(502), "exchange", "502 Bad Gateway.*server behind it", exchange=True),
-    SetUp("HTML", _answer(200), "exchange", "200 OK.*text/html.*Something else than a positioning", exchange=True),
+    SetUp(
+        "404",
+        spoil.answer(404),
+        "exchange",
+        "404 Not Found.*<html>no</html>.*path",
+        exchange=True,
+        advises=f"404.*{ASK_DOCTOR}",
+        status=28,
+    ),
+    SetUp(
+        "413",
+        spoil.answer(413),
+        "exchange",
+        " 413 .*smaller requests",
+        exchange=True,
+        advises=f"413.*{ASK_DOCTOR}",
+        status=28,
+    ),
+    SetUp(
+        "502",
+        spoil.answer(502),
+        "exchange",
+        "502 Bad Gateway.*server behind it",
+        exchange=True,
+        advises=f"502.*{ASK_DOCTOR}",
+        status=28,
+    ),
+    SetUp(
+        "HTML",
+        spoil.answer(200),
+        "exchange",
+        "200 OK.*text/html.*Something else than a positioning",
+        exchange=True,
+        advises=f"error page.*{ASK_DOCTOR}",
+        status=28,
+    ),
     SetUp(
         "over 60 s",
-        _default(on=[{"at": "upload-end", "do": "hang"}]),
+        spoil.default(on=[{"at": "upload-end", "do": "hang"}]),
         "exchange",
         "not answered completely within 1 s. The daemon gives up after 60 s",
         exchange=True,
         patience=1,
+        advises="60 seconds for all of the exchange",
+        overdue=("upload-end", 60),
     ),
     # the device
-    SetUp("wrong identity variable", _identity(KELVRA_IMEI_FRAGMENT=""), "identity", "Missing .*KELVRA_IMEI_FRAGMENT"),
+    SetUp(
+        "wrong identity variable",
+        spoil.identity(KELVRA_IMEI_FRAGMENT=""),
+        "identity",
+        "Missing .*KELVRA_IMEI_FRAGMENT",
+        advises="all five KELVRA_ variables.*have a value",
+        status=3,
+    ),
     SetUp(
         "identity of the example",
-        _identity(KELVRA_UNIQUE_DEVICE_ID="00000000-0000-0000-0000-000000000000"),
+        spoil.identity(KELVRA_UNIQUE_DEVICE_ID="00000000-0000-0000-0000-000000000000"),
         "identity",
         "packaged example's",
     ),
@@ -196,14 +261,75 @@ SET_UPS = [
         "platform",
         "Imei is the example's, .* comes from this file, not from the five variables",
     ),
-    SetUp("platform file missing", _unlink(lambda d: d.platform.path), "platform", "platform.conf cannot be found"),
-    SetUp("platform file is none", _platform(r"\[Location\]", "[Location"), "platform", "is no key file"),
-    SetUp("platform: truth", _platform("Active=true", "Active=maybe"), "platform", "line 1[0-9]: Active=maybe is not"),
-    SetUp("platform: number", _platform("Kind=1", "Kind=wifi"), "platform", "line 1[0-9]: Kind=wifi is not"),
-    SetUp("platform: port", _platform("Port=[0-9]+", "Port=70000"), "platform", "Port=70000 is no port"),
-    SetUp("platform: name", _platform("List=c0;", "List=wifi0;"), "platform", r'"wifi0", but there is no \[Connection'),
-    SetUp("platform: key", _platform("Active=true", "Activ=true"), "platform", "Activ=true is no key"),
-    SetUp("platform file's owner", _platform_of_a_stranger, "platform", "belongs to user 65534", needs_ids=True),
-    SetUp("no network", lambda d: d.platform.write(connections=[]), "status", "not connected"),
-    SetUp("clock wrong", lambda d: d.clock.step_to(wall=10 * YEAR), "dates", "the clock is wrong"),
+    SetUp(
+        "platform file missing",
+        spoil.unlink(lambda d: d.platform.path),
+        "platform",
+        "platform.conf cannot be found",
+        advises=FAULTY_PLATFORM,
+    ),
+    SetUp(
+        "platform file is none",
+        spoil.platform(r"\[Location\]", "[Location"),
+        "platform",
+        "is no key file",
+        advises=FAULTY_PLATFORM,
+    ),
+    SetUp(
+        "platform: truth",
+        spoil.platform("Active=true", "Active=maybe"),
+        "platform",
+        "line 1[0-9]: Active=maybe is not",
+        advises=FAULTY_PLATFORM,
+    ),
+    SetUp(
+        "platform: number",
+        spoil.platform("Kind=1", "Kind=wifi"),
+        "platform",
+        "line 1[0-9]: Kind=wifi is not",
+        advises=FAULTY_PLATFORM,
+    ),
+    SetUp(
+        "platform: port",
+        spoil.platform("Port=[0-9]+", "Port=70000"),
+        "platform",
+        "Port=70000 is no port",
+        advises=FAULTY_PLATFORM,
+    ),
+    SetUp(
+        "platform: name",
+        spoil.platform("List=c0;", "List=wifi0;"),
+        "platform",
+        r'"wifi0", but there is no \[Connection',
+        advises=FAULTY_PLATFORM,
+    ),
+    SetUp(
+        "platform: key",
+        spoil.platform("Active=true", "Activ=true"),
+        "platform",
+        "Activ=true is no key",
+        advises=FAULTY_PLATFORM,
+    ),
+    SetUp(
+        "platform file's owner",
+        spoil.platform_of_a_stranger,
+        "platform",
+        "belongs to user 65534",
+        needs_ids=True,
+        advises=FAULTY_PLATFORM,
+    ),
+    SetUp(
+        "no network",
+        lambda d: d.platform.write(connections=[]),
+        "status",
+        "not connected",
+        advises=f"{NO_NETWORK}.*bring up a network",
+    ),
+    SetUp(
+        "clock wrong",
+        lambda d: d.clock.step_to(wall=10 * YEAR),
+        "dates",
+        "the clock is wrong",
+        advises=f"{NOT_TRUSTED}.*device's clock is wrong",
+    ),
 ]

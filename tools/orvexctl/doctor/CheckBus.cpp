@@ -3,7 +3,6 @@
 #include "findings/Files.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <grp.h>
 #include <string>
@@ -17,7 +16,6 @@ using findings::Checked;
 
 constexpr const char* kGroup = "positioning";
 constexpr const char* kPolicy = "/dbus-1/system.d/com.kelvra.orvexd.conf";
-constexpr int kExited = 1; // CLD_EXITED
 
 /// Where a system bus reads policies: the build's own place, and those of every bus.
 std::string policyFile() {
@@ -71,32 +69,6 @@ void checkGroup(const Checked& report) {
         report.doubtful("This user is not in the group positioning.",
                         "adduser USER positioning; it counts from the next login on.");
     }
-}
-
-std::string endInWords(const UnitFacts& unit) {
-    if (unit.result == "start-limit-hit") {
-        return "it was tried too often within a short time";
-    }
-    if (unit.result == "resources") {
-        return "the service manager could not prepare it: the file of the five variables is "
-               "missing, most likely";
-    }
-    if (unit.exitCode == 0) {
-        return "the check before its start found something broken";
-    }
-    if (unit.exitCode != kExited) {
-        const char* name = unit.exitStatus == SIGABRT
-                               ? ": orvexd.schema is malformed, or the bus took no message"
-                               : "";
-        return "signal " + std::to_string(unit.exitStatus) + " ended it" + name;
-    }
-    if (unit.exitStatus == 1) {
-        return "it ended with status 1: it is not root, one of the five variables is missing, the "
-               "bus cannot be reached, or another process has its name";
-    }
-    return unit.exitStatus >= 200
-               ? "the service manager could not run it, status " + std::to_string(unit.exitStatus)
-               : "it ended with status " + std::to_string(unit.exitStatus);
 }
 
 void checkUnit(const UnitFacts& unit, const Checked& report) {

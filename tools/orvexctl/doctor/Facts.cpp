@@ -12,9 +12,6 @@ namespace {
 
 constexpr const char* kName = "com.kelvra.orvexd";
 constexpr const char* kPath = "/com/kelvra/orvexd";
-constexpr const char* kUnit = "orvexd.service";
-constexpr const char* kManager = "org.freedesktop.systemd1";
-constexpr const char* kManagerPath = "/org/freedesktop/systemd1";
 constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 constexpr int kPatience = 5000; // milliseconds
 
@@ -119,88 +116,6 @@ void gatherStatus(Facts& facts) {
     }
 }
 
-/// A property of an object of the service manager; null when it cannot be told.
-VariantRef property(const Facts& facts, const std::string& path, const char* interface,
-                    const char* name) {
-    const VariantRef answer = call(facts, {kManager, path.c_str(), kProperties, "Get"},
-                                   g_variant_new("(ss)", interface, name), nullptr);
-    if (!answer) {
-        return nullptr;
-    }
-    GVariant* value = nullptr;
-    g_variant_get(answer.get(), "(v)", &value);
-    return VariantRef{value};
-}
-
-class Unit {
-public:
-    Unit(const Facts& facts, std::string path) : facts_{facts}, path_{std::move(path)} {}
-
-    [[nodiscard]] std::string text(const char* interface, const char* name) const {
-        const VariantRef value = property(facts_, path_, interface, name);
-        const bool good =
-            value && g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING) != FALSE;
-        return good ? g_variant_get_string(value.get(), nullptr) : "";
-    }
-
-    /// Any number or truth.
-    [[nodiscard]] std::int32_t number(const char* interface, const char* name) const {
-        const VariantRef value = property(facts_, path_, interface, name);
-        if (!value) {
-            return 0;
-        }
-        if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_BOOLEAN) != FALSE) {
-            return g_variant_get_boolean(value.get()) != FALSE ? 1 : 0;
-        }
-        if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_UINT32) != FALSE) {
-            return static_cast<std::int32_t>(g_variant_get_uint32(value.get()));
-        }
-        return g_variant_is_of_type(value.get(), G_VARIANT_TYPE_INT32) != FALSE
-                   ? g_variant_get_int32(value.get())
-                   : 0;
-    }
-
-    [[nodiscard]] std::string program() const {
-        const VariantRef value = property(facts_, path_, kService, "ExecStart");
-        if (!value || g_variant_n_children(value.get()) == 0) {
-            return {};
-        }
-        const VariantRef command{g_variant_get_child_value(value.get(), 0)};
-        const VariantRef path{g_variant_get_child_value(command.get(), 0)};
-        return g_variant_get_string(path.get(), nullptr);
-    }
-
-    static constexpr const char* kUnitInterface = "org.freedesktop.systemd1.Unit";
-    static constexpr const char* kService = "org.freedesktop.systemd1.Service";
-
-private:
-    const Facts& facts_;
-    std::string path_;
-};
-
-void gatherUnit(Facts& facts) {
-    // "Load" reads the file if it has to; it starts nothing.
-    const VariantRef answer =
-        call(facts, {kManager, kManagerPath, "org.freedesktop.systemd1.Manager", "LoadUnit"},
-             g_variant_new("(s)", kUnit), nullptr);
-    if (!answer || g_variant_is_of_type(answer.get(), G_VARIANT_TYPE("(o)")) == FALSE) {
-        return;
-    }
-    const char* path = nullptr;
-    g_variant_get(answer.get(), "(&o)", &path);
-    const Unit unit{facts, path};
-    facts.unit = UnitFacts{unit.text(Unit::kUnitInterface, "LoadState"),
-                           unit.text(Unit::kUnitInterface, "ActiveState"),
-                           unit.text(Unit::kUnitInterface, "SubState"),
-                           unit.text(Unit::kService, "Result"),
-                           unit.text(Unit::kUnitInterface, "FragmentPath"),
-                           unit.program(),
-                           unit.number(Unit::kUnitInterface, "NeedDaemonReload") != 0,
-                           static_cast<std::uint32_t>(unit.number(Unit::kService, "NRestarts")),
-                           unit.number(Unit::kService, "ExecMainCode"),
-                           unit.number(Unit::kService, "ExecMainStatus")};
-}
-
 } // namespace
 
 Facts gatherFacts() {
@@ -215,7 +130,7 @@ Facts gatherFacts() {
     gatherActivation(facts);
     gatherDaemon(facts);
     gatherStatus(facts);
-    gatherUnit(facts);
+    facts.unit = gatherUnit(facts.bus.get());
     return facts;
 }
 

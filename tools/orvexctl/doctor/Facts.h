@@ -1,6 +1,7 @@
 #pragma once
 
 #include "GioHandles.h"
+#include "doctor/UnitFacts.h"
 #include "findings/Identity.h"
 
 #include <cstdint>
@@ -17,22 +18,6 @@ struct DaemonFacts {
     std::string program;                            ///< empty when this user cannot see it
     std::vector<std::string> arguments;             ///< empty when this user cannot see them
     std::optional<findings::Variables> environment; ///< unset when this user cannot see it
-};
-
-/// What the service manager says of the unit.
-struct UnitFacts {
-    std::string loadState;   ///< "loaded", "not-found", …
-    std::string activeState; ///< "active", "inactive", "failed", …
-    std::string subState;
-    std::string result;       ///< of the service's last end
-    std::string file;         ///< of the unit
-    std::string program;      ///< of ExecStart=
-    bool needsReload = false; ///< the file has changed since it was read
-    std::uint32_t restarts = 0;
-    std::int32_t exitCode = 0;   ///< how the last process ended: CLD_EXITED, CLD_KILLED, …
-    std::int32_t exitStatus = 0; ///< its status or signal
-
-    [[nodiscard]] bool isLoaded() const { return loadState == "loaded"; }
 };
 
 /// The system bus, the daemon and the unit, asked once and without starting or changing anything.
