@@ -109,7 +109,9 @@ std::uint32_t OrvexMain::openConnection(std::string_view elementName, std::strin
 }
 
 void OrvexMain::closeConnection(std::uint32_t connectionId, const Client& client) {
-    if (connections_.contains(connectionId) && findConnection(connectionId, client) == nullptr) {
+    const bool isSomebodyElses =
+        connections_.contains(connectionId) && findConnection(connectionId, client) == nullptr;
+    if (isSomebodyElses) {
         return; // whatever requests it has, they belong to the same user
     }
     for (const RequestPointer& request : requests_.ofConnection(connectionId)) {

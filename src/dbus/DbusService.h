@@ -52,7 +52,7 @@ public:
     /// @param limits smaller than usual for tests.
     explicit DbusService(IMainLoop& mainLoop, UserLimits limits = {});
     /// Ends a running exchange, leaves the bus, destroys the gateway core. May take as long as the
-    /// worker waits for a client, at most 90 s.
+    /// worker waits: for a client at most 90 s, for the server at most the rest of its 60 s.
     ~DbusService() override;
     DbusService(const DbusService&) = delete;
     DbusService& operator=(const DbusService&) = delete;

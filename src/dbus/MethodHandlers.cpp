@@ -144,7 +144,7 @@ DBusHandlerResult DbusService::filter(DBusConnection* /*connection*/, DBusMessag
 const DbusService::Member* DbusService::memberOf(DBusMessage& message) {
     constexpr int kCall = DBUS_MESSAGE_TYPE_METHOD_CALL;
     constexpr int kSignal = DBUS_MESSAGE_TYPE_SIGNAL;
-    static constexpr std::array<Member, 10> kMembers = {{
+    static constexpr auto kMembers = std::to_array<Member>({
         {kCall, bus::kInterface, bus::kQuit, &DbusService::onQuit, "", false, false},
         {kCall, bus::kInterface, bus::kQuitDelayed, &DbusService::onQuitDelayed, "", false, false},
         {kSignal, bus::kInterface, bus::kCancel, &DbusService::onCancel, "uu", true, false},
@@ -155,7 +155,7 @@ const DbusService::Member* DbusService::memberOf(DBusMessage& message) {
         {kCall, bus::kInterface, bus::kSendData, &DbusService::onSendData, "aybuu", true, false},
         {kCall, bus::kInterface, bus::kGetData, &DbusService::onGetData, "uu", true, false},
         {kCall, bus::kPropertiesInterface, "Get", &DbusService::onGetProperty, "ss", false, false},
-    }};
+    });
     for (const Member& member : kMembers) {
         const auto matches =
             member.messageType == kSignal ? dbus_message_is_signal : dbus_message_is_method_call;

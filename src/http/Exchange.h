@@ -19,8 +19,9 @@ class RequestData;
 /// One exchange with the server: its queue of requests, its run on a worker thread, its outcome.
 ///
 /// The main loop assembles and starts it. Then the queue belongs to the worker, which touches the
-/// requests, the signal for client data, and nothing else of the main loop's; its last act is to
-/// post the outcome. All operations run on the main loop's thread unless they say otherwise.
+/// requests and the signal for client data, asks the client and the owner what they offer to the
+/// worker, and touches nothing else of the main loop's. Its last act is to post the outcome. All
+/// operations run on the main loop's thread unless they say otherwise.
 class Exchange {
 public:
     /// @param client carries the transfer; must outlive this object.

@@ -30,8 +30,9 @@ enum class DeliveryCode : unsigned {
     ResponseComplete = 2303, ///< the chunk ends the last part of the response
 };
 
-/// Life of a request. The states only rise, except that each further response part goes through
-/// Receiving and PartReceived again. Clients do not see them.
+/// Life of a request. The states only rise, with two exceptions: each further response part goes
+/// through Receiving and PartReceived again, and a queued request is Created again when no worker
+/// can be started. Clients do not see them.
 enum class RequestState : unsigned {
     Created = 0,          ///< waiting, in no transfer queue
     Queued = 1,           ///< waiting for its turn in the current exchange
@@ -40,7 +41,7 @@ enum class RequestState : unsigned {
     Receiving = 4,        ///< bytes of a response part are arriving
     PartReceived = 5,     ///< a response part is complete, more are announced
     AllPartsReceived = 6, ///< as many parts as announced are complete
-    Delivered = 7,        ///< every byte has been handed to the client
+    Delivered = 7,        ///< the last chunk is on its way to the client
 };
 
 /// Bits of the connection status, the value of the property "connectionStatus". Only 0, 1, 3 and 5

@@ -136,7 +136,7 @@ Answer::Added Answer::add(std::string_view bytes, bool partComplete, const Patie
 /// @param bytes loses at its front what is handed on meanwhile.
 /// @return false when there was no room until the deadline.
 bool Answer::awaitRoom(std::string_view& bytes, bool partComplete, const Patience& patience) {
-    if (canStore(bytes, partComplete)) {
+    if (offer(bytes, partComplete)) {
         return true;
     }
     countEvent(Statistic::RoomWaits);
@@ -146,31 +146,42 @@ bool Answer::awaitRoom(std::string_view& bytes, bool partComplete, const Patienc
         patience.memoryIsShort();
     }
     bool isThere = true;
-    while (isThere && !canStore(bytes, partComplete)) {
+    while (isThere && !offer(bytes, partComplete)) {
         isThere = change.wait(patience.deadline);
     }
     probe::roomWaitEnd(connectionId_, requestId_, isThere);
     return isThere;
 }
 
-/// Whether the bytes may be stored. Without room for them, chunks go on to a client that waits, and
-/// what such a client takes as a whole may always be stored.
-bool Answer::canStore(std::string_view& bytes, bool partComplete) {
+/// Hands bytes for which there is no room on to a client that waits for them.
+/// @param bytes loses what is handed on.
+/// @return whether they may be stored, as they were before.
+bool Answer::offer(std::string_view& bytes, bool partComplete) {
     const Lock guard(lock_);
+    if (canStore(bytes.size(), partComplete)) {
+        return true;
+    }
+    handOn(bytes);
+    return false;
+}
+
+/// Whether there is room, or no need for any: what a client that waits takes as a whole may always
+/// be stored.
+bool Answer::canStore(std::size_t size, bool partComplete) const noexcept {
     if (cancelled_ || charge_.hasRoomForData()) {
         return true;
     }
-    if (!isClientAtEnd()) {
-        return bytes.empty();
-    }
     const std::size_t lineBreak = partComplete ? 2 : 0; // may be no data
-    if (bytes.size() <= chunkSize_ + lineBreak) {
-        return true;
+    return size <= (isClientAtEnd() ? chunkSize_ + lineBreak : 0);
+}
+
+/// Sends one chunk to the client if it waits and there are more bytes than that.
+void Answer::handOn(std::string_view& bytes) {
+    if (isClientAtEnd() && bytes.size() > chunkSize_) {
+        setState(RequestState::Receiving);
+        post(DeliveryCode::PartContinues, std::string(bytes.substr(0, chunkSize_)));
+        bytes.remove_prefix(chunkSize_);
     }
-    setState(RequestState::Receiving);
-    post(DeliveryCode::PartContinues, std::string(bytes.substr(0, chunkSize_)));
-    bytes.remove_prefix(chunkSize_);
-    return false;
 }
 
 /// Whether the client waits in the middle of a part of which nothing is stored.

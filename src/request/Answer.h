@@ -229,7 +229,9 @@ private:
 
     [[nodiscard]] bool awaitRoom(std::string_view& bytes, bool partComplete,
                                  const Patience& patience);
-    [[nodiscard]] bool canStore(std::string_view& bytes, bool partComplete);
+    [[nodiscard]] bool offer(std::string_view& bytes, bool partComplete);
+    [[nodiscard]] bool canStore(std::size_t size, bool partComplete) const noexcept;
+    void handOn(std::string_view& bytes);
     [[nodiscard]] bool isClientAtEnd() const noexcept;
     Added store(std::string_view bytes, bool partComplete);
     void openBuffer();

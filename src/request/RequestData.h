@@ -46,8 +46,9 @@ public:
     /// @param connectionPolicy which network connections the request may use.
     /// @param owner receiver of the chunks, not owned; null drops them.
     /// @param budget of what the request holds; must outlive it.
-    /// It counts for the user of the connection; a request that counts ends on the main loop's
-    /// thread.
+    ///
+    /// The request counts for the user of its connection until it ends, which is on the main loop's
+    /// thread then.
     RequestData(std::uint32_t connectionId, std::uint32_t requestId, bool prepared,
                 std::shared_ptr<const ConnectionParameters> parameters,
                 std::uint32_t connectionPolicy = NotFlagged, IChunkReceiver* owner = nullptr,

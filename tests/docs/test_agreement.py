@@ -43,7 +43,7 @@ def names():
 
 def test_the_dispatch_table_has_what_the_interface_description_has():
     handlers = read("src/dbus/MethodHandlers.cpp")
-    table = re.search(r"kMembers = \{\{(.*?)\}\};", handlers, re.DOTALL)[1]
+    table = re.search(r"kMembers = std::to_array<Member>\(\{(.*?)\}\);", handlers, re.DOTALL)[1]
     own = re.findall(r"\{(\w+), bus::kInterface, bus::(\w+), &", table)
     others = re.findall(r'\{kCall, bus::kPropertiesInterface, "(\w+)", &', table)
     assert len(own) + len(others) == table.count("{")
@@ -55,6 +55,29 @@ def test_the_dispatch_table_has_what_the_interface_description_has():
     asked = re.findall(r"\(property\) != bus::(\w+)", handlers)
     served |= {("property", names()[name]) for name in asked}
     assert served == described_members()
+
+
+def methods():
+    return {name for kind, name in described_members() if kind == "method"}
+
+
+@pytest.mark.parametrize(
+    "source, table",
+    [
+        ("tests/integration/test_methods.py", "GOOD"),
+        ("tests/integration/faults/test_wrong_arguments.py", "SIGNATURES"),
+        ("tests/integration/faults/test_wrong_arguments.py", "GOOD"),
+        ("fuzz/bus/rounds.py", "_SIGNATURES"),
+    ],
+)
+def test_a_table_of_the_tests_has_every_method(source, table):
+    (text,) = re.findall(rf"^{table} = \{{\n(.*?)^\}}", read(source), re.MULTILINE | re.DOTALL)
+    assert methods() - {"quit"} <= set(re.findall(r'^    "(\w+)":', text, re.MULTILINE))
+
+
+def test_the_tests_of_the_policy_call_every_method():
+    called = set(re.findall(r'"(\w+)"', read("tests/integration/test_bus_policy.py")))
+    assert methods() <= called
 
 
 def test_the_guide_lists_what_the_interface_description_has():

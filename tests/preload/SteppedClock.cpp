@@ -2,8 +2,8 @@
 //
 // Preloaded. The file that ORVEXD_STEPPED_CLOCK names holds three steps in seconds as signed 64-bit
 // numbers, the wall clock's, the monotonic clock's and that of a thread's processor time, which are
-// read at every question for the time. Who sleeps already sleeps as long as before, and so does the C library itself, which asks
-// the kernel without asking here.
+// read at every question for the time. Who sleeps already sleeps as long as before, and so does the
+// C library itself, which asks the kernel without asking here.
 
 #include <atomic>
 #include <cstdint>
