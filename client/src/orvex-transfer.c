@@ -17,6 +17,7 @@ enum {
     CALL_TIMEOUT_MS = 60 * 1000,
     LAST_CALL_MS = 2000,      ///< the daemon answers at once unless it hangs
     REASON_MS = 2000,         ///< a failing exchange drops its requests before it says why
+    DOUBT_MS = 1000,          ///< between two questions whether the daemon still knows a request
     TOO_SLOW_REASON_MS = 500, ///< a slow client's part is closed without another word
 };
 
@@ -108,6 +109,7 @@ struct OrvexTransfer {
     GSource* cancelled;
     GSource* silence;
     GSource* explain;
+    GSource* doubt; ///< somebody may have cancelled it
     GSource* settling;
     GSource* last_call;
     GSource* telling; ///< progress, when it fires
@@ -818,6 +820,7 @@ static void end(OrvexTransfer* t) {
     orvex_source_clear(&t->explain);
     orvex_source_clear(&t->settling);
     orvex_source_clear(&t->telling);
+    orvex_source_clear(&t->doubt);
     if (t->connection != 0) {
         orvex_link_remove(t->link, t->connection, t);
     }
@@ -903,7 +906,8 @@ static void step_failed(OrvexTransfer* t, const GError* error) {
         return;
     }
     const gboolean slow = g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_TOO_SLOW);
-    if (slow || g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DROPPED)) {
+    if (slow || g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DROPPED) ||
+        g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_CANCELLED)) {
         if (t->answered) { // the part was closed, and the server has answered the torso
             fail(t, orvex_failure_from_code(ORVEX_CODE_NOT_ACCEPTING, TRUE));
             return;
@@ -1352,11 +1356,13 @@ static void probed(OrvexTransfer* t, GVariant* reply, GError* error) {
     if (code != ORVEX_CODE_UNKNOWN_REQUEST || t->answered) {
         return;
     }
-    g_autoptr(GError) dropped = orvex_failure_from_code((guint)code, TRUE);
+    g_autoptr(GError) dropped = t->doubt != NULL ? orvex_failure_new(ORVEX_ERROR_CANCELLED, 0, NULL)
+                                                 : orvex_failure_from_code((guint)code, TRUE);
     step_failed(t, dropped);
 }
 
-void orvex_transfer_probe(OrvexTransfer* t) {
+/// Asks the daemon whether it still knows the request.
+static void probe(OrvexTransfer* t) {
     if (t->request == 0 || t->over || t->answered || t->sending || t->upload == UPLOAD_RUNNING) {
         return;
     }
@@ -1373,9 +1379,24 @@ void orvex_transfer_exchange_failed(OrvexTransfer* t, guint code, const char* me
     // The failure of an exchange names those that are not answered. This one seems to be: its end
     // is still held back, and its part may be the one in which the transfer broke off.
     if (!t->answered) { // or its last chunk and the failure have missed each other
-        orvex_transfer_probe(t);
+        probe(t);
     } else if (!orvex_failure_is_before_exchange(code, message)) {
         fail(t, orvex_failure_new(ORVEX_ERROR_TRUNCATED, code, message));
+    }
+}
+
+static gboolean probe_again(gpointer transfer) {
+    OrvexTransfer* t = transfer;
+    orvex_source_clear(&t->doubt);
+    t->doubt = orvex_worker_timer(DOUBT_MS, probe_again, t);
+    probe(t);
+    return G_SOURCE_REMOVE;
+}
+
+void orvex_transfer_may_be_cancelled(OrvexTransfer* t, guint request) {
+    // A cancelled request stays until its exchange ends, and nothing is told then.
+    if (t->request != 0 && request == t->request && !t->over) {
+        probe_again(t);
     }
 }
 
