@@ -769,7 +769,8 @@ static void make_signals(void) {
      * @sent: bytes of the question that the daemon has taken
      * @received: bytes of the answer that have come
      *
-     * Bytes have moved. It is emitted once for all that moved since it was emitted before.
+     * Bytes have moved. It is emitted once for all that moved since it was emitted before, fifty
+     * times a second at the most, and before each change of the state.
      */
     signals[SIGNAL_PROGRESS] =
         g_signal_new("progress", ORVEX_TYPE_REQUEST, G_SIGNAL_RUN_LAST, 0, NULL, NULL, NULL,
