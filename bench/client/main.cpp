@@ -67,6 +67,21 @@ void exchange(const Bus& bus, Connections& connections, std::istream& in, std::o
     out << '}';
 }
 
+/// One request as the client guide asks for it: on a connection of its own, and not over before two
+/// calls behind the last chunk are answered.
+void request(const Bus& bus, Connections& /*connections*/, std::istream& in, std::ostream& out) {
+    ExchangePlan plan;
+    in >> plan.upload;
+    const Clock::time_point begin = Clock::now();
+    const dbus_uint32_t connection = openConnection(bus, 65536);
+    const ExchangeTimes times = runExchange(bus, connection, plan, 0);
+    bus.send(makeCall("Ping", "org.freedesktop.DBus.Peer"));
+    bus.call(makeCall("Ping", "org.freedesktop.DBus.Peer"));
+    const Clock::duration done = Clock::now() - begin;
+    closeConnection(bus, connection);
+    out << "{\"done\": " << nanoseconds(done) << ", \"received\": " << times.received << '}';
+}
+
 void many(const Bus& bus, Connections& connections, std::istream& in, std::ostream& out) {
     std::size_t count = 0;
     std::size_t bytes = 0;
@@ -126,8 +141,9 @@ using Command = void (*)(const Bus&, Connections&, std::istream&, std::ostream&)
 
 const std::map<std::string, Command>& commands() {
     static const std::map<std::string, Command> kCommands = {
-        {"exchange", exchange}, {"many", many},    {"load", load},   {"connects", connects},
-        {"calls", calls},       {"probe", probes}, {"start", start}, {"unfetched", unfetched}};
+        {"exchange", exchange}, {"many", many},           {"load", load},
+        {"connects", connects}, {"calls", calls},         {"probe", probes},
+        {"start", start},       {"unfetched", unfetched}, {"request", request}};
     return kCommands;
 }
 
@@ -156,6 +172,8 @@ constexpr const char* kUsage =
     "\n"
     "  exchange UPLOAD PIECE PER-SECOND CHUNK ANSWER LATE   one request, from prepare to the last\n"
     "                          chunk; LATE 1: getData when everything is sent, 0: at once\n"
+    "  request UPLOAD          one request as the client guide asks for it, from connect to the\n"
+    "                          answers of two calls behind the last chunk\n"
     "  many COUNT BYTES        one exchange of COUNT requests\n"
     "  unfetched COUNT BYTES   the same, but nobody fetches the answers; ends when all data is on "
     "its\n"

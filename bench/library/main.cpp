@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <orvexclient.h>
@@ -20,7 +21,7 @@ using Clock = std::chrono::steady_clock;
 template <typename Object> using ObjectRef = std::unique_ptr<Object, FreeWith<g_object_unref>>;
 using BytesRef = std::unique_ptr<GBytes, FreeWith<g_bytes_unref>>;
 
-constexpr std::size_t kPiece = 65536;
+constexpr std::size_t kRoom = 65536;
 
 [[noreturn]] void fail(GError* error) {
     const std::unique_ptr<GError, FreeWith<g_error_free>> owner{error};
@@ -32,18 +33,50 @@ ObjectRef<OrvexRequest> makeRequest() {
         orvex_request_new("fingerprintRequest", "fingerprint", "1.0", "application/octet-stream")};
 }
 
-/// So many bytes, of which one piece is in memory.
+/// A question of so many bytes that costs its reader next to nothing, and holds none of them.
+struct Question {
+    GInputStream parent;
+    std::size_t left;
+};
+
+struct QuestionClass {
+    GInputStreamClass parent;
+};
+
+G_DEFINE_TYPE(Question, question, G_TYPE_INPUT_STREAM)
+
+gssize readQuestion(GInputStream* stream, void* buffer, gsize count, GCancellable* /*cancellable*/,
+                    GError** /*error*/) {
+    auto& left = reinterpret_cast<Question*>(stream)->left;
+    const std::size_t amount = std::min(left, count);
+    std::memset(buffer, 'u', amount);
+    left -= amount;
+    return static_cast<gssize>(amount);
+}
+
+/// On the thread that asks, as streams in memory do; by itself, a stream would take another one.
+void readQuestionAsync(GInputStream* stream, void* buffer, gsize count, int /*priority*/,
+                       GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+    const ObjectRef<GTask> task{g_task_new(stream, cancellable, callback, data)};
+    g_task_return_int(task.get(), readQuestion(stream, buffer, count, nullptr, nullptr));
+}
+
+gssize endReading(GInputStream* /*stream*/, GAsyncResult* result, GError** error) {
+    return g_task_propagate_int(G_TASK(result), error);
+}
+
+void question_class_init(QuestionClass* type) {
+    type->parent.read_fn = readQuestion;
+    type->parent.read_async = readQuestionAsync;
+    type->parent.read_finish = endReading;
+}
+
+void question_init(Question* /*question*/) {}
+
 ObjectRef<GInputStream> makeQuestion(std::size_t size) {
-    const std::string text(kPiece, 'u');
-    const BytesRef piece{g_bytes_new(text.data(), text.size())};
-    ObjectRef<GInputStream> question{g_memory_input_stream_new()};
-    for (std::size_t left = size; left > 0;) {
-        const std::size_t amount = std::min(left, kPiece);
-        const BytesRef part{g_bytes_new_from_bytes(piece.get(), 0, amount)};
-        g_memory_input_stream_add_bytes(G_MEMORY_INPUT_STREAM(question.get()), part.get());
-        left -= amount;
-    }
-    return question;
+    auto* const question = static_cast<Question*>(g_object_new(question_get_type(), nullptr));
+    question->left = size;
+    return ObjectRef<GInputStream>{&question->parent};
 }
 
 /// One request, from nothing to the end of the answer.
@@ -51,7 +84,7 @@ void exchange(OrvexClient* client, std::istream& in, std::ostream& out) {
     std::size_t upload = 0;
     in >> upload;
     const ObjectRef<GInputStream> question = makeQuestion(upload);
-    std::vector<char> room(kPiece);
+    std::vector<char> room(kRoom);
     GError* error = nullptr;
     std::size_t received = 0;
     const Clock::time_point begin = Clock::now();

@@ -20,6 +20,9 @@ enum { MOST_CALLS = 16, CALLS_OF_A_TRANSFER = 2 };
 
 enum { LOOK_FOR_BUS_MS = 500 };
 
+/// No user has this number.
+#define NOBODY G_MAXUINT32
+
 /// What the daemon would keep if the process ended now.
 typedef struct {
     const OrvexTransfer* transfer; ///< whose it is: numbers begin again with the next daemon
@@ -245,7 +248,7 @@ static void audience_unref(Audience* audience) {
 static OrvexLink* link_new(GMainContext* context) {
     OrvexLink* link = g_new0(OrvexLink, 1);
     atomic_init(&link->refs, 1);
-    link->user = G_MAXUINT32; // nobody's
+    link->user = NOBODY;
     link->transfers = g_hash_table_new(NULL, NULL);
     link->remains = g_array_new(FALSE, FALSE, sizeof(Remains));
     link->context = g_main_context_ref(context);
@@ -770,16 +773,16 @@ typedef struct {
 static void canceller_known(GObject* bus, GAsyncResult* result, gpointer data) {
     g_autofree Cancel* cancel = data;
     OrvexLink* link = cancel->link;
-    guint32 user = G_MAXUINT32;
+    guint32 user = NOBODY;
     g_autoptr(GVariant) reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(bus), result, NULL);
     OrvexTransfer* transfer = find_transfer(link, cancel->connection);
     if (reply != NULL) {
         g_variant_get(reply, "(u)", &user);
     }
-    if (transfer != NULL && (user == 0 || user == link->user)) {
+    if (transfer != NULL && user == NOBODY) {
+        orvex_transfer_may_be_cancelled(transfer, cancel->request); // the daemon may be quicker
+    } else if (transfer != NULL && (user == 0 || user == link->user)) {
         orvex_transfer_cancelled(transfer, cancel->request);
-    } else if (transfer != NULL && reply == NULL) {
-        orvex_transfer_probe(transfer); // the daemon may have been quicker
     }
     orvex_link_unref(link);
 }

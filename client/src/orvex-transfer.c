@@ -6,15 +6,18 @@
 #include "orvex-worker.h"
 
 #include <stdatomic.h>
+#include <stdint.h>
 #include <string.h>
 
 enum {
     READ_AHEAD = 256 * 1024, ///< bytes of the question that are read before they are wanted
     PIECES_AHEAD = 16,       ///< however small they are
     CHUNKS_HELD = 2,         ///< of the answer, for a reader
+    PROGRESS_MS = 20,        ///< between two events: each wakes a thread
     CALL_TIMEOUT_MS = 60 * 1000,
     LAST_CALL_MS = 2000,      ///< the daemon answers at once unless it hangs
     REASON_MS = 2000,         ///< a failing exchange drops its requests before it says why
+    DOUBT_MS = 1000,          ///< between two questions whether the daemon still knows a request
     TOO_SLOW_REASON_MS = 500, ///< a slow client's part is closed without another word
 };
 
@@ -60,6 +63,7 @@ typedef struct {
 
 typedef struct Listener Listener;
 typedef struct Piece Piece;
+typedef struct Rooms Rooms;
 
 struct OrvexTransfer {
     atomic_int refs;
@@ -80,6 +84,7 @@ struct OrvexTransfer {
     gboolean seated;   ///< it counts for the link
     guint calls;       ///< that are under way
     Piece* reading;    ///< for which the question's stream is being read, or NULL
+    Rooms* rooms;      ///< for its pieces, as long as there are any
     GQueue outgoing;   ///< of GBytes: what was read and is not sent
     gsize outgoing_bytes;
     gsize offset; ///< in plan.bytes, where the next piece begins
@@ -104,9 +109,12 @@ struct OrvexTransfer {
     GSource* cancelled;
     GSource* silence;
     GSource* explain;
+    GSource* doubt; ///< somebody may have cancelled it
     GSource* settling;
     GSource* last_call;
-    gint64 progress; ///< when something went on
+    GSource* telling; ///< progress, when it fires
+    gboolean untold;  ///< bytes have moved since it was told
+    gint64 progress;  ///< when something went on
 
     // Guarded by the lock. Another thread waits for a change of it.
     pthread_mutex_t lock;
@@ -123,6 +131,74 @@ struct OrvexTransfer {
     OrvexTransferFacts facts;
     gboolean progress_posted;
 };
+
+// -- memory for the question ----------------------------------------------------------------------
+
+/// Memory for the pieces of a question: one is sent while the next one is read. From the heap, each
+/// piece would leave holes in which the next one does not fit.
+struct Rooms {
+    atomic_int refs; ///< the transfer's, and one for each room in use
+    atomic_uintptr_t spare[2];
+    gsize size; ///< of each
+};
+
+typedef struct {
+    Rooms* owner;
+    guint8 bytes[];
+} Room;
+
+static Rooms* rooms_new(gsize size) {
+    Rooms* rooms = g_new0(Rooms, 1);
+    atomic_init(&rooms->refs, 1);
+    rooms->size = size;
+    return rooms;
+}
+
+static void rooms_unref(Rooms* rooms) {
+    if (atomic_fetch_sub(&rooms->refs, 1) != 1) {
+        return;
+    }
+    for (guint index = 0; index < G_N_ELEMENTS(rooms->spare); ++index) {
+        g_free((gpointer)atomic_load(&rooms->spare[index]));
+    }
+    g_free(rooms);
+}
+
+/// The worker.
+static Room* rooms_take(Rooms* rooms) {
+    uintptr_t room = 0;
+    for (guint index = 0; index < G_N_ELEMENTS(rooms->spare) && room == 0; ++index) {
+        room = atomic_exchange(&rooms->spare[index], 0);
+    }
+    Room* taken = room != 0 ? (Room*)room : g_malloc(sizeof(Room) + rooms->size);
+    taken->owner = rooms;
+    atomic_fetch_add(&rooms->refs, 1);
+    return taken;
+}
+
+/// Any thread.
+static void room_release(gpointer data) {
+    Room* room = data;
+    Rooms* rooms = room->owner;
+    for (guint index = 0; index < G_N_ELEMENTS(rooms->spare) && room != NULL; ++index) {
+        uintptr_t none = 0;
+        if (atomic_compare_exchange_strong(&rooms->spare[index], &none, (uintptr_t)room)) {
+            room = NULL;
+        }
+    }
+    g_free(room);
+    rooms_unref(rooms);
+}
+
+/// Takes the room. A source that gives little at once does not hold much memory for it.
+static GBytes* room_to_bytes(Room* room, gsize size) {
+    if (size >= room->owner->size / 2) {
+        return g_bytes_new_with_free_func(room->bytes, size, room_release, room);
+    }
+    GBytes* bytes = g_bytes_new(room->bytes, size);
+    room_release(room);
+    return bytes;
+}
 
 // -- life ----------------------------------------------------------------------------------------
 
@@ -190,6 +266,7 @@ void orvex_transfer_unref(OrvexTransfer* t) {
     g_free(t->owner);
     g_list_free_full(t->early, early_free);
     g_queue_clear_full(&t->outgoing, (GDestroyNotify)g_bytes_unref);
+    g_clear_pointer(&t->rooms, rooms_unref);
     g_queue_clear_full(&t->answer, chunk_free);
     g_clear_pointer(&t->whole, g_byte_array_unref);
     g_clear_error(&t->refusal);
@@ -251,7 +328,21 @@ static void post_event(OrvexTransfer* t, gboolean is_progress, OrvexRequestState
     orvex_post(t->plan.events, G_PRIORITY_DEFAULT, event_tell, event, event_free);
 }
 
+static void tell_progress(OrvexTransfer* t) {
+    pthread_mutex_lock(&t->lock);
+    const gboolean post = !t->progress_posted;
+    t->progress_posted = TRUE;
+    pthread_mutex_unlock(&t->lock);
+    t->untold = FALSE;
+    if (post) { // else the one that is on its way brings the new numbers
+        post_event(t, TRUE, ORVEX_REQUEST_STATE_IDLE);
+    }
+}
+
 static void set_state(OrvexTransfer* t, OrvexRequestState state) {
+    if (t->untold) {
+        tell_progress(t);
+    }
     pthread_mutex_lock(&t->lock);
     const gboolean changed = t->facts.state != state;
     t->facts.state = state;
@@ -261,16 +352,28 @@ static void set_state(OrvexTransfer* t, OrvexRequestState state) {
     }
 }
 
-/// Bytes have moved. However many moves there are, one event is on its way at the most.
+static gboolean tell_progress_again(gpointer transfer) {
+    OrvexTransfer* t = transfer;
+    orvex_source_clear(&t->telling);
+    if (t->untold) {
+        tell_progress(t);
+        t->telling = orvex_worker_timer(PROGRESS_MS, tell_progress_again, t);
+    }
+    return G_SOURCE_REMOVE;
+}
+
+/// Bytes have moved.
 static void count(OrvexTransfer* t, gsize sent, gsize received) {
     pthread_mutex_lock(&t->lock);
     t->facts.sent += sent;
     t->facts.received += received;
-    const gboolean post = !t->progress_posted;
-    t->progress_posted = TRUE;
     pthread_mutex_unlock(&t->lock);
-    if (post) {
-        post_event(t, TRUE, ORVEX_REQUEST_STATE_IDLE);
+    t->untold = TRUE;
+    if (t->telling == NULL) {
+        tell_progress(t);
+    }
+    if (t->telling == NULL && !t->over) {
+        t->telling = orvex_worker_timer(PROGRESS_MS, tell_progress_again, t);
     }
 }
 
@@ -707,6 +810,7 @@ static void drop_stream(OrvexTransfer* t) {
                    g_steal_pointer(&t->plan.stream), g_object_unref);
     }
     g_clear_pointer(&t->plan.question_context, g_main_context_unref);
+    g_clear_pointer(&t->rooms, rooms_unref);
 }
 
 static void end(OrvexTransfer* t) {
@@ -715,6 +819,8 @@ static void end(OrvexTransfer* t) {
     orvex_source_clear(&t->silence);
     orvex_source_clear(&t->explain);
     orvex_source_clear(&t->settling);
+    orvex_source_clear(&t->telling);
+    orvex_source_clear(&t->doubt);
     if (t->connection != 0) {
         orvex_link_remove(t->link, t->connection, t);
     }
@@ -800,7 +906,8 @@ static void step_failed(OrvexTransfer* t, const GError* error) {
         return;
     }
     const gboolean slow = g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_TOO_SLOW);
-    if (slow || g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DROPPED)) {
+    if (slow || g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DROPPED) ||
+        g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_CANCELLED)) {
         if (t->answered) { // the part was closed, and the server has answered the torso
             fail(t, orvex_failure_from_code(ORVEX_CODE_NOT_ACCEPTING, TRUE));
             return;
@@ -891,8 +998,8 @@ struct Piece {
     GInputStream* stream; ///< the transfer's
     GCancellable* cancellable;
     int io_priority;
-    gsize size; ///< at most
-    GBytes* bytes;
+    Room* room;
+    gsize size; ///< of the room; then what was read
     GError* error;
 };
 
@@ -906,7 +1013,7 @@ static void piece_unref(gpointer data) {
     if (atomic_fetch_sub(&piece->refs, 1) != 1) {
         return;
     }
-    g_clear_pointer(&piece->bytes, g_bytes_unref);
+    g_clear_pointer(&piece->room, room_release);
     g_clear_error(&piece->error);
     g_clear_pointer(&piece->source, g_source_unref);
     g_object_unref(piece->cancellable);
@@ -947,11 +1054,12 @@ static void piece_read(gpointer data) {
         fail(t, g_steal_pointer(&piece->error));
         return;
     }
-    if (g_bytes_get_size(piece->bytes) == 0) {
+    if (piece->size == 0) {
         t->question_ended = TRUE;
+        g_clear_pointer(&t->rooms, rooms_unref);
     } else {
-        t->outgoing_bytes += g_bytes_get_size(piece->bytes);
-        g_queue_push_tail(&t->outgoing, g_steal_pointer(&piece->bytes));
+        t->outgoing_bytes += piece->size;
+        g_queue_push_tail(&t->outgoing, room_to_bytes(g_steal_pointer(&piece->room), piece->size));
         read_ahead(t);
     }
     pump(t);
@@ -960,7 +1068,8 @@ static void piece_read(gpointer data) {
 /// In the context of the stream.
 static void stream_was_read(GObject* stream, GAsyncResult* result, gpointer data) {
     Piece* piece = data;
-    piece->bytes = g_input_stream_read_bytes_finish(G_INPUT_STREAM(stream), result, &piece->error);
+    const gssize size = g_input_stream_read_finish(G_INPUT_STREAM(stream), result, &piece->error);
+    piece->size = (gsize)MAX(size, 0);
     orvex_worker_post(piece_read, piece, piece_unref);
 }
 
@@ -972,8 +1081,8 @@ static void read_stream(gpointer data) {
     }
     GMainContext* context = g_source_get_context(g_main_current_source());
     g_main_context_push_thread_default(context);
-    g_input_stream_read_bytes_async(piece->stream, piece->size, piece->io_priority,
-                                    piece->cancellable, stream_was_read, piece_ref(piece));
+    g_input_stream_read_async(piece->stream, piece->room->bytes, piece->size, piece->io_priority,
+                              piece->cancellable, stream_was_read, piece_ref(piece));
     g_main_context_pop_thread_default(context);
 }
 
@@ -992,6 +1101,7 @@ static void read_ahead(OrvexTransfer* t) {
     piece->stream = t->plan.stream;
     piece->cancellable = g_object_ref(t->stop_source);
     piece->io_priority = t->plan.io_priority;
+    piece->room = rooms_take(t->rooms);
     piece->size = t->plan.piece_size;
     t->reading = piece;
     piece->source = orvex_prepare_post(t->plan.io_priority, read_stream, piece, piece_unref);
@@ -1083,8 +1193,8 @@ void orvex_transfer_data_wanted(OrvexTransfer* t, guint request) {
     progressed(t);
     t->upload = UPLOAD_RUNNING;
     orvex_link_note_open(t->link, t, t->connection, t->request, TRUE);
-    set_state(t, ORVEX_REQUEST_STATE_SENDING);
     pump(t);
+    set_state(t, ORVEX_REQUEST_STATE_SENDING);
 }
 
 // -- the answer ----------------------------------------------------------------------------------
@@ -1181,18 +1291,21 @@ static void chunk_came(OrvexTransfer* t, GVariant* reply, GError* error) {
         return;
     }
     progressed(t);
-    if (t->upload != UPLOAD_RUNNING) {
-        set_state(t, ORVEX_REQUEST_STATE_RECEIVING);
-    }
     t->chunks += size > 0 || t->chunks > 0 ? 1 : 0;
-    count(t, 0, size);
     keep(t, g_steal_pointer(&bytes), code == PART_COMPLETE);
+    // The daemon's next step first: who is woken might want its processor.
     if (code == RESPONSE_COMPLETE) {
         begin_to_settle(t, size);
     } else {
         fetch(t);
     }
-    wake(t);
+    if (t->upload != UPLOAD_RUNNING) {
+        set_state(t, ORVEX_REQUEST_STATE_RECEIVING);
+    }
+    count(t, 0, size);
+    if (!t->answered || t->upload != UPLOAD_COMPLETE) { // else the end wakes the reader in a moment
+        wake(t);
+    }
 }
 
 /// Asks for the next chunk, unless the reader has as much as it may have. The daemon holds the call
@@ -1243,11 +1356,13 @@ static void probed(OrvexTransfer* t, GVariant* reply, GError* error) {
     if (code != ORVEX_CODE_UNKNOWN_REQUEST || t->answered) {
         return;
     }
-    g_autoptr(GError) dropped = orvex_failure_from_code((guint)code, TRUE);
+    g_autoptr(GError) dropped = t->doubt != NULL ? orvex_failure_new(ORVEX_ERROR_CANCELLED, 0, NULL)
+                                                 : orvex_failure_from_code((guint)code, TRUE);
     step_failed(t, dropped);
 }
 
-void orvex_transfer_probe(OrvexTransfer* t) {
+/// Asks the daemon whether it still knows the request.
+static void probe(OrvexTransfer* t) {
     if (t->request == 0 || t->over || t->answered || t->sending || t->upload == UPLOAD_RUNNING) {
         return;
     }
@@ -1264,9 +1379,24 @@ void orvex_transfer_exchange_failed(OrvexTransfer* t, guint code, const char* me
     // The failure of an exchange names those that are not answered. This one seems to be: its end
     // is still held back, and its part may be the one in which the transfer broke off.
     if (!t->answered) { // or its last chunk and the failure have missed each other
-        orvex_transfer_probe(t);
+        probe(t);
     } else if (!orvex_failure_is_before_exchange(code, message)) {
         fail(t, orvex_failure_new(ORVEX_ERROR_TRUNCATED, code, message));
+    }
+}
+
+static gboolean probe_again(gpointer transfer) {
+    OrvexTransfer* t = transfer;
+    orvex_source_clear(&t->doubt);
+    t->doubt = orvex_worker_timer(DOUBT_MS, probe_again, t);
+    probe(t);
+    return G_SOURCE_REMOVE;
+}
+
+void orvex_transfer_may_be_cancelled(OrvexTransfer* t, guint request) {
+    // A cancelled request stays until its exchange ends, and nothing is told then.
+    if (t->request != 0 && request == t->request && !t->over) {
+        probe_again(t);
     }
 }
 
@@ -1313,8 +1443,8 @@ static void created(OrvexTransfer* t, GVariant* reply, GError* error) {
         return;
     }
     progressed(t);
-    set_state(t, ORVEX_REQUEST_STATE_WAITING);
     fetch(t);
+    set_state(t, ORVEX_REQUEST_STATE_WAITING);
     catch_up(t);
 }
 
@@ -1418,6 +1548,7 @@ OrvexTransfer* orvex_transfer_new(OrvexLink* link, OrvexPlan* plan, OrvexRequest
     g_queue_init(&t->answer);
     t->stop = g_cancellable_new();
     t->stop_source = g_cancellable_new();
+    t->rooms = plan->stream != NULL ? rooms_new(plan->piece_size) : NULL;
     t->whole = plan->collect ? g_byte_array_new() : NULL;
     pthread_mutex_init(&t->lock, NULL);
     pthread_cond_init(&t->changed, NULL);

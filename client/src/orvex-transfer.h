@@ -93,7 +93,7 @@ gboolean orvex_transfer_failed(OrvexTransfer* transfer, guint request, guint cod
                                const char* message);
 /// An exchange has failed, and its failure does not name this request.
 void orvex_transfer_exchange_failed(OrvexTransfer* transfer, guint code, const char* message);
-/// Asks the daemon whether it still knows the request.
-void orvex_transfer_probe(OrvexTransfer* transfer);
+/// Somebody who has left the bus has cancelled it: the daemon has obeyed him, or it has not.
+void orvex_transfer_may_be_cancelled(OrvexTransfer* transfer, guint request);
 void orvex_transfer_cancelled(OrvexTransfer* transfer, guint request);
 void orvex_transfer_daemon_gone(OrvexTransfer* transfer);

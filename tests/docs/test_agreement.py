@@ -12,9 +12,9 @@ from include_graph import FLOOR_OF_FOLDER
 INTERFACE = ElementTree.fromstring(read("data/com.kelvra.orvexd.xml")).find("interface")
 SOURCES = {
     "c": ["examples/fingerprint.c"],
-    "js": ["examples/fingerprint.js"],
+    "js": ["examples/five-lines.js"],
     "cpp": ["examples/raw/cpp/main.cpp"],
-    "python": ["examples/fingerprint.py", "examples/raw/python/client.py"],
+    "python": ["examples/five-lines.py", "examples/raw/python/client.py"],
 }
 KINDS = {"method": "method", "signal of clients": "signal", "signal of the daemon": "signal"}
 

@@ -5,6 +5,7 @@ import os
 import signal
 import subprocess
 import sys
+import time
 import xml.etree.ElementTree as ElementTree
 
 import pytest
@@ -143,6 +144,15 @@ def test_states_are_told_in_order_and_progress_to_the_last_byte(orvex):
     assert states[:3] == ["connecting", "waiting", "sending"]
     assert progress == sorted(progress) and progress[-1] == (200_000, 200_000)
     assert request.get_state() == Orvex.RequestState.ANSWERED
+
+
+def test_progress_is_told_fifty_times_a_second_at_the_most(orvex):
+    request = new_request(piece_size=500)
+    progress = []
+    request.connect("progress", lambda _request, *moved: progress.append(moved))
+    begin = time.monotonic()
+    send(orvex, bytes(200_000), request).wait()
+    assert len(progress) <= (time.monotonic() - begin) * 50 + 5
 
 
 def test_many_requests_at_once_on_one_client(orvex):

@@ -149,6 +149,43 @@ def test_only_the_same_user_and_root_can_cancel(script, bus):
         agent.close()
 
 
+BUS = "org.freedesktop.DBus"
+NOBODY_KNOWS = f'<deny send_interface="{BUS}" send_member="GetConnectionUnixUser"/>\n  </policy>'
+
+
+@pytest.fixture
+def passer_by(client_of):
+    return client_of(None)
+
+
+@pytest.mark.parametrize("bus_options", [{"policy": PERMISSIVE_POLICY.replace("</policy>", NOBODY_KNOWS)}])
+def test_cancelling_by_somebody_whom_the_bus_does_not_know_any_more_is_found_out(script, passer_by):
+    pending = ask(script.client)
+    script.wait_for_call()
+    script.want_data()
+    wait_for(lambda: script.pieces, 10, "the question")
+    script.settle()
+    script.result = GLib.Variant("(i)", (57,))  # the exchange goes on
+    passer_by.emit("cancel", GLib.Variant("(uu)", (CONNECTION, REQUEST)))
+    wait_for(lambda: len(script.pieces) == 3, 10, "two questions whether it is known")
+    assert not pending.done
+    script.result = GLib.Variant("(i)", (41,))  # it is over
+    assert matches(pending.failure(), Orvex.Error.CANCELLED)
+
+
+@pytest.mark.parametrize("bus_options", [{"policy": PERMISSIVE_POLICY.replace("</policy>", NOBODY_KNOWS)}])
+def test_cancelling_that_the_daemon_does_not_obey_changes_nothing(script, passer_by):
+    pending = ask(script.client)
+    script.wait_for_call()
+    script.want_data()
+    wait_for(lambda: script.pieces, 10, "the question")
+    script.settle()
+    passer_by.emit("cancel", GLib.Variant("(uu)", (CONNECTION, REQUEST)))
+    wait_for(lambda: len(script.pieces) == 2, 10, "the question whether it is known")
+    script.deliver(b"answer", COMPLETE)
+    assert pending.wait() == b"answer"
+
+
 # -- contexts that never run -----------------------------------------------------------------------
 
 

@@ -220,6 +220,21 @@ def test_failure_that_comes_before_the_reply_which_names_the_request_counts(scri
     assert matches(ask(script.client).failure(), Orvex.Error.NO_NETWORK)
 
 
+# -- an answer that you do not fetch stops the server ----------------------------------------------
+
+
+def test_answer_is_fetched_while_the_question_is_on_its_way(script):
+    script.result = None  # the daemon holds the reply to the first piece
+    stream = send(script.client, b"question")
+    script.wait_for_call()
+    script.want_data()
+    wait_for(lambda: script.pieces, 10, "the question")
+    for _ in range(2):
+        script.deliver(b"piece ", CONTINUES)
+    assert library.read(stream.wait()).wait() == b"piece "
+    script.wait_for_call()
+
+
 # -- the requests of a client stay -----------------------------------------------------------------
 
 
@@ -258,12 +273,13 @@ def test_request_that_is_given_up_early_is_closed_when_it_has_its_numbers(script
 # -- chunk size and encoding -----------------------------------------------------------------------
 
 
-def test_chunk_size_is_never_zero(script):
+def test_chunk_size_is_never_zero_and_texts_have_no_zero_byte(script):
     assert Orvex.Request.find_property("chunk-size").minimum == 1
-    ask(script.client)
+    ask(script.client, request=Orvex.Request.new("e", "type", "1.0", "text/plain"))
     wait_for(lambda: script.called("connect"), 10, "connect")
-    *_, encoding, _content, chunk_size = script.called("connect")[0]
-    assert (bytes(encoding), chunk_size) == (b"binary", 65536)
+    *texts, chunk_size = script.called("connect")[0]
+    assert [bytes(each) for each in texts] == [b"e", b"type", b"1.0", b"binary", b"text/plain"]
+    assert chunk_size == 65536
 
 
 # -- a later sendData takes lastPart back ----------------------------------------------------------
@@ -285,13 +301,37 @@ def test_question_ends_once_and_comes_in_pieces_of_bounded_size(size, script):
     assert library.read(pending.wait()).wait() == b"answer"
 
 
-def test_slow_source_is_read_ahead_before_its_data_is_wanted(script):
+@pytest.mark.parametrize("piece_size, ahead", [(64 * 1024, 256 * 1024), (192 * 1024, 192 * 1024)])
+def test_slow_source_is_read_ahead_before_its_data_is_wanted(piece_size, ahead, script):
     question = question_of(bytes(1_000_000))
-    send(script.client, question)
+    send(script.client, question, new_request(piece_size=piece_size))
     script.wait_for_call()
-    wait_for(lambda: question.tell() == 256 * 1024, 10, "what is read ahead")
+    wait_for(lambda: question.tell() == ahead, 10, "what is read ahead")
     script.settle()
-    assert question.tell() == 256 * 1024
+    assert question.tell() == ahead
+
+
+def test_question_that_is_there_goes_in_pieces_of_192_kib(script):
+    data = os.urandom(1_000_000)
+    send(script.client, data)
+    script.wait_for_call()
+    script.want_data()
+    wait_for(lambda: script.pieces and script.pieces[-1][1], 10, "the last piece")
+    assert b"".join(piece for piece, _ in script.pieces) == data
+    assert [len(piece) for piece, _ in script.pieces[:5]] == [192 * 1024] * 5
+
+
+def test_slow_source_is_sent_piece_by_piece_as_it_comes(script):
+    reading, writing = os.pipe()
+    send(script.client, Gio.UnixInputStream.new(reading, True))
+    script.wait_for_call()
+    script.want_data()
+    for number in range(1, 4):
+        os.write(writing, b"piece")
+        wait_for(lambda: len(script.pieces) == number, 10, "it")  # pylint: disable=cell-var-from-loop
+    os.close(writing)
+    wait_for(lambda: script.pieces[-1][1], 10, "the end")
+    assert script.pieces == [(b"piece", False)] * 3 + [(b"", True)]
 
 
 # -- the server may answer half a question ---------------------------------------------------------

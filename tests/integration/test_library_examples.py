@@ -21,6 +21,7 @@ if not is_sanitized():
         "js": ["gjs", EXAMPLES / "fingerprint.js"],
         "vala": [BUILD_DIR / "bin" / "example-vala"],
     }
+FIVE_LINES = {"py": "/usr/bin/python3", "js": "gjs"}
 STREAM = ["/usr/bin/python3", EXAMPLES / "stream.py", "echo", "other", "1", "text/plain"]
 
 pytestmark = pytest.mark.usefixtures("daemon")
@@ -60,6 +61,24 @@ def test_example_tells_why_it_failed(language, environment, server):
 @pytest.mark.parametrize("name", sorted(path.name for path in EXAMPLES.glob("fingerprint.*")))
 def test_example_is_short(name):
     assert len((EXAMPLES / name).read_text("utf-8").splitlines()) < 40
+
+
+@pytest.mark.skipif(is_sanitized(), reason="Python cannot load a sanitized library")
+@pytest.mark.parametrize("language", FIVE_LINES)
+def test_five_lines_print_the_answer(language, environment):
+    program = EXAMPLES / f"five-lines.{language}"
+    assert len(program.read_text("utf-8").splitlines()) == 5
+    done = subprocess.run(
+        [FIVE_LINES[language], program.name],
+        env=environment,
+        cwd=EXAMPLES,
+        capture_output=True,
+        text=True,
+        timeout=patience(30),
+        check=False,
+    )
+    assert (done.returncode, done.stderr) == (0, "")
+    assert hashlib.sha256(FINGERPRINT.read_bytes()).hexdigest() in done.stdout
 
 
 @pytest.mark.skipif(is_sanitized(), reason="Python cannot load a sanitized library")

@@ -200,6 +200,14 @@ def test_library_declares_its_symbols(packages, tmp_path):
     assert "-1\n" not in symbols  # no symbol that the file does not know
 
 
+def test_links_of_the_guide_to_the_examples_lead_to_them(packages, tmp_path):
+    packages["orvexd-doc"].extract(tmp_path)
+    guide = tmp_path / "usr/share/doc/orvexd-doc/client-guide.md"
+    links = re.findall(r"\]\(([^)]*examples/[^)]*)\)", guide.read_text("utf-8"))
+    assert links
+    assert [link for link in links if not (guide.parent / link).exists()] == []
+
+
 def test_source_package_unpacks_to_the_tree(tmp_path):
     (description,) = PACKAGE_DIR.glob("orvexd_*.dsc")
     assert re.search(r"^Format: 3.0 \(quilt\)$", description.read_text("utf-8"), re.MULTILINE)
