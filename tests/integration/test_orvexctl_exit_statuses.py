@@ -10,9 +10,10 @@ import pytest
 
 from harness import orvexctl, shared
 from harness.daemon import Daemon, NameWatch
-from harness.observe import poll_for
+from harness.observe import poll_for, wait_until_idle
 from harness.orvexctl import ECHO, wait_for_output
 from harness.private_bus import PERMISSIVE_POLICY
+from harness.request import Request
 from harness.settings import BUS_NAME, ROOT
 from harness.stand_in import StandIn
 from harness.waiting import wait_for
@@ -139,16 +140,17 @@ def test_answer_that_breaks_off_in_its_last_piece(status, start, server):
 
 
 @reaches(20)
-def test_request_that_is_gone_without_a_word(status, start, platform, client):
-    """Who has cancelled it has left the bus before orvexctl could ask who that was."""
-    platform.write(connections=[(2, True, False)])
-    client.wait_for_status(1)
-    run = start("request", *ECHO, "--attach", "--verbose")
-    ids = ids_of(run)
+def test_answer_that_a_later_failure_sweeps_away(status, start, server, client, daemon):
+    """Its exchange has ended well, but it has not been fetched, and the failure does not name it."""
+    before = server.last
+    body = {"multipart": {"parts": [{"id": "answer-1", "body": {"bytes": 8 << 20}}]}}
+    server.queue({**HELD_ANSWER, "answer": body}, {"on": [{"at": "upload-end", "do": "reset"}]})
+    run = start("request", *ECHO)
+    server.wait(before + 1, "upload-end")
     os.kill(run.child.pid, signal.SIGSTOP)
-    client.cancel(*ids)
-    poll_for(lambda: client.sendData(*ids, b"") == 41, 10, "the end of the request")
-    client.close()
+    server.give("answer")
+    wait_until_idle(daemon.pid, 20)
+    Request(client, kind="other").give(b"question").wait_for_failure()
     os.kill(run.child.pid, signal.SIGCONT)
     assert run.wait() == status
 
