@@ -1,8 +1,10 @@
 #include "doctor/CheckVersions.h"
 
+#include "doctor/Child.h"
 #include "findings/Files.h"
 
 #include <algorithm>
+#include <chrono>
 #include <initializer_list>
 #include <set>
 #include <sstream>
@@ -17,20 +19,13 @@ using findings::Checked;
 constexpr std::string_view kDeleted = " (deleted)";
 constexpr std::string_view kLibrary = "/libtrilbacore.so";
 
+constexpr std::chrono::seconds kPatience{5};
+
 /// What a program prints when it is asked for its version; empty when it cannot be run.
 std::string outputOf(const std::string& program) {
-    ErrorSlot error;
-    const ObjectRef<GSubprocess> child{
-        g_subprocess_new(static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDOUT_PIPE |
-                                                       G_SUBPROCESS_FLAGS_STDERR_SILENCE),
-                         error.out(), program.c_str(), "--version", nullptr)};
-    char* output = nullptr;
-    if (!child || g_subprocess_communicate_utf8(child.get(), nullptr, nullptr, &output, nullptr,
-                                                nullptr) == FALSE) {
-        return {};
-    }
-    const TextRef owned{output};
-    return output == nullptr ? "" : output;
+    Child child{{program, "--version"}, {}};
+    child.silence();
+    return child.output(kPatience);
 }
 
 /// The first word that looks like a version.

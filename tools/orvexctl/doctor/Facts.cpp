@@ -1,8 +1,11 @@
 #include "doctor/Facts.h"
 
+#include "Timer.h"
 #include "findings/Files.h"
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <climits>
 #include <string_view>
 #include <unistd.h>
@@ -16,7 +19,9 @@ constexpr const char* kUnit = "orvexd.service";
 constexpr const char* kManager = "org.freedesktop.systemd1";
 constexpr const char* kManagerPath = "/org/freedesktop/systemd1";
 constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
-constexpr int kPatience = 5000; // milliseconds
+constexpr int kPatience = 5000;       // milliseconds for a call
+constexpr gint64 kLongest = 20'000'000; // microseconds for all of them
+constexpr int kShortest = 100;          // milliseconds for a call when these are over
 
 /// A method and whom it belongs to.
 struct Method {
@@ -26,11 +31,18 @@ struct Method {
     const char* member;
 };
 
+/// For the next call: many that are not answered do not add up to minutes.
+int patience() {
+    static const gint64 kLatest = g_get_monotonic_time() + kLongest;
+    const gint64 left = (kLatest - g_get_monotonic_time()) / 1000;
+    return static_cast<int>(std::clamp<gint64>(left, kShortest, kPatience));
+}
+
 /// Calls without starting anybody. @return null on failure.
 VariantRef call(const Facts& facts, const Method& method, GVariant* arguments, GError** error) {
     return VariantRef{g_dbus_connection_call_sync(
         facts.bus.get(), method.name, method.path, method.interface, method.member, arguments,
-        nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, kPatience, nullptr, error)};
+        nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, patience(), nullptr, error)};
 }
 
 VariantRef askBus(const Facts& facts, const char* member, GVariant* arguments) {
@@ -66,14 +78,24 @@ std::string linkOf(const std::string& path) {
     return size > 0 ? std::string(target.data(), static_cast<std::size_t>(size)) : std::string();
 }
 
+/// NAME=value.
+void addPair(const std::string& entry, findings::Variables& variables) {
+    if (const std::size_t equals = entry.find('='); equals != std::string::npos) {
+        variables[entry.substr(0, equals)] = entry.substr(equals + 1);
+    }
+}
+
 DaemonFacts daemonOf(std::uint32_t pid, std::uint32_t uid) {
     const std::string process = "/proc/" + std::to_string(pid);
-    DaemonFacts daemon{pid, uid, linkOf(process + "/exe"), piecesOf(process + "/cmdline"), {}};
+    DaemonFacts daemon{pid, uid, linkOf(process + "/exe"), {}, {}};
+    if (uid != 0) {
+        return daemon;
+    }
+    daemon.arguments = piecesOf(process + "/cmdline");
     if (findings::textOf(process + "/environ")) {
         daemon.environment.emplace();
         for (const std::string& entry : piecesOf(process + "/environ")) {
-            const std::size_t equals = std::min(entry.find('='), entry.size() - 1);
-            daemon.environment->emplace(entry.substr(0, equals), entry.substr(equals + 1));
+            addPair(entry, *daemon.environment);
         }
     }
     return daemon;
@@ -160,20 +182,92 @@ public:
                    : 0;
     }
 
-    [[nodiscard]] std::string program() const {
+    [[nodiscard]] std::vector<std::string> command() const {
         const VariantRef value = property(facts_, path_, kService, "ExecStart");
         if (!value || g_variant_n_children(value.get()) == 0) {
             return {};
         }
         const VariantRef command{g_variant_get_child_value(value.get(), 0)};
-        const VariantRef path{g_variant_get_child_value(command.get(), 0)};
-        return g_variant_get_string(path.get(), nullptr);
+        const VariantRef words{g_variant_get_child_value(command.get(), 1)};
+        return textsIn(words.get());
+    }
+
+    [[nodiscard]] findings::Variables environment() const {
+        findings::Variables variables;
+        const VariantRef value = property(facts_, path_, kService, "Environment");
+        for (const std::string& entry : textsIn(value.get())) {
+            addPair(entry, variables);
+        }
+        return variables;
+    }
+
+    /// Paths of EnvironmentFile=, without the mark of those that may be missing.
+    [[nodiscard]] std::vector<std::string> environmentFiles() const {
+        std::vector<std::string> paths;
+        const VariantRef files = property(facts_, path_, kService, "EnvironmentFiles");
+        for (gsize i = 0; files && i < g_variant_n_children(files.get()); ++i) {
+            const VariantRef file{g_variant_get_child_value(files.get(), i)};
+            const VariantRef path{g_variant_get_child_value(file.get(), 0)};
+            paths.emplace_back(g_variant_get_string(path.get(), nullptr));
+        }
+        return paths;
+    }
+
+    /// Settings, as they are written in a unit, that keep the service from where the probe gets.
+    [[nodiscard]] std::vector<std::string> networkLimits() const {
+        std::vector<std::string> limits;
+        for (const char* name : {"IPAddressDeny", "IPIngressFilterPath", "IPEgressFilterPath"}) {
+            const VariantRef value = property(facts_, path_, kService, name);
+            if (value && g_variant_n_children(value.get()) > 0) {
+                limits.push_back(std::string{name} + "=");
+            }
+        }
+        for (const char* name : {"PrivateNetwork", "NetworkNamespacePath"}) {
+            if (number(kService, name) != 0 || !text(kService, name).empty()) {
+                limits.push_back(std::string{name} + "=");
+            }
+        }
+        if (lacksFamily()) {
+            limits.emplace_back("RestrictAddressFamilies=");
+        }
+        return limits;
     }
 
     static constexpr const char* kUnitInterface = "org.freedesktop.systemd1.Unit";
     static constexpr const char* kService = "org.freedesktop.systemd1.Service";
 
 private:
+    [[nodiscard]] static std::vector<std::string> textsIn(GVariant* list) {
+        std::vector<std::string> texts;
+        if (list != nullptr &&
+            g_variant_is_of_type(list, G_VARIANT_TYPE_STRING_ARRAY) != FALSE) {
+            for (gsize i = 0; i < g_variant_n_children(list); ++i) {
+                const VariantRef text{g_variant_get_child_value(list, i)};
+                texts.emplace_back(g_variant_get_string(text.get(), nullptr));
+            }
+        }
+        return texts;
+    }
+
+    /// Whether the service may make no socket of a family that the daemon needs.
+    [[nodiscard]] bool lacksFamily() const {
+        const VariantRef value = property(facts_, path_, kService, "RestrictAddressFamilies");
+        if (!value || g_variant_is_of_type(value.get(), G_VARIANT_TYPE("(bas)")) == FALSE) {
+            return false;
+        }
+        const VariantRef isAllowed{g_variant_get_child_value(value.get(), 0)};
+        const VariantRef names{g_variant_get_child_value(value.get(), 1)};
+        const std::vector<std::string> families = textsIn(names.get());
+        const bool allows = g_variant_get_boolean(isAllowed.get()) != FALSE;
+        return std::any_of(kFamilies.begin(), kFamilies.end(), [&](const char* family) {
+            const bool isNamed =
+                std::find(families.begin(), families.end(), family) != families.end();
+            return isNamed != allows;
+        });
+    }
+
+    static constexpr std::array kFamilies = {"AF_UNIX", "AF_INET"};
+
     const Facts& facts_;
     std::string path_;
 };
@@ -189,16 +283,46 @@ void gatherUnit(Facts& facts) {
     const char* path = nullptr;
     g_variant_get(answer.get(), "(&o)", &path);
     const Unit unit{facts, path};
+    const std::vector<std::string> command = unit.command();
     facts.unit = UnitFacts{unit.text(Unit::kUnitInterface, "LoadState"),
                            unit.text(Unit::kUnitInterface, "ActiveState"),
                            unit.text(Unit::kUnitInterface, "SubState"),
                            unit.text(Unit::kService, "Result"),
                            unit.text(Unit::kUnitInterface, "FragmentPath"),
-                           unit.program(),
+                           command.empty() ? "" : command.front(),
+                           command,
+                           unit.environment(),
+                           unit.environmentFiles(),
+                           unit.networkLimits(),
                            unit.number(Unit::kUnitInterface, "NeedDaemonReload") != 0,
                            static_cast<std::uint32_t>(unit.number(Unit::kService, "NRestarts")),
                            unit.number(Unit::kService, "ExecMainCode"),
                            unit.number(Unit::kService, "ExecMainStatus")};
+}
+
+/// Who takes a connection and says nothing is given up.
+ObjectRef<GDBusConnection> connect(ErrorSlot& error) {
+    const ObjectRef<GCancellable> cancel{g_cancellable_new()};
+    Timer timer;
+    timer.once(std::chrono::milliseconds{kPatience},
+               [&] { g_cancellable_cancel(cancel.get()); });
+    struct Answer {
+        ObjectRef<GDBusConnection> bus;
+        ErrorSlot& error;
+        bool over = false;
+    } answer{nullptr, error};
+    g_bus_get(
+        G_BUS_TYPE_SYSTEM, cancel.get(),
+        [](GObject* /*source*/, GAsyncResult* result, gpointer to) {
+            auto& given = *static_cast<Answer*>(to);
+            given.bus.reset(g_bus_get_finish(result, given.error.out()));
+            given.over = true;
+        },
+        &answer);
+    while (!answer.over) {
+        g_main_context_iteration(nullptr, TRUE);
+    }
+    return std::move(answer.bus);
 }
 
 } // namespace
@@ -206,9 +330,11 @@ void gatherUnit(Facts& facts) {
 Facts gatherFacts() {
     Facts facts;
     ErrorSlot error;
-    facts.bus.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.out()));
+    facts.bus = connect(error);
     if (!facts.bus) {
-        facts.busFault = error->message;
+        facts.busFault = g_error_matches(&*error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE
+                             ? "it takes the connection and says nothing"
+                             : error->message;
         return facts;
     }
     g_dbus_connection_set_exit_on_close(facts.bus.get(), FALSE);
