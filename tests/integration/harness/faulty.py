@@ -33,7 +33,7 @@ class Device:
     clock: object  # of daemon and doctor
 
     def write_identity(self, **changes):
-        values = {**DEVICE, **changes}
+        values = {**DEVICE, "TRILBA_PLATFORM_CONF": self.platform.path, **changes}
         self.identity.write_text("".join(f'{name}="{value}"\n' for name, value in values.items()), "utf-8")
         self.identity.chmod(0o600)
 
@@ -116,6 +116,30 @@ def _platform_of_a_stranger(device):
     os.chown(device.platform.path, STRANGER_ID, STRANGER_ID)
 
 
+def _fifo(name):
+    def spoil(device):
+        (device.preinst / name).unlink()
+        os.mkfifo(device.preinst / name, 0o600)
+
+    return spoil
+
+
+def _damaged_block(name):
+    def spoil(device):
+        with open(device.preinst / name, "a", encoding="ascii") as file:
+            file.write("-----BEGIN CERTIFICATE-----\nZZZZ\n-----END CERTIFICATE-----\n")
+
+    return spoil
+
+
+def _latin_1(device):
+    device.identity.write_bytes(device.identity.read_bytes().replace(b"Kelvra", b"K\xe4lvra"))
+
+
+def _comment_that_swallows(device):
+    device.identity.write_bytes(b"# of this device \\\n" + device.identity.read_bytes())
+
+
 def _unlink(path_of):
     return lambda device: path_of(device).unlink()
 
@@ -155,6 +179,9 @@ SET_UPS = [
     SetUp("wrong owner", _wrong_owner, "files", "SlpClient.pem belongs to user 65534 .*cannot read", needs_ids=True),
     SetUp("authority missing", _unlink(lambda d: d.preinst / AUTHORITY), "files", "Positioning_CA.pem cannot be found"),
     SetUp("authority wrong", _copy(AUTHORITY), "tls", "self-signed .*Positioning_CA.pem is not the authority"),
+    SetUp("certificate is a FIFO", _fifo(CERTIFICATE), "files", "SlpClient.pem is no regular file"),
+    SetUp("damaged behind the certificate", _damaged_block(CERTIFICATE), "files", "is damaged behind 1 good"),
+    SetUp("damaged behind the authority", _damaged_block(AUTHORITY), "files", "is damaged behind 1 good"),
     # the server's certificate
     SetUp("server expired", _certificate("expired"), "tls", "server's certificate .*has expired"),
     SetUp("server not yet valid", _certificate("not-yet-valid"), "tls", "server's certificate .*not yet valid"),
@@ -168,12 +195,48 @@ SET_UPS = [
     SetUp("proxy refuses", _default(proxy={"status": 403}), "connection", "refuses to connect to .* 403"),
     SetUp("proxy silent", _default(on=[{"at": "connect", "do": "hang"}]), "connection", "says nothing for", patience=1),
     SetUp("proxy wrong", _default(proxy={"raw": "220 mail ready\r\n\r\n"}), "connection", "does not answer like a proxy"),
+    SetUp(
+        "proxy never ends its head",
+        _default(proxy={"raw": "HTTP/1.1 200 OK\r\nVia: x\r\n"}, on=[{"at": "tunnel", "do": "hang"}]),
+        "connection",
+        "says 200 and does not come to the end of its answer",
+        patience=1,
+    ),
+    SetUp(
+        "proxy wants a password and goes on",
+        _default(
+            proxy={"raw": "HTTP/1.1 407 No\r\nContent-Length: 1000\r\n\r\nx"}, on=[{"at": "tunnel", "do": "hang"}]
+        ),
+        "connection",
+        "name and a password",
+        patience=1,
+    ),
+    SetUp(
+        "no certificate asked for",
+        _default(client_certificate="none", on=[{"at": "handshake", "do": "close"}]),
+        "tls",
+        "ends the connection after the handshake.* had not asked for the device's certificate",
+    ),
     SetUp("port closed", _closed_port, "connection", "nothing listens on that port"),
     # the server's answer
     SetUp("404", _answer(404), "exchange", "404 Not Found.*<html>no</html>.*path", exchange=True),
     SetUp("413", _answer(413), "exchange", " 413 .*smaller requests", exchange=True),
     SetUp("502", _answer(502), "exchange", "502 Bad Gateway.*server behind it", exchange=True),
     SetUp("HTML", _answer(200), "exchange", "200 OK.*text/html.*Something else than a positioning", exchange=True),
+    SetUp(
+        "certificate refused in HTTP",
+        _answer(400, "<title>400 The SSL certificate error</title>"),
+        "exchange",
+        "400 Bad Request.*does not take the device's certificate",
+        exchange=True,
+    ),
+    SetUp(
+        "status of the document",
+        _default(answer={"multipart": {"status": "unknownDevice"}}),
+        "exchange",
+        "A positioning server answers.* SLP document is refused",
+        exchange=True,
+    ),
     SetUp(
         "over 60 s",
         _default(on=[{"at": "upload-end", "do": "hang"}]),
@@ -190,6 +253,8 @@ SET_UPS = [
         "identity",
         "packaged example's",
     ),
+    SetUp("identity is no UTF-8", _latin_1, "identity", "refuses .*no UTF-8 in the line KELVRA_DEVICE_MANUFACTURER"),
+    SetUp("comment swallows a variable", _comment_that_swallows, "identity", "Missing .*: KELVRA_"),
     SetUp(
         "IMEI of the example",
         lambda d: d.platform.write(system={**SYSTEM, "Imei": "490154203237518"}),

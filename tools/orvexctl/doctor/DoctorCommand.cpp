@@ -13,6 +13,7 @@
 #include "findings/Privileges.h"
 #include "findings/PlatformCheck.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -30,6 +31,8 @@ constexpr const char* kPlatformFile = "/etc/trilba/platform.conf";
 constexpr const char* kBusVariable = "DBUS_SYSTEM_BUS_ADDRESS";
 constexpr const char* kPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr std::uint32_t kLongestWait = 600; // seconds
+constexpr std::chrono::seconds kBusPatience{5};
+constexpr std::chrono::seconds kToolPatience{10}; // it waits for 5 s itself
 constexpr std::chrono::seconds kLocalPatience{30};
 /// What the probe may take besides its waits for the connection and for an answer.
 constexpr std::chrono::seconds kNetworkSlack{30};
@@ -75,7 +78,7 @@ public:
     Doctor(const DoctorOptions& options, const Report& report)
         : options_{options},
           report_{report},
-          facts_{gatherFacts()},
+          facts_{gatherFacts(atMost(kBusPatience))},
           environment_{environment()},
           probe_{Probe::find(), environment_},
           preinstDirectory_{directory()} {}
@@ -147,7 +150,8 @@ private:
     void lookAtThePlatform() const {
         const Checked platform{"platform", report_};
         const bool explained =
-            tellPlatform(environment_, facts_.isService(), platform) || isElsewhere(platform);
+            tellPlatform(environment_, facts_.isService(), atMost(kToolPatience), platform) ||
+            isElsewhere(platform);
         const findings::WithoutCapabilities asTheService{facts_.isService()};
         findings::checkPlatformFile(platformFile(), facts_.isService(), explained, platform);
     }
@@ -180,6 +184,11 @@ private:
             }
         }
         return found;
+    }
+
+    [[nodiscard]] std::chrono::seconds atMost(std::chrono::seconds patience) const {
+        const std::chrono::seconds asked{options_.timeout};
+        return options_.timeout == 0 ? patience : std::min(asked, patience);
     }
 
     [[nodiscard]] std::chrono::seconds networkPatience() const {

@@ -301,11 +301,10 @@ void gatherUnit(Facts& facts) {
 }
 
 /// Who takes a connection and says nothing is given up.
-ObjectRef<GDBusConnection> connect(ErrorSlot& error) {
+ObjectRef<GDBusConnection> connect(std::chrono::seconds patience, ErrorSlot& error) {
     const ObjectRef<GCancellable> cancel{g_cancellable_new()};
     Timer timer;
-    timer.once(std::chrono::milliseconds{kPatience},
-               [&] { g_cancellable_cancel(cancel.get()); });
+    timer.once(patience, [&] { g_cancellable_cancel(cancel.get()); });
     struct Answer {
         ObjectRef<GDBusConnection> bus;
         ErrorSlot& error;
@@ -327,10 +326,10 @@ ObjectRef<GDBusConnection> connect(ErrorSlot& error) {
 
 } // namespace
 
-Facts gatherFacts() {
+Facts gatherFacts(std::chrono::seconds patience) {
     Facts facts;
     ErrorSlot error;
-    facts.bus = connect(error);
+    facts.bus = connect(patience, error);
     if (!facts.bus) {
         facts.busFault = g_error_matches(&*error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE
                              ? "it takes the connection and says nothing"

@@ -3,6 +3,7 @@
 #include "GioHandles.h"
 #include "findings/Identity.h"
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -55,6 +56,7 @@ struct Facts {
     [[nodiscard]] bool isService() const { return unit && unit->isLoaded(); }
 };
 
-[[nodiscard]] Facts gatherFacts();
+/// @param patience for the bus to take this program.
+[[nodiscard]] Facts gatherFacts(std::chrono::seconds patience);
 
 } // namespace orvexd::ctl

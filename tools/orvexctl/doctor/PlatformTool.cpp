@@ -13,10 +13,9 @@ using findings::Checked;
 
 constexpr const char* kTool = "trilba-platform";
 
-constexpr std::chrono::seconds kPatience{10}; // it waits 5 s for an answer itself
-
 /// What the tool prints, one JSON document; empty when it cannot be run.
-std::string output(const Child::Environment& environment, bool sandboxed) {
+std::string output(const Child::Environment& environment, bool sandboxed,
+                   std::chrono::seconds patience) {
     const TextRef program{g_find_program_in_path(kTool)};
     if (!program) {
         return {};
@@ -26,7 +25,7 @@ std::string output(const Child::Environment& environment, bool sandboxed) {
     if (sandboxed) {
         child.confine();
     }
-    return child.output(kPatience);
+    return child.output(patience);
 }
 
 std::string textOf(JsonObject* object, const char* name) {
@@ -58,8 +57,9 @@ guint tellEntries(JsonObject* root, const char* list, const Checked& report) {
 
 } // namespace
 
-bool tellPlatform(const Child::Environment& environment, bool sandboxed, const Checked& report) {
-    const std::string text = output(environment, sandboxed);
+bool tellPlatform(const Child::Environment& environment, bool sandboxed,
+                  std::chrono::seconds patience, const Checked& report) {
+    const std::string text = output(environment, sandboxed, patience);
     const ObjectRef<JsonParser> parser{json_parser_new()};
     if (text.empty() ||
         json_parser_load_from_data(parser.get(), text.data(), static_cast<gssize>(text.size()),
