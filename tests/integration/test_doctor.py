@@ -216,7 +216,7 @@ def test_bus_that_takes_the_call_and_says_nothing_is_given_up(device, daemon, tm
         listener.bind(str(tmp_path / "s"))
         listener.listen()
         environment = {**daemon.environment, "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={tmp_path / 's'}"}
-        command = [ORVEXCTL, "doctor", "--local", "--timeout", "1", "--preinst-dir", device.preinst]
+        command = [ORVEXCTL, "doctor", "--local", "--timeout", "1", "--identity", device.identity]
         done = subprocess.run(
             command, env=environment, capture_output=True, text=True, timeout=patience(30), check=False
         )
