@@ -139,6 +139,15 @@ def test_request_of_doctor_is_what_the_daemon_would_send(doctor, device):
     assert record["slp"]["requests"][0]["type"] == "fingerprint"
 
 
+def test_key_log_of_the_daemon_is_not_written(device, make_bus, tmp_path):
+    log = tmp_path / "keys"
+    daemon = Daemon(tmp_path, make_bus(), device.platform.path, device.preinst)
+    daemon.environment["SSLKEYLOGFILE"] = str(log)
+    for each in shared.running(daemon):
+        assert Doctor(each, "--json", "--identity", device.identity).said("tls") == []
+    assert log.read_bytes() == b""  # the daemon has made it at its start
+
+
 def test_doctor_changes_nothing(doctor, device, daemon):
     def state():
         files = [*device.preinst.iterdir(), device.platform.path, device.identity]

@@ -108,9 +108,8 @@ std::optional<std::string> textOf(const std::string& path) {
 
 std::string hiddenFolderOf(const std::string& path) {
     const std::vector<std::string> folders = foldersOn(path);
-    const auto found =
-        std::find_first_of(folders.begin(), folders.end(), kHiddenFolders.begin(),
-                           kHiddenFolders.end());
+    const auto found = std::find_first_of(folders.begin(), folders.end(), kHiddenFolders.begin(),
+                                          kHiddenFolders.end());
     return found == folders.end() ? std::string() : *found;
 }
 

@@ -51,7 +51,8 @@ void appendEscaped(std::string& out, gunichar letter) {
     }
     for (std::size_t i = 0; i < count; ++i) {
         std::array<char, 8> text{};
-        (void)std::snprintf(text.data(), text.size(), "\\u%04x", static_cast<unsigned>(units.at(i)));
+        (void)std::snprintf(text.data(), text.size(), "\\u%04x",
+                            static_cast<unsigned>(units.at(i)));
         out += text.data();
     }
 }

@@ -87,9 +87,9 @@ public:
     [[nodiscard]] std::string text() const {
         std::string text = "\"" + statusLine_ + "\"";
         text += contentType_.empty() ? ", with no Content-Type" : ", Content-Type: " + contentType_;
-        return body_.empty() ? text + ", and no body"
-                             : text + ", and a body that begins \"" +
-                                   body_.substr(0, kShownBytes) + "\"";
+        return body_.empty()
+                   ? text + ", and no body"
+                   : text + ", and a body that begins \"" + body_.substr(0, kShownBytes) + "\"";
     }
 
 private:

@@ -28,8 +28,9 @@ bool isReadable(const std::string& path, const FileFacts& facts, bool sandboxed,
     const std::string chown = "Give it to root: chown root:root " + path;
     const std::string hidden = findings::hiddenFolderOf(path);
     if (facts.error == EACCES) {
-        report.broken(path + " cannot be reached: root without privileges, as the daemon is, may "
-                             "not pass " +
+        report.broken(path +
+                          " cannot be reached: root without privileges, as the daemon is, may "
+                          "not pass " +
                           findings::closedFolderOf(path) + ".",
                       "Give the folder to root, with mode 0755 or 0700.");
         return false;
@@ -93,8 +94,8 @@ Blocks blocksOf(const std::string& text) {
     }
     // Without another block at the end it finds no first line.
     const auto reason = ERR_peek_last_error();
-    found.isDamaged = ERR_GET_LIB(reason) != ERR_LIB_PEM ||
-                      ERR_GET_REASON(reason) != PEM_R_NO_START_LINE;
+    found.isDamaged =
+        ERR_GET_LIB(reason) != ERR_LIB_PEM || ERR_GET_REASON(reason) != PEM_R_NO_START_LINE;
     ERR_clear_error();
     return found;
 }

@@ -20,9 +20,9 @@ namespace orvexd::probe {
 
 namespace {
 
-constexpr gint64 kFirstAnswer = 5'000'000;    // microseconds, as trilba-platform waits
-constexpr gint64 kUntoldAnswer = 400'000;     // where the library does not tell that it has answered
-constexpr gulong kPause = 20'000;             // microseconds
+constexpr gint64 kFirstAnswer = 5'000'000; // microseconds, as trilba-platform waits
+constexpr gint64 kUntoldAnswer = 400'000;  // where the library does not tell that it has answered
+constexpr gulong kPause = 20'000;          // microseconds
 
 /// Nobody is told: the state is asked for once.
 class Nobody : public INetworkOwner {
@@ -44,8 +44,9 @@ std::string wordsOf(std::uint32_t status) {
 class PlatformSource {
 public:
     PlatformSource()
-        : manager_(&trilba::describe != nullptr ? trilba::network::IConnectionManager::create(nullptr)
-                                                : nullptr) {}
+        : manager_(&trilba::describe != nullptr
+                       ? trilba::network::IConnectionManager::create(nullptr)
+                       : nullptr) {}
 
     [[nodiscard]] bool isKnown() const { return manager_ != nullptr; }
 

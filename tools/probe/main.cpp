@@ -125,8 +125,9 @@ bool areFiles(const std::string& files, const findings::Report& report) {
          {TransferOptions::kCertificate, TransferOptions::kKey, TransferOptions::kAuthority}) {
         const findings::FileFacts facts = findings::factsOf(files + name);
         if (facts.exists() && !facts.isRegular()) {
-            Checked("tls", report).broken("Not tried: " + files + name + " is no regular file.",
-                                          "See the findings about files.");
+            Checked("tls", report)
+                .broken("Not tried: " + files + name + " is no regular file.",
+                        "See the findings about files.");
             return false;
         }
     }

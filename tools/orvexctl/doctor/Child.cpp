@@ -144,8 +144,8 @@ Child::End Child::run(std::chrono::milliseconds patience, const LineTaker& take)
     if (!child) {
         return End::NotStarted;
     }
-    const int pipe = g_unix_input_stream_get_fd(
-        G_UNIX_INPUT_STREAM(g_subprocess_get_stdout_pipe(child.get())));
+    const int pipe =
+        g_unix_input_stream_get_fd(G_UNIX_INPUT_STREAM(g_subprocess_get_stdout_pipe(child.get())));
     const bool isRead = readLines(pipe, latest, take);
     if (!isRead) {
         g_subprocess_force_exit(child.get());

@@ -10,8 +10,8 @@
 #include "doctor/PlatformTool.h"
 #include "doctor/Probe.h"
 #include "findings/Files.h"
-#include "findings/Privileges.h"
 #include "findings/PlatformCheck.h"
+#include "findings/Privileges.h"
 
 #include <algorithm>
 #include <array>
@@ -29,6 +29,7 @@ using findings::Report;
 constexpr const char* kPlatformVariable = "TRILBA_PLATFORM_CONF";
 constexpr const char* kPlatformFile = "/etc/trilba/platform.conf";
 constexpr const char* kBusVariable = "DBUS_SYSTEM_BUS_ADDRESS";
+constexpr const char* kKeyLogVariable = "SSLKEYLOGFILE";
 constexpr const char* kPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr std::uint32_t kLongestWait = 600; // seconds
 constexpr std::chrono::seconds kBusPatience{5};
@@ -105,7 +106,9 @@ private:
     /// What the shell has in its environment would lead another way than the daemon's.
     [[nodiscard]] Child::Environment environment() const {
         if (facts_.daemon && facts_.daemon->environment) {
-            return *facts_.daemon->environment;
+            Child::Environment variables = *facts_.daemon->environment;
+            variables.erase(kKeyLogVariable); // nothing is written
+            return variables;
         }
         Child::Environment variables{{"PATH", kPath}};
         const std::vector<const char*> own = geteuid() == 0
@@ -152,6 +155,12 @@ private:
         const bool explained =
             tellPlatform(environment_, facts_.isService(), atMost(kToolPatience), platform) ||
             isElsewhere(platform);
+        if (!explained && geteuid() != 0 && findings::factsOf(platformFile()).error == ENOENT) {
+            platform.unknown("There is no " + platformFile() +
+                                 "; the platform's answers may come from somewhere else.",
+                             "Ask again as root, or install the package trilba-platform.");
+            return;
+        }
         const findings::WithoutCapabilities asTheService{facts_.isService()};
         findings::checkPlatformFile(platformFile(), facts_.isService(), explained, platform);
     }

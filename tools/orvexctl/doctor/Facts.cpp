@@ -19,7 +19,7 @@ constexpr const char* kUnit = "orvexd.service";
 constexpr const char* kManager = "org.freedesktop.systemd1";
 constexpr const char* kManagerPath = "/org/freedesktop/systemd1";
 constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
-constexpr int kPatience = 5000;       // milliseconds for a call
+constexpr int kPatience = 5000;         // milliseconds for a call
 constexpr gint64 kLongest = 20'000'000; // microseconds for all of them
 constexpr int kShortest = 100;          // milliseconds for a call when these are over
 
@@ -239,8 +239,7 @@ public:
 private:
     [[nodiscard]] static std::vector<std::string> textsIn(GVariant* list) {
         std::vector<std::string> texts;
-        if (list != nullptr &&
-            g_variant_is_of_type(list, G_VARIANT_TYPE_STRING_ARRAY) != FALSE) {
+        if (list != nullptr && g_variant_is_of_type(list, G_VARIANT_TYPE_STRING_ARRAY) != FALSE) {
             for (gsize i = 0; i < g_variant_n_children(list); ++i) {
                 const VariantRef text{g_variant_get_child_value(list, i)};
                 texts.emplace_back(g_variant_get_string(text.get(), nullptr));

@@ -15,7 +15,7 @@ namespace orvexd::ctl {
 struct DaemonFacts {
     std::uint32_t pid = 0;
     std::uint32_t uid = 0;
-    std::string program;                            ///< empty when this user cannot see it
+    std::string program; ///< empty when this user cannot see it
     // A stranger's are none of a daemon's: unset unless the process is root's.
     std::vector<std::string> arguments;             ///< empty when this user cannot see them
     std::optional<findings::Variables> environment; ///< unset when this user cannot see it
@@ -26,14 +26,14 @@ struct UnitFacts {
     std::string loadState;   ///< "loaded", "not-found", …
     std::string activeState; ///< "active", "inactive", "failed", …
     std::string subState;
-    std::string result;       ///< of the service's last end
-    std::string file;         ///< of the unit
-    std::string program;      ///< of ExecStart=
-    std::vector<std::string> arguments;   ///< of ExecStart=, the program first
-    findings::Variables environment;      ///< of Environment=
+    std::string result;                 ///< of the service's last end
+    std::string file;                   ///< of the unit
+    std::string program;                ///< of ExecStart=
+    std::vector<std::string> arguments; ///< of ExecStart=, the program first
+    findings::Variables environment;    ///< of Environment=
     std::vector<std::string> environmentFiles;
     std::vector<std::string> networkLimits; ///< settings that keep the service from the network
-    bool needsReload = false; ///< the file has changed since it was read
+    bool needsReload = false;               ///< the file has changed since it was read
     std::uint32_t restarts = 0;
     std::int32_t exitCode = 0;   ///< how the last process ended: CLD_EXITED, CLD_KILLED, …
     std::int32_t exitStatus = 0; ///< its status or signal

@@ -36,15 +36,14 @@ void Probe::run(const std::vector<std::string>& arguments, std::chrono::seconds 
     std::vector<std::string> words{program_};
     words.insert(words.end(), arguments.begin(), arguments.end());
     bool done = false;
-    const Child::End end =
-        Child{words, environment_}.run(patience, [&](const std::string& line) {
-            done = line == findings::kDone;
-            if (const auto finding = findings::fromJson(line)) {
-                report(*finding);
-            } else if (const auto source = findings::sourceFromJson(line)) {
-                source_ = *source;
-            }
-        });
+    const Child::End end = Child{words, environment_}.run(patience, [&](const std::string& line) {
+        done = line == findings::kDone;
+        if (const auto finding = findings::fromJson(line)) {
+            report(*finding);
+        } else if (const auto source = findings::sourceFromJson(line)) {
+            source_ = *source;
+        }
+    });
     tellEnd(end, done, program_, patience, Checked{"probe", report});
 }
 
