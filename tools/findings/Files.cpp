@@ -48,8 +48,12 @@ std::vector<std::string> foldersOn(const std::string& path) {
         folders.push_back(at);
         const std::string name = names.front();
         names.erase(names.begin());
-        const std::string next =
-            name == ".." ? at.substr(0, std::min(at.rfind('/'), at.size())) : at + "/" + name;
+        std::string next = at;
+        if (name == "..") {
+            next.resize(std::min(at.rfind('/'), at.size()));
+        } else {
+            next.append("/").append(name);
+        }
         std::array<char, PATH_MAX> target{};
         const ssize_t size = readlink(next.c_str(), target.data(), target.size());
         if (size <= 0 || name == "..") {

@@ -13,6 +13,7 @@
 
 namespace trilba {
 // Of the open library. A device's own need not have it.
+// NOLINTNEXTLINE(readability-redundant-declaration): this one alone is weak
 [[gnu::weak]] Description describe(network::IConnectionManager& manager);
 } // namespace trilba
 

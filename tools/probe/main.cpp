@@ -15,6 +15,7 @@
 #include "probe/Options.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <curl/curl.h>
@@ -121,17 +122,19 @@ void lookAtLocalThings(const std::string& files, const Options& options) {
 
 /// libcurl would wait for a FIFO in a file's place for ever.
 bool areFiles(const std::string& files, const findings::Report& report) {
-    for (const char* name :
-         {TransferOptions::kCertificate, TransferOptions::kKey, TransferOptions::kAuthority}) {
+    constexpr std::array kNames = {TransferOptions::kCertificate, TransferOptions::kKey,
+                                   TransferOptions::kAuthority};
+    const auto* const odd = std::find_if(kNames.begin(), kNames.end(), [&](const char* name) {
         const findings::FileFacts facts = findings::factsOf(files + name);
-        if (facts.exists() && !facts.isRegular()) {
-            Checked("tls", report)
-                .broken("Not tried: " + files + name + " is no regular file.",
-                        "See the findings about files.");
-            return false;
-        }
+        return facts.exists() && !facts.isRegular();
+    });
+    if (odd == kNames.end()) {
+        return true;
     }
-    return true;
+    Checked("tls", report)
+        .broken("Not tried: " + files + *odd + " is no regular file.",
+                "See the findings about files.");
+    return false;
 }
 
 void lookAtTheNetwork(const std::string& files, const Options& options) {

@@ -40,8 +40,9 @@ struct Setup {
 
 std::vector<std::string> pairsOf(const Child::Environment& environment) {
     std::vector<std::string> pairs;
+    pairs.reserve(environment.size());
     for (const auto& [name, value] : environment) {
-        pairs.push_back(name + "=" + value);
+        pairs.emplace_back(name).append("=").append(value);
     }
     return pairs;
 }
@@ -49,6 +50,7 @@ std::vector<std::string> pairsOf(const Child::Environment& environment) {
 /// As C wants a list of texts; it lives as long as the texts.
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         pointers.push_back(text.data());
     }

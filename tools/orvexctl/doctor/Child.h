@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orvexd::ctl {
@@ -17,8 +18,8 @@ public:
     using LineTaker = std::function<void(const std::string&)>;
 
     /// @param words the program's path and its arguments.
-    Child(std::vector<std::string> words, const Environment& environment)
-        : words_{std::move(words)}, environment_{environment} {}
+    Child(std::vector<std::string> words, Environment environment)
+        : words_{std::move(words)}, environment_{std::move(environment)} {}
 
     /// It runs without capabilities, as the service does.
     void confine() { confined_ = true; }
