@@ -116,14 +116,6 @@ def _platform_of_a_stranger(device):
     os.chown(device.platform.path, STRANGER_ID, STRANGER_ID)
 
 
-def _fifo(name):
-    def spoil(device):
-        (device.preinst / name).unlink()
-        os.mkfifo(device.preinst / name, 0o600)
-
-    return spoil
-
-
 def _damaged_block(name):
     def spoil(device):
         with open(device.preinst / name, "a", encoding="ascii") as file:
@@ -179,7 +171,6 @@ SET_UPS = [
     SetUp("wrong owner", _wrong_owner, "files", "SlpClient.pem belongs to user 65534 .*cannot read", needs_ids=True),
     SetUp("authority missing", _unlink(lambda d: d.preinst / AUTHORITY), "files", "Positioning_CA.pem cannot be found"),
     SetUp("authority wrong", _copy(AUTHORITY), "tls", "self-signed .*Positioning_CA.pem is not the authority"),
-    SetUp("certificate is a FIFO", _fifo(CERTIFICATE), "files", "SlpClient.pem is no regular file"),
     SetUp("damaged behind the certificate", _damaged_block(CERTIFICATE), "files", "is damaged behind 1 good"),
     SetUp("damaged behind the authority", _damaged_block(AUTHORITY), "files", "is damaged behind 1 good"),
     # the server's certificate
