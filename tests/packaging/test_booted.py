@@ -210,6 +210,7 @@ def test_unit_that_keeps_the_daemon_from_the_network_is_a_doubt(installation, dr
 
 
 def test_settings_of_the_unit_count_while_the_daemon_does_not_run(installation, drop_in):
+    (installation.root.path / "etc/of-the-file.conf").write_text("[Connections\n", "utf-8")
     (installation.root.path / "etc/orvexd-more").write_text("TRILBA_PLATFORM_CONF=/etc/of-the-file.conf\n", "utf-8")
     drop_in(
         "ExecStart=\nExecStart=/usr/sbin/orvexd --preinst-dir /etc/of-the-unit\nEnvironmentFile=/etc/orvexd-more"
