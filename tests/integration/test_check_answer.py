@@ -300,6 +300,11 @@ def test_chunks_are_put_together():
     )
 
 
+def test_size_of_a_chunk_that_no_file_has_is_no_size():
+    text = check(head("Transfer-Encoding: chunked") + f"{2**64 - 1:x}\r\n" + BODY, status=0)
+    assert UNDERSTOOD in text
+
+
 def test_chunks_that_the_recorder_has_put_together_are_no_chunks():
     assert UNDERSTOOD in check(head("Transfer-Encoding: chunked") + BODY)
 

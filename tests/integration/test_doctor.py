@@ -5,6 +5,7 @@ import os
 import pathlib
 import re
 import shutil
+import socket
 import stat
 import subprocess
 import sys
@@ -15,6 +16,7 @@ import pytest
 from harness import agents, faulty_device, sandbox, shared
 from harness.daemon import DEVICE, Daemon
 from harness.faulty import SET_UPS
+from harness.observe import poll_for
 from harness.program import copy_of_orvexctl
 from harness.settings import BUILD_DIR, DAEMON, patience
 
@@ -68,6 +70,7 @@ def test_sound_set_up_is_fine_up_to_the_server_s_answer(doctor):
     road = "identity files dates schema status platform bus versions names connection tls exchange"
     assert list(dict.fromkeys(checks)) == road.split()
     unseen = [each["why"] for each in done.findings if each["state"] == "unknown"]
+    assert any("has not refused it so far; only --exchange tells" in each["why"] for each in done.findings)
     assert len(unseen) == 2 and all("bus" in why for why in unseen)  # a private bus has no installed files
 
 
@@ -100,6 +103,15 @@ def test_request_of_doctor_is_what_the_daemon_would_send(doctor, device):
     record = device.server.wait(before + 2)
     assert record["findings"] == []
     assert record["slp"]["requests"][0]["type"] == "fingerprint"
+
+
+def test_key_log_of_the_daemon_is_not_written(device, make_bus, tmp_path):
+    log = tmp_path / "keys"
+    daemon = Daemon(tmp_path, make_bus(), device.platform.path, device.preinst)
+    daemon.environment["SSLKEYLOGFILE"] = str(log)
+    for each in shared.running(daemon):
+        assert Doctor(each, "--json", "--identity", device.identity).said("tls") == []
+    assert log.read_bytes() == b""  # the daemon has made it at its start
 
 
 def test_doctor_changes_nothing(doctor, device, daemon):
@@ -174,6 +186,195 @@ def test_no_bus_is_said(device, daemon):
     assert re.search(r"^broken +bus +The system bus cannot be reached", done.stdout, re.MULTILINE)
 
 
+def test_bus_that_takes_the_call_and_says_nothing_is_given_up(device, daemon, tmp_path):
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(tmp_path / "s"))
+        listener.listen()
+        environment = {**daemon.environment, "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={tmp_path / 's'}"}
+        command = [ORVEXCTL, "doctor", "--local", "--timeout", "1", "--identity", device.identity]
+        done = subprocess.run(
+            command, env=environment, capture_output=True, text=True, timeout=patience(30), check=False
+        )
+    assert "The system bus cannot be reached: it takes the connection and says nothing." in done.stdout
+
+
+def test_file_that_is_none_is_not_waited_for(doctor, device):
+    certificate = device.preinst / "SlpClient.pem"
+    certificate.unlink()
+    os.mkfifo(certificate)
+    assert "Not tried: " in doctor("--timeout", 5).said("tls")[0]
+
+
+def test_configuration_that_is_no_file_is_not_waited_for(doctor, device):
+    schema = device.preinst / "orvexd.schema"
+    os.mkfifo(schema)
+    try:
+        assert "is no regular file" in doctor("--local").said("schema")[0]
+    finally:
+        schema.unlink()
+
+
+def test_folder_in_place_of_the_identity_is_said(doctor, device):
+    device.identity.unlink()
+    device.identity.mkdir()
+    try:
+        assert "is no regular file" in doctor("--local").said("identity")[0]
+    finally:
+        device.identity.rmdir()
+
+
+def test_one_authority_that_is_valid_is_enough(doctor, device):
+    authority = device.preinst / "Positioning_CA.pem"
+    old = (device.keys / "server-expired.pem").read_bytes()
+    authority.write_bytes(old + authority.read_bytes())
+    assert doctor("--local").status == 0
+
+
+def test_environment_of_the_shell_does_not_count(daemon, device, tmp_path):
+    log = tmp_path / "keys"  # the TLS library would write it, whoever sets the variable
+    environment = {**daemon.environment, "SSLKEYLOGFILE": str(log)}
+    command = [ORVEXCTL, "doctor", "--identity", device.identity]
+    done = subprocess.run(command, env=environment, capture_output=True, text=True, check=False)
+    assert done.returncode == 0, done.stdout
+    assert not log.exists()
+
+
+def test_variables_of_the_identity_file_count_where_no_daemon_runs(device, make_bus, daemon):
+    with open(device.identity, "a", encoding="utf-8") as file:
+        file.write("TRILBA_PLATFORM_CONF=/nonexistent/of-the-service.conf\n")
+    environment = {**daemon.environment, "DBUS_SYSTEM_BUS_ADDRESS": make_bus().address}
+    command = [ORVEXCTL, "doctor", "--local", "--identity", device.identity]
+    done = subprocess.run(command, env=environment, capture_output=True, text=True, check=False)
+    assert "/nonexistent/of-the-service.conf cannot be found" in done.stdout
+
+
+STRANGER = """
+import os, sys
+from gi.repository import Gio, GLib
+os.setresgid({id}, {id}, {id})
+os.setresuid({id}, {id}, {id})
+flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
+bus = Gio.DBusConnection.new_for_address_sync("unix:path=bus", flags, None, None)
+arguments = GLib.Variant("(su)", ("com.kelvra.orvexd", 4))
+bus.call_sync("org.freedesktop.DBus", "/", "org.freedesktop.DBus", "RequestName", arguments, None, 0, -1, None)
+print("ready", flush=True)
+sys.stdin.read()
+"""
+
+
+@pytest.mark.skipif(not HAS_IDS, reason="no other user ids here")
+def test_arguments_and_environment_of_a_stranger_are_not_believed(device, make_bus, daemon):
+    address = make_bus().address
+    folder = pathlib.Path(re.search("path=([^,]*)", address)[1]).parent
+    folder.chmod(0o755)
+    command = [sys.executable, "-c", STRANGER.format(id=65534), "--preinst-dir", "/nonexistent/stranger"]
+    environment = {**os.environ, "TRILBA_PLATFORM_CONF": "/nonexistent/stranger.conf"}
+    pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE}
+    with subprocess.Popen(command, cwd=folder, env=environment, text=True, **pipes) as stranger:
+        try:
+            assert stranger.stdout.readline() == "ready\n"
+            environment = {**daemon.environment, "DBUS_SYSTEM_BUS_ADDRESS": address}
+            command = [ORVEXCTL, "doctor", "--local", "--identity", device.identity]
+            done = subprocess.run(command, env=environment, capture_output=True, text=True, check=False)
+        finally:
+            stranger.stdin.close()
+    assert "as user 65534: it is no orvexd" in done.stdout
+    assert "/nonexistent/stranger" not in done.stdout
+
+
+def fake_probe(directory, mode):
+    """A copy of orvexctl, with something beside it that says nothing and is content."""
+    copy = pathlib.Path(copy_of_orvexctl(directory))
+    (copy.parent / "orvexd-probe").write_text("#!/bin/sh\n", "ascii")
+    (copy.parent / "orvexd-probe").chmod(0o755)
+    copy.parent.chmod(mode)
+    return copy
+
+
+def test_probe_that_does_not_say_that_it_is_done_is_broken(daemon, device, tmp_path):
+    command = [fake_probe(tmp_path, 0o755), "doctor", "--local", "--identity", device.identity]
+    done = subprocess.run(command, env=daemon.environment, capture_output=True, text=True, check=False)
+    assert "orvexd-probe has ended before it had looked at everything" in done.stdout
+    assert done.returncode == 2
+
+
+def test_probe_that_others_could_put_there_is_not_run(daemon, device, tmp_path):
+    command = [fake_probe(tmp_path, 0o777), "doctor", "--local", "--identity", device.identity]
+    done = subprocess.run(command, env=daemon.environment, capture_output=True, text=True, check=False)
+    assert f"{tmp_path}/bin/orvexd-probe" not in done.stdout
+
+
+def test_probe_ends_with_doctor(daemon, device):
+    device.server.default({"on": [{"at": "connect", "do": "hang"}]})
+    command = [ORVEXCTL, "doctor", "--json", "--identity", device.identity]
+    with subprocess.Popen(list(map(str, command)), env=daemon.environment, stdout=subprocess.PIPE, text=True) as run:
+        next(line for line in run.stdout if json.loads(line)["check"] == "names")
+        children = pathlib.Path(f"/proc/{run.pid}/task/{run.pid}/children").read_text("ascii").split()
+        run.terminate()
+    assert children
+    poll_for(lambda: not any(os.path.exists(f"/proc/{pid}") for pid in children), 10, "the end of the probe")
+
+
+def test_tool_that_does_not_end_is_given_up(device, daemon, tmp_path):
+    tool = tmp_path / "trilba-platform"
+    tool.write_text("#!/bin/sh\nexec sleep 1000\n", "ascii")
+    tool.chmod(0o755)
+    environment = {**daemon.environment, "PATH": f"{tmp_path}:{os.environ['PATH']}"}
+    command = [ORVEXCTL, "doctor", "--local", "--timeout", "1", "--identity", device.identity]
+    done = subprocess.run(
+        command, env=environment, capture_output=True, text=True, timeout=patience(30), check=False
+    )
+    assert "platform.conf is well formed" in done.stdout  # looked at without the tool
+
+
+def test_source_of_the_platform_is_known_without_its_tool(doctor, device):
+    device.platform.write_text("[Platform]\nSource=networkmanager\n")
+    said = [each["why"] for each in doctor("--local").findings if each["check"] == "platform"]
+    assert said == ["The platform's answers come from networkmanager."]
+
+
+def look_as_the_service(device, folder):
+    command = [PROBE, "--local", "--sandboxed", "--preinst-dir", folder, "--identity", device.identity]
+    environment = {"TRILBA_PLATFORM_CONF": str(device.platform.path), "PATH": os.environ["PATH"]}
+    done = subprocess.run(command, env=environment, capture_output=True, text=True, check=False)
+    return done.stdout
+
+
+def test_file_that_root_reads_by_privilege_alone_is_broken_for_the_service(device):
+    (device.preinst / "SlpClient.pem").chmod(0)
+    said = look_as_the_service(device, device.preinst)
+    assert "SlpClient.pem cannot be read: Permission denied. Its mode is 0000." in said
+
+
+@pytest.mark.skipif(not HAS_IDS, reason="no other user ids here")
+def test_folder_that_root_passes_by_privilege_alone_is_broken_for_the_service(device, tmp_path):
+    folder = tmp_path / "folder"
+    shutil.copytree(device.preinst, folder)
+    folder.chmod(0o700)
+    os.chown(folder, 65534, 65534)
+    assert f"may not pass {folder}." in look_as_the_service(device, folder)
+
+
+def test_link_in_a_folder_that_the_service_does_not_see_is_broken(device, tmp_path):
+    with tempfile.TemporaryDirectory(dir="/dev/shm") as directory:
+        target = pathlib.Path(directory) / "files"
+        shutil.copytree(device.preinst, target)
+        with tempfile.TemporaryDirectory(dir="/tmp") as hidden:
+            link = pathlib.Path(hidden) / "link"
+            link.symlink_to(target)
+            said = look_as_the_service(device, link)
+        assert "SlpClient.pem is below /tmp, which the service does not see" in said
+        assert "which the service does not see" not in look_as_the_service(device, target)
+
+
+def test_nothing_that_moves_a_terminal_s_cursor_is_printed(doctor, device):
+    body = "a\u009b2J\u202e\u2028\U000e0001\x1b[2J"
+    device.server.default({"answer": {"status": 404, "content_type": "text/html", "body": body}})
+    done = doctor("--exchange")
+    assert all(line.isprintable() for line in done.text.split("\n"))
+    assert body in done.said("exchange")[0]
+
+
 def test_malformed_configuration_is_said(doctor, device):
     schema = device.preinst / "orvexd.schema"
     schema.write_text("<other/>", "utf-8")
@@ -220,6 +421,20 @@ def test_program_that_was_replaced_under_the_running_daemon_is_a_doubt(device, m
 def test_certificate_that_ends_soon_is_a_doubt(doctor, device):
     device.clock.step_to(wall=715 * 24 * 3600)  # they are made for 730 days
     assert any("SlpClient.pem expires on" in said for said in doctor("--local").said("dates"))
+
+
+@pytest.mark.skipif(not HAS_IDS, reason="no other user ids here")
+def test_what_an_ordinary_user_may_not_see_is_not_called_missing(device, daemon, tmp_path):
+    tmp_path.chmod(0o700)
+    with tempfile.TemporaryDirectory(prefix="orvexctl-", dir="/tmp") as directory:
+        os.chmod(directory, 0o755)
+        user = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+        hidden = ["--identity", device.identity, "--preinst-dir", device.preinst]
+        command = [*user, copy_of_orvexctl(pathlib.Path(directory)), "doctor", "--json", "--local", *hidden]
+        done = subprocess.run(command, env=daemon.environment, cwd="/", capture_output=True, text=True, check=False)
+    found = [json.loads(line) for line in done.stdout.splitlines()]
+    states = {each["state"] for each in found if each["check"] in ("identity", "files", "platform")}
+    assert states == {"unknown"}, done.stdout
 
 
 @pytest.mark.skipif(not HAS_IDS, reason="no other user ids here")

@@ -180,6 +180,19 @@ def test_server_that_has_no_answer(status, start, server):
     assert start("request", *ECHO).wait() == status
 
 
+@reaches(64)
+def test_wrong_command_line_of_doctor(status, start):
+    assert start("doctor", "--unknown").wait() == status
+
+
+@reaches(74)
+def test_findings_that_cannot_be_written(status, daemon):
+    with open("/dev/full", "wb") as full:
+        command = [orvexctl.ORVEXCTL, "doctor", "--local"]
+        done = subprocess.run(command, env=daemon.environment, stdout=full, stderr=subprocess.PIPE, check=False)
+    assert done.returncode == status
+
+
 @reaches(29, 32)
 def test_daemon_of_another_version(status, start, make_bus):
     """The stand-in is one: it does not know the call, or has codes that nobody knows."""

@@ -92,6 +92,14 @@ def expect_in_order(text, *patterns):
         at += found.end()
 
 
+def stations(text):
+    """The lines of a time line, but for its numbers, from the request to the errorSignal."""
+    lines = re.findall(r"^ *[\d.]+ ms {2}(.*?) *$", text, re.MULTILINE)
+    lines = [re.sub(r"[\d.]+", "N", line) for line in lines]
+    begin = next(i for i, line in enumerate(lines) if "made by" in line)
+    return lines[begin : next(i for i, line in enumerate(lines) if "errorSignal" in line) + 1]
+
+
 def test_time_line_has_the_stations_of_an_exchange_in_their_order(trace, daemon, client):
     look = trace("exchange", "--pid", daemon.pid)
     client.exchange(QUESTION)
@@ -124,6 +132,17 @@ def test_time_line_tells_what_the_server_said_where_the_daemon_cannot(trace, dae
     text = look.wait_for("errorSignal 2001: missing MIME parts").end()
     expect_in_order(text, "response head: HTTP/1.1 404 Not Found", "Content-Type: text/html")
     expect_in_order(text, "fault 1003: 'start' attribute not found", "fault 1003: missing MIME parts")
+    assert stations(text) == stations((ROOT / "docs" / "tracing.md").read_text("utf-8"))
+
+
+def test_text_of_the_server_makes_no_line_of_its_own(trace, daemon, client, server):
+    forged = "the exchange is forged"
+    server.queue({"answer": {"status": 404, "content_type": f"text/html\\x0a{forged}", "body": "<html>"}})
+    look = trace("exchange", "--pid", daemon.pid)
+    assert Request(client, kind="other").give(QUESTION).wait_for_failure() == (2001, "missing MIME parts")
+    text = look.wait_for("errorSignal 2001: missing MIME parts").end()
+    assert f"Content-Type: text/html\\x0a{forged}" in text
+    assert not re.search(rf"^ *{forged}", text, re.MULTILINE)
 
 
 def test_time_line_tells_what_is_wrong_with_the_servers_certificate(trace, daemon, client, server):

@@ -200,6 +200,77 @@ def test_certificate_of_another_owner_is_named(installation):
         system.run("systemctl", "reset-failed", "orvexd")
 
 
+def test_file_that_root_reads_by_privilege_alone_is_named(installation):
+    installation.system.must("orvexctl", "status")
+    certificate = installation.root.path / "usr/share/orvexd/SlpClient.pem"
+    certificate.chmod(0)
+    try:
+        _, findings = installation.doctor("--local")
+        assert any("SlpClient.pem cannot be read: Permission denied" in why for why in told(findings, "files"))
+    finally:
+        certificate.chmod(0o600)
+
+
+@pytest.fixture
+def drop_in(installation):
+    """Writes a drop-in of the unit; it is gone behind the test."""
+    folder = installation.root.path / "etc/systemd/system/orvexd.service.d"
+
+    def write(text):
+        folder.mkdir(parents=True)
+        (folder / "test.conf").write_text(f"[Service]\n{text}\n", "utf-8")
+        installation.system.must("systemctl", "daemon-reload")
+
+    yield write
+    shutil.rmtree(folder)
+    installation.system.must("systemctl", "daemon-reload")
+
+
+def test_unit_that_keeps_the_daemon_from_the_network_is_a_doubt(installation, drop_in):
+    drop_in("IPAddressDeny=any\nPrivateNetwork=yes\nRestrictAddressFamilies=\nRestrictAddressFamilies=AF_UNIX")
+    _, findings = installation.doctor("--local")
+    for setting in ("IPAddressDeny=", "PrivateNetwork=", "RestrictAddressFamilies="):
+        assert any(f"The unit has {setting}" in why for why in told(findings, "bus")), findings
+
+
+def test_settings_of_the_unit_count_while_the_daemon_does_not_run(installation, drop_in):
+    (installation.root.path / "etc/of-the-file.conf").write_text("[Connections\n", "utf-8")
+    (installation.root.path / "etc/orvexd-more").write_text("TRILBA_PLATFORM_CONF=/etc/of-the-file.conf\n", "utf-8")
+    drop_in(
+        "ExecStart=\nExecStart=/usr/sbin/orvexd --preinst-dir /etc/of-the-unit\nEnvironmentFile=/etc/orvexd-more"
+    )
+    installation.system.run("systemctl", "stop", "orvexd")
+    _, findings = installation.doctor("--local")
+    assert any("/etc/of-the-unit/SlpClient.pem cannot be found" in why for why in told(findings, "files")), findings
+    platform = [each["why"] for each in findings if each["check"] == "platform"]
+    assert any("/etc/of-the-file.conf" in why for why in platform), findings
+
+
+def test_masked_unit_is_broken(installation):
+    system = installation.system
+    system.run("systemctl", "stop", "orvexd")
+    system.must("systemctl", "mask", "--runtime", "orvexd")
+    try:
+        _, findings = installation.doctor("--local")
+        masked = [each for each in findings if each["why"].startswith("The unit is masked")]
+        assert [each["state"] for each in masked] == ["broken"]
+        assert "systemctl unmask orvexd" in masked[0]["advice"]
+    finally:
+        system.must("systemctl", "unmask", "--runtime", "orvexd")
+
+
+def test_policy_where_no_bus_reads_it_is_broken(installation):
+    policy = installation.root.path / "usr/share/dbus-1/system.d/com.kelvra.orvexd.conf"
+    unread = installation.root.path / "usr/local/share/dbus-1/system.d"
+    unread.mkdir(parents=True)
+    shutil.move(policy, unread)
+    try:
+        _, findings = installation.doctor("--local")
+        assert any("where no system bus reads it" in why for why in told(findings, "bus")), findings
+    finally:
+        shutil.move(unread / policy.name, policy)
+
+
 def test_platform_file_in_a_hidden_folder_is_named(installation):
     system = installation.system
     path = installation.root.path / "etc/trilba/platform.conf"

@@ -35,6 +35,8 @@ PLACES = {
     "orvexctl": [
         "/usr/bin/orvexctl",
         f"{SHARE}/man/man1/orvexctl.1.gz",
+        "/usr/bin/slp-check-answer",
+        f"{SHARE}/man/man1/slp-check-answer.1.gz",
         f"{SHARE}/bash-completion/completions/orvexctl",
     ],
     "orvextrace": [
@@ -60,6 +62,9 @@ PLACES = {
     ],
     "orvexd-doc": [
         f"{SHARE}/doc/orvexd-doc/client-guide.md",
+        f"{SHARE}/doc/orvexd-doc/debugging.md",
+        f"{SHARE}/doc/orvexd-doc/server-guide.md",
+        f"{SHARE}/doc/orvexd-doc/tracing.md",
         f"{SHARE}/doc/orvexd-doc/examples/fingerprint.py",
         f"{SHARE}/doc/orvexd-doc/examples/raw/python/client.py",
         f"{SHARE}/doc/orvexd-doc/reference/class.Client.html",

@@ -1,9 +1,16 @@
 """A wired machine: the network comes, goes, costs and comes back, as NetworkManager tells it."""
 
+import json
+import os
+import signal
+import subprocess
+import threading
+
 import pytest
 
 from harness.client import BusError
 from harness.request import Request, errors
+from harness.settings import BUILD_DIR
 from live import cables
 
 NONE, KIND_TWO, KIND_ONE, FLAGGED = 0, 1, 3, 5
@@ -129,3 +136,31 @@ def test_library_without_its_module_knows_the_file_only(wired, make_daemon, bus,
     maps = open(f"/proc/{daemon.pid}/maps", encoding="utf-8").read()
     assert str(library) in maps
     assert "libnm.so" not in maps and "libmm-glib" not in maps
+
+
+def said_of_the_status(daemon):
+    """What doctor says: state and sentence."""
+    command = [BUILD_DIR / "bin" / "orvexctl", "doctor", "--local", "--json"]
+    done = subprocess.run(command, env=daemon.environment, capture_output=True, text=True, check=False)
+    found = [json.loads(line) for line in done.stdout.splitlines()]
+    return [(each["state"], each["why"]) for each in found if each["check"] == "status"]
+
+
+def test_doctor_waits_for_a_platform_that_takes_its_time(wired, daemon, client):
+    client.wait_for_status(KIND_ONE)
+    os.kill(wired.process.pid, signal.SIGSTOP)
+    later = threading.Timer(1, os.kill, [wired.process.pid, signal.SIGCONT])
+    later.start()
+    said = said_of_the_status(daemon)
+    later.join()
+    assert said == [("fine", "The platform says connected, kind 1 (3), and so does the daemon.")]
+
+
+@pytest.mark.slow
+def test_platform_that_does_not_answer_is_unknown_to_doctor(wired, daemon, client):
+    client.wait_for_status(KIND_ONE)
+    os.kill(wired.process.pid, signal.SIGSTOP)
+    try:
+        assert [state for state, _ in said_of_the_status(daemon)] == ["unknown"]
+    finally:
+        os.kill(wired.process.pid, signal.SIGCONT)

@@ -28,7 +28,7 @@ std::optional<std::string> chunksOf(std::string_view text) {
         if (size == 0) {
             return joined;
         }
-        if (text.size() < size + kLineBreak.size() ||
+        if (text.size() < kLineBreak.size() || text.size() - kLineBreak.size() < size ||
             text.substr(size, kLineBreak.size()) != kLineBreak) {
             return std::nullopt;
         }

@@ -1,14 +1,15 @@
 #include "findings/Files.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <glib.h>
 #include <string_view>
 #include <unistd.h>
+#include <vector>
 
 namespace orvexd::findings {
 
@@ -21,9 +22,49 @@ constexpr mode_t kPermissions = 07777;
 constexpr std::array<std::string_view, 5> kHiddenFolders = {"/home", "/root", "/run/user", "/tmp",
                                                             "/var/tmp"};
 
-std::string resolved(const std::string& path) {
-    std::array<char, PATH_MAX> real{};
-    return realpath(path.c_str(), real.data()) != nullptr ? real.data() : path;
+constexpr int kMostLinks = 40; // as the kernel's
+
+/// Names of a path in front of others that are still to go.
+void putInFront(std::vector<std::string>& names, std::string_view path) {
+    std::vector<std::string> first;
+    while (!path.empty()) {
+        const std::size_t end = std::min(path.find('/'), path.size());
+        if (end > 0 && path.substr(0, end) != ".") {
+            first.emplace_back(path.substr(0, end));
+        }
+        path.remove_prefix(std::min(end + 1, path.size()));
+    }
+    names.insert(names.begin(), first.begin(), first.end());
+}
+
+/// The folders that are passed on the way to a file, in their order, those of links, too.
+std::vector<std::string> foldersOn(const std::string& path) {
+    std::vector<std::string> folders;
+    std::vector<std::string> names;
+    std::string at; // "" is the root
+    int links = 0;
+    putInFront(names, path);
+    while (!names.empty() && links <= kMostLinks) {
+        folders.push_back(at);
+        const std::string name = names.front();
+        names.erase(names.begin());
+        std::string next = at;
+        if (name == "..") {
+            next.resize(std::min(at.rfind('/'), at.size()));
+        } else {
+            next.append("/").append(name);
+        }
+        std::array<char, PATH_MAX> target{};
+        const ssize_t size = readlink(next.c_str(), target.data(), target.size());
+        if (size <= 0 || name == "..") {
+            at = next;
+            continue;
+        }
+        ++links;
+        at = target.front() == '/' ? "" : at;
+        putInFront(names, {target.data(), static_cast<std::size_t>(size)});
+    }
+    return folders;
 }
 
 } // namespace
@@ -70,13 +111,18 @@ std::optional<std::string> textOf(const std::string& path) {
 }
 
 std::string hiddenFolderOf(const std::string& path) {
-    const std::string real = resolved(path);
-    for (const std::string_view folder : kHiddenFolders) {
-        if (real.starts_with(folder) && real.size() > folder.size() && real[folder.size()] == '/') {
-            return std::string(folder);
-        }
-    }
-    return {};
+    const std::vector<std::string> folders = foldersOn(path);
+    const auto found = std::find_first_of(folders.begin(), folders.end(), kHiddenFolders.begin(),
+                                          kHiddenFolders.end());
+    return found == folders.end() ? std::string() : *found;
+}
+
+std::string closedFolderOf(const std::string& path) {
+    const std::vector<std::string> folders = foldersOn(path);
+    const auto found = std::find_if(folders.begin(), folders.end(), [](const std::string& folder) {
+        return factsOf(folder + "/.").error == EACCES;
+    });
+    return found == folders.end() ? std::string() : *found;
 }
 
 } // namespace orvexd::findings

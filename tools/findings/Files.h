@@ -32,8 +32,11 @@ struct FileFacts {
 /// The whole of a regular file of up to 1 MiB; nothing when it cannot be read, with errno set.
 [[nodiscard]] std::optional<std::string> textOf(const std::string& path);
 
-/// The folder on the way to `path`, links followed, that the service's sandbox hides; empty for
-/// none.
+/// The folder on the way to `path` that the service's sandbox hides; empty for none. A link on the
+/// way has a way of its own.
 [[nodiscard]] std::string hiddenFolderOf(const std::string& path);
+
+/// The folder on the way to `path` that this process may not pass; empty for none.
+[[nodiscard]] std::string closedFolderOf(const std::string& path);
 
 } // namespace orvexd::findings

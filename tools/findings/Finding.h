@@ -28,6 +28,15 @@ using Report = std::function<void(const Finding&)>;
 /// One JSON object on one line, without the line's end.
 [[nodiscard]] std::string toJson(const Finding& finding);
 
+/// The probe's last line: it has come to its end.
+inline constexpr std::string_view kDone = R"({"done":true})";
+
+/// What the probe says of the platform besides its findings: where its answers come from.
+[[nodiscard]] std::string sourceToJson(const std::string& source);
+
+/// Reads what `sourceToJson` wrote; nothing when the line is something else.
+[[nodiscard]] std::optional<std::string> sourceFromJson(const std::string& line);
+
 /// Reads what `toJson` wrote; nothing when the line is something else.
 [[nodiscard]] std::optional<Finding> fromJson(const std::string& line);
 

@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <glib.h>
 
 namespace orvexd::findings {
 
@@ -66,10 +67,26 @@ bool looksTheSameToAShell(const std::string& value) {
     return isQuoted(value) || value.find_first_of(" \t\"'`$\\;&|<>(){}*?#~") == std::string::npos;
 }
 
+bool startsComment(std::string_view line) {
+    const std::size_t begin = line.find_first_not_of(" \t\r");
+    return begin != std::string_view::npos && (line[begin] == '#' || line[begin] == ';');
+}
+
+/// To the service manager, a backslash at its end makes the next line a part of a comment, too.
+bool continuesComment(std::string_view line) {
+    const std::size_t last = line.find_last_not_of('\\');
+    const std::size_t backslashes = line.size() - (last == std::string_view::npos ? 0 : last + 1);
+    return backslashes % 2 == 1;
+}
+
 void readLine(const std::string& line, EnvironmentFile& file) {
     const std::size_t equals = line.find('=');
-    if (line.empty() || line.front() == '#' || line.front() == ';') {
+    if (line.empty()) {
         return;
+    }
+    if (g_utf8_validate(line.data(), static_cast<gssize>(line.size()), nullptr) == FALSE &&
+        file.fault.empty()) {
+        file.fault = "a byte that is no UTF-8 in the line " + line.substr(0, equals);
     }
     if (equals == std::string::npos || equals == 0) {
         file.oddLine = file.oddLine.empty() ? line : file.oddLine;
@@ -119,9 +136,18 @@ void checkVariables(const Variables& variables, const std::string& place, const 
 
 EnvironmentFile readEnvironment(std::string_view text) {
     EnvironmentFile file;
+    bool isSwallowed = false; // by the comment before it
     while (!text.empty()) {
         const std::size_t end = std::min(text.find('\n'), text.size());
-        readLine(trimmed(text.substr(0, end)), file);
+        const std::string_view line = text.substr(0, end);
+        const bool isComment = isSwallowed || startsComment(line);
+        if (isSwallowed && !startsComment(line) && file.oddLine.empty()) {
+            file.oddLine = line;
+        }
+        if (!isComment) {
+            readLine(trimmed(line), file);
+        }
+        isSwallowed = isComment && continuesComment(line);
         text.remove_prefix(std::min(end + 1, text.size()));
     }
     return file;
@@ -130,6 +156,10 @@ EnvironmentFile readEnvironment(std::string_view text) {
 void checkIdentityFile(const std::string& path, const std::optional<Variables>& daemon,
                        const Checked& report) {
     const FileFacts facts = factsOf(path);
+    if (facts.error == EACCES) {
+        report.unknown(path + " cannot be seen by this user.", "Ask again as root.");
+        return;
+    }
     if (!facts.exists()) {
         if (daemon && missingOf(*daemon).empty()) {
             checkVariables(*daemon, "the running daemon, though there is no " + path, report);
@@ -139,6 +169,11 @@ void checkIdentityFile(const std::string& path, const std::optional<Variables>& 
                       "Install it with the five variables of orvexd(8), readable by root only.");
         return;
     }
+    if (!facts.isRegular()) {
+        report.broken(path + " is no regular file.",
+                      "Replace it by one with the five variables of orvexd(8).");
+        return;
+    }
     checkAccess(path, facts, report);
     const auto text = textOf(path);
     if (!text) {
@@ -146,6 +181,10 @@ void checkIdentityFile(const std::string& path, const std::optional<Variables>& 
         return;
     }
     const EnvironmentFile file = readEnvironment(*text);
+    if (!file.fault.empty()) {
+        report.broken("The service manager refuses " + path + ": there is " + file.fault + ".",
+                      "Write the file in UTF-8.");
+    }
     if (!file.oddLine.empty()) {
         report.doubtful("A shell and the service manager read this line of " + path +
                             " differently: " + file.oddLine,

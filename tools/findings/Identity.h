@@ -22,6 +22,7 @@ void checkVariables(const Variables& variables, const std::string& place, const 
 /// What a service manager reads from a file of variables, and what a shell would read differently.
 struct EnvironmentFile {
     Variables variables;
+    std::string fault;   ///< why the service manager refuses the whole file; empty for nothing
     std::string oddLine; ///< the first line that the two read differently; empty for none
 };
 

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <string_view>
+#include <unistd.h>
 #include <vector>
 
 namespace orvexd::findings {
@@ -248,12 +249,27 @@ bool checkAccess(const std::string& path, const FileFacts& facts, bool sandboxed
     return true;
 }
 
+/// A file at which this process may not look.
+void tellHidden(const std::string& path, bool sandboxed, const Checked& report) {
+    if (sandboxed && geteuid() == 0) {
+        report.broken(path + " cannot be read by the service: " + g_strerror(EACCES) + ".",
+                      "Let root read it, and search the folders on the way, without privileges.");
+    } else {
+        report.unknown(path + " cannot be read by this user: " + g_strerror(EACCES) + ".",
+                       "Ask again as root.");
+    }
+}
+
 } // namespace
 
 void checkPlatformFile(const std::string& path, bool sandboxed, bool explained,
                        const Checked& report) {
     const FileFacts facts = factsOf(path);
     if (!facts.exists() && explained) {
+        return;
+    }
+    if (facts.error == EACCES) {
+        tellHidden(path, sandboxed, report);
         return;
     }
     if (!facts.exists()) {
@@ -267,8 +283,7 @@ void checkPlatformFile(const std::string& path, bool sandboxed, bool explained,
     }
     const auto text = textOf(path);
     if (!text) {
-        report.unknown(path + " cannot be read by this user: " + g_strerror(errno) + ".",
-                       "Ask again as root.");
+        tellHidden(path, sandboxed, report);
         return;
     }
     const bool isGood = explained || checkContent(path, *text, report);

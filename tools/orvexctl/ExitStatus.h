@@ -30,6 +30,10 @@ enum class ExitStatus : int {
     NotPermitted = 31,      // 2205
     OtherCode = 32,
 
+    // Of doctor, for which 1 and 2 are verdicts. The numbers are those of sysexits.h.
+    DoctorMisused = 64,
+    DoctorNotHeard = 74,
+
     // 128 + signal number, as shells report a process that a signal ended.
     HungUp = 129,
     Interrupted = 130,

@@ -64,6 +64,35 @@ void checkCertificate(const X509* certificate, const std::string& path, const Ch
     }
 }
 
+bool isValid(const X509* certificate) {
+    const Age age = ageOf(certificate);
+    return age == Age::Good || age == Age::EndsSoon;
+}
+
+/// The authority that is good for longest, whichever are old: one that is valid is enough.
+const X509* bestOf(const Certificates& authorities) {
+    const auto isWorse = [](const CertificateRef& a, const CertificateRef& b) {
+        if (isValid(a.get()) != isValid(b.get())) {
+            return isValid(b.get());
+        }
+        return ASN1_TIME_compare(X509_get0_notAfter(a.get()), X509_get0_notAfter(b.get())) < 0;
+    };
+    return std::max_element(authorities.begin(), authorities.end(), isWorse)->get();
+}
+
+/// What the device sends to the server besides its own.
+void checkIntermediates(const Certificates& certificates, const std::string& path,
+                        const Checked& report) {
+    for (std::size_t i = 1; i < certificates.size(); ++i) {
+        if (!isValid(certificates[i].get())) {
+            report.doubtful("Certificate " + std::to_string(i + 1) + " in " + path +
+                                " is not valid now: it is that of " +
+                                describe(certificates[i].get()) + ".",
+                            "The server may refuse the device's for it. Install a new one.");
+        }
+    }
+}
+
 bool isSynchronised() {
     timex clock{};
     return adjtimex(&clock) != TIME_ERROR && (clock.status & STA_UNSYNC) == 0;
@@ -82,10 +111,7 @@ std::int64_t newestFile(const std::string& files) {
 /// One file may be old; that all of them are not valid now is rather the clock's fault.
 bool isOutsideOfAll(const std::vector<const X509*>& certificates) {
     return certificates.size() > 1 &&
-           std::all_of(certificates.begin(), certificates.end(), [](const X509* certificate) {
-               const Age age = ageOf(certificate);
-               return age == Age::TooEarly || age == Age::TooLate;
-           });
+           std::none_of(certificates.begin(), certificates.end(), &isValid);
 }
 
 void checkClock(const std::vector<const X509*>& certificates, const std::string& files,
@@ -112,9 +138,10 @@ void checkDates(const Identity& identity, const std::string& files, const Checke
     if (!identity.client.empty()) {
         certificates.push_back(identity.client.front().get());
         checkCertificate(certificates.back(), files + TransferOptions::kCertificate, report);
+        checkIntermediates(identity.client, files + TransferOptions::kCertificate, report);
     }
     if (!identity.authorities.empty()) {
-        certificates.push_back(identity.authorities.front().get());
+        certificates.push_back(bestOf(identity.authorities));
         checkCertificate(certificates.back(), files + TransferOptions::kAuthority, report);
     }
     checkClock(certificates, files, report);

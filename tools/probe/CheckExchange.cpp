@@ -1,5 +1,7 @@
 #include "probe/CheckExchange.h"
 
+#include "../check-answer/Advice.h"
+#include "../check-answer/Recording.h"
 #include "http/TransferOptions.h"
 #include "probe/Message.h"
 #include "slp/SlpResponseParser.h"
@@ -7,9 +9,11 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <glib.h>
 #include <string_view>
+#include <vector>
 
 namespace orvexd::probe {
 
@@ -18,6 +22,7 @@ namespace {
 using findings::Checked;
 
 constexpr std::size_t kShownBytes = 200;
+constexpr std::size_t kExaminedBytes = std::size_t{1} << 20U;
 constexpr std::size_t kLargestHead = 65536;
 constexpr std::time_t kClockTolerance = 300; // seconds
 
@@ -50,14 +55,29 @@ public:
         } else if (beginsLike(line, "date:")) {
             date_ = trimmed(line.substr(line.find(':') + 1));
         }
+        head_.append(line);
         headComplete_ = line == "\r\n" || line == "\n";
     }
 
     void addBytes(std::string_view bytes) {
-        if (headComplete_ && body_.size() < kShownBytes) {
-            body_.append(bytes.substr(0, kShownBytes - body_.size()));
+        if (headComplete_ && body_.size() < kExaminedBytes) {
+            body_.append(bytes.substr(0, kExaminedBytes - body_.size()));
         }
     }
+
+    /// Whether its first words speak of it, as web servers do that refuse a client.
+    [[nodiscard]] bool mentions(const char* word) const {
+        const std::string text = statusLine_ + " " + body_.substr(0, kLargestHead);
+        return std::search(text.begin(), text.end(), word, word + std::strlen(word),
+                           [](char a, char b) {
+                               return std::tolower(static_cast<unsigned char>(a)) == b;
+                           }) != text.end();
+    }
+
+    [[nodiscard]] bool isMultipart() const { return beginsLike(contentType_, "multipart/"); }
+
+    /// As a recorded answer, without the coding of its transfer.
+    [[nodiscard]] std::string recording() const { return head_ + body_; }
 
     [[nodiscard]] const std::string& statusLine() const noexcept { return statusLine_; }
     [[nodiscard]] const std::string& contentType() const noexcept { return contentType_; }
@@ -67,14 +87,16 @@ public:
     [[nodiscard]] std::string text() const {
         std::string text = "\"" + statusLine_ + "\"";
         text += contentType_.empty() ? ", with no Content-Type" : ", Content-Type: " + contentType_;
-        return body_.empty() ? text + ", and no body"
-                             : text + ", and a body that begins \"" + body_ + "\"";
+        return body_.empty()
+                   ? text + ", and no body"
+                   : text + ", and a body that begins \"" + body_.substr(0, kShownBytes) + "\"";
     }
 
 private:
     std::string statusLine_;
     std::string contentType_;
     std::string date_;
+    std::string head_;
     std::string body_;
     bool headComplete_ = false;
 };
@@ -129,7 +151,39 @@ long statusOf(CURL* handle) {
     return status;
 }
 
-std::string adviceOn(long status) {
+constexpr const char* kIdentityAdvice =
+    "The server does not take the device's certificate: install the one that its operator has made "
+    "for this device; see the findings about files and dates.";
+
+/// Of web servers that speak of certificates: nginx says 400, and means 495 and 496.
+bool isAboutCertificate(long status, const Said& said) {
+    constexpr long kBadRequest = 400;
+    constexpr long kBadCertificate = 495;
+    constexpr long kNoCertificate = 496;
+    return status == kBadCertificate || status == kNoCertificate ||
+           (status == kBadRequest && said.mentions("certificate"));
+}
+
+/// What is wrong with an answer of the right kind; empty when nobody knows.
+std::string faultIn(const Said& said) {
+    const check::Recording recording(said.recording(), "");
+    check::Advice advice(recording);
+    advice.expectRequests(1);
+    const std::vector<check::Finding> findings = advice.findings();
+    const auto found = std::find_if(findings.begin(), findings.end(),
+                                    [](const check::Finding& finding) { return finding.isFault; });
+    return found == findings.end() ? std::string() : found->text;
+}
+
+std::string adviceOn(long status, const Said& said) {
+    if (isAboutCertificate(status, said)) {
+        return kIdentityAdvice;
+    }
+    if (status < 300 && said.isMultipart()) {
+        const std::string fault = faultIn(said);
+        return "A positioning server answers, and the daemon cannot use its answer" +
+               (fault.empty() ? "." : ": " + fault + ".") + " Tell the operator of the server.";
+    }
     switch (status) {
     case 401:
     case 403:
@@ -157,7 +211,7 @@ void tellTransferFailure(const Road& road, CURLcode result, const Exchange& exch
     if (!road.isOpen()) {
         report.broken("The request did not get to the server: " + road.text() + ".",
                       "See the findings about names and connection.");
-    } else if (!road.tls().alert().empty()) {
+    } else if (road.tls().isIdentityRefused()) {
         report.broken("The server refuses the device's certificate: \"" + road.tls().alert() +
                           "\".",
                       "See the findings about files, dates and tls.");
@@ -169,7 +223,7 @@ void tellTransferFailure(const Road& road, CURLcode result, const Exchange& exch
     } else if (!exchange.said.statusLine().empty() && statusOf(road.handle()) != 0) {
         report.broken("The answer broke off: " + road.text() + ". The server had said " +
                           exchange.said.text() + ".",
-                      adviceOn(statusOf(road.handle())));
+                      adviceOn(statusOf(road.handle()), exchange.said));
     } else if (result == CURLE_SSL_CERTPROBLEM || result == CURLE_SSL_CACERT_BADFILE ||
                result == CURLE_PEER_FAILED_VERIFICATION || result == CURLE_SSL_CONNECT_ERROR) {
         tellTlsFailure(road, result, report);
@@ -189,7 +243,7 @@ void tellAnswer(const Road& road, Exchange& exchange, const Checked& report) {
     } else {
         report.broken("The server said " + exchange.said.text() + ". The daemon calls it \"" +
                           exchange.parser.errorText() + "\".",
-                      adviceOn(status));
+                      adviceOn(status, exchange.said));
     }
 }
 

@@ -27,6 +27,14 @@ bool isReadable(const std::string& path, const FileFacts& facts, bool sandboxed,
                 const Checked& report) {
     const std::string chown = "Give it to root: chown root:root " + path;
     const std::string hidden = findings::hiddenFolderOf(path);
+    if (facts.error == EACCES) {
+        report.broken(path +
+                          " cannot be reached: root without privileges, as the daemon is, may "
+                          "not pass " +
+                          findings::closedFolderOf(path) + ".",
+                      "Give the folder to root, with mode 0755 or 0700.");
+        return false;
+    }
     if (!facts.exists()) {
         report.broken(path + " cannot be found: " + facts.reason() + ".", kInstall);
         return false;
@@ -43,7 +51,9 @@ bool isReadable(const std::string& path, const FileFacts& facts, bool sandboxed,
         report.broken(path + " belongs to user " + std::to_string(facts.owner) +
                           " and not to root: the sandboxed daemon cannot read it.",
                       chown);
-    } else if (facts.owner != 0) {
+        return false;
+    }
+    if (facts.owner != 0) {
         report.doubtful(path + " belongs to user " + std::to_string(facts.owner) +
                             ", who may replace it.",
                         chown);
@@ -58,7 +68,10 @@ std::optional<std::string> readFile(const std::string& path, bool sandboxed,
     }
     auto text = findings::textOf(path);
     if (!text) {
-        report.broken(path + " cannot be read: " + g_strerror(errno) + ".", kInstall);
+        const std::string why = g_strerror(errno);
+        report.broken(path + " cannot be read: " + why + ". Its mode is " +
+                          findings::factsOf(path).modeText() + ".",
+                      kInstall);
     }
     return text;
 }
@@ -67,12 +80,22 @@ BioRef bioOf(const std::string& text) {
     return BioRef(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
 }
 
-Certificates certificatesOf(const std::string& text) {
-    Certificates found;
+/// What a file holds up to its end, or up to a block that is damaged.
+struct Blocks {
+    Certificates certificates;
+    bool isDamaged = false;
+};
+
+Blocks blocksOf(const std::string& text) {
+    Blocks found;
     const BioRef bio = bioOf(text);
     while (X509* certificate = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)) {
-        found.emplace_back(certificate);
+        found.certificates.emplace_back(certificate);
     }
+    // Without another block at the end it finds no first line.
+    const auto reason = ERR_peek_last_error();
+    found.isDamaged =
+        ERR_GET_LIB(reason) != ERR_LIB_PEM || ERR_GET_REASON(reason) != PEM_R_NO_START_LINE;
     ERR_clear_error();
     return found;
 }
@@ -82,11 +105,17 @@ Certificates readCertificates(const std::string& path, bool sandboxed, const Che
     if (!text) {
         return {};
     }
-    Certificates found = certificatesOf(*text);
-    if (found.empty()) {
+    Blocks found = blocksOf(*text);
+    if (found.isDamaged) {
+        report.broken(path + " is damaged behind " + std::to_string(found.certificates.size()) +
+                          " good certificates: the daemon refuses all of it.",
+                      kInstall);
+        return {};
+    }
+    if (found.certificates.empty()) {
         report.broken(path + " holds no certificate in PEM form.", kInstall);
     }
-    return found;
+    return std::move(found.certificates);
 }
 
 /// OpenSSL's wish for the pass phrase. No phrase fits into less room.

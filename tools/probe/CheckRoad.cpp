@@ -19,6 +19,7 @@ namespace {
 using findings::Checked;
 using findings::Report;
 
+constexpr long kFirstRefusal = 300;
 constexpr long kProxyAuthentication = 407;
 /// Under TLS 1.3 a refusal of the client comes after the handshake, as late as a part of it.
 constexpr std::chrono::milliseconds kWaitForRefusal{500};
@@ -26,6 +27,10 @@ constexpr double kHandshakesToWait = 4;
 
 constexpr const char* kProxyAdvice =
     "Mend [Proxy] of the platform file, or have the proxy let the device through.";
+
+constexpr const char* kIdentityAdvice =
+    "Install the certificate that the operator of the server has made for this device; see the "
+    "findings about files and dates.";
 
 class RoadCheck {
 public:
@@ -111,18 +116,23 @@ private:
 
     void tellProxyFailure(CURLcode result) {
         const long status = road_.proxyStatus();
-        if (result == CURLE_OPERATION_TIMEDOUT) {
-            connection_.broken(peer() + " takes the connection and says nothing for " + seconds() +
-                                   ".",
-                               kProxyAdvice);
-        } else if (status == kProxyAuthentication) {
+        if (status == kProxyAuthentication) {
             connection_.broken(peer() + " wants a name and a password (407). The daemon has none.",
                                "Have the proxy let the device through without them.");
-        } else if (status != 0) {
+        } else if (status >= kFirstRefusal) {
             connection_.broken(peer() + " refuses to connect to " + serverHost() + ": it says " +
                                    std::to_string(status) + ".",
                                "A 502, 503 or 504 means that the proxy cannot reach the server; "
                                "any other number that its rules forbid it.");
+        } else if (status != 0) {
+            connection_.broken(peer() + " says " + std::to_string(status) +
+                                   " and does not come to the end of its answer: " + road_.text() +
+                                   ".",
+                               kProxyAdvice);
+        } else if (result == CURLE_OPERATION_TIMEDOUT) {
+            connection_.broken(peer() + " takes the connection and says nothing for " + seconds() +
+                                   ".",
+                               kProxyAdvice);
         } else {
             connection_.broken(peer() + " does not answer like a proxy: " + road_.text() + ".",
                                kProxyAdvice);
@@ -138,16 +148,13 @@ private:
         const std::string version = SSL_get_version(connection);
         const bool taken = SSL_version(connection) != TLS1_3_VERSION || isTaken();
         if (!taken) {
-            tls_.broken("The server refuses the device's certificate after the handshake" +
-                            refusal() + ".",
-                        "Install the certificate that the operator of the server has made for this "
-                        "device; see the findings about files and dates.");
+            tellEnd();
         } else if (!road_.tls().isCertificateWanted()) {
             tls_.fine(version + " stands. The server asks for no client certificate.");
         } else {
             tls_.fine(version +
-                      " stands, and the server has taken the device's certificate. "
-                      "The server's: " +
+                      " stands. The server has asked for the device's certificate and has not "
+                      "refused it so far; only --exchange tells whether it does. The server's: " +
                       describe(serverCertificate()) + ".");
         }
         return taken;
@@ -155,9 +162,27 @@ private:
 
     [[nodiscard]] const X509* serverCertificate() const { return road_.tls().certificate(); }
 
-    [[nodiscard]] std::string refusal() const {
-        return road_.tls().alert().empty() ? ": it ends the connection without a word"
-                                           : ": \"" + road_.tls().alert() + "\"";
+    /// The server has ended the connection when TLS stood.
+    void tellEnd() const {
+        const TlsWatch& tls = road_.tls();
+        if (tls.isIdentityRefused()) {
+            tls_.broken("The server refuses the device's certificate after the handshake: \"" +
+                            tls.alert() + "\".",
+                        kIdentityAdvice);
+        } else if (!tls.alert().empty()) {
+            tls_.broken("The server ends the connection after the handshake: \"" + tls.alert() +
+                            "\".",
+                        "Ask the operator of the server.");
+        } else if (tls.isCertificateWanted()) {
+            tls_.broken("The server ends the connection after the handshake without a word. It had "
+                        "asked for the device's certificate and may refuse it.",
+                        kIdentityAdvice);
+        } else {
+            tls_.broken("The server ends the connection after the handshake without a word. It had "
+                        "not asked for the device's certificate.",
+                        "Something else than a positioning server may listen there, or a server "
+                        "that has crashed: ask its operator.");
+        }
     }
 
     /// Reads on until the server has taken or refused the client, or says nothing.
@@ -256,10 +281,13 @@ void tellTlsFailure(const Road& road, CURLcode result, const Checked& report) {
             report.broken("The TLS handshake broke off: " + road.text() + ".",
                           "Something on the way, or the server, ends the connection. Something "
                           "else than a TLS server may listen there.");
-        } else if (tls.isCertificateWanted()) {
+        } else if (tls.isIdentityRefused()) {
             report.broken("The server refuses the device's certificate: \"" + tls.alert() + "\".",
-                          "Install the certificate that the operator of the server has made for "
-                          "this device; see the findings about files and dates.");
+                          kIdentityAdvice);
+        } else if (tls.isCertificateWanted()) {
+            report.broken("The server breaks off the TLS handshake: \"" + tls.alert() + "\".",
+                          "It had asked for the device's certificate and may refuse it. Otherwise "
+                          "server and daemon have no version of TLS or no cipher in common.");
         } else {
             report.broken("The server breaks off the TLS handshake: \"" + tls.alert() + "\".",
                           "Server and daemon have no version of TLS or no cipher in common.");

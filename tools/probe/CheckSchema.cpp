@@ -4,6 +4,8 @@
 #include "findings/Files.h"
 #include "support/XmlHandles.h"
 
+#include <cerrno>
+
 namespace orvexd::probe {
 
 namespace {
@@ -25,12 +27,17 @@ std::string faultOf(const std::string& path) {
 
 void checkSchema(const std::string& files, const findings::Checked& report) {
     const std::string path = files + kName;
-    if (!findings::factsOf(path).exists()) {
+    const std::string advice = "Mend it as orvexd.schema(5) says, or remove it.";
+    const findings::FileFacts facts = findings::factsOf(path);
+    if (facts.error == ENOENT) {
         report.fine("There is no " + path + ", and none is needed.");
         return;
     }
+    if (facts.exists() && !facts.isRegular()) { // who opens a FIFO may wait for ever
+        report.broken(path + " is no regular file: the daemon may wait for it for ever.", advice);
+        return;
+    }
     silenceXmlErrors();
-    const std::string advice = "Mend it as orvexd.schema(5) says, or remove it.";
     if (const std::string fault = faultOf(path); !fault.empty()) {
         report.broken(path + " ends the daemon at its start: " + fault, advice);
     } else if (!XmlDocument(xmlReadFile(path.c_str(), nullptr, 0))) {

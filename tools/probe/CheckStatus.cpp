@@ -3,17 +3,27 @@
 #include "network/OrvexNetworkManager.h"
 #include "protocol/Codes.h"
 
+#include <Description.h>
+#include <algorithm>
 #include <glib.h>
 #include <memory>
+#include <string>
 #include <trilba/core/ISystemLocationSettings.h>
 #include <trilba/core/SystemInfo.h>
+
+namespace trilba {
+// Of the open library. A device's own need not have it.
+// NOLINTNEXTLINE(readability-redundant-declaration): this one alone is weak
+[[gnu::weak]] Description describe(network::IConnectionManager& manager);
+} // namespace trilba
 
 namespace orvexd::probe {
 
 namespace {
 
-constexpr gint64 kFirstAnswer = 400'000; // microseconds
-constexpr gulong kPause = 20'000;        // microseconds
+constexpr gint64 kFirstAnswer = 5'000'000; // microseconds, as trilba-platform waits
+constexpr gint64 kUntoldAnswer = 400'000;  // where the library does not tell that it has answered
+constexpr gulong kPause = 20'000;          // microseconds
 
 /// Nobody is told: the state is asked for once.
 class Nobody : public INetworkOwner {
@@ -31,20 +41,67 @@ std::string wordsOf(std::uint32_t status) {
     return words + " (" + std::to_string(status) + ")";
 }
 
+/// How the platform's library comes to its answers, as far as it tells: the open one does.
+class PlatformSource {
+public:
+    PlatformSource()
+        : manager_(&trilba::describe != nullptr
+                       ? trilba::network::IConnectionManager::create(nullptr)
+                       : nullptr) {}
+
+    [[nodiscard]] bool isKnown() const { return manager_ != nullptr; }
+
+    /// Whether it has answered and means what the daemon's own manager says.
+    [[nodiscard]] bool agrees(std::uint32_t status) const {
+        const trilba::Description now = trilba::describe(*manager_);
+        const auto& connections = now.answers.connections;
+        const bool isConnected = std::any_of(connections.begin(), connections.end(),
+                                             [](const auto& each) { return each.active; });
+        return now.hasAnswered && isConnected == (status != 0);
+    }
+
+    [[nodiscard]] std::string name() const {
+        if (!isKnown()) {
+            return {};
+        }
+        const bool isFile = trilba::describe(*manager_).source == trilba::SourceName::File;
+        return isFile ? "file" : "networkmanager";
+    }
+
+private:
+    std::unique_ptr<trilba::network::IConnectionManager> manager_;
+};
+
+/// A live source has its first answer on the way. @return whether it has come.
+bool awaitAnswer(const OrvexNetworkManager& manager, const PlatformSource& source) {
+    const gint64 patience =
+        g_get_monotonic_time() + (source.isKnown() ? kFirstAnswer : kUntoldAnswer);
+    const auto isThere = [&] {
+        return source.isKnown() ? source.agrees(manager.currentStatus())
+                                : manager.currentStatus() != 0;
+    };
+    while (!isThere()) {
+        if (g_get_monotonic_time() >= patience) {
+            return !source.isKnown();
+        }
+        if (g_main_context_iteration(nullptr, FALSE) == FALSE) {
+            g_usleep(kPause);
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 PlatformView viewOfPlatform() {
     Nobody nobody;
     OrvexNetworkManager manager(nobody);
     manager.start();
-    // A live source of the platform's state may have its first answer on the way.
-    const gint64 patience = g_get_monotonic_time() + kFirstAnswer;
-    while (manager.currentStatus() == 0 && g_get_monotonic_time() < patience) {
-        if (g_main_context_iteration(nullptr, FALSE) == FALSE) {
-            g_usleep(kPause);
-        }
-    }
+    PlatformSource source;
+    const bool answered = awaitAnswer(manager, source);
     PlatformView view;
+    view.answered = answered;
+    view.source = source.name();
     view.status = manager.currentStatus();
     view.proxy = manager.proxyFor();
     const std::unique_ptr<trilba::core::ISystemLocationSettings> location(
@@ -62,7 +119,10 @@ void checkStatus(const PlatformView& platform, std::optional<std::uint32_t> repo
                       "code 2205.",
                       "NetworkPositioning=true in [Location] of the platform file permits it.");
     }
-    if (reported && *reported != platform.status) {
+    if (!platform.answered) {
+        report.unknown("The platform has not said within 5 s whether the device is connected.",
+                       "Ask again; trilba-platform shows what it waits for.");
+    } else if (reported && *reported != platform.status) {
         report.broken("The daemon reports " + wordsOf(*reported) + ", but the platform says " +
                           words + ".",
                       "The daemon keeps to the last good state of a faulty platform file, and may "

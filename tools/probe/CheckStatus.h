@@ -10,6 +10,8 @@ namespace orvexd::probe {
 
 /// The platform's connections as the daemon sees them, now.
 struct PlatformView {
+    bool answered = true; ///< false: it has not said anything in time
+    std::string source;   ///< where its answers come from; empty where the library does not tell
     std::uint32_t status = 0;
     std::string proxy; ///< "host:port", empty for none
     bool permitted = true;

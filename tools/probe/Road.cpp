@@ -18,6 +18,21 @@ template <typename Value> Value infoOf(CURL* handle, CURLINFO info) {
     return value;
 }
 
+/// Whether libcurl was ready for TLS and could not begin with it.
+bool isFaultOfTls(CURLcode result) {
+    switch (result) {
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace
 
 Road::Road(const std::string& files, const std::string& proxy, const Patience& patience)
@@ -53,9 +68,13 @@ long Road::proxyStatus() const {
 }
 
 bool Road::isOpen() const {
+    if (tls_.hasBegun()) {
+        return true;
+    }
+    // A proxy that has said 200 may still be in its head. TLS that could not begin is behind it.
     const long status = proxyStatus();
-    return tls_.hasBegun() ||
-           (isConnected() && (!hasProxy_ || (status > 0 && status < kFirstRefusal)));
+    return isConnected() &&
+           (!hasProxy_ || (status > 0 && status < kFirstRefusal && isFaultOfTls(result_)));
 }
 
 int Road::systemError() const {

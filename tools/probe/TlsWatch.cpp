@@ -7,6 +7,13 @@ void TlsWatch::observe(CURL* handle) {
     curl_easy_setopt(handle, CURLOPT_SSL_CTX_DATA, this);
 }
 
+bool TlsWatch::isIdentityRefused() const {
+    // Of what OpenSSL calls the alerts about a certificate, these have no such word.
+    const bool isAboutIt = alert_.find("certificate") != std::string::npos ||
+                           alert_ == "unknown CA" || alert_ == "access denied";
+    return certificateWanted_ && isAboutIt;
+}
+
 /// Where a TLS context keeps its watch.
 int TlsWatch::index() noexcept {
     static const int kIndex = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);

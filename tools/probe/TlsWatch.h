@@ -31,6 +31,8 @@ public:
     [[nodiscard]] bool isTaken() const noexcept { return taken_; }
     /// What the server's last alert says, in OpenSSL's words; empty for none.
     [[nodiscard]] const std::string& alert() const noexcept { return alert_; }
+    /// The server has asked for a certificate, and its alert speaks of one.
+    [[nodiscard]] bool isIdentityRefused() const;
     /// The connection of the last message; null before the first, gone with the handle.
     [[nodiscard]] SSL* connection() const noexcept { return connection_; }
     /// Why the server's certificate proves nothing: one of X509_V_ERR_…, or X509_V_OK.

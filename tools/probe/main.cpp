@@ -4,6 +4,9 @@
 #include "findings/Files.h"
 #include "findings/Finding.h"
 #include "findings/Identity.h"
+#include "findings/Privileges.h"
+#include "http/TransferOptions.h"
+#include "orvexctl/Printable.h"
 #include "probe/CheckExchange.h"
 #include "probe/CheckFiles.h"
 #include "probe/CheckRoad.h"
@@ -12,6 +15,7 @@
 #include "probe/Options.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <curl/curl.h>
@@ -73,16 +77,21 @@ void checkImei(const PlatformView& platform, const Checked& report) {
     }
 }
 
+/// On one line, whatever is in the files.
+void complain(const char* who, const Finding& finding) {
+    std::fprintf(stderr, "%s: %s %s\n", who, ctl::printable(finding.why).c_str(),
+                 ctl::printable(finding.advice).c_str());
+}
+
 /// What the service manager asks before it starts the daemon.
 int check(const std::string& files) {
     int status = 0;
     const findings::Report print = [&](const Finding& finding) {
         if (finding.state == State::Broken) {
-            std::fprintf(stderr, "orvexd cannot work: %s %s\n", finding.why.c_str(),
-                         finding.advice.c_str());
+            complain("orvexd cannot work", finding);
             status = 1;
         } else if (finding.state == State::Doubtful) {
-            std::fprintf(stderr, "orvexd: %s %s\n", finding.why.c_str(), finding.advice.c_str());
+            complain("orvexd", finding);
         }
     };
     findings::checkVariables(ownVariables(), "the environment", Checked("identity", print));
@@ -99,14 +108,41 @@ void lookAtLocalThings(const std::string& files, const Options& options) {
     const findings::Report print = &printJson;
     findings::checkIdentityFile(options.identityFile, variablesOfDaemon(options),
                                 Checked("identity", print));
+    // The service manager reads that file with all of its privileges, the daemon the others.
+    const findings::WithoutCapabilities asTheService(options.sandboxed);
     const Identity identity = checkFiles(files, options.sandboxed, Checked("files", print));
     checkDates(identity, files, Checked("dates", print));
     checkSchema(files, Checked("schema", print));
-    checkStatus(viewOfPlatform(), options.reportedStatus, Checked("status", print));
+    const PlatformView platform = viewOfPlatform();
+    if (!platform.source.empty()) {
+        std::puts(findings::sourceToJson(platform.source).c_str());
+    }
+    checkStatus(platform, options.reportedStatus, Checked("status", print));
+}
+
+/// libcurl would wait for a FIFO in a file's place for ever.
+bool areFiles(const std::string& files, const findings::Report& report) {
+    constexpr std::array kNames = {TransferOptions::kCertificate, TransferOptions::kKey,
+                                   TransferOptions::kAuthority};
+    const auto* const odd = std::find_if(kNames.begin(), kNames.end(), [&](const char* name) {
+        const findings::FileFacts facts = findings::factsOf(files + name);
+        return facts.exists() && !facts.isRegular();
+    });
+    if (odd == kNames.end()) {
+        return true;
+    }
+    Checked("tls", report)
+        .broken("Not tried: " + files + *odd + " is no regular file.",
+                "See the findings about files.");
+    return false;
 }
 
 void lookAtTheNetwork(const std::string& files, const Options& options) {
     const findings::Report print = &printJson;
+    const findings::WithoutCapabilities asTheService(options.sandboxed);
+    if (!areFiles(files, print)) {
+        return;
+    }
     const Destination destination{files, viewOfPlatform().proxy, options.patience};
     const bool open = checkRoad(destination, print);
     const Checked exchange("exchange", print);
@@ -146,6 +182,9 @@ int main(int argc, char** argv) {
     trilba::Debug::init();
     curl_global_init(CURL_GLOBAL_SSL);
     const int status = run(options);
+    if (options.task != Options::Task::Check) {
+        std::printf("%s\n", std::string(findings::kDone).c_str());
+    }
     curl_global_cleanup();
     trilba::Debug::release();
     return status;

@@ -30,6 +30,7 @@ class SetUp:
     finds: str  # a pattern in what it says, advice included
     exchange: bool = False  # only a request shows it
     needs_ids: bool = False  # takes other user ids than root's
+    needs_systemd: bool = False  # only systemd reads the file so; request is not tried
     patience: int = 20  # seconds that doctor waits; those that it waits in vain are few
     advises: str = ""  # a pattern in what request advises; nothing where requests are answered
     status: int = 30  # of request
@@ -104,6 +105,20 @@ SET_UPS = [
         "tls",
         "self-signed .*Positioning_CA.pem is not the authority",
         advises=f"{NOT_TRUSTED}.*authority other than Positioning_CA.pem",
+    ),
+    SetUp(
+        "damaged behind the certificate",
+        spoil.damaged_block(CERTIFICATE),
+        "files",
+        "is damaged behind 1 good",
+        advises=OWN_FILES,
+    ),
+    SetUp(
+        "damaged behind the authority",
+        spoil.damaged_block(AUTHORITY),
+        "files",
+        "is damaged behind 1 good",
+        advises="Check Positioning_CA.pem",
     ),
     # the server's certificate
     SetUp(
@@ -187,6 +202,33 @@ SET_UPS = [
         advises="proxy .* is no HTTP proxy",
     ),
     SetUp(
+        "proxy never ends its head",
+        spoil.default(proxy={"raw": "HTTP/1.1 200 OK\r\nVia: x\r\n"}, on=[{"at": "tunnel", "do": "hang"}]),
+        "connection",
+        "says 200 and does not come to the end of its answer",
+        patience=1,
+        advises="30 seconds for the connection",
+        overdue=("connect", 30),
+    ),
+    SetUp(
+        "proxy wants a password and goes on",
+        spoil.default(
+            proxy={"raw": "HTTP/1.1 407 No\r\nContent-Length: 1000\r\n\r\nx"}, on=[{"at": "tunnel", "do": "hang"}]
+        ),
+        "connection",
+        "name and a password",
+        patience=1,
+        advises="30 seconds for the connection",
+        overdue=("connect", 30),
+    ),
+    SetUp(
+        "no certificate asked for",
+        spoil.default(client_certificate="none", on=[{"at": "handshake", "do": "close"}]),
+        "tls",
+        "ends the connection after the handshake.* had not asked for the device's certificate",
+        advises="closed the connection without an answer.*orvexctl doctor",
+    ),
+    SetUp(
         "port closed",
         spoil.closed_port,
         "connection",
@@ -231,6 +273,24 @@ SET_UPS = [
         status=28,
     ),
     SetUp(
+        "certificate refused in HTTP",
+        spoil.answer(400, "<title>400 The SSL certificate error</title>"),
+        "exchange",
+        "400 Bad Request.*does not take the device's certificate",
+        exchange=True,
+        advises=f"error page.*{ASK_DOCTOR}",
+        status=28,
+    ),
+    SetUp(
+        "status of the document",
+        spoil.default(answer={"multipart": {"status": "unknownDevice"}}),
+        "exchange",
+        "A positioning server answers.* SLP document is refused",
+        exchange=True,
+        advises=f"does not understand.*{ASK_DOCTOR}",
+        status=28,
+    ),
+    SetUp(
         "over 60 s",
         spoil.default(on=[{"at": "upload-end", "do": "hang"}]),
         "exchange",
@@ -254,6 +314,20 @@ SET_UPS = [
         spoil.identity(KELVRA_UNIQUE_DEVICE_ID="00000000-0000-0000-0000-000000000000"),
         "identity",
         "packaged example's",
+    ),
+    SetUp(
+        "identity is no UTF-8",
+        spoil.latin_1,
+        "identity",
+        "refuses .*no UTF-8 in the line KELVRA_DEVICE_MANUFACTURER",
+        needs_systemd=True,
+    ),
+    SetUp(
+        "comment swallows a variable",
+        spoil.comment_that_swallows,
+        "identity",
+        "Missing .*: KELVRA_",
+        needs_systemd=True,
     ),
     SetUp(
         "IMEI of the example",

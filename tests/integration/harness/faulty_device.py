@@ -30,7 +30,7 @@ class Device:
     clock: object  # of daemon and doctor
 
     def write_identity(self, **changes):
-        values = {**DEVICE, **changes}
+        values = {**DEVICE, "TRILBA_PLATFORM_CONF": self.platform.path, **changes}
         self.identity.write_text("".join(f'{name}="{value}"\n' for name, value in values.items()), "utf-8")
         self.identity.chmod(0o600)
 

@@ -48,6 +48,22 @@ def platform_of_a_stranger(device):
     os.chown(device.platform.path, STRANGER_ID, STRANGER_ID)
 
 
+def damaged_block(name):
+    def spoil(device):
+        with open(device.preinst / name, "a", encoding="ascii") as file:
+            file.write("-----BEGIN CERTIFICATE-----\nZZZZ\n-----END CERTIFICATE-----\n")
+
+    return spoil
+
+
+def latin_1(device):
+    device.identity.write_bytes(device.identity.read_bytes().replace(b"Kelvra", b"K\xe4lvra"))
+
+
+def comment_that_swallows(device):
+    device.identity.write_bytes(b"# of this device \\\n" + device.identity.read_bytes())
+
+
 def unlink(path_of):
     return lambda device: path_of(device).unlink()
 

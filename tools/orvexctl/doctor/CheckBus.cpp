@@ -17,9 +17,11 @@ using findings::Checked;
 constexpr const char* kGroup = "positioning";
 constexpr const char* kPolicy = "/dbus-1/system.d/com.kelvra.orvexd.conf";
 
-/// Where a system bus reads policies: the build's own place, and those of every bus.
+constexpr const char* kUnreadFolder = "/usr/local/share"; // an installation's own, and no bus's
+
+/// Where every system bus reads policies.
 std::string policyFile() {
-    for (const char* folder : {"/etc", "/usr/local/share", "/usr/share"}) {
+    for (const char* folder : {"/etc", "/usr/share"}) {
         if (std::string path = std::string{folder} + kPolicy; findings::factsOf(path).exists()) {
             return path;
         }
@@ -46,12 +48,18 @@ void checkInstalledFiles(const Facts& facts, const Checked& report) {
                        "known.");
         return;
     }
-    if (const std::string policy = policyFile(); policy.empty()) {
+    const std::string unread = std::string{kUnreadFolder} + kPolicy;
+    if (const std::string policy = policyFile(); !policy.empty()) {
+        report.fine("The bus policy is " + policy + ".");
+    } else if (findings::factsOf(unread).exists()) {
+        report.broken("The bus policy is " + unread +
+                          ", where no system bus reads it: the daemon gets no name and nobody may "
+                          "call it.",
+                      "ln -s " + unread + " /etc/dbus-1/system.d/ && systemctl reload dbus");
+    } else {
         report.broken("No policy for com.kelvra.orvexd is installed where the system bus reads it: "
                       "the daemon gets no name and nobody may call it.",
                       "Install com.kelvra.orvexd.conf in /usr/share/dbus-1/system.d.");
-    } else {
-        report.fine("The bus policy is " + policy + ".");
     }
     if (!facts.activatable) {
         report.doubtful("The bus does not know how to start the daemon: clients' calls do not.",
@@ -75,7 +83,10 @@ void checkUnit(const UnitFacts& unit, const Checked& report) {
     const std::string state = "The unit is " + unit.activeState + " (" + unit.subState + ")";
     const std::string restarts =
         unit.restarts == 0 ? "" : " after " + std::to_string(unit.restarts) + " restarts";
-    if (!unit.isLoaded()) {
+    if (unit.loadState == "masked") {
+        report.broken("The unit is masked: nobody can start it.",
+                      "systemctl unmask orvexd, and then: systemctl start orvexd");
+    } else if (!unit.isLoaded()) {
         report.doubtful("There is no orvexd.service, or it cannot be read: " + unit.loadState + ".",
                         "Install the unit, and then: systemctl daemon-reload");
     } else if (unit.activeState == "failed" || unit.subState == "auto-restart") {
@@ -86,6 +97,16 @@ void checkUnit(const UnitFacts& unit, const Checked& report) {
         report.doubtful(state + restarts + ".", "'coredumpctl' may know why it ended.");
     } else {
         report.fine(state + ".");
+    }
+}
+
+/// The probe goes to the server without these.
+void checkNetworkLimits(const UnitFacts& unit, const Checked& report) {
+    for (const std::string& setting : unit.networkLimits) {
+        report.doubtful("The unit has " + setting +
+                            ", which may keep the daemon from the network. What is said below of "
+                            "the way to the server is without it.",
+                        "Look at it with 'systemctl cat orvexd', and try a request.");
     }
 }
 
@@ -134,6 +155,7 @@ void checkBus(const Facts& facts, const Checked& report) {
     checkGroup(report);
     if (facts.unit) {
         checkUnit(*facts.unit, report);
+        checkNetworkLimits(*facts.unit, report);
     } else {
         report.unknown("No service manager answers on this bus.");
     }

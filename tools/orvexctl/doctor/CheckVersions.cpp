@@ -1,8 +1,10 @@
 #include "doctor/CheckVersions.h"
 
+#include "doctor/Child.h"
 #include "findings/Files.h"
 
 #include <algorithm>
+#include <chrono>
 #include <initializer_list>
 #include <set>
 #include <sstream>
@@ -17,20 +19,13 @@ using findings::Checked;
 constexpr std::string_view kDeleted = " (deleted)";
 constexpr std::string_view kLibrary = "/libtrilbacore.so";
 
+constexpr std::chrono::seconds kPatience{5};
+
 /// What a program prints when it is asked for its version; empty when it cannot be run.
 std::string outputOf(const std::string& program) {
-    ErrorSlot error;
-    const ObjectRef<GSubprocess> child{
-        g_subprocess_new(static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDOUT_PIPE |
-                                                       G_SUBPROCESS_FLAGS_STDERR_SILENCE),
-                         error.out(), program.c_str(), "--version", nullptr)};
-    char* output = nullptr;
-    if (!child || g_subprocess_communicate_utf8(child.get(), nullptr, nullptr, &output, nullptr,
-                                                nullptr) == FALSE) {
-        return {};
-    }
-    const TextRef owned{output};
-    return output == nullptr ? "" : output;
+    Child child{{program, "--version"}, {}};
+    child.silence();
+    return child.output(kPatience);
 }
 
 /// The first word that looks like a version.
@@ -99,9 +94,9 @@ void checkUnit(const UnitFacts& unit, const std::string& running, const Checked&
         report.doubtful("The unit's file has changed since the service manager read it.",
                         "systemctl daemon-reload, and restart the daemon.");
     }
-    if (!running.empty() && !unit.program.empty() && running != unit.program &&
-        findings::factsOf(unit.program).exists()) {
-        report.doubtful("The running daemon is " + running + ", the unit starts " + unit.program +
+    if (!running.empty() && !unit.program().empty() && running != unit.program() &&
+        findings::factsOf(unit.program()).exists()) {
+        report.doubtful("The running daemon is " + running + ", the unit starts " + unit.program() +
                             ".",
                         "Two installations are in each other's way; remove one.");
     }
@@ -129,7 +124,7 @@ std::string firstFile(std::initializer_list<std::string> paths) {
 void checkVersions(const Facts& facts, const std::string& probe, const Checked& report) {
     const bool isOurs = facts.daemon && facts.daemon->uid == 0; // a stranger's is not run
     const std::string running = isOurs ? withoutMark(facts.daemon->program) : "";
-    const std::string ofUnit = facts.isService() ? facts.unit->program : "";
+    const std::string ofUnit = facts.isService() ? facts.unit->program() : "";
     if (facts.isService()) {
         checkUnit(*facts.unit, running, report);
     }

@@ -11,8 +11,12 @@
 #include "doctor/Probe.h"
 #include "findings/Files.h"
 #include "findings/PlatformCheck.h"
+#include "findings/Privileges.h"
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <unistd.h>
 
@@ -24,7 +28,16 @@ using findings::Report;
 
 constexpr const char* kPlatformVariable = "TRILBA_PLATFORM_CONF";
 constexpr const char* kPlatformFile = "/etc/trilba/platform.conf";
+constexpr const char* kBusVariable = "DBUS_SYSTEM_BUS_ADDRESS";
+constexpr const char* kKeyLogVariable = "SSLKEYLOGFILE";
+constexpr const char* kPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr std::uint32_t kLongestWait = 600; // seconds
+constexpr std::chrono::seconds kBusPatience{5};
+constexpr std::chrono::seconds kToolPatience{10}; // it waits for 5 s itself
+constexpr std::chrono::seconds kLocalPatience{30};
+/// What the probe may take besides its waits for the connection and for an answer.
+constexpr std::chrono::seconds kNetworkSlack{30};
+constexpr std::chrono::seconds kDaemonsPatience{90}; // connection and answer
 
 struct DoctorOptions {
     bool json = false;
@@ -66,65 +79,130 @@ public:
     Doctor(const DoctorOptions& options, const Report& report)
         : options_{options},
           report_{report},
-          facts_{gatherFacts()},
-          probeFile_{Probe::find()},
-          preinstDirectory_{directory()},
-          platformFile_{platformFile()} {}
+          facts_{gatherFacts(atMost(kBusPatience))},
+          environment_{environment()},
+          probe_{Probe::find(), environment_},
+          preinstDirectory_{directory()} {}
 
-    void run() const {
+    void run() {
         const bool root = geteuid() == 0;
         if (root) {
-            runProbe(localArguments());
+            probe_.run(localArguments(), kLocalPatience, report_);
         } else {
             lookFromOutside();
         }
-        const Checked platform{"platform", report_};
-        const bool explained = tellPlatform(platformVariable(), platform);
-        findings::checkPlatformFile(platformFile_, facts_.isService(), explained, platform);
+        lookAtThePlatform();
         checkBus(facts_, Checked{"bus", report_});
-        checkVersions(facts_, probeFile_, Checked{"versions", report_});
+        checkVersions(facts_, Probe::find(), Checked{"versions", report_});
         if (root && !options_.local) {
-            runProbe(networkArguments());
+            probe_.run(networkArguments(), networkPatience(), report_);
         } else if (!options_.local) {
             skipTheNetwork();
         }
     }
 
 private:
-    /// Of the running daemon; empty for none.
-    [[nodiscard]] std::string variable(const char* name) const {
-        if (!facts_.daemon || !facts_.daemon->environment) {
-            return {};
+    /// The daemon's, or what it would be given; this program's own for those who cannot see it.
+    /// What the shell has in its environment would lead another way than the daemon's.
+    [[nodiscard]] Child::Environment environment() const {
+        if (facts_.daemon && facts_.daemon->environment) {
+            Child::Environment variables = *facts_.daemon->environment;
+            variables.erase(kKeyLogVariable); // nothing is written
+            return variables;
         }
-        const auto found = facts_.daemon->environment->find(name);
-        return found == facts_.daemon->environment->end() ? "" : found->second;
+        Child::Environment variables{{"PATH", kPath}};
+        const std::vector<const char*> own = geteuid() == 0
+                                                 ? std::vector{kBusVariable}
+                                                 : std::vector{kBusVariable, kPlatformVariable};
+        for (const char* name : own) {
+            if (const char* value = std::getenv(name); value != nullptr) {
+                variables[name] = value;
+            }
+        }
+        if (geteuid() == 0) {
+            addVariablesOfService(variables);
+        }
+        return variables;
+    }
+
+    void addVariablesOfService(Child::Environment& variables) const {
+        std::vector<std::string> files;
+        if (facts_.isService()) {
+            for (const auto& [name, value] : facts_.unit->environment) {
+                variables[name] = value;
+            }
+            files = facts_.unit->environmentFiles;
+        }
+        if (files.empty()) {
+            files.push_back(options_.identityFile);
+        }
+        for (const std::string& file : files) {
+            for (const auto& [name, value] :
+                 findings::readEnvironment(findings::textOf(file).value_or("")).variables) {
+                variables[name] = value;
+            }
+        }
     }
 
     [[nodiscard]] std::string platformFile() const {
-        if (std::string path = variable(kPlatformVariable); !path.empty()) {
-            return path;
+        const auto found = environment_.find(kPlatformVariable);
+        return found != environment_.end() && !found->second.empty() ? found->second
+                                                                     : kPlatformFile;
+    }
+
+    void lookAtThePlatform() const {
+        const Checked platform{"platform", report_};
+        const bool explained =
+            tellPlatform(environment_, facts_.isService(), atMost(kToolPatience), platform) ||
+            isElsewhere(platform);
+        if (!explained && geteuid() != 0 && findings::factsOf(platformFile()).error == ENOENT) {
+            platform.unknown("There is no " + platformFile() +
+                                 "; the platform's answers may come from somewhere else.",
+                             "Ask again as root, or install the package trilba-platform.");
+            return;
         }
-        const char* own = std::getenv(kPlatformVariable);
-        return own != nullptr && *own != '\0' ? own : kPlatformFile;
+        const findings::WithoutCapabilities asTheService{facts_.isService()};
+        findings::checkPlatformFile(platformFile(), facts_.isService(), explained, platform);
     }
 
-    /// What the variable has to be for a program to see the daemon's platform; empty for unset.
-    [[nodiscard]] std::string platformVariable() const {
-        return platformFile_ == kPlatformFile ? "" : platformFile_;
+    /// Whether the platform's answers come from somewhere else than its file, which is said then.
+    [[nodiscard]] bool isElsewhere(const Checked& platform) const {
+        if (probe_.source().empty() || probe_.source() == "file") {
+            return false;
+        }
+        platform.unknown("The platform's answers come from " + probe_.source() + ".",
+                         "trilba-platform shows them; it is in the package trilba-platform.");
+        return true;
     }
 
-    /// Where the running daemon was told to look; the last of its options counts.
+    /// Where the daemon is, or would be, told to look; the last of its options counts.
     [[nodiscard]] std::string directory() const {
-        std::string found = options_.preinstDirectory;
-        if (found.empty() && facts_.daemon) {
-            const std::vector<std::string>& words = facts_.daemon->arguments;
-            for (std::size_t i = 0; i + 1 < words.size(); ++i) {
-                if (words[i] == "--preinst-dir") {
-                    found = words[++i];
-                }
+        if (!options_.preinstDirectory.empty()) {
+            return options_.preinstDirectory;
+        }
+        std::vector<std::string> words;
+        if (facts_.daemon) {
+            words = facts_.daemon->arguments;
+        } else if (facts_.isService()) {
+            words = facts_.unit->arguments;
+        }
+        std::string found;
+        for (std::size_t i = 0; i + 1 < words.size(); ++i) {
+            if (words[i] == "--preinst-dir") {
+                found = words[++i];
             }
         }
         return found;
+    }
+
+    [[nodiscard]] std::chrono::seconds atMost(std::chrono::seconds patience) const {
+        const std::chrono::seconds asked{options_.timeout};
+        return options_.timeout == 0 ? patience : std::min(asked, patience);
+    }
+
+    [[nodiscard]] std::chrono::seconds networkPatience() const {
+        const std::chrono::seconds asked{2L * options_.timeout};
+        return kNetworkSlack + (options_.timeout == 0 ? kDaemonsPatience : asked);
     }
 
     [[nodiscard]] std::vector<std::string> commonArguments(const char* task) const {
@@ -132,20 +210,20 @@ private:
         if (!preinstDirectory_.empty()) {
             words.insert(words.end(), {"--preinst-dir", preinstDirectory_});
         }
+        if (facts_.isService()) {
+            words.emplace_back("--sandboxed");
+        }
         return words;
     }
 
     [[nodiscard]] std::vector<std::string> localArguments() const {
         std::vector<std::string> words = commonArguments("--local");
         words.insert(words.end(), {"--identity", options_.identityFile});
-        if (facts_.daemon) {
+        if (facts_.daemon && facts_.daemon->uid == 0) {
             words.insert(words.end(), {"--daemon", std::to_string(facts_.daemon->pid)});
         }
         if (facts_.status) {
             words.insert(words.end(), {"--status", std::to_string(*facts_.status)});
-        }
-        if (facts_.isService()) {
-            words.emplace_back("--sandboxed");
         }
         return words;
     }
@@ -161,14 +239,6 @@ private:
         return words;
     }
 
-    void runProbe(const std::vector<std::string>& arguments) const {
-        const Probe probe{probeFile_, platformVariable()};
-        if (!probe.run(arguments, report_)) {
-            Checked{"probe", report_}.broken(probeFile_ + " could not be run to its end.",
-                                             "Install the package orvexd of this version.");
-        }
-    }
-
     /// What an ordinary user can see of the things that are root's.
     void lookFromOutside() const {
         findings::checkIdentityFile(options_.identityFile, std::nullopt,
@@ -178,7 +248,10 @@ private:
             preinstDirectory_.empty() ? ORVEXCTL_PREINST_DIR : preinstDirectory_;
         for (const char* name : {"/SlpClient.pem", "/SlpClient-key.pem", "/Positioning_CA.pem"}) {
             const findings::FileFacts facts = findings::factsOf(folder + name);
-            if (!facts.exists()) {
+            if (facts.error == EACCES) {
+                files.unknown(folder + name + " cannot be seen by this user.",
+                              "Ask again as root.");
+            } else if (!facts.exists()) {
                 files.broken(folder + name + " cannot be found: " + facts.reason() + ".",
                              "Install the device's own file there, owned by root, with mode 0600.");
             } else if (facts.owner != 0) {
@@ -220,20 +293,39 @@ private:
     const DoctorOptions& options_;
     const Report& report_;
     Facts facts_;
-    std::string probeFile_;
+    Child::Environment environment_;
+    Probe probe_;
     std::string preinstDirectory_;
-    std::string platformFile_;
 };
 
-} // namespace
-
-ExitStatus DoctorCommand::run(const std::vector<std::string>& words) {
-    const DoctorOptions options = parse(words);
+ExitStatus runAsTold(const DoctorOptions& options) {
     Findings found{options.json};
     const Report report = [&](const findings::Finding& finding) { found.add(finding); };
     Doctor{options, report}.run();
     found.conclude();
     return found.status();
+}
+
+/// 1 and 2 are verdicts here, so its own failures need other numbers.
+ExitStatus statusOf(const Failure& failure) {
+    switch (failure.status()) {
+    case ExitStatus::Local:
+        return ExitStatus::DoctorNotHeard;
+    case ExitStatus::Usage:
+        return ExitStatus::DoctorMisused;
+    default:
+        return failure.status();
+    }
+}
+
+} // namespace
+
+ExitStatus DoctorCommand::run(const std::vector<std::string>& words) {
+    try {
+        return runAsTold(parse(words));
+    } catch (const Failure& failure) {
+        throw Failure{statusOf(failure), failure.text()};
+    }
 }
 
 } // namespace orvexd::ctl

@@ -1,8 +1,11 @@
 #include "doctor/Facts.h"
 
+#include "Timer.h"
 #include "findings/Files.h"
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <climits>
 #include <string_view>
 #include <unistd.h>
@@ -13,7 +16,9 @@ namespace {
 constexpr const char* kName = "com.kelvra.orvexd";
 constexpr const char* kPath = "/com/kelvra/orvexd";
 constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
-constexpr int kPatience = 5000; // milliseconds
+constexpr int kPatience = 5000;         // milliseconds for a call
+constexpr gint64 kLongest = 20'000'000; // microseconds for all of them
+constexpr int kShortest = 100;          // milliseconds for a call when these are over
 
 /// A method and whom it belongs to.
 struct Method {
@@ -23,11 +28,18 @@ struct Method {
     const char* member;
 };
 
+/// For the next call: many that are not answered do not add up to minutes.
+int patience() {
+    static const gint64 kLatest = g_get_monotonic_time() + kLongest;
+    const gint64 left = (kLatest - g_get_monotonic_time()) / 1000;
+    return static_cast<int>(std::clamp<gint64>(left, kShortest, kPatience));
+}
+
 /// Calls without starting anybody. @return null on failure.
 VariantRef call(const Facts& facts, const Method& method, GVariant* arguments, GError** error) {
     return VariantRef{g_dbus_connection_call_sync(
         facts.bus.get(), method.name, method.path, method.interface, method.member, arguments,
-        nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, kPatience, nullptr, error)};
+        nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, patience(), nullptr, error)};
 }
 
 VariantRef askBus(const Facts& facts, const char* member, GVariant* arguments) {
@@ -65,12 +77,15 @@ std::string linkOf(const std::string& path) {
 
 DaemonFacts daemonOf(std::uint32_t pid, std::uint32_t uid) {
     const std::string process = "/proc/" + std::to_string(pid);
-    DaemonFacts daemon{pid, uid, linkOf(process + "/exe"), piecesOf(process + "/cmdline"), {}};
+    DaemonFacts daemon{pid, uid, linkOf(process + "/exe"), {}, {}};
+    if (uid != 0) {
+        return daemon;
+    }
+    daemon.arguments = piecesOf(process + "/cmdline");
     if (findings::textOf(process + "/environ")) {
         daemon.environment.emplace();
         for (const std::string& entry : piecesOf(process + "/environ")) {
-            const std::size_t equals = std::min(entry.find('='), entry.size() - 1);
-            daemon.environment->emplace(entry.substr(0, equals), entry.substr(equals + 1));
+            addPair(entry, *daemon.environment);
         }
     }
     return daemon;
@@ -116,21 +131,47 @@ void gatherStatus(Facts& facts) {
     }
 }
 
+/// Who takes a connection and says nothing is given up.
+ObjectRef<GDBusConnection> connect(std::chrono::seconds patience, ErrorSlot& error) {
+    const ObjectRef<GCancellable> cancel{g_cancellable_new()};
+    Timer timer;
+    timer.once(patience, [&] { g_cancellable_cancel(cancel.get()); });
+    struct Answer {
+        ObjectRef<GDBusConnection> bus;
+        ErrorSlot& error;
+        bool over = false;
+    } answer{nullptr, error};
+    g_bus_get(
+        G_BUS_TYPE_SYSTEM, cancel.get(),
+        [](GObject* /*source*/, GAsyncResult* result, gpointer to) {
+            auto& given = *static_cast<Answer*>(to);
+            given.bus.reset(g_bus_get_finish(result, given.error.out()));
+            given.over = true;
+        },
+        &answer);
+    while (!answer.over) {
+        g_main_context_iteration(nullptr, TRUE);
+    }
+    return std::move(answer.bus);
+}
+
 } // namespace
 
-Facts gatherFacts() {
+Facts gatherFacts(std::chrono::seconds forBus) {
     Facts facts;
     ErrorSlot error;
-    facts.bus.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.out()));
+    facts.bus = connect(forBus, error);
     if (!facts.bus) {
-        facts.busFault = error->message;
+        facts.busFault = g_error_matches(&*error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE
+                             ? "it takes the connection and says nothing"
+                             : error->message;
         return facts;
     }
     g_dbus_connection_set_exit_on_close(facts.bus.get(), FALSE);
     gatherActivation(facts);
     gatherDaemon(facts);
     gatherStatus(facts);
-    facts.unit = gatherUnit(facts.bus.get());
+    facts.unit = gatherUnit(facts.bus.get(), patience());
     return facts;
 }
 

@@ -4,6 +4,7 @@
 #include "doctor/UnitFacts.h"
 #include "findings/Identity.h"
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -15,7 +16,8 @@ namespace orvexd::ctl {
 struct DaemonFacts {
     std::uint32_t pid = 0;
     std::uint32_t uid = 0;
-    std::string program;                            ///< empty when this user cannot see it
+    std::string program; ///< empty when this user cannot see it
+    // A stranger's are none of a daemon's: unset unless the process is root's.
     std::vector<std::string> arguments;             ///< empty when this user cannot see them
     std::optional<findings::Variables> environment; ///< unset when this user cannot see it
 };
@@ -35,6 +37,7 @@ struct Facts {
     [[nodiscard]] bool isService() const { return unit && unit->isLoaded(); }
 };
 
-[[nodiscard]] Facts gatherFacts();
+/// @param forBus how long the bus has to take this program.
+[[nodiscard]] Facts gatherFacts(std::chrono::seconds forBus);
 
 } // namespace orvexd::ctl

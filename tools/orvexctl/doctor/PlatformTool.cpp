@@ -2,6 +2,7 @@
 
 #include "GioHandles.h"
 
+#include <chrono>
 #include <json-glib/json-glib.h>
 #include <string_view>
 
@@ -13,27 +14,18 @@ using findings::Checked;
 constexpr const char* kTool = "trilba-platform";
 
 /// What the tool prints, one JSON document; empty when it cannot be run.
-std::string output(const std::string& platformFile) {
+std::string output(const Child::Environment& environment, bool sandboxed,
+                   std::chrono::seconds patience) {
     const TextRef program{g_find_program_in_path(kTool)};
     if (!program) {
         return {};
     }
-    const ObjectRef<GSubprocessLauncher> launcher{
-        g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
-            G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_SILENCE))};
-    if (!platformFile.empty()) {
-        g_subprocess_launcher_setenv(launcher.get(), "TRILBA_PLATFORM_CONF", platformFile.c_str(),
-                                     TRUE);
+    Child child{{program.get(), "--json"}, environment};
+    child.silence();
+    if (sandboxed) {
+        child.confine();
     }
-    const ObjectRef<GSubprocess> child{
-        g_subprocess_launcher_spawn(launcher.get(), nullptr, program.get(), "--json", nullptr)};
-    char* text = nullptr;
-    if (!child || g_subprocess_communicate_utf8(child.get(), nullptr, nullptr, &text, nullptr,
-                                                nullptr) == FALSE) {
-        return {};
-    }
-    const TextRef owned{text};
-    return text == nullptr ? "" : text;
+    return child.output(patience);
 }
 
 std::string textOf(JsonObject* object, const char* name) {
@@ -65,8 +57,9 @@ guint tellEntries(JsonObject* root, const char* list, const Checked& report) {
 
 } // namespace
 
-bool tellPlatform(const std::string& platformFile, const Checked& report) {
-    const std::string text = output(platformFile);
+bool tellPlatform(const Child::Environment& environment, bool sandboxed,
+                  std::chrono::seconds patience, const Checked& report) {
+    const std::string text = output(environment, sandboxed, patience);
     const ObjectRef<JsonParser> parser{json_parser_new()};
     if (text.empty() ||
         json_parser_load_from_data(parser.get(), text.data(), static_cast<gssize>(text.size()),

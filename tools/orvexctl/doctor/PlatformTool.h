@@ -1,14 +1,15 @@
 #pragma once
 
+#include "doctor/Child.h"
 #include "findings/Finding.h"
-
-#include <string>
 
 namespace orvexd::ctl {
 
 /// Asks trilba-platform, where it is installed, how the platform is.
-/// @param platformFile of the daemon's environment; empty for the usual one.
+/// @param environment the daemon's. @param sandboxed the daemon is the unit's service.
+/// @param patience for its end.
 /// @return false when there is no such tool, or it says nothing that can be understood.
-[[nodiscard]] bool tellPlatform(const std::string& platformFile, const findings::Checked& report);
+[[nodiscard]] bool tellPlatform(const Child::Environment& environment, bool sandboxed,
+                                std::chrono::seconds patience, const findings::Checked& report);
 
 } // namespace orvexd::ctl

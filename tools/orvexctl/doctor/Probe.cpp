@@ -1,6 +1,5 @@
 #include "doctor/Probe.h"
 
-#include "GioHandles.h"
 #include "findings/Files.h"
 
 #include <array>
@@ -8,41 +7,55 @@
 #include <unistd.h>
 
 namespace orvexd::ctl {
+namespace {
 
-bool Probe::run(const std::vector<std::string>& arguments, const findings::Report& report) const {
-    const ObjectRef<GSubprocessLauncher> launcher{
-        g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE)};
-    if (!platformFile_.empty()) {
-        g_subprocess_launcher_setenv(launcher.get(), "TRILBA_PLATFORM_CONF", platformFile_.c_str(),
-                                     TRUE);
+using findings::Checked;
+
+bool isRootsAlone(const findings::FileFacts& facts) {
+    return facts.exists() && facts.owner == 0 && (facts.mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+void tellEnd(Child::End end, bool done, const std::string& program, std::chrono::seconds patience,
+             const Checked& report) {
+    const std::string advice = "Install the package orvexd of this version.";
+    if (end == Child::End::TooLate) {
+        report.broken(program + " has not come to its end within " +
+                          std::to_string(patience.count()) + " s.",
+                      "What it was looking at does not answer: look at the last finding.");
+    } else if (end == Child::End::NotStarted) {
+        report.broken(program + " cannot be run.", advice);
+    } else if (end == Child::End::Failure || !done) {
+        report.broken(program + " has ended before it had looked at everything.", advice);
     }
-    std::vector<const char*> words{program_.c_str()};
-    for (const std::string& argument : arguments) {
-        words.push_back(argument.c_str());
-    }
-    words.push_back(nullptr);
-    const ObjectRef<GSubprocess> child{
-        g_subprocess_launcher_spawnv(launcher.get(), words.data(), nullptr)};
-    if (!child) {
-        return false;
-    }
-    const ObjectRef<GDataInputStream> lines{
-        g_data_input_stream_new(g_subprocess_get_stdout_pipe(child.get()))};
-    while (
-        const TextRef line{g_data_input_stream_read_line(lines.get(), nullptr, nullptr, nullptr)}) {
-        if (const auto finding = findings::fromJson(line.get())) {
+}
+
+} // namespace
+
+void Probe::run(const std::vector<std::string>& arguments, std::chrono::seconds patience,
+                const findings::Report& report) {
+    std::vector<std::string> words{program_};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    bool done = false;
+    const Child::End end = Child{words, environment_}.run(patience, [&](const std::string& line) {
+        done = line == findings::kDone;
+        if (const auto finding = findings::fromJson(line)) {
             report(*finding);
+        } else if (const auto source = findings::sourceFromJson(line)) {
+            source_ = *source;
         }
-    }
-    return g_subprocess_wait_check(child.get(), nullptr, nullptr) != FALSE;
+    });
+    tellEnd(end, done, program_, patience, Checked{"probe", report});
 }
 
 std::string Probe::find() {
     std::array<char, PATH_MAX> own{};
     const ssize_t size = readlink("/proc/self/exe", own.data(), own.size() - 1);
     const std::string path{own.data(), static_cast<std::size_t>(size > 0 ? size : 0)};
-    const std::string beside = path.substr(0, path.rfind('/') + 1) + "orvexd-probe";
-    return findings::factsOf(beside).exists() ? beside : ORVEXCTL_PROBE;
+    const std::string folder = path.substr(0, path.rfind('/') + 1);
+    const std::string beside = folder + "orvexd-probe";
+    return isRootsAlone(findings::factsOf(folder)) && isRootsAlone(findings::factsOf(beside))
+               ? beside
+               : ORVEXCTL_PROBE;
 }
 
 } // namespace orvexd::ctl
