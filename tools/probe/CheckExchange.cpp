@@ -151,7 +151,7 @@ long statusOf(CURL* handle) {
     return status;
 }
 
-constexpr const char* kIdentityAdvice =
+constexpr const char* kCertificateAdvice =
     "The server does not take the device's certificate: install the one that its operator has made "
     "for this device; see the findings about files and dates.";
 
@@ -177,7 +177,7 @@ std::string faultIn(const Said& said) {
 
 std::string adviceOn(long status, const Said& said) {
     if (isAboutCertificate(status, said)) {
-        return kIdentityAdvice;
+        return kCertificateAdvice;
     }
     if (status < 300 && said.isMultipart()) {
         const std::string fault = faultIn(said);

@@ -19,7 +19,6 @@ namespace {
 using findings::Checked;
 using findings::Report;
 
-constexpr long kFirstRefusal = 300;
 constexpr long kProxyAuthentication = 407;
 /// Under TLS 1.3 a refusal of the client comes after the handshake, as late as a part of it.
 constexpr std::chrono::milliseconds kWaitForRefusal{500};
@@ -119,7 +118,7 @@ private:
         if (status == kProxyAuthentication) {
             connection_.broken(peer() + " wants a name and a password (407). The daemon has none.",
                                "Have the proxy let the device through without them.");
-        } else if (status >= kFirstRefusal) {
+        } else if (status >= Road::kFirstRefusal) {
             connection_.broken(peer() + " refuses to connect to " + serverHost() + ": it says " +
                                    std::to_string(status) + ".",
                                "A 502, 503 or 504 means that the proxy cannot reach the server; "

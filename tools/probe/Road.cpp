@@ -10,8 +10,6 @@ namespace orvexd::probe {
 
 namespace {
 
-constexpr long kFirstRefusal = 300; // statuses of a proxy that has not opened the way
-
 template <typename Value> Value infoOf(CURL* handle, CURLINFO info) {
     Value value{};
     (void)curl_easy_getinfo(handle, info, &value);

@@ -21,6 +21,9 @@ struct Patience {
 /// connection.
 class Road {
 public:
+    /// The first HTTP status of a proxy that has not opened the way.
+    static constexpr long kFirstRefusal = 300;
+
     /// @param files directory of the three PEM files. @param proxy "host:port", empty for none.
     Road(const std::string& files, const std::string& proxy, const Patience& patience);
     ~Road() = default;

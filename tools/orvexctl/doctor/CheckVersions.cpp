@@ -19,13 +19,13 @@ using findings::Checked;
 constexpr std::string_view kDeleted = " (deleted)";
 constexpr std::string_view kLibrary = "/libtrilbacore.so";
 
-constexpr std::chrono::seconds kPatience{5};
+constexpr std::chrono::seconds kVersionPatience{5};
 
 /// What a program prints when it is asked for its version; empty when it cannot be run.
 std::string outputOf(const std::string& program) {
     Child child{{program, "--version"}, {}};
     child.silence();
-    return child.output(kPatience);
+    return child.output(kVersionPatience);
 }
 
 /// The first word that looks like a version.

@@ -30,7 +30,7 @@ constexpr const char* kPlatformVariable = "TRILBA_PLATFORM_CONF";
 constexpr const char* kPlatformFile = "/etc/trilba/platform.conf";
 constexpr const char* kBusVariable = "DBUS_SYSTEM_BUS_ADDRESS";
 constexpr const char* kKeyLogVariable = "SSLKEYLOGFILE";
-constexpr const char* kPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+constexpr const char* kSearchPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr std::uint32_t kLongestWait = 600; // seconds
 constexpr std::chrono::seconds kBusPatience{5};
 constexpr std::chrono::seconds kToolPatience{10}; // it waits for 5 s itself
@@ -110,7 +110,7 @@ private:
             variables.erase(kKeyLogVariable); // nothing is written
             return variables;
         }
-        Child::Environment variables{{"PATH", kPath}};
+        Child::Environment variables{{"PATH", kSearchPath}};
         const std::vector<const char*> own = geteuid() == 0
                                                  ? std::vector{kBusVariable}
                                                  : std::vector{kBusVariable, kPlatformVariable};
