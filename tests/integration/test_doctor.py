@@ -327,9 +327,16 @@ def test_tool_that_does_not_end_is_given_up(device, daemon, tmp_path):
     assert "platform.conf is well formed" in done.stdout  # looked at without the tool
 
 
-def test_source_of_the_platform_is_known_without_its_tool(doctor, device):
-    device.platform.write_text("[Platform]\nSource=networkmanager\n")
-    said = [each["why"] for each in doctor("--local").findings if each["check"] == "platform"]
+def test_source_of_the_platform_is_known_without_its_tool(device, daemon, make_bus, tmp_path):
+    """On a bus without the daemon: one that runs would go over to that source."""
+    other = tmp_path / "platform.conf"
+    other.write_text("[Platform]\nSource=networkmanager\n", "ascii")
+    device.write_identity(TRILBA_PLATFORM_CONF=other)
+    environment = {**daemon.environment, "DBUS_SYSTEM_BUS_ADDRESS": make_bus().address}
+    command = [ORVEXCTL, "doctor", "--local", "--json", "--identity", device.identity]
+    done = subprocess.run(command, env=environment, capture_output=True, text=True, check=False)
+    findings = [json.loads(line) for line in done.stdout.splitlines()]
+    said = [each["why"] for each in findings if each["check"] == "platform"]
     assert said == ["The platform's answers come from networkmanager."]
 
 

@@ -1,12 +1,15 @@
 """Fixtures of the tests with the real network services. They run inside tests/platform-live/enter."""
 
+import contextlib
 import os
 import pathlib
 
 import pytest
 
+from harness import observe
 from harness.client import Client
 from harness.daemon import Daemon
+from harness.keys import fill_preinst
 from harness.private_bus import PrivateBus
 from harness.reports import (  # pylint: disable=unused-import
     keys,
@@ -15,13 +18,14 @@ from harness.reports import (  # pylint: disable=unused-import
     pytest_runtest_makereport,
     reported,
 )
-from harness.settings import TIME_FACTOR
+from harness.settings import TIME_FACTOR, is_sanitized
 from harness.slp_server import TestServer
 from live import cables
 from live.manager import NetworkManager
 from live.mock import MockedNetworkManager, PlayedService
 from live.modem import Modem, ModemManager
 
+MOST_GROWTH = 2 << 20  # bytes
 PLATFORM_FILE = pathlib.Path("/etc/trilba/platform.conf")
 
 
@@ -164,22 +168,65 @@ def platform_file():
     PLATFORM_FILE.unlink(missing_ok=True)
 
 
+def daemon_without_a_platform_file(directory, bus, preinst):
+    directory.mkdir()
+    daemon = Daemon(directory, bus, "", preinst)
+    del daemon.environment["TRILBA_PLATFORM_CONF"]
+    return daemon
+
+
+@pytest.fixture(scope="session")
+def idle(tmp_path_factory, keys, session_server):
+    """What a daemon with a network holds after its first exchange, when it is idle."""
+    directory = tmp_path_factory.mktemp("idle")
+    with contextlib.ExitStack() as stack:
+        bus = PrivateBus(directory)
+        stack.callback(bus.stop)
+        manager = NetworkManager(directory, bus)
+        stack.callback(manager.stop)
+        manager.forget()
+        manager.start()
+        manager.add("nmv0")
+        manager.up("nmv0")
+        daemon = daemon_without_a_platform_file(directory / "daemon", bus, fill_preinst(directory / "preinst", keys))
+        stack.callback(daemon.stop)
+        daemon.start()
+        client = Client(bus.address)
+        stack.callback(client.close)
+        client.wait_for_status(3)
+        session_server.clear()
+        assert client.exchange(b"first", kind="other") == [b"first"]
+        observe.wait_until_idle(daemon.pid)
+        return {**daemon.resources(), "memory": observe.allocated_bytes(daemon.pid)}
+
+
+def expect_nothing_left(daemon, idle):
+    """Whatever the network did, the daemon holds no more than one that has seen nothing of it.
+
+    One descriptor watches the folder of a platform file; GLib keeps one thread of its pool for some seconds.
+    """
+    observe.wait_until_idle(daemon.pid)
+    held = daemon.resources()
+    assert all(held[name] <= idle[name] + 1 for name in held), f"{held}, but {idle} when idle"
+    grown = observe.allocated_bytes(daemon.pid) - idle["memory"]
+    assert is_sanitized() or grown < MOST_GROWTH, f"{grown} bytes more than when idle"
+
+
 @pytest.fixture
-def make_daemon(tmp_path, preinst, reported):
-    """Makes daemons that no platform file is named to; the end of each is checked."""
+def make_daemon(tmp_path, preinst, reported, idle):
+    """Makes daemons that no platform file is named to; what each holds, and its end, are checked."""
     daemons = []
 
     def make(bus):
-        directory = tmp_path / f"daemon{len(daemons)}"
-        directory.mkdir()
-        daemon = Daemon(directory, bus, "", preinst)
-        del daemon.environment["TRILBA_PLATFORM_CONF"]
+        daemon = daemon_without_a_platform_file(tmp_path / f"daemon{len(daemons)}", bus, preinst)
         daemons.append(reported("daemon", daemon))
         return daemon
 
     yield make
     try:
         for daemon in daemons:
+            if daemon.process is not None and daemon.process.status is None:
+                expect_nothing_left(daemon, idle)
             daemon.stop(120)
     finally:
         for daemon in daemons:
