@@ -28,6 +28,7 @@ _MOST_CONNECTIONS = 4
 _MOST_REQUESTS = 3
 _THINK_SECONDS = 0.02  # between two doings, on average
 _RETRY_SECONDS = 30  # for data that was refused, as there may have been no room
+_GIVEN_UP_SECONDS = 5  # after which a call whose answer may have been swept away is made again
 _ANSWERED_KEPT = 1000  # serials of answered calls that are remembered
 
 Call = collections.namedtuple("Call", "on_answer what may_be_held on_refused")
@@ -72,6 +73,7 @@ class Actor:
         self._budget = budget  # bytes of the daemon's memory, if that is short
         self._refused = collections.deque()  # requests whose last piece may have found no room
         self.failure_times = []  # when errors of exchanges were heard of
+        self.last_failure = float("-inf")
         self._connect_to_bus()
 
     # -- the bus -------------------------------------------------------------------------------
@@ -154,7 +156,8 @@ class Actor:
     def _on_error_signal(self, code, message, keys):
         require(code in (2001, NO_CONNECTION), f"errorSignal with code {code}")
         if message not in (CONNECTION_ERROR, NOT_ALLOWED):
-            self.failure_times.append(time.monotonic())
+            self.last_failure = time.monotonic()
+            self.failure_times.append(self.last_failure)
         for key in keys.split():
             request = self._find(*map(int, key.split(":")))
             if request is not None:
@@ -411,6 +414,7 @@ class Actor:
         arguments = body("(uu)", request.connection.id, request.id)
         serial = self._call("getData", arguments, on_answer, request.key, True, on_refused)
         request.held = serial
+        request.held_since = time.monotonic()
 
     def _ask_twice(self):
         """The second call replaces the first; a chunk that is under way may then be lost."""
@@ -513,10 +517,18 @@ class Actor:
     def _drain(self):
         """Every request is led to its end."""
         for request in list(self.requests.values()):
-            if request.held is None:
+            if self._may_be_given_up(request):
+                request.overlapped = True
+                self._ask_for(request)
+            elif request.held is None:
                 self._ask_for(request)
             if request.asked:
                 self._send_rest(request)
+
+    def _may_be_given_up(self, request):
+        """A failure of another exchange sweeps answers away, and a call that came just before it."""
+        waits = request.held is not None and time.monotonic() - request.held_since > _GIVEN_UP_SECONDS
+        return waits and self.last_failure > request.held_since - _GIVEN_UP_SECONDS
 
     def close_all(self):
         for connection in self._open_connections():

@@ -75,6 +75,7 @@ class Request(ctypes.Structure):
         self.overlapped = False  # two calls waited at a time, so a chunk may have been lost
         self.gone_since = None  # when it turned out to be unknown without a reason so far
         self.held = None  # serial of the newest getData call without an answer
+        self.held_since = 0
         self.truncated = False  # the answer ended early, as it may when the server breaks off
         self.history = []
         self._accepted = []
