@@ -205,7 +205,7 @@ def expect_nothing_left(daemon, idle):
 
     One descriptor watches the folder of a platform file; GLib keeps one thread of its pool for some seconds.
     """
-    observe.wait_until_idle(daemon.pid)
+    observe.wait_until_idle(daemon.pid, 70)  # an exchange without a network takes its 60 s
     held = daemon.resources()
     assert all(held[name] <= idle[name] + 1 for name in held), f"{held}, but {idle} when idle"
     grown = observe.allocated_bytes(daemon.pid) - idle["memory"]
@@ -252,5 +252,5 @@ def client_of():
 
 
 @pytest.fixture
-def client(client_of, bus, daemon):  # pylint: disable=unused-argument
+def client(daemon, client_of, bus):  # pylint: disable=unused-argument
     return client_of(bus)
