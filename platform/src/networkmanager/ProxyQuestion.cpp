@@ -1,7 +1,9 @@
 #include "networkmanager/ProxyQuestion.h"
 
 #include <cstdlib>
-#include <vector>
+#include <initializer_list>
+#include <string>
+#include <string_view>
 
 namespace trilba::live {
 
@@ -39,11 +41,33 @@ Object<GProxyResolver> systemsResolver() {
     return resolver ? std::move(resolver) : shared(g_proxy_resolver_get_default());
 }
 
+using Schema = std::unique_ptr<GSettingsSchema, FreeWith<g_settings_schema_unref>>;
+using Variant = std::unique_ptr<GVariant, FreeWith<g_variant_unref>>;
+
+/// @return null where no such settings are installed, which would end the process.
+Object<GSettings> settingsOf(const char* name) {
+    const Schema schema(
+        g_settings_schema_source_lookup(g_settings_schema_source_get_default(), name, TRUE));
+    return Object<GSettings>(schema ? g_settings_new(name) : nullptr);
+}
+
+/// A key that was never read may change without a signal.
+void readAll(GSettings& settings) {
+    GSettingsSchema* found = nullptr;
+    g_object_get(&settings, "settings-schema", &found, nullptr);
+    const Schema schema(found);
+    const TextList keys(g_settings_schema_list_keys(schema.get()));
+    for (char** key = keys.get(); *key != nullptr; ++key) {
+        const Variant value(g_settings_get_value(&settings, *key));
+    }
+}
+
 } // namespace
 
 void ProxyQuestion::ask() {
     if (!resolver_) {
         resolver_ = systemsResolver();
+        watchSettings();
     }
     pending_ = std::make_unique<PendingAnswers>();
     g_proxy_resolver_lookup_async(resolver_.get(), TRILBA_SERVER_URL, pending_->cancellable(),
@@ -51,6 +75,28 @@ void ProxyQuestion::ask() {
                                   pending_->expect([this](GObject* resolver, GAsyncResult* result) {
                                       onAnswer(resolver, result);
                                   }));
+}
+
+/// A resolver does not tell that it would answer otherwise now. Those of the environment and of
+/// libproxy have nothing to watch.
+void ProxyQuestion::watchSettings() {
+    if (std::string_view(G_OBJECT_TYPE_NAME(resolver_.get())) != "GProxyResolverGnome") {
+        return;
+    }
+    for (const char* name : {"org.gnome.system.proxy", "org.gnome.system.proxy.http",
+                             "org.gnome.system.proxy.https", "org.gnome.system.proxy.socks"}) {
+        if (const auto settings = settingsOf(name)) {
+            handlers_.emplace_back(settings.get(), "changed", G_CALLBACK(onSettingChanged), this);
+            readAll(*settings);
+        }
+    }
+}
+
+/// The resolver may hear of it after this: it is asked in the next turn of the main loop, and once
+/// for all keys that change together.
+void ProxyQuestion::onSettingChanged(GSettings* /*settings*/, const char* /*key*/,
+                                     gpointer self) noexcept {
+    static_cast<ProxyQuestion*>(self)->askAgain_.runAt(g_get_monotonic_time());
 }
 
 void ProxyQuestion::onAnswer(GObject* resolver, GAsyncResult* result) {

@@ -5,11 +5,12 @@
 
 #include <functional>
 #include <memory>
-#include <string>
+#include <vector>
 
 namespace trilba::live {
 
-/// Asks the system's proxy resolver for the positioning server's proxy. Main-loop thread only.
+/// Asks the system's proxy resolver for the positioning server's proxy, and again when the settings
+/// of a desktop change that it reads. Main-loop thread only.
 class ProxyQuestion {
 public:
     /// `onAnswer` runs when an answer has come.
@@ -24,10 +25,14 @@ public:
     [[nodiscard]] const ProxyAnswer& answer() const { return answer_; }
 
 private:
+    void watchSettings();
     void onAnswer(GObject* resolver, GAsyncResult* result);
+    static void onSettingChanged(GSettings* settings, const char* key, gpointer self) noexcept;
 
     std::function<void()> onAnswer_;
     Object<GProxyResolver> resolver_;
+    OneShot askAgain_{[this] { ask(); }};
+    std::vector<SignalHandler> handlers_;
     ProxyAnswer answer_;
     std::unique_ptr<PendingAnswers> pending_;
 };
