@@ -519,6 +519,17 @@ def test_check_refuses_a_configuration_that_ends_the_daemon(device):
         schema.unlink()
 
 
+def test_check_prints_odd_characters_of_a_file_escaped(device):
+    """The journal and whoever reads it on a terminal get them."""
+    schema = device.preinst / "orvexd.schema"
+    schema.write_text("<orvexdconfig><th\u200cing/></orvexdconfig>", "utf-8")
+    try:
+        said = check(device)[1]
+        assert (r"tag-name: th\xe2\x80\x8cing" in said, "\u200c" in said) == (True, False), said
+    finally:
+        schema.unlink()
+
+
 def test_check_bears_the_sandbox(device):
     assert check(device, sys.executable, sandbox.__file__) == (0, "")
 

@@ -205,12 +205,14 @@ def test_library_declares_its_symbols(packages, tmp_path):
     assert "-1\n" not in symbols  # no symbol that the file does not know
 
 
-def test_links_of_the_guide_to_the_examples_lead_to_them(packages, tmp_path):
+@pytest.mark.parametrize("guide", ["client-guide", "debugging", "server-guide", "tracing"])
+def test_links_of_a_guide_lead_to_installed_files(packages, guide, tmp_path):
     packages["orvexd-doc"].extract(tmp_path)
-    guide = tmp_path / "usr/share/doc/orvexd-doc/client-guide.md"
-    links = re.findall(r"\]\(([^)]*examples/[^)]*)\)", guide.read_text("utf-8"))
-    assert links
-    assert [link for link in links if not (guide.parent / link).exists()] == []
+    path = tmp_path / f"usr/share/doc/orvexd-doc/{guide}.md"
+    installed = {file for package in packages.values() for file in package.files}
+    links = re.findall(r"\]\((?!http|#)([^)#]+)", path.read_text("utf-8"))
+    lost = [link for link in links if link not in installed and not (path.parent / link).exists()]
+    assert lost == []
 
 
 def test_source_package_unpacks_to_the_tree(tmp_path):
