@@ -24,7 +24,7 @@ def explained():
         yield from range(int(first), int(last or first) + 1)
 
 
-@pytest.mark.parametrize("wanted", [*range(1, 19), *range(21, 27)])
+@pytest.mark.parametrize("wanted", [*range(1, 19), *range(20, 28)])
 def test_every_measure_has_a_row(wanted):
     assert wanted in {number(row) for row in TABLE if row["#"][0].isdigit()}
 
