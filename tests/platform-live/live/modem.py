@@ -13,6 +13,7 @@ NAME = "org.freedesktop.ModemManager1"
 _POLKIT = "org.freedesktop.PolicyKit1"
 IMEI, IMSI, FIRMWARE = "490154203237518", "262011234567890", "fw-7"
 HOME, ROAMING = 1, 5
+_REGISTERED = 8  # MM_MODEM_STATE_REGISTERED
 
 _SILENT = (
     "AT ATZ ATE0 ATV1 AT+CMEE=1 ATX4 AT&C1 ATE0V1 AT+CFUN=1 AT+CFUN=1,0 AT+CREG=2 AT+CGREG=2 AT+CEREG=2 AT+CREG=0 "
@@ -150,10 +151,14 @@ class ModemManager:
         self._call(NAME, "/org/freedesktop/ModemManager1", NAME + ".Test", "SetProfile", profile)
 
     def enable(self):
-        """Switches the first modem on, as NetworkManager does before it uses one; returns its path."""
+        """Switches the first modem on, as NetworkManager does before it uses one; returns its path.
+
+        What the modem says without being asked counts only when its first registration is dealt with.
+        """
         poll_for(self._modems, 30, "a modem")
         path = self._modems()[0]
         self._call(NAME, path, NAME + ".Modem", "Enable", GLib.Variant("(b)", (True,)))
+        poll_for(lambda: self._state(path) == _REGISTERED, 20, "the modem's registration")
         return path
 
     def stop(self):
@@ -176,6 +181,10 @@ class ModemManager:
         path = "/org/freedesktop/PolicyKit1/Authority"
         self._call(_POLKIT, path, "org.freedesktop.DBus.Mock", "AllowUnknown", GLib.Variant("(b)", (True,)))
         return process
+
+    def _state(self, path):
+        asked = GLib.Variant("(ss)", (NAME + ".Modem", "State"))
+        return self._call(NAME, path, "org.freedesktop.DBus.Properties", "Get", asked)[0]
 
     def _modems(self):
         path, interface = "/org/freedesktop/ModemManager1", "org.freedesktop.DBus.ObjectManager"
