@@ -21,6 +21,7 @@
 #include "support/Input.h"
 #include "support/Target.h"
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <string>
@@ -111,7 +112,8 @@ private:
     /// The reference goes on; what the parser has delivered is the front of the same.
     void checkGivenUp(const Case& input) {
         const std::size_t cost = reference_.idCost();
-        check(cost >= budget_.accountBound() || cost + 2 * fed_ + 64 >= budget_.size(),
+        const std::size_t held = cost + 2 * fed_ + nodeCost(input.text()) + 64;
+        check(cost >= budget_.accountBound() || held >= budget_.accountBound(),
               "a response is given up for a reason");
         check(parser_.errorCode() == 1003 && (parser_.errorText() == "could not parse document" ||
                                               parser_.errorText() == "faulty MIME data"),
@@ -123,6 +125,15 @@ private:
             check(all.starts_with(join(parsed_.parts(index))),
                   "what came before follows the rules");
         }
+    }
+
+    /// The most that the nodes of a document in the response take: elements with their texts,
+    /// references and the texts between them, attributes.
+    static std::size_t nodeCost(const std::string& text) {
+        const auto count = [&text](char c) {
+            return static_cast<std::size_t>(std::count(text.begin(), text.end(), c));
+        };
+        return 320 * (count('<') + count('&')) + 256 * count('=');
     }
 
     static std::string join(const std::vector<std::string>& parts) {
