@@ -100,10 +100,13 @@ private:
         BusQuestion question; ///< whether it has left before
     };
 
+    /// libdbus calls it with each message that comes. @param mainLoop the MainLoop.
     static DBusHandlerResult filter(DBusConnection* connection, DBusMessage* message,
                                     void* mainLoop) noexcept;
+    /// The member that the message is for; null for one that the daemon does not have.
     static const Member* memberOf(DBusMessage& message);
     DBusHandlerResult dispatch(DBusMessage& message);
+    /// Calls the handler, and answers the error that it throws.
     DBusHandlerResult handle(Handler handler, DBusMessage& message, const Client& client);
     void onNameOwnerChanged(DBusMessage& signal);
     void onWatchedClientLeft();
@@ -116,12 +119,14 @@ private:
     bool giveBack(const LimitExceeded& refusal) override;
     void endGivingBack() override;
 
+    // The steps onto the bus, each false when it fails, and the way off it.
     bool connectToBus();
     static bool requestName();
     static bool subscribe();
     bool installFilter();
     void leaveBus();
 
+    // One for each member. An `int` that it throws is the code of the call's error.
     DBusHandlerResult onQuit(DBusMessage& call, const Client& client);
     DBusHandlerResult onQuitDelayed(DBusMessage& call, const Client& client);
     DBusHandlerResult onCancel(DBusMessage& signal, const Client& client);
@@ -139,13 +144,13 @@ private:
     // Null while the core is being built, which may ask for it already.
     std::unique_ptr<trilba::core::ISystemLocationSettings> locationSettings_;
     std::unique_ptr<OrvexMain> core_;
-    PendingReplies pending_;
-    HeldSends heldSends_;
+    PendingReplies pending_; // held calls of getData
+    HeldSends heldSends_;    // held replies to sendData
     ClientCalls clients_{*this};
-    DepartedConnections departed_; // empty except while they are given back
-    std::unique_ptr<Watch> watch_; // null as long as nobody is watched
-    MainLoopTimer delayedQuit_;
-    std::chrono::seconds shutdownDelay_;
+    DepartedConnections departed_;       // empty except while they are given back
+    std::unique_ptr<Watch> watch_;       // null as long as nobody is watched
+    MainLoopTimer delayedQuit_;          // from quitDelayed to the end
+    std::chrono::seconds shutdownDelay_; // of that timer
     bool filterInstalled_ = false;
 };
 

@@ -45,21 +45,22 @@ public:
         return reply;
     }
 
-    /// Gives up the call held for the request, if any.
+    /// Gives up the call held for the request, if any: its client never gets an answer to it.
     void drop(std::uint32_t connectionId, std::uint32_t requestId) {
         replies_.erase({connectionId, requestId});
     }
 
-    /// Gives up all calls without an answer.
+    /// Gives up all calls without an answer, as the daemon does when it ends.
     void clear() { replies_.clear(); }
 
 private:
+    /// The answer to a call, without its arguments.
     struct Held {
         BusMessage reply;
         [[no_unique_address]] Counted<Statistic::HeldReplies> counted = {};
     };
 
-    std::map<std::pair<std::uint32_t, std::uint32_t>, Held> replies_;
+    std::map<std::pair<std::uint32_t, std::uint32_t>, Held> replies_; // by connection and request
 };
 
 /// The replies to sendData that are held while too much of their request waits for the transfer, so
@@ -67,13 +68,16 @@ private:
 /// longer than 5 s: the server has 60 s, and a bus call 25 s. Main loop's thread.
 class HeldSends {
 public:
+    /// How long a reply is held at the most.
     static constexpr std::chrono::milliseconds kLongestHold{5000};
 
     /// The most replies that are held. A client that does not wait for its replies could have any
     /// number under way, and holding them would not slow it down.
     static constexpr std::size_t kMostReplies = 1024;
 
-    /// Holds a complete reply, or sends it when too many are held.
+    /// Holds a complete reply, or sends it when too many are held. Several may be held for one
+    /// request, of a client that does not wait for them; they go out in the order of their calls.
+    /// @throws std::string as `BusLink::sendOrThrow`.
     void hold(std::uint32_t connectionId, std::uint32_t requestId, BusMessage reply) {
         if (held_.size() >= kMostReplies) {
             BusLink::sendOrThrow(std::move(reply));
@@ -102,7 +106,8 @@ public:
         }
     }
 
-    /// Sends all.
+    /// Sends all, oldest first.
+    /// @throws std::string as `BusLink::sendOrThrow`.
     void releaseAll() {
         timer_.cancel();
         for (Entry& entry : std::exchange(held_, {})) {
@@ -113,7 +118,8 @@ public:
 private:
     static constexpr gint64 kMicroseconds = 1000; // of a millisecond
 
-    using Ids = std::pair<std::uint32_t, std::uint32_t>;
+    using Ids = std::pair<std::uint32_t, std::uint32_t>; // of connection and request
+    /// A reply that is held.
     struct Entry {
         Ids ids;
         gint64 deadline; // on g_get_monotonic_time's clock
@@ -128,6 +134,7 @@ private:
                      [this, due] { sendUntil(due); });
     }
 
+    /// Sends what is due by then, and starts the timer for the next.
     void sendUntil(gint64 due) {
         while (!held_.empty() && held_.front().deadline <= due) {
             BusMessage reply = std::move(held_.front().reply);

@@ -28,6 +28,7 @@ public:
     /// ... for this much of the thread's processor time.
     static constexpr std::chrono::seconds kMostTime{10};
 
+    /// How a time is read; tests have a clock of their own.
     using Clock = std::chrono::nanoseconds (*)() noexcept;
 
     /// @param clock processor time of the calling thread.
@@ -111,13 +112,17 @@ public:
 private:
     struct Transfer;
 
+    // Steps of performTransfer, on the worker; libcurl copies or keeps what each is given.
     static void setTransferOptions(CURL* handle, const HeaderList& headers, char* errorBuffer);
     void setCallbacks(CURL* handle, Transfer& transfer);
     static void showTransfer(const Transfer& transfer, CURLcode result);
     static void showVerifyResult(CURL* handle);
 
+    /// libcurl's write callback: response bytes for the parser. It never ends a transfer by what
+    /// the bytes are, only when the parser has given up or stalled.
     static std::size_t writeResponse(char* data, std::size_t size, std::size_t count,
                                      void* transfer) noexcept;
+    /// libcurl's read callback: the next bytes of the message. It may wait for a client.
     static std::size_t readBody(char* buffer, std::size_t size, std::size_t count,
                                 void* transfer) noexcept;
 

@@ -20,6 +20,7 @@ namespace orvexd {
 /// XOR key) >> 6, and the key grows from word to word. Any thread.
 class KeyPassphrase {
 public:
+    /// Characters of the pass phrase.
     static constexpr std::size_t kLength = deployment::kPassphraseWords.size();
 
     KeyPassphrase() noexcept { buildKeyPassphrase(); }
@@ -49,7 +50,8 @@ private:
 /// The options of a transfer to the positioning server, for the daemon and for the programs that
 /// look for the reason of its failures: both go the same road with the same identity. Any thread.
 struct TransferOptions {
-    /// Seconds, as text of the settings, that hold unless the settings say otherwise.
+    /// Seconds, as text of the settings, that hold unless the settings say otherwise: for the
+    /// connection, name look-up and TLS included, and for the transfer from beginning to end.
     static constexpr const char* kConnectTimeout = "30";
     static constexpr const char* kTransferTimeout = "60";
 
@@ -59,11 +61,12 @@ struct TransferOptions {
     static constexpr const char* kAuthority = "/Positioning_CA.pem";
 
     /// What does not change from one transfer to the next: how names are resolved, TLS with the
-    /// client certificate, the HTTP version.
+    /// client certificate, the HTTP version. libcurl copies the texts; a file that is missing or
+    /// faulty shows when the transfer begins.
     /// @param files directory of the three PEM files.
     static void setIdentity(CURL* handle, const std::string& files);
 
-    /// Where the transfer goes.
+    /// Where the transfer goes: the deployment's server, straight or through a proxy.
     /// @param proxy "host:port", empty for none.
     static void setRoad(CURL* handle, const std::string& proxy);
 
@@ -74,7 +77,8 @@ struct TransferOptions {
     /// @param headers must outlive the handle.
     static void setMessage(CURL* handle, curl_slist* headers);
 
-    /// Seconds for the connection and for everything; 0 stands for libcurl's own.
+    /// Seconds for the connection and for everything; 0 stands for libcurl's own, which is 300 for
+    /// the connection and none for everything (CURLOPT_CONNECTTIMEOUT(3), CURLOPT_TIMEOUT(3)).
     static void setTimeouts(CURL* handle, long connect, long whole);
 
     /// The header lines of a message whose parts are divided by `boundary`.

@@ -21,7 +21,9 @@ enum class StartUp {
 /// Scans the words and carries the options out in their order. The scan begins at argv[0], the name
 /// of the program. "--daemon" or "-D" detaches, "--preinst-dir DIR" and "--storage-dir DIR" set the
 /// platform's directories, "--version" or "-v" ends the scan. Unknown words are skipped. An option
-/// that lacks its argument ends the scan.
+/// that lacks its argument ends the scan. Before any thread exists: daemon(3) keeps only the thread
+/// that calls it.
+/// @return whether to serve, or to print the banner.
 [[nodiscard]] inline StartUp applyCommandLine(int argc, char** argv) {
     const std::span<char*> words(argv, argc > 0 ? static_cast<std::size_t>(argc) : 0);
     for (auto word = words.begin(); word != words.end() && *word != nullptr; ++word) {
@@ -49,7 +51,8 @@ enum class StartUp {
     return StartUp::Serve;
 }
 
-/// Prints the one line that the daemon ever prints: platform version, platform id, build time.
+/// Prints the one line that the daemon ever prints: platform version, platform id, build time. To
+/// standard output, which a failure does not change.
 inline void printVersionBanner() {
     std::string platformId;
     trilba::core::SystemInfo::getPlatformId(platformId);

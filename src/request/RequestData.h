@@ -79,10 +79,12 @@ public:
     /// Sets `state` unless the request is already further on: a server may answer while the upload
     /// still runs, and the upload must not undo what the response has reached.
     void raiseState(RequestState state) noexcept;
+    /// The state at this moment; the other thread may change it right away.
     [[nodiscard]] RequestState state() const noexcept { return state_; }
 
     /// A cancelled request stores no more response bytes and delivers none.
     void setCancelled(bool cancelled) { answer_.setCancelled(cancelled); }
+    /// Whether it was cancelled, by its client or because the connection was lost.
     [[nodiscard]] bool isCancelled() const { return answer_.isCancelled(); }
 
     // -- the client that opened the connection; any thread -------------------------------------
@@ -97,7 +99,7 @@ public:
     /// 1-based position of the request's element in the SLP message that carries it.
     void setMessageIndex(std::uint32_t index) noexcept { messageIndex_ = index; }
     [[nodiscard]] std::uint32_t messageIndex() const noexcept { return messageIndex_; }
-    /// Content-Id of the request's part in the message.
+    /// Content-Id of the request's part in the message, composed anew for each exchange.
     void setContentId(std::string id) { contentId_ = std::move(id); }
     [[nodiscard]] const std::string& contentId() const noexcept { return contentId_; }
 

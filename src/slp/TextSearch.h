@@ -12,6 +12,7 @@ inline constexpr auto kNone = std::string_view::npos;
 
 /// The empty line that ends a block of header lines, with the line break before it.
 inline constexpr std::string_view kBlankLine = "\r\n\r\n";
+/// Between two lines of a head or of a part's headers (RFC 2046, 4.1.1).
 inline constexpr std::string_view kLineBreak = "\r\n";
 
 /// ASCII lower case. Bytes above 127 stay as they are, whatever the locale.
@@ -34,7 +35,8 @@ constexpr char asciiLower(char c) noexcept {
     return static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
 }
 
-/// As `findBytes` from the start of `text`, whatever the case of the ASCII letters.
+/// As `findBytes` from the start of `text`, whatever the case of the ASCII letters. Takes time in
+/// proportion to text times needle at the worst: for heads, whose size is limited.
 [[nodiscard]] inline std::size_t findIgnoringCase(std::string_view text,
                                                   std::string_view needle) noexcept {
     const auto* found = std::search(text.begin(), text.end(), needle.begin(), needle.end(),
@@ -43,7 +45,8 @@ constexpr char asciiLower(char c) noexcept {
                                : static_cast<std::size_t>(found - text.begin());
 }
 
-/// The end of `bytes` that may be the line break in front of a delimiter.
+/// The end of `bytes` that may be the line break in front of a delimiter: a whole one, or its first
+/// byte when the chunk ends there. Empty when there is none. A view of `bytes`.
 [[nodiscard]] inline std::string_view lineBreakAtEnd(std::string_view bytes) {
     if (bytes.ends_with(kLineBreak)) {
         return bytes.substr(bytes.size() - kLineBreak.size());

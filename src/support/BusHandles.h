@@ -41,7 +41,9 @@ public:
     DBusError* get() noexcept { return &error_; }
     /// True when a call has failed; name and message are null otherwise.
     [[nodiscard]] bool isSet() const noexcept { return dbus_error_is_set(&error_) != FALSE; }
+    /// Name of the error on the bus, such as "org.freedesktop.DBus.Error.Failed"; null for none.
     [[nodiscard]] const char* name() const noexcept { return error_.name; }
+    /// What the error says to people; null for none.
     [[nodiscard]] const char* message() const noexcept { return error_.message; }
 
 private:

@@ -17,7 +17,9 @@ namespace orvexd {
 /// Lifetime, the post a Watch. A Watch may be taken on any thread; both end on the main loop's.
 class Lifetime {
 public:
+    /// Expired once the Lifetime has ended. Copies may be made and dropped on any thread.
     using Watch = std::weak_ptr<const Lifetime*>;
+    /// For one post.
     [[nodiscard]] Watch watch() const noexcept { return token_; }
 
 private:
@@ -28,6 +30,7 @@ private:
 /// unless the object that it calls is gone by then. Made and handed over by `postToMainLoop`.
 template <typename Action> class MainLoopPost {
 public:
+    /// The thread that posts.
     MainLoopPost(Lifetime::Watch target, Action action)
         : target_(std::move(target)), action_(std::move(action)) {}
 
@@ -57,6 +60,7 @@ private:
 /// Runs `action` on the main loop's thread unless the owner of `target` is gone by then. Any
 /// thread. Posts run in the order in which they were made, never inside the handler that runs at
 /// that moment; none can be withdrawn. An exception that leaves `action` ends the process.
+/// @throws std::bad_alloc; nothing is posted then.
 template <typename Action> void postToMainLoop(const Lifetime& target, Action action) {
     using Post = MainLoopPost<Action>;
     auto post = std::make_unique<Post>(target.watch(), std::move(action));
@@ -89,7 +93,7 @@ public:
                                      &MainLoopTimer::fire, this, nullptr);
     }
 
-    /// Forgets the action; nothing happens when none is pending.
+    /// Forgets the action; nothing happens when none is pending. The action itself may call it.
     void cancel() noexcept {
         if (source_ != 0) {
             g_source_remove(std::exchange(source_, 0));
@@ -98,6 +102,7 @@ public:
     }
 
 private:
+    /// GLib's callback. An exception that leaves the action ends the process.
     static gboolean fire(gpointer timer) noexcept {
         auto& self = *static_cast<MainLoopTimer*>(timer);
         // Not pending any more before the action runs: the id is dead once this source has fired.

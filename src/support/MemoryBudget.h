@@ -35,6 +35,7 @@ public:
         return *budget;
     }
 
+    /// Bytes of the whole budget.
     [[nodiscard]] std::size_t size() const noexcept { return size_; }
     /// Another size from now on, for tests. What is held stays.
     void resize(std::size_t bytes) noexcept { size_ = bytes; }
@@ -62,7 +63,9 @@ private:
     friend class Charge;
     friend class RoomWait;
 
+    /// Counts bytes that a charge holds from now on, however many are held already.
     void take(std::size_t bytes) noexcept { held_ += bytes; }
+    /// Counts them no more, and wakes who waits for room.
     void give(std::size_t bytes) noexcept {
         held_ -= bytes;
         notifyChange();
@@ -76,9 +79,12 @@ private:
     unsigned version_ = 0; // guarded by lock_; wraps
 };
 
-/// What one holder holds. Not thread-safe; the budget that it counts in is.
+/// What one holder holds: its account. It gives back what is left when it goes out of scope. Not
+/// thread-safe; the budget that it counts in is. The sizes are estimates of what the allocator
+/// takes, made by whoever holds.
 class Charge {
 public:
+    /// @param budget must outlive this object.
     explicit Charge(MemoryBudget& budget, std::size_t bytes = 0) noexcept : budget_(&budget) {
         add(bytes);
     }
@@ -89,10 +95,12 @@ public:
     Charge& operator=(const Charge&) = delete;
     Charge& operator=(Charge&&) = delete;
 
+    /// Holds this many more, whether there is room or not.
     void add(std::size_t bytes) noexcept {
         bytes_ += bytes;
         budget_->take(bytes);
     }
+    /// Holds this many less.
     /// @param bytes at most what is held.
     void remove(std::size_t bytes) noexcept {
         bytes_ -= bytes;
@@ -105,7 +113,9 @@ public:
         bytes > bytes_ ? add(bytes - bytes_) : remove(bytes_ - bytes);
     }
 
+    /// Bytes that it holds.
     [[nodiscard]] std::size_t bytes() const noexcept { return bytes_; }
+    /// The budget in which it counts.
     [[nodiscard]] MemoryBudget& budget() const noexcept { return *budget_; }
 
     /// Bytes that this account may still take.
@@ -130,9 +140,10 @@ private:
 };
 
 /// A thread's wait until there may be room. Made before the thread looks whether there is, so that
-/// no change between the look and the wait is missed.
+/// no change between the look and the wait is missed. One thread; any number may wait at a time.
 class RoomWait {
 public:
+    /// @param budget must outlive this object.
     explicit RoomWait(MemoryBudget& budget) noexcept : budget_(budget) {
         ++budget_.waiters_;
         const Lock guard(budget_.lock_);

@@ -59,11 +59,12 @@ ORVEXD_PROBE_FUNCTION void requestsFailed(std::uint32_t code, const char* text, 
 
 // -- an exchange: worker -------------------------------------------------------------------------
 
+/// The worker has begun. @param requests how many its message carries.
 ORVEXD_PROBE_FUNCTION void exchangeBegin(std::size_t requests) noexcept {
     ORVEXD_PROBE(exchange_begin, requests);
 }
 
-/// @param code 0 or one of the failure codes.
+/// The worker is about to post the outcome. @param code 0 or one of the failure codes.
 ORVEXD_PROBE_FUNCTION void exchangeEnd(int code, const char* text, std::size_t size) noexcept {
     ORVEXD_PROBE(exchange_end, code, text, size);
 }
@@ -107,7 +108,7 @@ ORVEXD_PROBE_FUNCTION void dataWaitBegin(std::uint32_t connectionId, std::uint32
     ORVEXD_PROBE(data_wait_begin, connectionId, requestId, milliseconds);
 }
 
-/// @param arrived false: the part ends with what it has.
+/// The wait is over. @param arrived false: the part ends with what it has.
 ORVEXD_PROBE_FUNCTION void dataWaitEnd(std::uint32_t connectionId, std::uint32_t requestId,
                                        bool arrived) noexcept {
     ORVEXD_PROBE(data_wait_end, connectionId, requestId, static_cast<std::uint32_t>(arrived));
@@ -151,7 +152,7 @@ ORVEXD_PROBE_FUNCTION void roomWaitBegin(std::uint32_t connectionId,
     ORVEXD_PROBE(room_wait_begin, connectionId, requestId);
 }
 
-/// @param isThere false: the time was up.
+/// That wait is over. @param isThere false: the time was up.
 ORVEXD_PROBE_FUNCTION void roomWaitEnd(std::uint32_t connectionId, std::uint32_t requestId,
                                        bool isThere) noexcept {
     ORVEXD_PROBE(room_wait_end, connectionId, requestId, static_cast<std::uint32_t>(isThere));

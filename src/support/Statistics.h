@@ -19,11 +19,11 @@ namespace orvexd {
 
 /// What is counted, in the order of the numbers.
 enum class Statistic {
-    Requests,
-    Connections,
-    HeldReplies,
-    Exchanges,
-    Posts,
+    Requests,    ///< RequestData
+    Connections, ///< records of parameters that a connection and its requests share
+    HeldReplies, ///< calls of getData
+    Exchanges,   ///< that are assembled, run, or ended less than 50 ms ago
+    Posts,       ///< on their way to the main loop
     // events
     RoomWaits,   ///< the worker has begun to wait for room
     RefusedData, ///< client data was refused as there was no room
@@ -31,6 +31,7 @@ enum class Statistic {
 
 #ifdef ORVEXD_STATISTICS
 
+/// One number for each. They are in a file that the test reads, so they outlive a crash.
 using Statistics = std::array<std::atomic<std::int64_t>, 7>;
 
 /// The file that the environment variable names, as memory until the process ends; else null.
@@ -45,6 +46,7 @@ inline Statistics* mapStatistics() noexcept {
     return memory != MAP_FAILED ? static_cast<Statistics*>(memory) : nullptr;
 }
 
+/// The number itself. Any thread. Without a file, one that nobody reads.
 inline std::atomic<std::int64_t>& statistic(Statistic which) noexcept {
     static Statistics unread{};
     static Statistics* const mapped = mapStatistics();
@@ -62,6 +64,7 @@ public:
     Counted& operator=(Counted&&) noexcept = default;
 };
 
+/// Something has happened once more. Any thread.
 inline void countEvent(Statistic which) noexcept {
     ++statistic(which);
 }

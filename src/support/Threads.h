@@ -30,6 +30,8 @@ namespace orvexd::tsan {
 
 #ifdef ORVEXD_THREAD_SANITIZER
 
+/// Around the life of a mutex and around each of its steps: what the sanitizer would learn from a
+/// mutex of pthread. Any thread, the one that takes the step.
 inline void mutexCreated(void* mutex) noexcept {
     __tsan_mutex_create(mutex, 0);
 }
@@ -52,6 +54,7 @@ inline void afterUnlock(void* mutex) noexcept {
 inline void release(void* record) noexcept {
     __tsan_release(record);
 }
+/// What was written before a `release` of the record happened before what follows.
 inline void acquire(void* record) noexcept {
     __tsan_acquire(record);
 }
@@ -81,6 +84,7 @@ inline void beforeUnlock(void*) noexcept {}
 inline void afterUnlock(void*) noexcept {}
 inline void release(void*) noexcept {}
 inline void acquire(void*) noexcept {}
+/// Nobody looks at stacks in this build.
 class [[maybe_unused]] LibraryFrame {
 public:
     template <typename Function> explicit LibraryFrame(Function* /*function*/) noexcept {}
@@ -107,11 +111,13 @@ public:
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
+    /// Waits until the mutex is free, without a limit. Any thread that does not hold it.
     void lock() noexcept {
         tsan::beforeLock(&mutex_);
         g_mutex_lock(&mutex_);
         tsan::afterLock(&mutex_);
     }
+    /// Gives it back. The thread that holds it.
     void unlock() noexcept {
         tsan::beforeUnlock(&mutex_);
         g_mutex_unlock(&mutex_);
@@ -123,7 +129,9 @@ private:
     GMutex mutex_{};
 };
 
-/// GLib's condition variable. The waiter holds the mutex; who broadcasts need not.
+/// GLib's condition variable. The waiter holds the mutex; who broadcasts need not. Nobody may wait
+/// when it goes. Deadlines are on the monotonic clock, so that setting the device's time neither
+/// shortens nor lengthens a wait.
 class Condition {
 public:
     Condition() noexcept { g_cond_init(&condition_); }
@@ -166,6 +174,8 @@ public:
     [[nodiscard]] bool isJoinable() const noexcept { return thread_ != nullptr; }
 
     /// Joins a thread held before, then starts `entry(argument)` on a new one.
+    /// @param name shown by debuggers, at most 15 bytes of it (prctl(2), PR_SET_NAME).
+    /// @param argument must stay valid until the thread is joined.
     /// @return false when the system has no thread to give.
     [[nodiscard]] bool start(const char* name, GThreadFunc entry, gpointer argument) noexcept {
         join();
