@@ -1,16 +1,19 @@
 #include "orvex-link.h"
 
+#include "orvex-audience.h"
+#include "orvex-calls.h"
 #include "orvex-failure.h"
+#include "orvex-names.h"
+#include "orvex-remains.h"
 #include "orvex-sync.h"
 #include "orvex-transfer.h"
+#include "orvex-waiters.h"
 #include "orvex-worker.h"
 
 #include <stdatomic.h>
 #include <stdlib.h>
-#include <unistd.h>
 
-/// The daemon answers at once unless it hangs.
-enum { CALL_TIMEOUT_MS = 25 * 1000, FIRST_CALL_MS = 5000, LAST_CALL_MS = 1000 };
+enum { FIRST_CALL_MS = 5000 };
 
 /// The daemon never answers the held call of a request that failed or was given up. The bus keeps
 /// the place for the answer until the caller or the daemon leaves, and refuses calls when a
@@ -18,20 +21,9 @@ enum { CALL_TIMEOUT_MS = 25 * 1000, FIRST_CALL_MS = 5000, LAST_CALL_MS = 1000 };
 /// use. So each connection serves a few transfers, and is left when it has lost too many answers.
 enum { MOST_CALLS = 16, CALLS_OF_A_TRANSFER = 2 };
 
-enum { LOOK_FOR_BUS_MS = 500 };
-
 /// No user has this number.
 #define NOBODY G_MAXUINT32
 
-/// What the daemon would keep if the process ended now.
-typedef struct {
-    const OrvexTransfer* transfer; ///< whose it is: numbers begin again with the next daemon
-    guint connection;
-    guint request;
-    gboolean uploading;
-} Remains;
-
-typedef struct Audience Audience;
 typedef struct Watch Watch;
 
 struct OrvexLink {
@@ -47,19 +39,16 @@ struct OrvexLink {
     gulong closed;
     GList* openers;        ///< of GTask, while it is opened
     GHashTable* transfers; ///< by the number of their connection; not owned
-    GList* waiters;        ///< of Waiter
-    GSource* look;         ///< for the bus, while there are waiters
+    OrvexWaiters* waiters;
 
     guint seats;     ///< transfers that use it
     guint lost;      ///< calls that were given up and are never answered
     GList* boarding; ///< of OrvexTransfer: they wait until it is open
     GList* spares;   ///< of OrvexLink, for transfers for which this one has no room
 
-    GArray* remains;  ///< guarded by registry_lock
-    guint connecting; ///< transfers that do not know their number yet; likewise
-
+    OrvexRemains* remains;
     GMainContext* context;
-    Audience* audience; ///< NULL for a spare one
+    OrvexAudience* audience; ///< NULL for a spare one
 
     pthread_mutex_t lock;
     gboolean is_open;   ///< written by the worker under the lock
@@ -67,190 +56,49 @@ struct OrvexLink {
     OrvexStatus status; ///< likewise
 };
 
-/// Somebody waits until the network fits a policy.
-typedef struct {
-    OrvexLink* link;
-    OrvexPolicy policy;
-    GTask* task;
-    GSource* cancelled;
-} Waiter;
-
 // -- what the end of the process leaves ----------------------------------------------------------
-
-static pthread_mutex_t registry_lock = PTHREAD_MUTEX_INITIALIZER;
-static GPtrArray* registry = NULL; ///< links with a connection to the bus; guarded by registry_lock
-static pid_t registry_process = 0;
-static pthread_cond_t registry_connected; ///< no transfer waits for its number any more
-static gboolean process_ends = FALSE;     ///< guarded by registry_lock
-
-static void registry_add(OrvexLink* link) {
-    pthread_mutex_lock(&registry_lock);
-    if (registry == NULL) {
-        pthread_condattr_t attributes;
-        pthread_condattr_init(&attributes);
-        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-        pthread_cond_init(&registry_connected, &attributes);
-        pthread_condattr_destroy(&attributes);
-        registry = g_ptr_array_new();
-        registry_process = getpid();
-    }
-    g_ptr_array_add(registry, link);
-    pthread_mutex_unlock(&registry_lock);
-}
-
-static void registry_remove(OrvexLink* link) {
-    pthread_mutex_lock(&registry_lock);
-    g_ptr_array_remove_fast(registry, link);
-    pthread_mutex_unlock(&registry_lock);
-}
-
-static guint find_remains(OrvexLink* link, const OrvexTransfer* transfer) {
-    guint index = 0;
-    while (index < link->remains->len &&
-           g_array_index(link->remains, Remains, index).transfer != transfer) {
-        ++index;
-    }
-    return index;
-}
 
 void orvex_link_note_open(OrvexLink* link, const OrvexTransfer* transfer, guint connection,
                           guint request, gboolean uploading) {
-    const Remains remains = {transfer, connection, request, uploading};
-    pthread_mutex_lock(&registry_lock);
-    const guint index = find_remains(link, transfer);
-    if (index < link->remains->len) {
-        g_array_index(link->remains, Remains, index) = remains;
-    } else {
-        g_array_append_val(link->remains, remains);
-    }
-    pthread_mutex_unlock(&registry_lock);
+    orvex_remains_note_open(link->remains, transfer, connection, request, uploading);
 }
 
 void orvex_link_note_closed(OrvexLink* link, const OrvexTransfer* transfer) {
-    pthread_mutex_lock(&registry_lock);
-    const guint index = find_remains(link, transfer);
-    if (index < link->remains->len) {
-        g_array_remove_index_fast(link->remains, index);
-    }
-    pthread_mutex_unlock(&registry_lock);
+    orvex_remains_note_closed(link->remains, transfer);
 }
 
 gboolean orvex_link_begin_connect(OrvexLink* link) {
-    pthread_mutex_lock(&registry_lock);
-    const gboolean may = !process_ends;
-    link->connecting += may ? 1 : 0;
-    pthread_mutex_unlock(&registry_lock);
-    return may;
+    return orvex_remains_begin_connect(link->remains);
 }
 
 void orvex_link_end_connect(OrvexLink* link) {
-    pthread_mutex_lock(&registry_lock);
-    --link->connecting;
-    pthread_cond_broadcast(&registry_connected);
-    pthread_mutex_unlock(&registry_lock);
-}
-
-static void send_call(GDBusConnection* bus, const char* owner, const char* member,
-                      GVariant* arguments) {
-    g_autoptr(GDBusMessage) call =
-        g_dbus_message_new_method_call(owner, ORVEX_PATH, ORVEX_INTERFACE, member);
-    g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED |
-                                       G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
-    g_dbus_message_set_body(call, arguments);
-    // It fails on a closed connection only, behind which nothing is left.
-    (void)g_dbus_connection_send_message(bus, call, G_DBUS_SEND_MESSAGE_FLAGS_NONE, NULL, NULL);
+    orvex_remains_end_connect(link->remains);
 }
 
 void orvex_link_send(OrvexLink* link, const char* owner, const char* member, GVariant* arguments) {
-    send_call(link->bus, owner, member, arguments);
+    orvex_send(link->bus, owner, member, arguments);
 }
 
-static gboolean somebody_connects(void) {
-    gboolean connects = FALSE;
-    for (guint index = 0; index < registry->len; ++index) {
-        const OrvexLink* link = g_ptr_array_index(registry, index);
-        connects = connects || link->connecting > 0;
-    }
-    return connects;
+// -- what those need who wait for a network ------------------------------------------------------
+
+static gboolean has_bus(gpointer data) {
+    const OrvexLink* link = data;
+    return orvex_is_connected(link->bus);
 }
 
-/// The numbers of connections that are being made have to be known before they can be closed. With
-/// the registry's lock, which the worker gets meanwhile.
-static void await_numbers(gint64 deadline) {
-    const struct timespec until = {(time_t)(deadline / G_USEC_PER_SEC),
-                                   (long)(deadline % G_USEC_PER_SEC * 1000)};
-    int waited = 0;
-    while (waited == 0 && somebody_connects()) {
-        waited = pthread_cond_timedwait(&registry_connected, &registry_lock, &until);
-    }
-}
+static void ask_for_waiters(gpointer data);
 
-static void take_back(gpointer each_link, gpointer data) {
-    const OrvexLink* link = each_link;
-    (void)data;
-    for (guint index = 0; index < link->remains->len; ++index) {
-        const Remains* each = &g_array_index(link->remains, Remains, index);
-        if (each->uploading) { // else the daemon would wait for the rest, and others with it
-            GVariant* nothing = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, "", 0, 1);
-            send_call(link->bus, ORVEX_BUS_NAME, "sendData",
-                      g_variant_new("(@aybuu)", nothing, TRUE, each->connection, each->request));
-        }
-        send_call(link->bus, ORVEX_BUS_NAME, "disconnect", g_variant_new("(u)", each->connection));
-    }
-}
-
-/// The bus has passed everything on when it answers.
-static void await_bus(gpointer each_link, gpointer deadline) {
-    const OrvexLink* link = each_link;
-    if (link->remains->len == 0) {
-        return;
-    }
-    const gint64 left = (*(const gint64*)deadline - g_get_monotonic_time()) / 1000;
-    g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
-        link->bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer",
-        "Ping", NULL, NULL, G_DBUS_CALL_FLAGS_NONE, (int)MAX(left, 1), NULL, NULL);
-}
-
-/// The process ends by exit(), with requests under way.
-__attribute__((destructor)) static void take_back_all(void) {
-    if (registry_process != getpid()) { // a fork has no requests of its own
-        return;
-    }
-    gint64 deadline = g_get_monotonic_time() + LAST_CALL_MS * 1000;
-    pthread_mutex_lock(&registry_lock);
-    process_ends = TRUE;
-    await_numbers(deadline);
-    deadline = g_get_monotonic_time() + LAST_CALL_MS * 1000;
-    g_ptr_array_foreach(registry, take_back, NULL);
-    g_ptr_array_foreach(registry, await_bus, &deadline);
-    pthread_mutex_unlock(&registry_lock);
-}
+static const OrvexWaitersLink waiters_link = {.ask = ask_for_waiters, .is_connected = has_bus};
 
 // -- life ----------------------------------------------------------------------------------------
-
-/// Who hears of changes. What is on its way to it holds no link: the context to which it goes may
-/// never run, and the link would keep its connection.
-struct Audience {
-    atomic_int refs;
-    GWeakRef client;
-    void (*changed)(gpointer client, const char* property);
-    atomic_bool status_posted;
-    atomic_bool running_posted;
-};
-
-static void audience_unref(Audience* audience) {
-    if (atomic_fetch_sub(&audience->refs, 1) == 1) {
-        g_weak_ref_clear(&audience->client);
-        g_free(audience);
-    }
-}
 
 static OrvexLink* link_new(GMainContext* context) {
     OrvexLink* link = g_new0(OrvexLink, 1);
     atomic_init(&link->refs, 1);
     link->user = NOBODY;
     link->transfers = g_hash_table_new(NULL, NULL);
-    link->remains = g_array_new(FALSE, FALSE, sizeof(Remains));
+    link->remains = orvex_remains_new();
+    link->waiters = orvex_waiters_new(&waiters_link, link);
     link->context = g_main_context_ref(context);
     pthread_mutex_init(&link->lock, NULL);
     return link;
@@ -259,10 +107,7 @@ static OrvexLink* link_new(GMainContext* context) {
 OrvexLink* orvex_link_new(GMainContext* context, void (*changed)(gpointer, const char*),
                           gpointer client) {
     OrvexLink* link = link_new(context);
-    link->audience = g_new0(Audience, 1);
-    atomic_init(&link->audience->refs, 1);
-    g_weak_ref_init(&link->audience->client, client);
-    link->audience->changed = changed;
+    link->audience = orvex_audience_new(context, changed, client);
     return link;
 }
 
@@ -321,7 +166,7 @@ static void leave_bus(OrvexLink* link) {
     if (link->bus == NULL) {
         return;
     }
-    registry_remove(link);
+    orvex_remains_leave(link->remains);
     g_dbus_connection_signal_unsubscribe(link->bus, link->signals);
     g_dbus_connection_signal_unsubscribe(link->bus, link->cancels);
     g_dbus_connection_signal_unsubscribe(link->bus, link->owners);
@@ -339,9 +184,10 @@ static void link_free(gpointer data) {
     leave_bus(link);
     g_list_free_full(link->spares, (GDestroyNotify)orvex_link_unref);
     g_hash_table_unref(link->transfers);
-    g_array_unref(link->remains);
+    orvex_remains_free(link->remains);
+    orvex_waiters_free(link->waiters);
     g_main_context_unref(link->context);
-    g_clear_pointer(&link->audience, audience_unref);
+    g_clear_pointer(&link->audience, orvex_audience_free);
     g_free(link->address);
     pthread_mutex_destroy(&link->lock);
     g_free(link->owner);
@@ -381,77 +227,14 @@ const char* orvex_link_get_owner(OrvexLink* link) {
     return link->owner;
 }
 
-static void tell_property(Audience* audience, atomic_bool* posted, const char* property) {
-    atomic_store(posted, FALSE);
-    g_autoptr(GObject) client = g_weak_ref_get(&audience->client);
-    if (client != NULL) {
-        audience->changed(client, property);
-    }
-}
-
-static void tell_status(gpointer audience) {
-    tell_property(audience, &((Audience*)audience)->status_posted, "status");
-}
-
-static void tell_running(gpointer audience) {
-    tell_property(audience, &((Audience*)audience)->running_posted, "running");
-}
-
-/// One notification of each property is on its way at the most: it does not carry the value.
 static void tell(OrvexLink* link, gboolean is_status) {
-    Audience* audience = link->audience;
-    if (!link->is_open || audience == NULL) {
+    if (!link->is_open || link->audience == NULL) {
         return; // nobody has seen another value
     }
-    if (!atomic_exchange(is_status ? &audience->status_posted : &audience->running_posted, TRUE)) {
-        atomic_fetch_add(&audience->refs, 1);
-        orvex_post(link->context, G_PRIORITY_DEFAULT, is_status ? tell_status : tell_running,
-                   audience, (GDestroyNotify)audience_unref);
-    }
-}
-
-// -- waiting for the network ---------------------------------------------------------------------
-
-static gboolean is_usable(OrvexStatus status, OrvexPolicy policy) {
-    if ((status & ORVEX_STATUS_CONNECTED) == 0) {
-        return FALSE;
-    }
-    switch (policy) {
-    case ORVEX_POLICY_ANY:
-        return TRUE;
-    case ORVEX_POLICY_NOT_FLAGGED:
-        return (status & ORVEX_STATUS_KIND_ONE) != 0 || (status & ORVEX_STATUS_FLAGGED) == 0;
-    case ORVEX_POLICY_KIND_ONE:
-    default:
-        return (status & ORVEX_STATUS_KIND_ONE) != 0;
-    }
-}
-
-/// Takes the waiter from the list. The caller answers its task.
-static GTask* waiter_free(Waiter* waiter) {
-    GTask* task = waiter->task;
-    waiter->link->waiters = g_list_remove(waiter->link->waiters, waiter);
-    if (waiter->link->waiters == NULL) {
-        orvex_source_clear(&waiter->link->look);
-    }
-    orvex_source_clear(&waiter->cancelled);
-    g_free(waiter);
-    return task;
-}
-
-static void serve_waiters(OrvexLink* link) {
-    for (GList* each = link->waiters; each != NULL;) {
-        Waiter* waiter = each->data;
-        each = each->next;
-        if (is_usable(link->status, waiter->policy)) {
-            orvex_task_return_boolean(waiter_free(waiter), TRUE);
-        }
-    }
-}
-
-static void fail_waiters(OrvexLink* link, const GError* error) {
-    while (link->waiters != NULL) {
-        orvex_task_return_error(waiter_free(link->waiters->data), g_error_copy(error));
+    if (is_status) {
+        orvex_audience_tell_status(link->audience);
+    } else {
+        orvex_audience_tell_running(link->audience);
     }
 }
 
@@ -465,7 +248,7 @@ static void set_status(OrvexLink* link, guint status) {
     if (changed) {
         tell(link, TRUE);
     }
-    serve_waiters(link);
+    orvex_waiters_serve(link->waiters, link->status);
 }
 
 /// The outcome of a question for the status, which becomes the property too.
@@ -489,12 +272,7 @@ static gboolean read_status(OrvexLink* link, GAsyncResult* result, guint* status
 
 static void ask_status(OrvexLink* link, const char* name, int timeout, GCancellable* cancellable,
                        GAsyncReadyCallback callback, gpointer data) {
-    // By its name, the daemon is started if it is not there.
-    const GDBusCallFlags flags =
-        *name == ':' ? G_DBUS_CALL_FLAGS_NO_AUTO_START : G_DBUS_CALL_FLAGS_NONE;
-    g_dbus_connection_call(link->bus, name, ORVEX_PATH, "org.freedesktop.DBus.Properties", "Get",
-                           g_variant_new("(ss)", ORVEX_INTERFACE, "connectionStatus"),
-                           G_VARIANT_TYPE("(v)"), flags, timeout, cancellable, callback, data);
+    orvex_ask_for_status(link->bus, name, timeout, cancellable, callback, data);
 }
 
 static void status_answered(GObject* bus, GAsyncResult* result, gpointer data) {
@@ -509,10 +287,6 @@ static void status_answered(GObject* bus, GAsyncResult* result, gpointer data) {
     }
 }
 
-static gboolean has_bus(OrvexLink* link) {
-    return link->bus != NULL && !g_dbus_connection_is_closed(link->bus);
-}
-
 static void query_status(gpointer data) {
     GTask* task = data;
     OrvexLink* link = g_task_get_task_data(task);
@@ -520,18 +294,13 @@ static void query_status(gpointer data) {
         orvex_task_return_error(task, orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL));
         return;
     }
-    ask_status(link, ORVEX_BUS_NAME, CALL_TIMEOUT_MS, g_task_get_cancellable(task), status_answered,
-               task);
+    ask_status(link, ORVEX_BUS_NAME, ORVEX_ANSWERED_AT_ONCE_MS, g_task_get_cancellable(task),
+               status_answered, task);
 }
 
 void orvex_link_query_status(OrvexLink* link, GTask* task) {
     g_task_set_task_data(task, orvex_link_ref(link), (GDestroyNotify)orvex_link_unref);
     orvex_worker_post(query_status, g_object_ref(task), NULL);
-}
-
-static void fail_waiters_without_bus(OrvexLink* link) {
-    g_autoptr(GError) no_bus = orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL);
-    fail_waiters(link, no_bus);
 }
 
 static void waiters_answered(GObject* bus, GAsyncResult* result, gpointer data) {
@@ -542,64 +311,23 @@ static void waiters_answered(GObject* bus, GAsyncResult* result, gpointer data) 
     // A daemon that went away meanwhile is asked again when its name changes hands.
     if (!read_status(link, result, &status, &error)) {
         if (!has_bus(link)) {
-            fail_waiters_without_bus(link);
+            orvex_waiters_fail_without_bus(link->waiters);
         } else if (!g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DAEMON_GONE)) {
-            fail_waiters(link, error);
+            orvex_waiters_fail(link->waiters, error);
         }
     }
     orvex_link_unref(link);
 }
 
 /// Asks a daemon that may have to be started, for those who wait.
-static void ask_for_waiters(OrvexLink* link) {
-    ask_status(link, ORVEX_BUS_NAME, CALL_TIMEOUT_MS, NULL, waiters_answered, orvex_link_ref(link));
-}
-
-static gboolean waiter_cancelled(GCancellable* cancellable, gpointer data) {
-    GError* error = NULL;
-    g_cancellable_set_error_if_cancelled(cancellable, &error);
-    orvex_task_return_error(waiter_free(data), error);
-    return G_SOURCE_REMOVE;
-}
-
-/// A connection tells its end in the context in which it was made. That one may never run.
-static gboolean look_for_bus(gpointer data) {
-    OrvexLink* link = data;
-    if (has_bus(link)) {
-        return G_SOURCE_CONTINUE;
-    }
-    fail_waiters_without_bus(link);
-    return G_SOURCE_REMOVE;
-}
-
-static void wait_usable(gpointer data) {
-    Waiter* waiter = data;
-    OrvexLink* link = waiter->link;
-    if (!has_bus(link)) {
-        orvex_task_return_error(waiter_free(waiter),
-                                orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL));
-        return;
-    }
-    link->waiters = g_list_prepend(link->waiters, waiter);
-    if (link->look == NULL) {
-        link->look = orvex_worker_timer(LOOK_FOR_BUS_MS, look_for_bus, link);
-    }
-    GCancellable* cancellable = g_task_get_cancellable(waiter->task);
-    if (cancellable != NULL) {
-        waiter->cancelled = g_cancellable_source_new(cancellable);
-        g_source_set_callback(waiter->cancelled, G_SOURCE_FUNC(waiter_cancelled), waiter, NULL);
-        g_source_attach(waiter->cancelled, orvex_worker_context());
-    }
-    ask_for_waiters(link);
+static void ask_for_waiters(gpointer link) {
+    ask_status(link, ORVEX_BUS_NAME, ORVEX_ANSWERED_AT_ONCE_MS, NULL, waiters_answered,
+               orvex_link_ref(link));
 }
 
 void orvex_link_wait_usable(OrvexLink* link, OrvexPolicy policy, GTask* task) {
-    Waiter* waiter = g_new0(Waiter, 1);
-    waiter->link = link;
-    waiter->policy = policy;
-    waiter->task = g_object_ref(task);
     g_task_set_task_data(task, orvex_link_ref(link), (GDestroyNotify)orvex_link_unref);
-    orvex_worker_post(wait_usable, waiter, NULL);
+    orvex_waiters_wait(link->waiters, policy, task);
 }
 
 // -- the daemon comes and goes -------------------------------------------------------------------
@@ -653,8 +381,8 @@ static void owner_changed(GDBusConnection* bus, const char* sender, const char* 
     }
     if (*after != '\0') {
         set_owner(link, after);
-        ask_status(link, after, CALL_TIMEOUT_MS, NULL, new_status, orvex_link_ref(link));
-    } else if (link->waiters != NULL) {
+        ask_status(link, after, ORVEX_ANSWERED_AT_ONCE_MS, NULL, new_status, orvex_link_ref(link));
+    } else if (!orvex_waiters_is_empty(link->waiters)) {
         ask_for_waiters(link);
     }
     orvex_link_unref(link);
@@ -665,7 +393,7 @@ static void bus_lost(gpointer data) {
     set_owner(link, NULL);
     set_status(link, 0);
     for_each_transfer(link, orvex_transfer_daemon_gone);
-    fail_waiters_without_bus(link);
+    orvex_waiters_fail_without_bus(link->waiters);
 }
 
 /// On the thread of the context in which the connection was made.
@@ -787,14 +515,6 @@ static void canceller_known(GObject* bus, GAsyncResult* result, gpointer data) {
     orvex_link_unref(link);
 }
 
-static void ask_for_user(GDBusConnection* bus, const char* name, GCancellable* cancellable,
-                         GAsyncReadyCallback callback, gpointer data) {
-    g_dbus_connection_call(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                           "org.freedesktop.DBus", "GetConnectionUnixUser",
-                           g_variant_new("(s)", name), G_VARIANT_TYPE("(u)"),
-                           G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, cancellable, callback, data);
-}
-
 /// The daemon does not tell that somebody has cancelled a request: it just stays silent. Everybody
 /// can send this signal, on any path.
 static void cancel_signal(GDBusConnection* bus, const char* sender, const char* path,
@@ -811,7 +531,7 @@ static void cancel_signal(GDBusConnection* bus, const char* sender, const char* 
     if (find_transfer(link, connection) != NULL && sender != NULL) {
         Cancel* cancel = g_new(Cancel, 1);
         *cancel = (Cancel){orvex_link_ref(link), connection, request};
-        ask_for_user(bus, sender, NULL, canceller_known, cancel);
+        orvex_ask_for_user(bus, sender, canceller_known, cancel);
     }
     orvex_link_unref(link);
 }
@@ -931,16 +651,13 @@ static void subscribe(OrvexLink* link) {
 static void use_bus(OrvexLink* link, GDBusConnection* bus, gboolean owns) {
     link->bus = g_object_ref(bus);
     link->owns_bus = owns;
-    registry_add(link);
+    orvex_remains_enter(link->remains, bus);
     subscribe(link);
     const char* name = g_dbus_connection_get_unique_name(bus);
     if (name != NULL) {
-        ask_for_user(bus, name, NULL, own_user_known, orvex_link_ref(link));
+        orvex_ask_for_user(bus, name, own_user_known, orvex_link_ref(link));
     }
-    g_dbus_connection_call(
-        bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "GetNameOwner", g_variant_new("(s)", ORVEX_BUS_NAME), G_VARIANT_TYPE("(s)"),
-        G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, cancellable_of(link), owner_found, link);
+    orvex_ask_for_daemon(bus, cancellable_of(link), owner_found, link);
 }
 
 static void bus_reached(GObject* source, GAsyncResult* result, gpointer data) {

@@ -8,10 +8,6 @@
 // of the network, and which transfer a signal is meant for. What is not marked belongs to the
 // worker; see orvex-worker.h.
 
-#define ORVEX_BUS_NAME "com.kelvra.orvexd"
-#define ORVEX_INTERFACE "com.kelvra.orvexd"
-#define ORVEX_PATH "/com/kelvra/orvexd"
-
 typedef struct OrvexLink OrvexLink;
 typedef struct OrvexTransfer OrvexTransfer;
 

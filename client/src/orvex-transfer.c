@@ -1,6 +1,7 @@
 #include "orvex-transfer.h"
 
 #include "orvex-failure.h"
+#include "orvex-names.h"
 #include "orvex-request-private.h"
 #include "orvex-sync.h"
 #include "orvex-worker.h"
