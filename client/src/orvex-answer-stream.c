@@ -75,7 +75,7 @@ static void answer_stream_dispose(GObject* object) {
 }
 
 static void answer_stream_finalize(GObject* object) {
-    orvex_transfer_unref(ORVEX_ANSWER_STREAM(object)->transfer);
+    orvex_counted_unref(ORVEX_ANSWER_STREAM(object)->transfer);
     G_OBJECT_CLASS(orvex_answer_stream_parent_class)->finalize(object);
 }
 
@@ -98,7 +98,7 @@ static void orvex_answer_stream_class_init(OrvexAnswerStreamClass* class) {
 GInputStream* orvex_answer_stream_new(OrvexRequest* request, OrvexTransfer* transfer, guint part) {
     OrvexAnswerStream* self = g_object_new(ORVEX_TYPE_ANSWER_STREAM, NULL);
     self->request = g_object_ref(request);
-    self->transfer = orvex_transfer_ref(transfer);
+    self->transfer = orvex_counted_ref(transfer);
     self->part = part;
     return G_INPUT_STREAM(self);
 }

@@ -7,8 +7,8 @@
 /// request.
 /// @param bytes or @param stream is the question.
 /// @param blocking no main loop runs for it afterwards
-void orvex_request_send(OrvexRequest* request, OrvexLink* link, GBytes* bytes, GInputStream* stream,
-                        int io_priority, gboolean blocking, GTask* task);
+void orvex_request_send(OrvexRequest* request, OrvexSeats* seats, GBytes* bytes,
+                        GInputStream* stream, int io_priority, gboolean blocking, GTask* task);
 
 /// The stream of the first part, which has begun, for the client's task.
 GInputStream* orvex_request_first_part(GTask* task);

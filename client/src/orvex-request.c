@@ -88,7 +88,7 @@ static OrvexTransfer* ref_transfer(OrvexRequest* self) {
     pthread_mutex_lock(&self->lock);
     OrvexTransfer* transfer = self->transfer;
     if (transfer != NULL) {
-        orvex_transfer_ref(transfer);
+        orvex_counted_ref(transfer);
     }
     pthread_mutex_unlock(&self->lock);
     return transfer;
@@ -99,7 +99,7 @@ static OrvexTransferFacts get_facts(OrvexRequest* self) {
     OrvexTransfer* transfer = ref_transfer(self);
     if (transfer != NULL) {
         orvex_transfer_get_facts(transfer, &facts);
-        orvex_transfer_unref(transfer);
+        orvex_counted_unref(transfer);
     }
     return facts;
 }
@@ -129,7 +129,7 @@ void orvex_request_tell_progress(OrvexRequest* self, guint64 run) {
     guint64 received = 0;
     OrvexTransfer* transfer = ref_transfer(self);
     orvex_transfer_take_progress(transfer, &sent, &received);
-    orvex_transfer_unref(transfer);
+    orvex_counted_unref(transfer);
     g_signal_emit(self, signals[SIGNAL_PROGRESS], 0, sent, received);
 }
 
@@ -165,7 +165,7 @@ static gboolean put_transfer(OrvexRequest* self, OrvexTransfer* transfer) {
         other = transfer;
     }
     pthread_mutex_unlock(&self->lock);
-    g_clear_pointer(&other, orvex_transfer_unref);
+    g_clear_pointer(&other, orvex_counted_unref);
     return facts.is_over;
 }
 
@@ -178,11 +178,11 @@ typedef struct {
 static void sent_free(gpointer data) {
     Sent* sent = data;
     g_object_unref(sent->request);
-    orvex_transfer_unref(sent->transfer);
+    orvex_counted_unref(sent->transfer);
     g_free(sent);
 }
 
-void orvex_request_send(OrvexRequest* self, OrvexLink* link, GBytes* bytes, GInputStream* stream,
+void orvex_request_send(OrvexRequest* self, OrvexSeats* seats, GBytes* bytes, GInputStream* stream,
                         int io_priority, gboolean blocking, GTask* task) {
     OrvexPlan plan = make_plan(self);
     plan.collect = bytes != NULL;
@@ -191,9 +191,9 @@ void orvex_request_send(OrvexRequest* self, OrvexLink* link, GBytes* bytes, GInp
     plan.events = g_main_context_ref_thread_default();
     plan.question_context = g_main_context_ref(blocking ? orvex_worker_context() : plan.events);
     plan.io_priority = io_priority;
-    OrvexTransfer* transfer = orvex_transfer_new(link, &plan, self);
+    OrvexTransfer* transfer = orvex_transfer_new(seats, &plan, self);
     Sent* sent = g_new(Sent, 1);
-    *sent = (Sent){g_object_ref(self), orvex_transfer_ref(transfer)};
+    *sent = (Sent){g_object_ref(self), orvex_counted_ref(transfer)};
     g_task_set_task_data(task, sent, sent_free);
     if (put_transfer(self, transfer)) {
         orvex_transfer_start(sent->transfer, task);
@@ -235,7 +235,7 @@ void orvex_request_next_part_async(OrvexRequest* request, GCancellable* cancella
                                 "The request was not sent");
         return;
     }
-    g_task_set_task_data(task, transfer, (GDestroyNotify)orvex_transfer_unref);
+    g_task_set_task_data(task, transfer, orvex_counted_unref);
     orvex_transfer_next_part(transfer, task);
 }
 
@@ -751,7 +751,7 @@ static void request_finalize(GObject* object) {
     OrvexRequest* self = ORVEX_REQUEST(object);
     if (self->transfer != NULL) {
         orvex_transfer_abandon(self->transfer);
-        orvex_transfer_unref(self->transfer);
+        orvex_counted_unref(self->transfer);
     }
     pthread_mutex_destroy(&self->lock);
     g_free(self->element);

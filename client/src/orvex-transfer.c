@@ -1,5 +1,6 @@
 #include "orvex-transfer.h"
 
+#include "orvex-calls.h"
 #include "orvex-failure.h"
 #include "orvex-names.h"
 #include "orvex-request-private.h"
@@ -67,9 +68,9 @@ typedef struct Piece Piece;
 typedef struct Rooms Rooms;
 
 struct OrvexTransfer {
-    atomic_int refs;
-    OrvexLink* home; ///< the client's
-    OrvexLink* link; ///< that one, or a spare one of it; both NULL when everything is over
+    OrvexPassenger passenger;
+    OrvexSeats* seats; ///< the client's; NULL when everything is over
+    OrvexLink* link;   ///< on which it sits; likewise
     OrvexPlan plan;
     Listener* listener;
     guint64 run;
@@ -253,15 +254,8 @@ static void plan_clear(OrvexPlan* plan) {
     g_clear_pointer(&plan->events, g_main_context_unref);
 }
 
-OrvexTransfer* orvex_transfer_ref(OrvexTransfer* transfer) {
-    atomic_fetch_add(&transfer->refs, 1);
-    return transfer;
-}
-
-void orvex_transfer_unref(OrvexTransfer* t) {
-    if (atomic_fetch_sub(&t->refs, 1) != 1) {
-        return;
-    }
+static void transfer_free(gpointer data) {
+    OrvexTransfer* t = data;
     plan_clear(&t->plan);
     listener_unref(t->listener);
     g_free(t->owner);
@@ -278,13 +272,9 @@ void orvex_transfer_unref(OrvexTransfer* t) {
     g_free(t->facts.error_detail);
     pthread_cond_destroy(&t->changed);
     pthread_mutex_destroy(&t->lock);
-    g_clear_pointer(&t->link, orvex_link_unref);
-    g_clear_pointer(&t->home, orvex_link_unref);
+    g_clear_pointer(&t->link, orvex_counted_unref);
+    g_clear_pointer(&t->seats, orvex_counted_unref);
     g_free(t);
-}
-
-static void transfer_release(gpointer transfer) {
-    orvex_transfer_unref(transfer);
 }
 
 // -- what the request object hears ---------------------------------------------------------------
@@ -455,7 +445,7 @@ static gboolean end_pause(OrvexTransfer* t) {
 }
 
 static void resume(OrvexTransfer* t) {
-    orvex_worker_post(fetch, orvex_transfer_ref(t), transfer_release);
+    orvex_worker_post(fetch, orvex_counted_ref(t), orvex_counted_unref);
 }
 
 /// Takes the error.
@@ -578,7 +568,7 @@ static gboolean parked_cancelled(GCancellable* cancellable, gpointer data) {
 
 static void park_free(gpointer data) {
     Park* park = data;
-    orvex_transfer_unref(park->transfer);
+    orvex_counted_unref(park->transfer);
     g_free(park);
 }
 
@@ -589,7 +579,7 @@ static void park(gpointer data) {
     if (cancellable != NULL) {
         park->parked->cancelled = g_cancellable_source_new(cancellable);
         Park* watch = g_new(Park, 1);
-        *watch = (Park){orvex_transfer_ref(t), park->parked};
+        *watch = (Park){orvex_counted_ref(t), park->parked};
         g_source_set_callback(park->parked->cancelled, G_SOURCE_FUNC(parked_cancelled), watch,
                               park_free);
         g_source_attach(park->parked->cancelled, orvex_worker_context());
@@ -613,7 +603,7 @@ static void park(gpointer data) {
 /// Lets a task wait on the worker.
 static void park_later(OrvexTransfer* t, Parked* parked) {
     Park* data = g_new(Park, 1);
-    *data = (Park){orvex_transfer_ref(t), parked};
+    *data = (Park){orvex_counted_ref(t), parked};
     orvex_worker_post(park, data, park_free);
 }
 
@@ -673,8 +663,8 @@ typedef struct {
 /// When everything is over, a request that its user keeps must not keep a connection to the bus.
 static void let_go(OrvexTransfer* t) {
     if (t->told && t->calls == 0) {
-        g_clear_pointer(&t->link, orvex_link_unref);
-        g_clear_pointer(&t->home, orvex_link_unref);
+        g_clear_pointer(&t->link, orvex_counted_unref);
+        g_clear_pointer(&t->seats, orvex_counted_unref);
     }
 }
 
@@ -691,7 +681,7 @@ static void call_answered(GObject* bus, GAsyncResult* result, gpointer data) {
     --call->transfer->calls;
     call->done(call->transfer, reply, error);
     let_go(call->transfer);
-    orvex_transfer_unref(call->transfer);
+    orvex_counted_unref(call->transfer);
     g_free(call);
 }
 
@@ -699,7 +689,7 @@ static void call_answered(GObject* bus, GAsyncResult* result, gpointer data) {
 static void call(OrvexTransfer* t, const char* interface, const char* member, GVariant* arguments,
                  const char* reply, int timeout, GCancellable* cancellable, Done done) {
     Call* data = g_new(Call, 1);
-    *data = (Call){orvex_transfer_ref(t), done};
+    *data = (Call){orvex_counted_ref(t), done};
     ++t->calls;
     // Only the first call starts a daemon. From then on it is this one or none.
     g_dbus_connection_call(
@@ -754,10 +744,11 @@ static void tell_end_when_read(OrvexTransfer* t) {
 static void closed(OrvexTransfer* t, GVariant* reply, GError* error) {
     (void)reply;
     if (g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_LIMITS) && t->owner != NULL) {
-        orvex_link_send(t->link, t->owner, "disconnect", g_variant_new("(u)", t->connection));
+        orvex_send(orvex_link_get_bus(t->link), t->owner, "disconnect",
+                   g_variant_new("(u)", t->connection));
     }
     // Another daemon that cannot be told has forgotten it.
-    orvex_link_note_closed(t->link, t);
+    orvex_remains_note_closed(orvex_link_get_remains(t->link), t);
     tell_end_when_read(t);
 }
 
@@ -777,20 +768,18 @@ static void close_connection(OrvexTransfer* t) {
                                             g_variant_new("(uu)", t->connection, t->request), NULL);
     }
     if (t->upload == UPLOAD_RUNNING) {
-        // The daemon would wait for the rest, and everybody's requests with it.
-        GVariant* nothing = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, "", 0, 1);
-        orvex_link_send(t->link, t->owner, "sendData",
-                        g_variant_new("(@aybuu)", nothing, TRUE, t->connection, t->request));
+        orvex_send_end_of_question(orvex_link_get_bus(t->link), t->owner, t->connection,
+                                   t->request);
     }
     call(t, ORVEX_INTERFACE, "disconnect", g_variant_new("(u)", t->connection), "()", LAST_CALL_MS,
          NULL, closed);
 }
 
 static gboolean out_of_patience(gpointer transfer) {
-    OrvexTransfer* t = orvex_transfer_ref(transfer);
+    OrvexTransfer* t = orvex_counted_ref(transfer);
     tell_end(t);
     let_go(t);
-    orvex_transfer_unref(t);
+    orvex_counted_unref(t);
     return G_SOURCE_REMOVE;
 }
 
@@ -823,11 +812,11 @@ static void end(OrvexTransfer* t) {
     orvex_source_clear(&t->telling);
     orvex_source_clear(&t->doubt);
     if (t->connection != 0) {
-        orvex_link_remove(t->link, t->connection, t);
+        orvex_passengers_remove(orvex_link_get_passengers(t->link), t->connection, &t->passenger);
     }
     if (t->seated) {
         t->seated = FALSE;
-        orvex_link_leave(t->home, t->link, t->owner != NULL ? calls_to_be_lost(t) : 0);
+        orvex_seats_leave(t->seats, t->link, t->owner != NULL ? calls_to_be_lost(t) : 0);
     }
     g_cancellable_cancel(t->stop);
     stop_reading(t);
@@ -842,25 +831,25 @@ static void fail(OrvexTransfer* t, GError* error) {
         g_error_free(error);
         return;
     }
-    orvex_transfer_ref(t);
+    orvex_counted_ref(t);
     t->failure = error;
     end(t);
     set_state(t, ORVEX_REQUEST_STATE_FAILED);
     t->last_call = orvex_worker_timer(LAST_CALL_MS, out_of_patience, t);
     close_connection(t);
     let_go(t);
-    orvex_transfer_unref(t);
+    orvex_counted_unref(t);
 }
 
 static void succeed(OrvexTransfer* t) {
-    orvex_transfer_ref(t);
+    orvex_counted_ref(t);
     end(t);
     set_state(t, ORVEX_REQUEST_STATE_ANSWERED);
     t->last_call = orvex_worker_timer(LAST_CALL_MS, out_of_patience, t);
     tell_end_when_read(t); // nobody has to wait until the connection is closed
     close_connection(t);
     let_go(t);
-    orvex_transfer_unref(t);
+    orvex_counted_unref(t);
 }
 
 /// The answer is good once nothing speaks against it any more, and the daemon has the whole
@@ -878,7 +867,7 @@ static void abandon(gpointer transfer) {
 }
 
 void orvex_transfer_abandon(OrvexTransfer* t) {
-    orvex_worker_post(abandon, orvex_transfer_ref(t), transfer_release);
+    orvex_worker_post(abandon, orvex_counted_ref(t), orvex_counted_unref);
 }
 
 static gboolean on_cancelled(GCancellable* cancellable, gpointer transfer) {
@@ -886,6 +875,28 @@ static gboolean on_cancelled(GCancellable* cancellable, gpointer transfer) {
     g_cancellable_set_error_if_cancelled(cancellable, &error);
     fail(transfer, error);
     return G_SOURCE_REMOVE;
+}
+
+static void daemon_gone(gpointer transfer) {
+    OrvexTransfer* t = transfer;
+    if (t->over) {
+        return;
+    }
+    g_clear_pointer(&t->owner, g_free); // nobody is left to be told anything
+    orvex_remains_note_closed(orvex_link_get_remains(t->link), t);
+    const gboolean is_whole = t->answered && (t->settled || !t->may_be_torn);
+    if (is_whole && t->refusal == NULL && t->upload != UPLOAD_RUNNING) {
+        succeed(t); // everything has arrived on both sides, and nothing can speak against it
+    } else {
+        fail(t, orvex_failure_new(ORVEX_ERROR_DAEMON_GONE, 0, NULL));
+    }
+}
+
+static void lose_daemon(OrvexTransfer* t) {
+    if (t->owner != NULL) { // behind the replies that came before
+        orvex_post(orvex_worker_context(), G_PRIORITY_LOW, daemon_gone, orvex_counted_ref(t),
+                   orvex_counted_unref);
+    }
 }
 
 static gboolean nothing_explained(gpointer transfer) {
@@ -921,31 +932,9 @@ static void step_failed(OrvexTransfer* t, const GError* error) {
         t->explain =
             orvex_worker_timer(slow ? TOO_SLOW_REASON_MS : REASON_MS, nothing_explained, t);
     } else if (t->owner != NULL && is_loss(error)) {
-        orvex_transfer_daemon_gone(t);
+        lose_daemon(t);
     } else {
         fail(t, g_error_copy(error));
-    }
-}
-
-static void daemon_gone(gpointer transfer) {
-    OrvexTransfer* t = transfer;
-    if (t->over) {
-        return;
-    }
-    g_clear_pointer(&t->owner, g_free); // nobody is left to be told anything
-    orvex_link_note_closed(t->link, t);
-    const gboolean is_whole = t->answered && (t->settled || !t->may_be_torn);
-    if (is_whole && t->refusal == NULL && t->upload != UPLOAD_RUNNING) {
-        succeed(t); // everything has arrived on both sides, and nothing can speak against it
-    } else {
-        fail(t, orvex_failure_new(ORVEX_ERROR_DAEMON_GONE, 0, NULL));
-    }
-}
-
-void orvex_transfer_daemon_gone(OrvexTransfer* t) {
-    if (t->owner != NULL) { // behind the replies that came before
-        orvex_post(orvex_worker_context(), G_PRIORITY_LOW, daemon_gone, orvex_transfer_ref(t),
-                   transfer_release);
     }
 }
 
@@ -1018,7 +1007,7 @@ static void piece_unref(gpointer data) {
     g_clear_error(&piece->error);
     g_clear_pointer(&piece->source, g_source_unref);
     g_object_unref(piece->cancellable);
-    orvex_transfer_unref(piece->transfer);
+    orvex_counted_unref(piece->transfer);
     g_free(piece);
 }
 
@@ -1098,7 +1087,7 @@ static void read_ahead(OrvexTransfer* t) {
     }
     Piece* piece = g_new0(Piece, 1);
     atomic_init(&piece->refs, 2); // this side's, and that of the context's
-    piece->transfer = orvex_transfer_ref(t);
+    piece->transfer = orvex_counted_ref(t);
     piece->stream = t->plan.stream;
     piece->cancellable = g_object_ref(t->stop_source);
     piece->io_priority = t->plan.io_priority;
@@ -1145,7 +1134,8 @@ static void piece_sent(OrvexTransfer* t, GVariant* reply, GError* error) {
     count(t, t->piece_size, 0);
     if (t->last_piece) {
         t->upload = UPLOAD_COMPLETE;
-        orvex_link_note_open(t->link, t, t->connection, t->request, FALSE);
+        orvex_remains_note_open(orvex_link_get_remains(t->link), t, t->connection, t->request,
+                                FALSE);
     }
     if (t->over || t->refusal != NULL) {
         return;
@@ -1178,7 +1168,8 @@ static void pump(OrvexTransfer* t) {
          CALL_TIMEOUT_MS, NULL, piece_sent);
 }
 
-void orvex_transfer_data_wanted(OrvexTransfer* t, guint request) {
+static void told_data_wanted(OrvexPassenger* passenger, guint request) {
+    OrvexTransfer* t = (OrvexTransfer*)passenger;
     if (t->over) {
         return;
     }
@@ -1193,7 +1184,7 @@ void orvex_transfer_data_wanted(OrvexTransfer* t, guint request) {
     }
     progressed(t);
     t->upload = UPLOAD_RUNNING;
-    orvex_link_note_open(t->link, t, t->connection, t->request, TRUE);
+    orvex_remains_note_open(orvex_link_get_remains(t->link), t, t->connection, t->request, TRUE);
     pump(t);
     set_state(t, ORVEX_REQUEST_STATE_SENDING);
 }
@@ -1215,7 +1206,7 @@ static void turned(OrvexTransfer* t, GVariant* reply, GError* error) {
     (void)reply;
     if (g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DAEMON_GONE) ||
         g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_NOT_INSTALLED)) {
-        orvex_transfer_daemon_gone(t); // it cannot speak against the answer any more
+        lose_daemon(t); // it cannot speak against the answer any more
         return;
     }
     if (error != NULL || --t->turns > 0 || t->over || t->settled) {
@@ -1330,7 +1321,9 @@ static void fetch(gpointer transfer) {
 
 // -- what the daemon tells -----------------------------------------------------------------------
 
-gboolean orvex_transfer_failed(OrvexTransfer* t, guint request, guint code, const char* message) {
+static gboolean told_failed(OrvexPassenger* passenger, guint request, guint code,
+                            const char* message) {
+    OrvexTransfer* t = (OrvexTransfer*)passenger;
     if (t->over) {
         return TRUE;
     }
@@ -1376,7 +1369,8 @@ static void probe(OrvexTransfer* t) {
         "(i)", CALL_TIMEOUT_MS, NULL, probed);
 }
 
-void orvex_transfer_exchange_failed(OrvexTransfer* t, guint code, const char* message) {
+static void told_exchange_failed(OrvexPassenger* passenger, guint code, const char* message) {
+    OrvexTransfer* t = (OrvexTransfer*)passenger;
     // The failure of an exchange names those that are not answered. This one seems to be: its end
     // is still held back, and its part may be the one in which the transfer broke off.
     if (!t->answered) { // or its last chunk and the failure have missed each other
@@ -1394,14 +1388,16 @@ static gboolean probe_again(gpointer transfer) {
     return G_SOURCE_REMOVE;
 }
 
-void orvex_transfer_may_be_cancelled(OrvexTransfer* t, guint request) {
+static void told_may_be_cancelled(OrvexPassenger* passenger, guint request) {
+    OrvexTransfer* t = (OrvexTransfer*)passenger;
     // A cancelled request stays until its exchange ends, and nothing is told then.
     if (t->request != 0 && request == t->request && !t->over) {
         probe_again(t);
     }
 }
 
-void orvex_transfer_cancelled(OrvexTransfer* t, guint request) {
+static void told_cancelled(OrvexPassenger* passenger, guint request) {
+    OrvexTransfer* t = (OrvexTransfer*)passenger;
     if (t->request != 0 && request == t->request) {
         fail(t, orvex_failure_new(ORVEX_ERROR_CANCELLED, 0, NULL));
     }
@@ -1421,7 +1417,7 @@ static void catch_up(OrvexTransfer* t) {
         wanted = wanted || early->request == t->request;
     }
     if (wanted) {
-        orvex_transfer_data_wanted(t, t->request);
+        told_data_wanted(&t->passenger, t->request);
     }
 }
 
@@ -1429,7 +1425,8 @@ static void created(OrvexTransfer* t, GVariant* reply, GError* error) {
     t->opening = FALSE;
     if (error == NULL) {
         g_variant_get(reply, "(u)", &t->request);
-        orvex_link_note_open(t->link, t, t->connection, t->request, FALSE);
+        orvex_remains_note_open(orvex_link_get_remains(t->link), t, t->connection, t->request,
+                                FALSE);
         pthread_mutex_lock(&t->lock);
         t->facts.connection = t->connection;
         t->facts.request = t->request;
@@ -1454,14 +1451,14 @@ static void connected(OrvexTransfer* t, GVariant* reply, GError* error) {
     if (error == NULL) {
         g_variant_get(reply, "(u)", &t->connection);
         t->owner = g_strdup(orvex_link_get_owner(t->link));
-        orvex_link_note_open(t->link, t, t->connection, 0, FALSE);
+        orvex_remains_note_open(orvex_link_get_remains(t->link), t, t->connection, 0, FALSE);
     }
-    orvex_link_end_connect(t->link);
+    orvex_remains_end_connect(orvex_link_get_remains(t->link));
     if (t->over) {
         close_connection(t);
         return;
     }
-    if (error != NULL && g_dbus_connection_is_closed(orvex_link_get_bus(t->link))) {
+    if (error != NULL && !orvex_link_is_connected(t->link)) {
         fail(t, orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL)); // nothing had begun
         return;
     }
@@ -1474,7 +1471,7 @@ static void connected(OrvexTransfer* t, GVariant* reply, GError* error) {
         return;
     }
     progressed(t);
-    orvex_link_add(t->link, t->connection, t);
+    orvex_passengers_add(orvex_link_get_passengers(t->link), t->connection, &t->passenger);
     t->opening = TRUE;
     call(t, ORVEX_INTERFACE, t->plan.attach ? "attach" : "prepare",
          g_variant_new("(uuu)", t->connection, (guint)t->plan.policy, t->plan.open_duration), "(u)",
@@ -1486,45 +1483,27 @@ static GVariant* text_bytes(const char* text) {
     return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text, strlen(text), 1);
 }
 
-static void start(gpointer transfer) {
+static void sit(gpointer transfer, OrvexLink* link) {
     OrvexTransfer* t = transfer;
-    GCancellable* cancellable = g_task_get_cancellable(t->opened);
-    if (cancellable != NULL) {
-        t->cancelled = g_cancellable_source_new(cancellable);
-        g_source_set_callback(t->cancelled, G_SOURCE_FUNC(on_cancelled), t, NULL);
-        g_source_attach(t->cancelled, orvex_worker_context());
-    }
-    if (g_dbus_connection_is_closed(orvex_link_get_bus(t->link))) {
-        fail(t, orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL));
-        return;
-    }
-    progressed(t);
-    if (t->plan.timeout != 0) {
-        watch_for_silence(t, (gint64)t->plan.timeout * G_USEC_PER_SEC);
-    }
-    read_ahead(t);
-    orvex_link_find_seat(t->home, t);
-}
-
-void orvex_transfer_sit(OrvexTransfer* t, OrvexLink* link) {
     if (t->over) {
         return;
     }
     OrvexLink* before = t->link;
-    t->link = orvex_link_ref(link);
+    t->link = orvex_counted_ref(link);
     orvex_link_enter(link);
     if (t->seated) {
-        orvex_link_leave(t->home, before, 0);
+        orvex_seats_leave(t->seats, before, 0);
     }
     t->seated = TRUE;
-    orvex_link_unref(before);
+    g_clear_pointer(&before, orvex_counted_unref);
 }
 
-void orvex_transfer_board(OrvexTransfer* t) {
+static void board(gpointer transfer) {
+    OrvexTransfer* t = transfer;
     if (t->over) {
         return;
     }
-    if (!orvex_link_begin_connect(t->link)) {
+    if (!orvex_remains_begin_connect(orvex_link_get_remains(t->link))) {
         abandon(t);
         return;
     }
@@ -1536,13 +1515,48 @@ void orvex_transfer_board(OrvexTransfer* t) {
          "(u)", CALL_TIMEOUT_MS, NULL, connected);
 }
 
-OrvexTransfer* orvex_transfer_new(OrvexLink* link, OrvexPlan* plan, OrvexRequest* request) {
+static const OrvexSeatsFunctions seats_functions = {.sit = sit, .board = board};
+
+static void start(gpointer transfer) {
+    OrvexTransfer* t = transfer;
+    GCancellable* cancellable = g_task_get_cancellable(t->opened);
+    if (cancellable != NULL) {
+        t->cancelled = g_cancellable_source_new(cancellable);
+        g_source_set_callback(t->cancelled, G_SOURCE_FUNC(on_cancelled), t, NULL);
+        g_source_attach(t->cancelled, orvex_worker_context());
+    }
+    if (!orvex_seats_are_connected(t->seats)) {
+        fail(t, orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL));
+        return;
+    }
+    progressed(t);
+    if (t->plan.timeout != 0) {
+        watch_for_silence(t, (gint64)t->plan.timeout * G_USEC_PER_SEC);
+    }
+    read_ahead(t);
+    orvex_seats_find(t->seats, &seats_functions, t);
+}
+
+static void told_daemon_gone(OrvexPassenger* passenger) {
+    lose_daemon((OrvexTransfer*)passenger);
+}
+
+static const OrvexPassengerFunctions passenger_functions = {
+    .data_wanted = told_data_wanted,
+    .failed = told_failed,
+    .exchange_failed = told_exchange_failed,
+    .may_be_cancelled = told_may_be_cancelled,
+    .cancelled = told_cancelled,
+    .daemon_gone = told_daemon_gone,
+};
+
+OrvexTransfer* orvex_transfer_new(OrvexSeats* seats, OrvexPlan* plan, OrvexRequest* request) {
     static atomic_uint_fast64_t runs = 0;
     OrvexTransfer* t = g_new0(OrvexTransfer, 1);
-    atomic_init(&t->refs, 1);
+    orvex_counted_init(t, transfer_free);
+    t->passenger.functions = &passenger_functions;
     t->run = atomic_fetch_add(&runs, 1) + 1;
-    t->home = orvex_link_ref(link);
-    t->link = orvex_link_ref(link);
+    t->seats = orvex_counted_ref(seats);
     t->plan = *plan;
     t->listener = listener_new(request);
     g_queue_init(&t->outgoing);
@@ -1560,5 +1574,5 @@ OrvexTransfer* orvex_transfer_new(OrvexLink* link, OrvexPlan* plan, OrvexRequest
 void orvex_transfer_start(OrvexTransfer* t, GTask* task) {
     t->opened = g_object_ref(task);
     post_event(t, FALSE, ORVEX_REQUEST_STATE_CONNECTING);
-    orvex_worker_post(start, orvex_transfer_ref(t), transfer_release);
+    orvex_worker_post(start, orvex_counted_ref(t), orvex_counted_unref);
 }

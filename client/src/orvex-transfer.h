@@ -1,7 +1,7 @@
 #pragma once
 
-#include "orvex-link.h"
 #include "orvex-request.h"
+#include "orvex-seats.h"
 
 #include <gio/gio.h>
 
@@ -35,14 +35,15 @@ typedef struct {
     GMainContext* events; ///< in which the request hears of its progress
 } OrvexPlan;
 
+/// An OrvexCounted.
+typedef struct OrvexTransfer OrvexTransfer;
+
 /// Nothing happens before it is started.
-OrvexTransfer* orvex_transfer_new(OrvexLink* link, OrvexPlan* plan, OrvexRequest* request);
+OrvexTransfer* orvex_transfer_new(OrvexSeats* seats, OrvexPlan* plan, OrvexRequest* request);
 /// The worker begins. The task returns a boolean when the first part of the answer has begun, or
 /// the answer's bytes if they are collected. Its cancellable ends the transfer at any time, also
 /// later.
 void orvex_transfer_start(OrvexTransfer* transfer, GTask* task);
-OrvexTransfer* orvex_transfer_ref(OrvexTransfer* transfer);
-void orvex_transfer_unref(OrvexTransfer* transfer);
 
 /// Nobody wants the answer any more. Any thread, at any time.
 void orvex_transfer_abandon(OrvexTransfer* transfer);
@@ -80,20 +81,3 @@ void orvex_transfer_get_facts(OrvexTransfer* transfer, OrvexTransferFacts* facts
 void orvex_transfer_take_progress(OrvexTransfer* transfer, guint64* sent, guint64* received);
 /// A number that no other transfer of the process has.
 guint64 orvex_transfer_get_run(OrvexTransfer* transfer);
-
-// -- what the link tells: the worker -------------------------------------------------------------
-
-/// This is the link to use. It may not be open yet.
-void orvex_transfer_sit(OrvexTransfer* transfer, OrvexLink* link);
-/// Its link is open.
-void orvex_transfer_board(OrvexTransfer* transfer);
-void orvex_transfer_data_wanted(OrvexTransfer* transfer, guint request);
-/// @return whether it is this request that has failed, or may be
-gboolean orvex_transfer_failed(OrvexTransfer* transfer, guint request, guint code,
-                               const char* message);
-/// An exchange has failed, and its failure does not name this request.
-void orvex_transfer_exchange_failed(OrvexTransfer* transfer, guint code, const char* message);
-/// Somebody who has left the bus has cancelled it: the daemon has obeyed him, or it has not.
-void orvex_transfer_may_be_cancelled(OrvexTransfer* transfer, guint request);
-void orvex_transfer_cancelled(OrvexTransfer* transfer, guint request);
-void orvex_transfer_daemon_gone(OrvexTransfer* transfer);
