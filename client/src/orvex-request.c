@@ -144,7 +144,6 @@ static OrvexPlan make_plan(OrvexRequest* self) {
         .open_duration = self->open_duration,
         .attach = self->attach,
         .chunk_size = self->chunk_size,
-        .piece_size = self->piece_size,
         .timeout = self->timeout,
         .answer_limit = self->answer_limit,
     };
@@ -186,11 +185,14 @@ void orvex_request_send(OrvexRequest* self, OrvexSeats* seats, GBytes* bytes, GI
                         int io_priority, gboolean blocking, GTask* task) {
     OrvexPlan plan = make_plan(self);
     plan.collect = bytes != NULL;
-    plan.bytes = bytes != NULL ? g_bytes_ref(bytes) : NULL;
-    plan.stream = stream != NULL ? g_object_ref(stream) : NULL;
     plan.events = g_main_context_ref_thread_default();
-    plan.question_context = g_main_context_ref(blocking ? orvex_worker_context() : plan.events);
-    plan.io_priority = io_priority;
+    plan.question = (OrvexQuestionSource){
+        .bytes = bytes != NULL ? g_bytes_ref(bytes) : NULL,
+        .stream = stream != NULL ? g_object_ref(stream) : NULL,
+        .context = g_main_context_ref(blocking ? orvex_worker_context() : plan.events),
+        .io_priority = io_priority,
+        .piece_size = self->piece_size,
+    };
     OrvexTransfer* transfer = orvex_transfer_new(seats, &plan, self);
     Sent* sent = g_new(Sent, 1);
     *sent = (Sent){g_object_ref(self), orvex_counted_ref(transfer)};

@@ -8,14 +8,11 @@
 #include "orvex-worker.h"
 
 #include <stdatomic.h>
-#include <stdint.h>
 #include <string.h>
 
 enum {
-    READ_AHEAD = 256 * 1024, ///< bytes of the question that are read before they are wanted
-    PIECES_AHEAD = 16,       ///< however small they are
-    CHUNKS_HELD = 2,         ///< of the answer, for a reader
-    PROGRESS_MS = 20,        ///< between two events: each wakes a thread
+    CHUNKS_HELD = 2,  ///< of the answer, for a reader
+    PROGRESS_MS = 20, ///< between two events: each wakes a thread
     CALL_TIMEOUT_MS = 60 * 1000,
     LAST_CALL_MS = 2000,      ///< the daemon answers at once unless it hangs
     REASON_MS = 2000,         ///< a failing exchange drops its requests before it says why
@@ -64,8 +61,6 @@ typedef struct {
 } Early;
 
 typedef struct Listener Listener;
-typedef struct Piece Piece;
-typedef struct Rooms Rooms;
 
 struct OrvexTransfer {
     OrvexPassenger passenger;
@@ -85,12 +80,7 @@ struct OrvexTransfer {
     gboolean sending;  ///< sendData is under way
     gboolean seated;   ///< it counts for the link
     guint calls;       ///< that are under way
-    Piece* reading;    ///< for which the question's stream is being read, or NULL
-    Rooms* rooms;      ///< for its pieces, as long as there are any
-    GQueue outgoing;   ///< of GBytes: what was read and is not sent
-    gsize outgoing_bytes;
-    gsize offset; ///< in plan.bytes, where the next piece begins
-    gboolean question_ended;
+    OrvexQuestion* question;
     gboolean last_piece; ///< the piece under way is the last one
     gsize piece_size;
     Upload upload;
@@ -106,8 +96,7 @@ struct OrvexTransfer {
     gboolean over;     ///< answered, failed or given up: only the clean-up is left
     gboolean closed;   ///< the end may be told
     gboolean told;
-    GCancellable* stop;        ///< ends the calls that may last
-    GCancellable* stop_source; ///< ends the reading of the question
+    GCancellable* stop; ///< ends the calls that may last
     GSource* cancelled;
     GSource* silence;
     GSource* explain;
@@ -133,74 +122,6 @@ struct OrvexTransfer {
     OrvexTransferFacts facts;
     gboolean progress_posted;
 };
-
-// -- memory for the question ----------------------------------------------------------------------
-
-/// Memory for the pieces of a question: one is sent while the next one is read. From the heap, each
-/// piece would leave holes in which the next one does not fit.
-struct Rooms {
-    atomic_int refs; ///< the transfer's, and one for each room in use
-    atomic_uintptr_t spare[2];
-    gsize size; ///< of each
-};
-
-typedef struct {
-    Rooms* owner;
-    guint8 bytes[];
-} Room;
-
-static Rooms* rooms_new(gsize size) {
-    Rooms* rooms = g_new0(Rooms, 1);
-    atomic_init(&rooms->refs, 1);
-    rooms->size = size;
-    return rooms;
-}
-
-static void rooms_unref(Rooms* rooms) {
-    if (atomic_fetch_sub(&rooms->refs, 1) != 1) {
-        return;
-    }
-    for (guint index = 0; index < G_N_ELEMENTS(rooms->spare); ++index) {
-        g_free((gpointer)atomic_load(&rooms->spare[index]));
-    }
-    g_free(rooms);
-}
-
-/// The worker.
-static Room* rooms_take(Rooms* rooms) {
-    uintptr_t room = 0;
-    for (guint index = 0; index < G_N_ELEMENTS(rooms->spare) && room == 0; ++index) {
-        room = atomic_exchange(&rooms->spare[index], 0);
-    }
-    Room* taken = room != 0 ? (Room*)room : g_malloc(sizeof(Room) + rooms->size);
-    taken->owner = rooms;
-    atomic_fetch_add(&rooms->refs, 1);
-    return taken;
-}
-
-/// Any thread.
-static void room_release(gpointer data) {
-    Room* room = data;
-    Rooms* rooms = room->owner;
-    for (guint index = 0; index < G_N_ELEMENTS(rooms->spare) && room != NULL; ++index) {
-        uintptr_t none = 0;
-        if (atomic_compare_exchange_strong(&rooms->spare[index], &none, (uintptr_t)room)) {
-            room = NULL;
-        }
-    }
-    g_free(room);
-    rooms_unref(rooms);
-}
-
-/// Takes the room. A source that gives little at once does not hold much memory for it.
-static GBytes* room_to_bytes(Room* room, gsize size) {
-    if (size >= room->owner->size / 2) {
-        return g_bytes_new_with_free_func(room->bytes, size, room_release, room);
-    }
-    GBytes* bytes = g_bytes_new(room->bytes, size);
-    room_release(room);
-    return bytes;
-}
 
 // -- life ----------------------------------------------------------------------------------------
 
@@ -248,9 +169,6 @@ static void plan_clear(OrvexPlan* plan) {
     g_free(plan->version);
     g_free(plan->encoding);
     g_free(plan->content_type);
-    g_clear_pointer(&plan->bytes, g_bytes_unref);
-    g_clear_object(&plan->stream);
-    g_clear_pointer(&plan->question_context, g_main_context_unref);
     g_clear_pointer(&plan->events, g_main_context_unref);
 }
 
@@ -260,15 +178,13 @@ static void transfer_free(gpointer data) {
     listener_unref(t->listener);
     g_free(t->owner);
     g_list_free_full(t->early, early_free);
-    g_queue_clear_full(&t->outgoing, (GDestroyNotify)g_bytes_unref);
-    g_clear_pointer(&t->rooms, rooms_unref);
+    orvex_question_free(t->question);
     g_queue_clear_full(&t->answer, chunk_free);
     g_clear_pointer(&t->whole, g_byte_array_unref);
     g_clear_error(&t->refusal);
     g_clear_error(&t->failure);
     g_clear_error(&t->error);
     g_object_unref(t->stop);
-    g_object_unref(t->stop_source);
     g_free(t->facts.error_detail);
     pthread_cond_destroy(&t->changed);
     pthread_mutex_destroy(&t->lock);
@@ -701,8 +617,6 @@ static void call(OrvexTransfer* t, const char* interface, const char* member, GV
 
 // -- the end -------------------------------------------------------------------------------------
 
-static void stop_reading(OrvexTransfer* t);
-
 static void tell_end(OrvexTransfer* t) {
     if (t->told) {
         return;
@@ -736,7 +650,7 @@ static void tell_end(OrvexTransfer* t) {
 /// Tells the end, unless the question's stream is still in use: its owner may send it again.
 static void tell_end_when_read(OrvexTransfer* t) {
     t->closed = TRUE;
-    if (t->reading == NULL) {
+    if (!orvex_question_is_reading(t->question)) {
         tell_end(t);
     }
 }
@@ -789,20 +703,6 @@ static guint calls_to_be_lost(OrvexTransfer* t) {
     return t->sending ? fetches + 1 : fetches;
 }
 
-static void nothing_to_do(gpointer data) {
-    (void)data;
-}
-
-/// The question's stream is freed in the context in which it is used, or with it.
-static void drop_stream(OrvexTransfer* t) {
-    if (t->plan.stream != NULL) {
-        orvex_post(t->plan.question_context, G_PRIORITY_DEFAULT, nothing_to_do,
-                   g_steal_pointer(&t->plan.stream), g_object_unref);
-    }
-    g_clear_pointer(&t->plan.question_context, g_main_context_unref);
-    g_clear_pointer(&t->rooms, rooms_unref);
-}
-
 static void end(OrvexTransfer* t) {
     t->over = TRUE;
     orvex_source_clear(&t->cancelled);
@@ -819,10 +719,7 @@ static void end(OrvexTransfer* t) {
         orvex_seats_leave(t->seats, t->link, t->owner != NULL ? calls_to_be_lost(t) : 0);
     }
     g_cancellable_cancel(t->stop);
-    stop_reading(t);
-    if (t->reading == NULL) {
-        drop_stream(t);
-    }
+    orvex_question_stop(t->question);
 }
 
 /// Takes the error. The first end counts.
@@ -977,145 +874,19 @@ static void watch_for_silence(OrvexTransfer* t, gint64 microseconds) {
 
 // -- the question --------------------------------------------------------------------------------
 
-static void pump(OrvexTransfer* t);
-static void read_ahead(OrvexTransfer* t);
-
-struct Piece {
-    atomic_int refs;
-    atomic_bool claimed; ///< by the reading, or by the end that comes before
-    GSource* source;     ///< that begins to read
-    OrvexTransfer* transfer;
-    GInputStream* stream; ///< the transfer's
-    GCancellable* cancellable;
-    int io_priority;
-    Room* room;
-    gsize size; ///< of the room; then what was read
-    GError* error;
-};
-
-static Piece* piece_ref(Piece* piece) {
-    atomic_fetch_add(&piece->refs, 1);
-    return piece;
-}
-
-static void piece_unref(gpointer data) {
-    Piece* piece = data;
-    if (atomic_fetch_sub(&piece->refs, 1) != 1) {
-        return;
-    }
-    g_clear_pointer(&piece->room, room_release);
-    g_clear_error(&piece->error);
-    g_clear_pointer(&piece->source, g_source_unref);
-    g_object_unref(piece->cancellable);
-    orvex_counted_unref(piece->transfer);
-    g_free(piece);
-}
+static void pump(gpointer transfer);
 
 /// The stream is free again.
-static void reading_ended(OrvexTransfer* t) {
-    g_clear_pointer(&t->reading, piece_unref);
-    if (t->over) {
-        drop_stream(t);
-    }
+static void stream_is_free(gpointer transfer) {
+    OrvexTransfer* t = transfer;
     if (t->closed) {
         tell_end(t);
         let_go(t);
     }
 }
 
-/// A reading that has not begun never will: its context may not run any more. One that has begun
-/// comes to its end.
-static void stop_reading(OrvexTransfer* t) {
-    g_cancellable_cancel(t->stop_source);
-    if (t->reading != NULL && !atomic_exchange(&t->reading->claimed, TRUE)) {
-        g_source_destroy(t->reading->source);
-        g_clear_pointer(&t->reading, piece_unref);
-    }
-}
-
-static void piece_read(gpointer data) {
-    Piece* piece = data;
-    OrvexTransfer* t = piece->transfer;
-    reading_ended(t);
-    if (t->over) {
-        return;
-    }
-    if (piece->error != NULL) {
-        fail(t, g_steal_pointer(&piece->error));
-        return;
-    }
-    if (piece->size == 0) {
-        t->question_ended = TRUE;
-        g_clear_pointer(&t->rooms, rooms_unref);
-    } else {
-        t->outgoing_bytes += piece->size;
-        g_queue_push_tail(&t->outgoing, room_to_bytes(g_steal_pointer(&piece->room), piece->size));
-        read_ahead(t);
-    }
-    pump(t);
-}
-
-/// In the context of the stream.
-static void stream_was_read(GObject* stream, GAsyncResult* result, gpointer data) {
-    Piece* piece = data;
-    const gssize size = g_input_stream_read_finish(G_INPUT_STREAM(stream), result, &piece->error);
-    piece->size = (gsize)MAX(size, 0);
-    orvex_worker_post(piece_read, piece, piece_unref);
-}
-
-/// In the context of the stream: only there it may be read.
-static void read_stream(gpointer data) {
-    Piece* piece = data;
-    if (atomic_exchange(&piece->claimed, TRUE)) {
-        return;
-    }
-    GMainContext* context = g_source_get_context(g_main_current_source());
-    g_main_context_push_thread_default(context);
-    g_input_stream_read_async(piece->stream, piece->room->bytes, piece->size, piece->io_priority,
-                              piece->cancellable, stream_was_read, piece_ref(piece));
-    g_main_context_pop_thread_default(context);
-}
-
-/// Reads on before anything is wanted, so that a source that needs its time does not keep the
-/// daemon waiting.
-static void read_ahead(OrvexTransfer* t) {
-    const gsize room = READ_AHEAD - MIN(READ_AHEAD, t->outgoing_bytes);
-    const gboolean full =
-        t->outgoing.length >= PIECES_AHEAD || (t->outgoing.length > 0 && room < t->plan.piece_size);
-    if (t->plan.stream == NULL || t->reading != NULL || t->question_ended || full) {
-        return;
-    }
-    Piece* piece = g_new0(Piece, 1);
-    atomic_init(&piece->refs, 2); // this side's, and that of the context's
-    piece->transfer = orvex_counted_ref(t);
-    piece->stream = t->plan.stream;
-    piece->cancellable = g_object_ref(t->stop_source);
-    piece->io_priority = t->plan.io_priority;
-    piece->room = rooms_take(t->rooms);
-    piece->size = t->plan.piece_size;
-    t->reading = piece;
-    piece->source = orvex_prepare_post(t->plan.io_priority, read_stream, piece, piece_unref);
-    g_source_attach(piece->source, t->plan.question_context);
-}
-
-/// The next piece of a question that is there as a whole.
-static GBytes* cut_piece(OrvexTransfer* t) {
-    const gsize left = g_bytes_get_size(t->plan.bytes) - t->offset;
-    const gsize size = MIN(left, t->plan.piece_size);
-    GBytes* piece = g_bytes_new_from_bytes(t->plan.bytes, t->offset, size);
-    t->offset += size;
-    t->question_ended = t->offset == g_bytes_get_size(t->plan.bytes);
-    return piece;
-}
-
-/// @return NULL when nothing is there yet
-static GBytes* take_piece(OrvexTransfer* t) {
-    if (t->plan.bytes != NULL) {
-        return cut_piece(t);
-    }
-    GBytes* piece = g_queue_pop_head(&t->outgoing);
-    t->outgoing_bytes -= piece != NULL ? g_bytes_get_size(piece) : 0;
-    return piece == NULL && t->question_ended ? g_bytes_new_static(NULL, 0) : piece;
+static void stream_failed(gpointer transfer, GError* error) {
+    fail(transfer, error);
 }
 
 static void piece_sent(OrvexTransfer* t, GVariant* reply, GError* error) {
@@ -1150,23 +921,28 @@ static void piece_sent(OrvexTransfer* t, GVariant* reply, GError* error) {
 
 /// Sends the next piece, if it is there and wanted. One is under way at a time: the daemon holds
 /// the reply back while the server is slower.
-static void pump(OrvexTransfer* t) {
+static void pump(gpointer transfer) {
+    OrvexTransfer* t = transfer;
     if (t->over || t->refusal != NULL || t->sending || t->upload != UPLOAD_RUNNING) {
         return;
     }
-    g_autoptr(GBytes) piece = take_piece(t);
+    g_autoptr(GBytes) piece = orvex_question_take_piece(t->question, &t->last_piece);
     if (piece == NULL) {
         return;
     }
-    read_ahead(t);
     t->sending = TRUE;
     t->piece_size = g_bytes_get_size(piece);
-    t->last_piece = t->question_ended && t->outgoing.length == 0;
     GVariant* bytes = g_variant_new_from_bytes(G_VARIANT_TYPE_BYTESTRING, piece, TRUE);
     call(t, ORVEX_INTERFACE, "sendData",
          g_variant_new("(@aybuu)", bytes, t->last_piece, t->connection, t->request), "(i)",
          CALL_TIMEOUT_MS, NULL, piece_sent);
 }
+
+static const OrvexQuestionFunctions question_functions = {
+    .has_piece = pump,
+    .failed = stream_failed,
+    .is_free = stream_is_free,
+};
 
 static void told_data_wanted(OrvexPassenger* passenger, guint request) {
     OrvexTransfer* t = (OrvexTransfer*)passenger;
@@ -1533,7 +1309,7 @@ static void start(gpointer transfer) {
     if (t->plan.timeout != 0) {
         watch_for_silence(t, (gint64)t->plan.timeout * G_USEC_PER_SEC);
     }
-    read_ahead(t);
+    orvex_question_read_ahead(t->question);
     orvex_seats_find(t->seats, &seats_functions, t);
 }
 
@@ -1559,11 +1335,9 @@ OrvexTransfer* orvex_transfer_new(OrvexSeats* seats, OrvexPlan* plan, OrvexReque
     t->seats = orvex_counted_ref(seats);
     t->plan = *plan;
     t->listener = listener_new(request);
-    g_queue_init(&t->outgoing);
+    t->question = orvex_question_new(&plan->question, &question_functions, t);
     g_queue_init(&t->answer);
     t->stop = g_cancellable_new();
-    t->stop_source = g_cancellable_new();
-    t->rooms = plan->stream != NULL ? rooms_new(plan->piece_size) : NULL;
     t->whole = plan->collect ? g_byte_array_new() : NULL;
     pthread_mutex_init(&t->lock, NULL);
     pthread_cond_init(&t->changed, NULL);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "orvex-question.h"
 #include "orvex-request.h"
 #include "orvex-seats.h"
 
@@ -23,15 +24,11 @@ typedef struct {
     guint open_duration;
     gboolean attach;
     guint chunk_size;
-    gsize piece_size;     ///< of the question, largest
     guint timeout;        ///< seconds without progress; 0: no limit
     guint64 answer_limit; ///< bytes, of a collected answer; 0: no limit
 
-    gboolean collect;               ///< the task returns the whole answer
-    GBytes* bytes;                  ///< the question, or
-    GInputStream* stream;           ///< where it comes from
-    GMainContext* question_context; ///< in which the stream is read
-    int io_priority;
+    gboolean collect; ///< the task returns the whole answer
+    OrvexQuestionSource question;
     GMainContext* events; ///< in which the request hears of its progress
 } OrvexPlan;
 
