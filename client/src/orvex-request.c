@@ -94,11 +94,11 @@ static OrvexTransfer* ref_transfer(OrvexRequest* self) {
     return transfer;
 }
 
-static OrvexTransferFacts get_facts(OrvexRequest* self) {
-    OrvexTransferFacts facts = {.state = ORVEX_REQUEST_STATE_IDLE, .is_over = TRUE};
+static OrvexFacts get_facts(OrvexRequest* self) {
+    OrvexFacts facts = {.state = ORVEX_REQUEST_STATE_IDLE, .is_over = TRUE};
     OrvexTransfer* transfer = ref_transfer(self);
     if (transfer != NULL) {
-        orvex_transfer_get_facts(transfer, &facts);
+        orvex_progress_get_facts(orvex_transfer_get_progress(transfer), &facts);
         orvex_counted_unref(transfer);
     }
     return facts;
@@ -108,27 +108,30 @@ static OrvexTransferFacts get_facts(OrvexRequest* self) {
 static gboolean is_current(OrvexRequest* self, guint64 run) {
     pthread_mutex_lock(&self->lock);
     const gboolean current =
-        self->transfer != NULL && orvex_transfer_get_run(self->transfer) == run;
+        self->transfer != NULL &&
+        orvex_progress_get_run(orvex_transfer_get_progress(self->transfer)) == run;
     pthread_mutex_unlock(&self->lock);
     return current;
 }
 
-void orvex_request_tell_state(OrvexRequest* self, guint64 run, OrvexRequestState state) {
+static void tell_state(GObject* object, guint64 run, OrvexRequestState state) {
+    OrvexRequest* self = ORVEX_REQUEST(object);
     if (!is_current(self, run)) {
         return;
     }
-    g_object_notify_by_pspec(G_OBJECT(self), properties[PROP_STATE]);
+    g_object_notify_by_pspec(object, properties[PROP_STATE]);
     g_signal_emit(self, signals[SIGNAL_STATE_CHANGED], 0, state);
 }
 
-void orvex_request_tell_progress(OrvexRequest* self, guint64 run) {
+static void tell_progress(GObject* object, guint64 run) {
+    OrvexRequest* self = ORVEX_REQUEST(object);
     if (!is_current(self, run)) {
         return;
     }
     guint64 sent = 0;
     guint64 received = 0;
     OrvexTransfer* transfer = ref_transfer(self);
-    orvex_transfer_take_progress(transfer, &sent, &received);
+    orvex_progress_take_moves(orvex_transfer_get_progress(transfer), &sent, &received);
     orvex_counted_unref(transfer);
     g_signal_emit(self, signals[SIGNAL_PROGRESS], 0, sent, received);
 }
@@ -151,11 +154,11 @@ static OrvexPlan make_plan(OrvexRequest* self) {
 
 /// Makes this the last transfer, unless the one before is on its way. Takes the transfer.
 static gboolean put_transfer(OrvexRequest* self, OrvexTransfer* transfer) {
-    OrvexTransferFacts facts = {.is_over = TRUE};
+    OrvexFacts facts = {.is_over = TRUE};
     pthread_mutex_lock(&self->lock);
     OrvexTransfer* other = self->transfer;
     if (other != NULL) {
-        orvex_transfer_get_facts(other, &facts);
+        orvex_progress_get_facts(orvex_transfer_get_progress(other), &facts);
         g_free(facts.error_detail);
     }
     if (facts.is_over) {
@@ -185,15 +188,16 @@ void orvex_request_send(OrvexRequest* self, OrvexSeats* seats, GBytes* bytes, GI
                         int io_priority, gboolean blocking, GTask* task) {
     OrvexPlan plan = make_plan(self);
     plan.collect = bytes != NULL;
-    plan.events = g_main_context_ref_thread_default();
+    GMainContext* context = g_main_context_ref_thread_default();
+    plan.listener = (OrvexListener){G_OBJECT(self), tell_state, tell_progress, context};
     plan.question = (OrvexQuestionSource){
         .bytes = bytes != NULL ? g_bytes_ref(bytes) : NULL,
         .stream = stream != NULL ? g_object_ref(stream) : NULL,
-        .context = g_main_context_ref(blocking ? orvex_worker_context() : plan.events),
+        .context = g_main_context_ref(blocking ? orvex_worker_context() : context),
         .io_priority = io_priority,
         .piece_size = self->piece_size,
     };
-    OrvexTransfer* transfer = orvex_transfer_new(seats, &plan, self);
+    OrvexTransfer* transfer = orvex_transfer_new(seats, &plan);
     Sent* sent = g_new(Sent, 1);
     *sent = (Sent){g_object_ref(self), orvex_counted_ref(transfer)};
     g_task_set_task_data(task, sent, sent_free);
@@ -542,7 +546,7 @@ ACCESSORS(answer_limit, ANSWER_LIMIT, guint64)
  */
 OrvexRequestState orvex_request_get_state(OrvexRequest* request) {
     g_return_val_if_fail(ORVEX_IS_REQUEST(request), ORVEX_REQUEST_STATE_IDLE);
-    OrvexTransferFacts facts = get_facts(request);
+    OrvexFacts facts = get_facts(request);
     g_free(facts.error_detail);
     return facts.state;
 }
@@ -557,7 +561,7 @@ OrvexRequestState orvex_request_get_state(OrvexRequest* request) {
  */
 guint64 orvex_request_get_bytes_sent(OrvexRequest* request) {
     g_return_val_if_fail(ORVEX_IS_REQUEST(request), 0);
-    OrvexTransferFacts facts = get_facts(request);
+    OrvexFacts facts = get_facts(request);
     g_free(facts.error_detail);
     return facts.sent;
 }
@@ -572,7 +576,7 @@ guint64 orvex_request_get_bytes_sent(OrvexRequest* request) {
  */
 guint64 orvex_request_get_bytes_received(OrvexRequest* request) {
     g_return_val_if_fail(ORVEX_IS_REQUEST(request), 0);
-    OrvexTransferFacts facts = get_facts(request);
+    OrvexFacts facts = get_facts(request);
     g_free(facts.error_detail);
     return facts.received;
 }
@@ -589,7 +593,7 @@ guint64 orvex_request_get_bytes_received(OrvexRequest* request) {
  */
 char* orvex_request_dup_key(OrvexRequest* request) {
     g_return_val_if_fail(ORVEX_IS_REQUEST(request), NULL);
-    OrvexTransferFacts facts = get_facts(request);
+    OrvexFacts facts = get_facts(request);
     g_free(facts.error_detail);
     return facts.request == 0 ? NULL : g_strdup_printf("%u:%u", facts.connection, facts.request);
 }
@@ -605,7 +609,7 @@ char* orvex_request_dup_key(OrvexRequest* request) {
  */
 guint orvex_request_get_error_code(OrvexRequest* request) {
     g_return_val_if_fail(ORVEX_IS_REQUEST(request), 0);
-    OrvexTransferFacts facts = get_facts(request);
+    OrvexFacts facts = get_facts(request);
     g_free(facts.error_detail);
     return facts.error_code;
 }
@@ -621,7 +625,7 @@ guint orvex_request_get_error_code(OrvexRequest* request) {
  */
 char* orvex_request_dup_error_detail(OrvexRequest* request) {
     g_return_val_if_fail(ORVEX_IS_REQUEST(request), NULL);
-    OrvexTransferFacts facts = get_facts(request);
+    OrvexFacts facts = get_facts(request);
     return facts.error_detail;
 }
 

@@ -3,7 +3,6 @@
 #include "orvex-calls.h"
 #include "orvex-failure.h"
 #include "orvex-names.h"
-#include "orvex-request-private.h"
 #include "orvex-sync.h"
 #include "orvex-worker.h"
 
@@ -11,8 +10,7 @@
 #include <string.h>
 
 enum {
-    CHUNKS_HELD = 2,  ///< of the answer, for a reader
-    PROGRESS_MS = 20, ///< between two events: each wakes a thread
+    CHUNKS_HELD = 2, ///< of the answer, for a reader
     CALL_TIMEOUT_MS = 60 * 1000,
     LAST_CALL_MS = 2000,      ///< the daemon answers at once unless it hangs
     REASON_MS = 2000,         ///< a failing exchange drops its requests before it says why
@@ -60,15 +58,12 @@ typedef struct {
     GError* error; ///< NULL: its data is wanted
 } Early;
 
-typedef struct Listener Listener;
-
 struct OrvexTransfer {
     OrvexPassenger passenger;
     OrvexSeats* seats; ///< the client's; NULL when everything is over
     OrvexLink* link;   ///< on which it sits; likewise
     OrvexPlan plan;
-    Listener* listener;
-    guint64 run;
+    OrvexProgress* progress;
 
     // The worker's own.
     char* owner; ///< the daemon, by its unique name: numbers mean nothing to another one
@@ -103,9 +98,7 @@ struct OrvexTransfer {
     GSource* doubt; ///< somebody may have cancelled it
     GSource* settling;
     GSource* last_call;
-    GSource* telling; ///< progress, when it fires
-    gboolean untold;  ///< bytes have moved since it was told
-    gint64 progress;  ///< when something went on
+    gint64 progressed; ///< when something went on
 
     // Guarded by the lock. Another thread waits for a change of it.
     pthread_mutex_t lock;
@@ -119,8 +112,6 @@ struct OrvexTransfer {
     GTask* opened;     ///< waits for the first chunk, or for the whole answer
     Parked* reader;
     Parked* next;
-    OrvexTransferFacts facts;
-    gboolean progress_posted;
 };
 
 // -- life ----------------------------------------------------------------------------------------
@@ -137,45 +128,18 @@ static void early_free(gpointer data) {
     g_free(early);
 }
 
-/// Where the request object is. The worker holds no reference to it, not for a moment: it would
-/// have to free it if its user dropped his meanwhile.
-struct Listener {
-    atomic_int refs;
-    GWeakRef request;
-};
-
-static Listener* listener_new(OrvexRequest* request) {
-    Listener* listener = g_new(Listener, 1);
-    atomic_init(&listener->refs, 1);
-    g_weak_ref_init(&listener->request, request);
-    return listener;
-}
-
-static Listener* listener_ref(Listener* listener) {
-    atomic_fetch_add(&listener->refs, 1);
-    return listener;
-}
-
-static void listener_unref(Listener* listener) {
-    if (atomic_fetch_sub(&listener->refs, 1) == 1) {
-        g_weak_ref_clear(&listener->request);
-        g_free(listener);
-    }
-}
-
 static void plan_clear(OrvexPlan* plan) {
     g_free(plan->element);
     g_free(plan->type);
     g_free(plan->version);
     g_free(plan->encoding);
     g_free(plan->content_type);
-    g_clear_pointer(&plan->events, g_main_context_unref);
 }
 
 static void transfer_free(gpointer data) {
     OrvexTransfer* t = data;
     plan_clear(&t->plan);
-    listener_unref(t->listener);
+    orvex_progress_free(t->progress);
     g_free(t->owner);
     g_list_free_full(t->early, early_free);
     orvex_question_free(t->question);
@@ -185,122 +149,11 @@ static void transfer_free(gpointer data) {
     g_clear_error(&t->failure);
     g_clear_error(&t->error);
     g_object_unref(t->stop);
-    g_free(t->facts.error_detail);
     pthread_cond_destroy(&t->changed);
     pthread_mutex_destroy(&t->lock);
     g_clear_pointer(&t->link, orvex_counted_unref);
     g_clear_pointer(&t->seats, orvex_counted_unref);
     g_free(t);
-}
-
-// -- what the request object hears ---------------------------------------------------------------
-
-/// On its way into the context of the request's user. It keeps neither request nor transfer alive:
-/// that context may never run again.
-typedef struct {
-    Listener* listener;
-    guint64 run; ///< which of the request's transfers it is about
-    OrvexRequestState state;
-    gboolean is_progress;
-} Event;
-
-static void event_tell(gpointer data) {
-    Event* event = data;
-    g_autoptr(OrvexRequest) request = g_weak_ref_get(&event->listener->request);
-    if (request == NULL) {
-        return;
-    }
-    if (event->is_progress) {
-        orvex_request_tell_progress(request, event->run);
-    } else {
-        orvex_request_tell_state(request, event->run, event->state);
-    }
-}
-
-static void event_free(gpointer data) {
-    Event* event = data;
-    listener_unref(event->listener);
-    g_free(event);
-}
-
-static void post_event(OrvexTransfer* t, gboolean is_progress, OrvexRequestState state) {
-    if (t->plan.events == NULL) { // the end was told
-        return;
-    }
-    Event* event = g_new0(Event, 1);
-    event->listener = listener_ref(t->listener);
-    event->run = t->run;
-    event->state = state;
-    event->is_progress = is_progress;
-    orvex_post(t->plan.events, G_PRIORITY_DEFAULT, event_tell, event, event_free);
-}
-
-static void tell_progress(OrvexTransfer* t) {
-    pthread_mutex_lock(&t->lock);
-    const gboolean post = !t->progress_posted;
-    t->progress_posted = TRUE;
-    pthread_mutex_unlock(&t->lock);
-    t->untold = FALSE;
-    if (post) { // else the one that is on its way brings the new numbers
-        post_event(t, TRUE, ORVEX_REQUEST_STATE_IDLE);
-    }
-}
-
-static void set_state(OrvexTransfer* t, OrvexRequestState state) {
-    if (t->untold) {
-        tell_progress(t);
-    }
-    pthread_mutex_lock(&t->lock);
-    const gboolean changed = t->facts.state != state;
-    t->facts.state = state;
-    pthread_mutex_unlock(&t->lock);
-    if (changed) {
-        post_event(t, FALSE, state);
-    }
-}
-
-static gboolean tell_progress_again(gpointer transfer) {
-    OrvexTransfer* t = transfer;
-    orvex_source_clear(&t->telling);
-    if (t->untold) {
-        tell_progress(t);
-        t->telling = orvex_worker_timer(PROGRESS_MS, tell_progress_again, t);
-    }
-    return G_SOURCE_REMOVE;
-}
-
-/// Bytes have moved.
-static void count(OrvexTransfer* t, gsize sent, gsize received) {
-    pthread_mutex_lock(&t->lock);
-    t->facts.sent += sent;
-    t->facts.received += received;
-    pthread_mutex_unlock(&t->lock);
-    t->untold = TRUE;
-    if (t->telling == NULL) {
-        tell_progress(t);
-    }
-    if (t->telling == NULL && !t->over) {
-        t->telling = orvex_worker_timer(PROGRESS_MS, tell_progress_again, t);
-    }
-}
-
-void orvex_transfer_get_facts(OrvexTransfer* t, OrvexTransferFacts* facts) {
-    pthread_mutex_lock(&t->lock);
-    *facts = t->facts;
-    facts->error_detail = g_strdup(t->facts.error_detail);
-    pthread_mutex_unlock(&t->lock);
-}
-
-void orvex_transfer_take_progress(OrvexTransfer* t, guint64* sent, guint64* received) {
-    pthread_mutex_lock(&t->lock);
-    t->progress_posted = FALSE;
-    *sent = t->facts.sent;
-    *received = t->facts.received;
-    pthread_mutex_unlock(&t->lock);
-}
-
-guint64 orvex_transfer_get_run(OrvexTransfer* t) {
-    return t->run;
 }
 
 // -- the reader's side ---------------------------------------------------------------------------
@@ -623,11 +476,9 @@ static void tell_end(OrvexTransfer* t) {
     }
     t->told = TRUE;
     orvex_source_clear(&t->last_call);
+    orvex_progress_end(t->progress, t->failure);
     pthread_mutex_lock(&t->lock);
-    t->facts.is_over = TRUE;
     if (t->failure != NULL) {
-        t->facts.error_code = orvex_error_get_code(t->failure);
-        t->facts.error_detail = g_strdup(orvex_error_get_detail(t->failure));
         if (g_error_matches(t->failure, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
             g_queue_clear_full(&t->answer, chunk_free); // nobody wants it
         }
@@ -643,7 +494,6 @@ static void tell_end(OrvexTransfer* t) {
         t->complete = TRUE;
     }
     pthread_mutex_unlock(&t->lock);
-    g_clear_pointer(&t->plan.events, g_main_context_unref); // it may keep what waits there
     wake(t);
 }
 
@@ -709,7 +559,7 @@ static void end(OrvexTransfer* t) {
     orvex_source_clear(&t->silence);
     orvex_source_clear(&t->explain);
     orvex_source_clear(&t->settling);
-    orvex_source_clear(&t->telling);
+    orvex_progress_stop(t->progress);
     orvex_source_clear(&t->doubt);
     if (t->connection != 0) {
         orvex_passengers_remove(orvex_link_get_passengers(t->link), t->connection, &t->passenger);
@@ -731,7 +581,7 @@ static void fail(OrvexTransfer* t, GError* error) {
     orvex_counted_ref(t);
     t->failure = error;
     end(t);
-    set_state(t, ORVEX_REQUEST_STATE_FAILED);
+    orvex_progress_set_state(t->progress, ORVEX_REQUEST_STATE_FAILED);
     t->last_call = orvex_worker_timer(LAST_CALL_MS, out_of_patience, t);
     close_connection(t);
     let_go(t);
@@ -741,7 +591,7 @@ static void fail(OrvexTransfer* t, GError* error) {
 static void succeed(OrvexTransfer* t) {
     orvex_counted_ref(t);
     end(t);
-    set_state(t, ORVEX_REQUEST_STATE_ANSWERED);
+    orvex_progress_set_state(t->progress, ORVEX_REQUEST_STATE_ANSWERED);
     t->last_call = orvex_worker_timer(LAST_CALL_MS, out_of_patience, t);
     tell_end_when_read(t); // nobody has to wait until the connection is closed
     close_connection(t);
@@ -838,7 +688,7 @@ static void step_failed(OrvexTransfer* t, const GError* error) {
 // -- silence -------------------------------------------------------------------------------------
 
 static void progressed(OrvexTransfer* t) {
-    t->progress = g_get_monotonic_time();
+    t->progressed = g_get_monotonic_time();
 }
 
 static void watch_for_silence(OrvexTransfer* t, gint64 microseconds);
@@ -857,7 +707,7 @@ static gboolean on_silence(gpointer transfer) {
         progressed(t);
     }
     const gint64 limit = (gint64)t->plan.timeout * G_USEC_PER_SEC;
-    const gint64 silent = g_get_monotonic_time() - t->progress;
+    const gint64 silent = g_get_monotonic_time() - t->progressed;
     if (silent < limit) {
         watch_for_silence(t, limit - silent);
     } else {
@@ -902,7 +752,7 @@ static void piece_sent(OrvexTransfer* t, GVariant* reply, GError* error) {
         step_failed(t, refused);
         return;
     }
-    count(t, t->piece_size, 0);
+    orvex_progress_count(t->progress, t->piece_size, 0);
     if (t->last_piece) {
         t->upload = UPLOAD_COMPLETE;
         orvex_remains_note_open(orvex_link_get_remains(t->link), t, t->connection, t->request,
@@ -913,7 +763,7 @@ static void piece_sent(OrvexTransfer* t, GVariant* reply, GError* error) {
     }
     progressed(t);
     if (t->last_piece && t->chunks == 0) {
-        set_state(t, ORVEX_REQUEST_STATE_SENT);
+        orvex_progress_set_state(t->progress, ORVEX_REQUEST_STATE_SENT);
     }
     succeed_if_complete(t);
     pump(t);
@@ -962,7 +812,7 @@ static void told_data_wanted(OrvexPassenger* passenger, guint request) {
     t->upload = UPLOAD_RUNNING;
     orvex_remains_note_open(orvex_link_get_remains(t->link), t, t->connection, t->request, TRUE);
     pump(t);
-    set_state(t, ORVEX_REQUEST_STATE_SENDING);
+    orvex_progress_set_state(t->progress, ORVEX_REQUEST_STATE_SENDING);
 }
 
 // -- the answer ----------------------------------------------------------------------------------
@@ -1068,9 +918,9 @@ static void chunk_came(OrvexTransfer* t, GVariant* reply, GError* error) {
         fetch(t);
     }
     if (t->upload != UPLOAD_RUNNING) {
-        set_state(t, ORVEX_REQUEST_STATE_RECEIVING);
+        orvex_progress_set_state(t->progress, ORVEX_REQUEST_STATE_RECEIVING);
     }
-    count(t, 0, size);
+    orvex_progress_count(t->progress, 0, size);
     if (!t->answered || t->upload != UPLOAD_COMPLETE) { // else the end wakes the reader in a moment
         wake(t);
     }
@@ -1203,10 +1053,7 @@ static void created(OrvexTransfer* t, GVariant* reply, GError* error) {
         g_variant_get(reply, "(u)", &t->request);
         orvex_remains_note_open(orvex_link_get_remains(t->link), t, t->connection, t->request,
                                 FALSE);
-        pthread_mutex_lock(&t->lock);
-        t->facts.connection = t->connection;
-        t->facts.request = t->request;
-        pthread_mutex_unlock(&t->lock);
+        orvex_progress_set_key(t->progress, t->connection, t->request);
     }
     if (t->over) {
         close_connection(t);
@@ -1218,7 +1065,7 @@ static void created(OrvexTransfer* t, GVariant* reply, GError* error) {
     }
     progressed(t);
     fetch(t);
-    set_state(t, ORVEX_REQUEST_STATE_WAITING);
+    orvex_progress_set_state(t->progress, ORVEX_REQUEST_STATE_WAITING);
     catch_up(t);
 }
 
@@ -1326,27 +1173,28 @@ static const OrvexPassengerFunctions passenger_functions = {
     .daemon_gone = told_daemon_gone,
 };
 
-OrvexTransfer* orvex_transfer_new(OrvexSeats* seats, OrvexPlan* plan, OrvexRequest* request) {
-    static atomic_uint_fast64_t runs = 0;
+OrvexTransfer* orvex_transfer_new(OrvexSeats* seats, OrvexPlan* plan) {
     OrvexTransfer* t = g_new0(OrvexTransfer, 1);
     orvex_counted_init(t, transfer_free);
     t->passenger.functions = &passenger_functions;
-    t->run = atomic_fetch_add(&runs, 1) + 1;
     t->seats = orvex_counted_ref(seats);
     t->plan = *plan;
-    t->listener = listener_new(request);
+    t->progress = orvex_progress_new(&plan->listener);
     t->question = orvex_question_new(&plan->question, &question_functions, t);
     g_queue_init(&t->answer);
     t->stop = g_cancellable_new();
     t->whole = plan->collect ? g_byte_array_new() : NULL;
     pthread_mutex_init(&t->lock, NULL);
     pthread_cond_init(&t->changed, NULL);
-    t->facts.state = ORVEX_REQUEST_STATE_CONNECTING;
     return t;
 }
 
 void orvex_transfer_start(OrvexTransfer* t, GTask* task) {
     t->opened = g_object_ref(task);
-    post_event(t, FALSE, ORVEX_REQUEST_STATE_CONNECTING);
+    orvex_progress_begin(t->progress);
     orvex_worker_post(start, orvex_counted_ref(t), orvex_counted_unref);
+}
+
+OrvexProgress* orvex_transfer_get_progress(OrvexTransfer* t) {
+    return t->progress;
 }

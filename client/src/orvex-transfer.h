@@ -1,7 +1,7 @@
 #pragma once
 
+#include "orvex-progress.h"
 #include "orvex-question.h"
-#include "orvex-request.h"
 #include "orvex-seats.h"
 
 #include <gio/gio.h>
@@ -29,14 +29,14 @@ typedef struct {
 
     gboolean collect; ///< the task returns the whole answer
     OrvexQuestionSource question;
-    GMainContext* events; ///< in which the request hears of its progress
+    OrvexListener listener;
 } OrvexPlan;
 
 /// An OrvexCounted.
 typedef struct OrvexTransfer OrvexTransfer;
 
 /// Nothing happens before it is started.
-OrvexTransfer* orvex_transfer_new(OrvexSeats* seats, OrvexPlan* plan, OrvexRequest* request);
+OrvexTransfer* orvex_transfer_new(OrvexSeats* seats, OrvexPlan* plan);
 /// The worker begins. The task returns a boolean when the first part of the answer has begun, or
 /// the answer's bytes if they are collected. Its cancellable ends the transfer at any time, also
 /// later.
@@ -60,21 +60,5 @@ gboolean orvex_transfer_is_at_end(OrvexTransfer* transfer, guint part);
 /// when there is none.
 void orvex_transfer_next_part(OrvexTransfer* transfer, GTask* task);
 
-// -- how far it is: any thread -------------------------------------------------------------------
-
-typedef struct {
-    OrvexRequestState state;
-    gboolean is_over;
-    guint64 sent;
-    guint64 received;
-    guint connection; ///< 0: not known yet
-    guint request;
-    guint error_code;
-    char* error_detail; ///< the caller's
-} OrvexTransferFacts;
-
-void orvex_transfer_get_facts(OrvexTransfer* transfer, OrvexTransferFacts* facts);
-/// Tells how much has moved; the next move posts an event again.
-void orvex_transfer_take_progress(OrvexTransfer* transfer, guint64* sent, guint64* received);
-/// A number that no other transfer of the process has.
-guint64 orvex_transfer_get_run(OrvexTransfer* transfer);
+/// How far it is. It lives as long as the transfer; any thread.
+OrvexProgress* orvex_transfer_get_progress(OrvexTransfer* transfer);
