@@ -211,7 +211,7 @@ void orvex_request_send(OrvexRequest* self, OrvexSeats* seats, GBytes* bytes, GI
 
 GInputStream* orvex_request_first_part(GTask* task) {
     const Sent* sent = g_task_get_task_data(task);
-    return orvex_answer_stream_new(sent->request, sent->transfer, 0);
+    return orvex_answer_stream_new(G_OBJECT(sent->request), sent->transfer, 0);
 }
 
 // -- parts ---------------------------------------------------------------------------------------
@@ -242,7 +242,7 @@ void orvex_request_next_part_async(OrvexRequest* request, GCancellable* cancella
         return;
     }
     g_task_set_task_data(task, transfer, orvex_counted_unref);
-    orvex_transfer_next_part(transfer, task);
+    orvex_answer_next_part(orvex_transfer_get_answer(transfer), task);
 }
 
 /**
@@ -267,7 +267,7 @@ GInputStream* orvex_request_next_part_finish(OrvexRequest* request, GAsyncResult
         return NULL;
     }
     OrvexTransfer* transfer = g_task_get_task_data(G_TASK(result));
-    return part < 0 ? NULL : orvex_answer_stream_new(request, transfer, (guint)part);
+    return part < 0 ? NULL : orvex_answer_stream_new(G_OBJECT(request), transfer, (guint)part);
 }
 
 /**

@@ -3,14 +3,12 @@
 #include "orvex-calls.h"
 #include "orvex-failure.h"
 #include "orvex-names.h"
-#include "orvex-sync.h"
 #include "orvex-worker.h"
 
 #include <stdatomic.h>
 #include <string.h>
 
 enum {
-    CHUNKS_HELD = 2, ///< of the answer, for a reader
     CALL_TIMEOUT_MS = 60 * 1000,
     LAST_CALL_MS = 2000,      ///< the daemon answers at once unless it hangs
     REASON_MS = 2000,         ///< a failing exchange drops its requests before it says why
@@ -36,22 +34,6 @@ enum { PART_CONTINUES = 2301, PART_COMPLETE = 2302, RESPONSE_COMPLETE = 2303 };
 
 typedef enum { UPLOAD_NOT_WANTED, UPLOAD_RUNNING, UPLOAD_COMPLETE } Upload;
 
-/// A piece of the answer. Empty ones are kept only if a part ends with them.
-typedef struct {
-    GBytes* bytes;
-    gsize taken;
-    gboolean ends_part;
-} Chunk;
-
-/// A task that waits for the reader's side, and where its bytes go.
-typedef struct {
-    GTask* task;
-    GSource* cancelled;
-    void* buffer;
-    gsize count;
-    guint part;
-} Parked;
-
 /// What was told of a request before the reply that names ours.
 typedef struct {
     guint request;
@@ -64,6 +46,7 @@ struct OrvexTransfer {
     OrvexLink* link;   ///< on which it sits; likewise
     OrvexPlan plan;
     OrvexProgress* progress;
+    OrvexAnswer* answer;
 
     // The worker's own.
     char* owner; ///< the daemon, by its unique name: numbers mean nothing to another one
@@ -80,7 +63,6 @@ struct OrvexTransfer {
     gsize piece_size;
     Upload upload;
     guint chunks;      ///< that have come
-    GByteArray* whole; ///< the answer, if it is collected
     gboolean answered; ///< the last chunk has come
     gboolean may_be_torn;
     gint64 last_chunk; ///< when it came
@@ -99,28 +81,9 @@ struct OrvexTransfer {
     GSource* settling;
     GSource* last_call;
     gint64 progressed; ///< when something went on
-
-    // Guarded by the lock. Another thread waits for a change of it.
-    pthread_mutex_t lock;
-    pthread_cond_t changed;
-    GQueue answer;     ///< of Chunk
-    guint part;        ///< number of the part that the first chunk belongs to
-    guint left;        ///< the reader wants no part before this one
-    gboolean complete; ///< behind the last chunk there is nothing more
-    GError* error;     ///< behind the last chunk there is this
-    gboolean paused;   ///< the reader has as much as it may have
-    GTask* opened;     ///< waits for the first chunk, or for the whole answer
-    Parked* reader;
-    Parked* next;
 };
 
 // -- life ----------------------------------------------------------------------------------------
-
-static void chunk_free(gpointer data) {
-    Chunk* chunk = data;
-    g_bytes_unref(chunk->bytes);
-    g_free(chunk);
-}
 
 static void early_free(gpointer data) {
     Early* early = data;
@@ -143,281 +106,13 @@ static void transfer_free(gpointer data) {
     g_free(t->owner);
     g_list_free_full(t->early, early_free);
     orvex_question_free(t->question);
-    g_queue_clear_full(&t->answer, chunk_free);
-    g_clear_pointer(&t->whole, g_byte_array_unref);
+    orvex_answer_free(t->answer);
     g_clear_error(&t->refusal);
     g_clear_error(&t->failure);
-    g_clear_error(&t->error);
     g_object_unref(t->stop);
-    pthread_cond_destroy(&t->changed);
-    pthread_mutex_destroy(&t->lock);
     g_clear_pointer(&t->link, orvex_counted_unref);
     g_clear_pointer(&t->seats, orvex_counted_unref);
     g_free(t);
-}
-
-// -- the reader's side ---------------------------------------------------------------------------
-
-static void fetch(gpointer transfer);
-
-/// Takes bytes of this part. With the lock.
-/// @return FALSE when the reader has to wait; else *taken is what a read returns, and -1 means
-/// t->error
-static gboolean take_bytes(OrvexTransfer* t, guint part, void* buffer, gsize size, gssize* taken) {
-    *taken = 0;
-    if (part != t->part) {
-        return TRUE; // the reader has left it
-    }
-    Chunk* chunk = g_queue_peek_head(&t->answer);
-    if (chunk == NULL) {
-        *taken = t->error != NULL ? -1 : 0;
-        return t->error != NULL;
-    }
-    gsize length = 0;
-    const guint8* bytes = g_bytes_get_data(chunk->bytes, &length);
-    const gsize amount = MIN(size, length - chunk->taken);
-    if (amount > 0) {
-        memcpy(buffer, bytes + chunk->taken, amount);
-    }
-    chunk->taken += amount;
-    *taken = (gssize)amount;
-    if (chunk->taken == length && !chunk->ends_part) {
-        chunk_free(g_queue_pop_head(&t->answer));
-    }
-    return TRUE;
-}
-
-/// Goes behind the end of this part. With the lock.
-/// @return FALSE when the reader has to wait; else *part is the number of the next one, or -1
-static gboolean take_part(OrvexTransfer* t, gssize* part) {
-    while (t->answer.length > 0) {
-        Chunk* chunk = g_queue_pop_head(&t->answer);
-        const gboolean ends = chunk->ends_part;
-        chunk_free(chunk);
-        if (ends) {
-            ++t->part;
-            *part = t->complete && t->answer.length == 0 ? -1 : (gssize)t->part;
-            return TRUE;
-        }
-    }
-    *part = -1;
-    return t->complete || t->error != NULL;
-}
-
-/// The worker may fetch again. With the lock. @return whether it has to be told
-static gboolean end_pause(OrvexTransfer* t) {
-    const gboolean resume = t->paused && t->answer.length < CHUNKS_HELD;
-    if (resume) {
-        t->paused = FALSE;
-    }
-    return resume;
-}
-
-static void resume(OrvexTransfer* t) {
-    orvex_worker_post(fetch, orvex_counted_ref(t), orvex_counted_unref);
-}
-
-/// Takes the error.
-static void parked_return(Parked* parked, gssize value, GError* error) {
-    orvex_source_clear(&parked->cancelled);
-    if (error != NULL) {
-        orvex_task_return_error(parked->task, error);
-    } else {
-        orvex_task_return_int(parked->task, value);
-    }
-    g_free(parked);
-}
-
-/// The task of whoever waits for the first chunk, if it is to be answered now. With the lock.
-static GTask* take_opened(OrvexTransfer* t) {
-    const gboolean begun = !t->plan.collect && t->answer.length > 0;
-    return begun || t->complete || t->error != NULL ? g_steal_pointer(&t->opened) : NULL;
-}
-
-/// Takes task and error.
-static void opened_return(OrvexTransfer* t, GTask* task, GError* error) {
-    if (error != NULL) {
-        orvex_task_return_error(task, error);
-    } else if (t->plan.collect) {
-        orvex_task_return_bytes(task, g_byte_array_free_to_bytes(g_steal_pointer(&t->whole)));
-    } else {
-        orvex_task_return_boolean(task, TRUE);
-    }
-}
-
-/// Something has come for the reader: answers who waits for it. The worker.
-static void wake(OrvexTransfer* t) {
-    Parked* reader = NULL;
-    Parked* next = NULL;
-    gssize taken = 0;
-    gssize part = 0;
-    pthread_mutex_lock(&t->lock);
-    const gboolean at_end = t->answer.length == 0;
-    GTask* opened = t->opened != NULL ? take_opened(t) : NULL;
-    if (t->reader != NULL &&
-        take_bytes(t, t->reader->part, t->reader->buffer, t->reader->count, &taken)) {
-        reader = g_steal_pointer(&t->reader);
-    }
-    if (t->next != NULL && take_part(t, &part)) {
-        next = g_steal_pointer(&t->next);
-    }
-    g_autoptr(GError) error = t->error != NULL ? g_error_copy(t->error) : NULL;
-    const gboolean must_resume = end_pause(t);
-    pthread_cond_broadcast(&t->changed);
-    pthread_mutex_unlock(&t->lock);
-    if (must_resume) {
-        resume(t);
-    }
-    if (opened != NULL) {
-        opened_return(t, opened, at_end && error != NULL ? g_error_copy(error) : NULL);
-    }
-    if (reader != NULL) {
-        parked_return(reader, taken, taken < 0 ? g_error_copy(error) : NULL);
-    }
-    if (next != NULL) {
-        parked_return(next, part, part < 0 && error != NULL ? g_error_copy(error) : NULL);
-    }
-}
-
-static void wake_waiting(GCancellable* cancellable, gpointer transfer) {
-    OrvexTransfer* t = transfer;
-    (void)cancellable;
-    pthread_mutex_lock(&t->lock);
-    pthread_cond_broadcast(&t->changed);
-    pthread_mutex_unlock(&t->lock);
-}
-
-gssize orvex_transfer_read(OrvexTransfer* t, guint part, void* buffer, gsize size,
-                           GCancellable* cancellable, GError** error) {
-    gssize taken = 0;
-    gulong watch = 0;
-    if (cancellable != NULL) {
-        watch = g_cancellable_connect(cancellable, G_CALLBACK(wake_waiting), t, NULL);
-    }
-    pthread_mutex_lock(&t->lock);
-    gboolean done = take_bytes(t, part, buffer, size, &taken);
-    while (!done && !g_cancellable_is_cancelled(cancellable)) {
-        pthread_cond_wait(&t->changed, &t->lock);
-        done = take_bytes(t, part, buffer, size, &taken);
-    }
-    if (done && taken < 0) {
-        g_propagate_error(error, g_error_copy(t->error));
-    }
-    const gboolean must_resume = end_pause(t);
-    pthread_mutex_unlock(&t->lock);
-    g_cancellable_disconnect(cancellable, watch);
-    if (must_resume) {
-        resume(t);
-    }
-    return done || !g_cancellable_set_error_if_cancelled(cancellable, error) ? taken : -1;
-}
-
-typedef struct {
-    OrvexTransfer* transfer;
-    Parked* parked;
-} Park;
-
-/// The operation that waits was cancelled; the transfer goes on. The worker.
-static gboolean parked_cancelled(GCancellable* cancellable, gpointer data) {
-    const Park* park = data;
-    OrvexTransfer* t = park->transfer;
-    pthread_mutex_lock(&t->lock);
-    if (t->reader == park->parked) {
-        t->reader = NULL;
-    } else if (t->next == park->parked) {
-        t->next = NULL;
-        t->left = t->part;
-    }
-    pthread_mutex_unlock(&t->lock);
-    GError* error = NULL;
-    g_cancellable_set_error_if_cancelled(cancellable, &error);
-    parked_return(park->parked, -1, error); // the source frees the park behind this call
-    return G_SOURCE_REMOVE;
-}
-
-static void park_free(gpointer data) {
-    Park* park = data;
-    orvex_counted_unref(park->transfer);
-    g_free(park);
-}
-
-static void park(gpointer data) {
-    Park* park = data;
-    OrvexTransfer* t = park->transfer;
-    GCancellable* cancellable = g_task_get_cancellable(park->parked->task);
-    if (cancellable != NULL) {
-        park->parked->cancelled = g_cancellable_source_new(cancellable);
-        Park* watch = g_new(Park, 1);
-        *watch = (Park){orvex_counted_ref(t), park->parked};
-        g_source_set_callback(park->parked->cancelled, G_SOURCE_FUNC(parked_cancelled), watch,
-                              park_free);
-        g_source_attach(park->parked->cancelled, orvex_worker_context());
-    }
-    pthread_mutex_lock(&t->lock);
-    Parked** place = park->parked->buffer != NULL ? &t->reader : &t->next;
-    const gboolean is_free = *place == NULL;
-    if (is_free) {
-        *place = park->parked;
-    }
-    pthread_mutex_unlock(&t->lock);
-    if (!is_free) {
-        parked_return(
-            park->parked, -1,
-            g_error_new_literal(G_IO_ERROR, G_IO_ERROR_PENDING, "Another call waits for it"));
-        return;
-    }
-    wake(t);
-}
-
-/// Lets a task wait on the worker.
-static void park_later(OrvexTransfer* t, Parked* parked) {
-    Park* data = g_new(Park, 1);
-    *data = (Park){orvex_counted_ref(t), parked};
-    orvex_worker_post(park, data, park_free);
-}
-
-void orvex_transfer_read_async(OrvexTransfer* t, guint part, void* buffer, gsize size,
-                               GTask* task) {
-    gssize taken = 0;
-    if (g_task_return_error_if_cancelled(task)) {
-        return;
-    }
-    pthread_mutex_lock(&t->lock);
-    const gboolean done = take_bytes(t, part, buffer, size, &taken);
-    g_autoptr(GError) error = done && taken < 0 ? g_error_copy(t->error) : NULL;
-    const gboolean must_resume = end_pause(t);
-    pthread_mutex_unlock(&t->lock);
-    if (must_resume) {
-        resume(t);
-    }
-    if (error != NULL) {
-        g_task_return_error(task, g_steal_pointer(&error));
-    } else if (done) {
-        g_task_return_int(task, taken);
-    } else {
-        Parked* parked = g_new(Parked, 1);
-        *parked = (Parked){g_object_ref(task), NULL, buffer, size, part};
-        park_later(t, parked);
-    }
-}
-
-void orvex_transfer_next_part(OrvexTransfer* t, GTask* task) {
-    Parked* parked = g_new0(Parked, 1);
-    parked->task = g_object_ref(task);
-    pthread_mutex_lock(&t->lock);
-    t->left = t->part + 1; // so the stream of this part may be dropped right away
-    pthread_mutex_unlock(&t->lock);
-    park_later(t, parked);
-}
-
-gboolean orvex_transfer_is_at_end(OrvexTransfer* t, guint part) {
-    pthread_mutex_lock(&t->lock);
-    const Chunk* chunk = g_queue_peek_head(&t->answer);
-    const gboolean end =
-        part != t->part || part < t->left || t->error != NULL || t->complete ||
-        (chunk != NULL && chunk->ends_part && chunk->taken == g_bytes_get_size(chunk->bytes));
-    pthread_mutex_unlock(&t->lock);
-    return end;
 }
 
 // -- calls ---------------------------------------------------------------------------------------
@@ -477,24 +172,7 @@ static void tell_end(OrvexTransfer* t) {
     t->told = TRUE;
     orvex_source_clear(&t->last_call);
     orvex_progress_end(t->progress, t->failure);
-    pthread_mutex_lock(&t->lock);
-    if (t->failure != NULL) {
-        if (g_error_matches(t->failure, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
-            g_queue_clear_full(&t->answer, chunk_free); // nobody wants it
-        }
-        t->error = g_steal_pointer(&t->failure);
-    } else {
-        Chunk* last = g_queue_peek_tail(&t->answer);
-        if (last == NULL || last->ends_part) {
-            last = g_new0(Chunk, 1);
-            last->bytes = g_bytes_new_static(NULL, 0);
-            g_queue_push_tail(&t->answer, last);
-        }
-        last->ends_part = TRUE;
-        t->complete = TRUE;
-    }
-    pthread_mutex_unlock(&t->lock);
-    wake(t);
+    orvex_answer_end(t->answer, g_steal_pointer(&t->failure));
 }
 
 /// Tells the end, unless the question's stream is still in use: its owner may send it again.
@@ -695,10 +373,7 @@ static void watch_for_silence(OrvexTransfer* t, gint64 microseconds);
 
 /// Whether it is the reader for whom everything waits.
 static gboolean waits_for_reader(OrvexTransfer* t) {
-    pthread_mutex_lock(&t->lock);
-    const gboolean paused = t->paused;
-    pthread_mutex_unlock(&t->lock);
-    return paused && t->upload != UPLOAD_RUNNING;
+    return orvex_answer_is_paused(t->answer) && t->upload != UPLOAD_RUNNING;
 }
 
 static gboolean on_silence(gpointer transfer) {
@@ -817,6 +492,8 @@ static void told_data_wanted(OrvexPassenger* passenger, guint request) {
 
 // -- the answer ----------------------------------------------------------------------------------
 
+static void fetch(OrvexTransfer* t);
+
 static void settle(OrvexTransfer* t) {
     t->settled = TRUE;
     succeed_if_complete(t);
@@ -860,32 +537,6 @@ static void begin_to_settle(OrvexTransfer* t, gsize last) {
     }
 }
 
-/// Keeps a chunk for the reader, or in the whole answer. Takes the bytes.
-static void keep(OrvexTransfer* t, GBytes* bytes, gboolean ends_part) {
-    const gsize size = g_bytes_get_size(bytes);
-    if (t->plan.collect) {
-        g_byte_array_append(t->whole, g_bytes_get_data(bytes, NULL), (guint)size);
-        g_bytes_unref(bytes);
-        return;
-    }
-    if (size == 0 && !ends_part) { // means nothing by itself
-        g_bytes_unref(bytes);
-        return;
-    }
-    Chunk* chunk = g_new0(Chunk, 1);
-    chunk->bytes = bytes;
-    chunk->ends_part = ends_part;
-    pthread_mutex_lock(&t->lock);
-    g_queue_push_tail(&t->answer, chunk);
-    pthread_mutex_unlock(&t->lock);
-}
-
-/// An array of bytes ends the program when it would become longer than this.
-static gboolean is_too_long(OrvexTransfer* t, gsize more) {
-    const guint64 limit = t->plan.answer_limit != 0 ? t->plan.answer_limit : G_MAXUINT;
-    return t->plan.collect && (guint64)t->whole->len + more > MIN(limit, G_MAXUINT);
-}
-
 static void chunk_came(OrvexTransfer* t, GVariant* reply, GError* error) {
     t->fetching = FALSE;
     if (error != NULL) {
@@ -904,13 +555,13 @@ static void chunk_came(OrvexTransfer* t, GVariant* reply, GError* error) {
         fail(t, orvex_failure_new(ORVEX_ERROR_PROTOCOL, code, NULL));
         return;
     }
-    if (is_too_long(t, size)) {
+    if (orvex_answer_is_too_long(t->answer, size)) {
         fail(t, orvex_failure_new(ORVEX_ERROR_TOO_LONG, 0, NULL));
         return;
     }
     progressed(t);
     t->chunks += size > 0 || t->chunks > 0 ? 1 : 0;
-    keep(t, g_steal_pointer(&bytes), code == PART_COMPLETE);
+    orvex_answer_keep(t->answer, g_steal_pointer(&bytes), code == PART_COMPLETE);
     // The daemon's next step first: who is woken might want its processor.
     if (code == RESPONSE_COMPLETE) {
         begin_to_settle(t, size);
@@ -922,27 +573,28 @@ static void chunk_came(OrvexTransfer* t, GVariant* reply, GError* error) {
     }
     orvex_progress_count(t->progress, 0, size);
     if (!t->answered || t->upload != UPLOAD_COMPLETE) { // else the end wakes the reader in a moment
-        wake(t);
+        orvex_answer_wake(t->answer);
     }
 }
 
 /// Asks for the next chunk, unless the reader has as much as it may have. The daemon holds the call
 /// until it has something: so without a time-out. A second one would replace it.
-static void fetch(gpointer transfer) {
-    OrvexTransfer* t = transfer;
-    if (t->over || t->fetching || t->answered || t->refusal != NULL) {
-        return;
-    }
-    pthread_mutex_lock(&t->lock);
-    t->paused = t->answer.length >= CHUNKS_HELD;
-    const gboolean paused = t->paused;
-    pthread_mutex_unlock(&t->lock);
-    if (paused) {
+static void fetch(OrvexTransfer* t) {
+    if (t->over || t->fetching || t->answered || t->refusal != NULL ||
+        orvex_answer_is_full(t->answer)) {
         return;
     }
     t->fetching = TRUE;
     call(t, ORVEX_INTERFACE, "getData", g_variant_new("(uu)", t->connection, t->request), "(ayu)",
          G_MAXINT, t->stop, chunk_came);
+}
+
+static void fetch_on(gpointer transfer) {
+    fetch(transfer);
+}
+
+static void reader_has_room(gpointer transfer) {
+    orvex_worker_post(fetch_on, orvex_counted_ref(transfer), orvex_counted_unref);
 }
 
 // -- what the daemon tells -----------------------------------------------------------------------
@@ -1142,7 +794,7 @@ static const OrvexSeatsFunctions seats_functions = {.sit = sit, .board = board};
 
 static void start(gpointer transfer) {
     OrvexTransfer* t = transfer;
-    GCancellable* cancellable = g_task_get_cancellable(t->opened);
+    GCancellable* cancellable = orvex_answer_get_cancellable(t->answer);
     if (cancellable != NULL) {
         t->cancelled = g_cancellable_source_new(cancellable);
         g_source_set_callback(t->cancelled, G_SOURCE_FUNC(on_cancelled), t, NULL);
@@ -1181,20 +833,21 @@ OrvexTransfer* orvex_transfer_new(OrvexSeats* seats, OrvexPlan* plan) {
     t->plan = *plan;
     t->progress = orvex_progress_new(&plan->listener);
     t->question = orvex_question_new(&plan->question, &question_functions, t);
-    g_queue_init(&t->answer);
+    t->answer = orvex_answer_new(t, reader_has_room, plan->collect, plan->answer_limit);
     t->stop = g_cancellable_new();
-    t->whole = plan->collect ? g_byte_array_new() : NULL;
-    pthread_mutex_init(&t->lock, NULL);
-    pthread_cond_init(&t->changed, NULL);
     return t;
 }
 
 void orvex_transfer_start(OrvexTransfer* t, GTask* task) {
-    t->opened = g_object_ref(task);
+    orvex_answer_begin(t->answer, task);
     orvex_progress_begin(t->progress);
     orvex_worker_post(start, orvex_counted_ref(t), orvex_counted_unref);
 }
 
 OrvexProgress* orvex_transfer_get_progress(OrvexTransfer* t) {
     return t->progress;
+}
+
+OrvexAnswer* orvex_transfer_get_answer(OrvexTransfer* t) {
+    return t->answer;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "orvex-answer.h"
 #include "orvex-progress.h"
 #include "orvex-question.h"
 #include "orvex-seats.h"
@@ -45,20 +46,7 @@ void orvex_transfer_start(OrvexTransfer* transfer, GTask* task);
 /// Nobody wants the answer any more. Any thread, at any time.
 void orvex_transfer_abandon(OrvexTransfer* transfer);
 
-// -- for the reader of the answer: any thread, one at a time -------------------------------------
-
-/// The next bytes of this part of the answer, counted from 0. @return 0 at the part's end, -1 after
-/// an error
-gssize orvex_transfer_read(OrvexTransfer* transfer, guint part, void* buffer, gsize count,
-                           GCancellable* cancellable, GError** error);
-/// The same later; the task returns an int.
-void orvex_transfer_read_async(OrvexTransfer* transfer, guint part, void* buffer, gsize count,
-                               GTask* task);
-/// Whether there is nothing more to read in this part.
-gboolean orvex_transfer_is_at_end(OrvexTransfer* transfer, guint part);
-/// Leaves what is left of the part and goes to the next one. The task returns its number, or -1
-/// when there is none.
-void orvex_transfer_next_part(OrvexTransfer* transfer, GTask* task);
-
+/// What the reader reads. It lives as long as the transfer; any thread.
+OrvexAnswer* orvex_transfer_get_answer(OrvexTransfer* transfer);
 /// How far it is. It lives as long as the transfer; any thread.
 OrvexProgress* orvex_transfer_get_progress(OrvexTransfer* transfer);
