@@ -152,3 +152,9 @@ GError* orvex_failure_from_call(GError* error, gboolean connected) {
     }
     return orvex_failure_new(value_of_call_error(taken, name), 0, taken->message);
 }
+
+gboolean orvex_failure_is_loss(const GError* error) {
+    return g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_NOT_INSTALLED) ||
+           g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DAEMON_GONE) ||
+           g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_NO_BUS);
+}

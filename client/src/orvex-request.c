@@ -136,19 +136,30 @@ static void tell_progress(GObject* object, guint64 run) {
     g_signal_emit(self, signals[SIGNAL_PROGRESS], 0, sent, received);
 }
 
-static OrvexPlan make_plan(OrvexRequest* self) {
-    return (OrvexPlan){
+static OrvexTerms make_terms(OrvexRequest* self) {
+    return (OrvexTerms){
         .element = g_strdup(self->element),
         .type = g_strdup(self->type),
         .version = g_strdup(self->version),
         .encoding = g_strdup(self->encoding),
         .content_type = g_strdup(self->content_type),
+        .chunk_size = self->chunk_size,
         .policy = self->policy,
         .open_duration = self->open_duration,
         .attach = self->attach,
-        .chunk_size = self->chunk_size,
+    };
+}
+
+/// What is to be done with the question. It takes the source, and the context of the progress.
+static OrvexPlan make_plan(OrvexRequest* self, const OrvexQuestionSource* question,
+                           GMainContext* context) {
+    return (OrvexPlan){
+        .terms = make_terms(self),
+        .question = *question,
+        .listener = {G_OBJECT(self), tell_state, tell_progress, context},
         .timeout = self->timeout,
         .answer_limit = self->answer_limit,
+        .collect = question->bytes != NULL,
     };
 }
 
@@ -186,17 +197,15 @@ static void sent_free(gpointer data) {
 
 void orvex_request_send(OrvexRequest* self, OrvexSeats* seats, GBytes* bytes, GInputStream* stream,
                         int io_priority, gboolean blocking, GTask* task) {
-    OrvexPlan plan = make_plan(self);
-    plan.collect = bytes != NULL;
     GMainContext* context = g_main_context_ref_thread_default();
-    plan.listener = (OrvexListener){G_OBJECT(self), tell_state, tell_progress, context};
-    plan.question = (OrvexQuestionSource){
+    const OrvexQuestionSource question = {
         .bytes = bytes != NULL ? g_bytes_ref(bytes) : NULL,
         .stream = stream != NULL ? g_object_ref(stream) : NULL,
         .context = g_main_context_ref(blocking ? orvex_worker_context() : context),
         .io_priority = io_priority,
         .piece_size = self->piece_size,
     };
+    const OrvexPlan plan = make_plan(self, &question, context);
     OrvexTransfer* transfer = orvex_transfer_new(seats, &plan);
     Sent* sent = g_new(Sent, 1);
     *sent = (Sent){g_object_ref(self), orvex_counted_ref(transfer)};

@@ -1,13 +1,16 @@
 #pragma once
 
 #include "orvex-answer.h"
+#include "orvex-dialogue.h"
 #include "orvex-progress.h"
 #include "orvex-question.h"
 #include "orvex-seats.h"
 
 #include <gio/gio.h>
 
-// One request on its way, from "connect" to "disconnect".
+// One request on its way, from "connect" to "disconnect": the steps with the daemon, and how they
+// end. The worker, but for what is marked; what other threads see is in the transfer's parts, which
+// have locks of their own.
 //
 // Question and answer travel side by side: the daemon may answer while it still takes bytes, and it
 // tells of a lost network only to those who wait for a chunk. Each direction has one call under way
@@ -16,31 +19,22 @@
 
 /// What is to be done. The transfer takes all of it.
 typedef struct {
-    char* element;
-    char* type;
-    char* version;
-    char* encoding;
-    char* content_type;
-    OrvexPolicy policy;
-    guint open_duration;
-    gboolean attach;
-    guint chunk_size;
-    guint timeout;        ///< seconds without progress; 0: no limit
-    guint64 answer_limit; ///< bytes, of a collected answer; 0: no limit
-
-    gboolean collect; ///< the task returns the whole answer
+    OrvexTerms terms;
     OrvexQuestionSource question;
     OrvexListener listener;
+    guint timeout;        ///< seconds without progress; 0: no limit
+    guint64 answer_limit; ///< bytes, of a collected answer; 0: no limit
+    gboolean collect;     ///< the task returns the whole answer
 } OrvexPlan;
 
-/// An OrvexCounted.
+/// An OrvexCounted. The last reference may be dropped on any thread.
 typedef struct OrvexTransfer OrvexTransfer;
 
-/// Nothing happens before it is started.
-OrvexTransfer* orvex_transfer_new(OrvexSeats* seats, OrvexPlan* plan);
-/// The worker begins. The task returns a boolean when the first part of the answer has begun, or
-/// the answer's bytes if they are collected. Its cancellable ends the transfer at any time, also
-/// later.
+/// Any thread. Nothing happens before it is started.
+OrvexTransfer* orvex_transfer_new(OrvexSeats* seats, const OrvexPlan* plan);
+/// Any thread. The worker begins. The task returns a boolean when the first part of the answer has
+/// begun, or the answer's bytes if they are collected. Its cancellable ends the transfer at any
+/// time, also later.
 void orvex_transfer_start(OrvexTransfer* transfer, GTask* task);
 
 /// Nobody wants the answer any more. Any thread, at any time.
@@ -48,5 +42,5 @@ void orvex_transfer_abandon(OrvexTransfer* transfer);
 
 /// What the reader reads. It lives as long as the transfer; any thread.
 OrvexAnswer* orvex_transfer_get_answer(OrvexTransfer* transfer);
-/// How far it is. It lives as long as the transfer; any thread.
+/// How far it is; likewise.
 OrvexProgress* orvex_transfer_get_progress(OrvexTransfer* transfer);
