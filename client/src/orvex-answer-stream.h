@@ -4,7 +4,8 @@
 
 #include <gio/gio.h>
 
-// A part of an answer as a stream. Any thread, one at a time; what it reads has a lock of its own.
+// A part of an answer as a stream. Any thread may read it, one at a time; what it reads has a lock
+// of its own.
 
 /// @param request what it keeps alive; closing or dropping the stream before its end gives the
 /// transfer up

@@ -5,8 +5,9 @@
 #include <gio/gio.h>
 
 // One connection to the bus: opens it, hears what the bus and the daemon tell on it, and leaves it.
-// It is a part of a link, which owns it. The worker, but for what is marked; what the bus tells on
-// other threads reaches the worker by posts.
+// It is a part of a link, which owns it, and belongs to the worker, but for what is marked. The end
+// of the connection is told on another thread, and reaches the worker by a post; a lock guards
+// whether the connection has been left by then.
 
 typedef struct OrvexBus OrvexBus;
 

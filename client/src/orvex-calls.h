@@ -2,7 +2,8 @@
 
 #include <gio/gio.h>
 
-// What several modules say to the daemon or to the bus. Nothing is kept here; any thread.
+// What several modules say to the daemon or to the bus. Nothing is kept here, and any thread
+// may call.
 
 /// The daemon answers at once unless it hangs, and so does the bus.
 enum { ORVEX_ANSWERED_AT_ONCE_MS = 25 * 1000 };

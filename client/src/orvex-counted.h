@@ -4,7 +4,7 @@
 #include <stdatomic.h>
 
 // What several owners share: whoever drops the last reference frees it. Such an object begins with
-// an OrvexCounted, and its pointer is one to that. Any thread.
+// an OrvexCounted, and its pointer is one to that. Any thread may take and drop references.
 
 typedef struct {
     atomic_int refs;

@@ -6,8 +6,8 @@
 #include <gio/gio.h>
 
 // What one transfer says to the daemon, and the numbers under which the daemon knows it. Also notes
-// what the end of the process would leave. The worker. It is a part of a transfer, which it keeps
-// while a call is under way.
+// what the end of the process would leave. It belongs to the worker, and is a part of a transfer,
+// which it keeps while a call is under way.
 
 /// The daemon answers at once unless it hangs; this is how long a call is waited for behind which
 /// nothing more is wanted.

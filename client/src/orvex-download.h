@@ -5,7 +5,7 @@
 #include "orvex-settling.h"
 
 // The answer's way from the daemon: asks for chunk after chunk, as long as the reader has room, and
-// lets the last one settle. The worker. It is a part of a transfer.
+// lets the last one settle. It is a part of a transfer and belongs to the worker.
 
 typedef struct OrvexDownload OrvexDownload;
 

@@ -5,7 +5,7 @@
 #include <gio/gio.h>
 
 // How failures of the daemon, of the bus and of this library become errors of the library. Any
-// thread; there is nothing to lock.
+// thread may ask; there is nothing to lock.
 
 /// The daemon's own codes that can reach a client.
 enum {

@@ -6,7 +6,7 @@
 
 // Who is meant by a signal: the transfers of one connection to the bus, by the number that the
 // daemon gave them. Signals name requests by such numbers; a transfer is told what concerns it, and
-// nothing else. Also finds out whose cancels the daemon obeys. The worker.
+// nothing else. Also finds out whose cancels the daemon obeys. All of it belongs to the worker.
 
 typedef struct OrvexPassenger OrvexPassenger;
 

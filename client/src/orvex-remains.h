@@ -4,8 +4,8 @@
 
 // What the end of the process would leave at the daemon. When the process ends by exit() or returns
 // from main(), the requests that are left are taken back: a destructor of this library knows what
-// is noted here, and tells the daemon. Any thread; one lock guards the notes of all connections to
-// the bus, and the thread that ends the process holds it until the daemon has been told.
+// is noted here, and tells the daemon. Any thread may take a note. One lock guards the notes of all
+// connections to the bus.
 
 /// The notes of one connection to the bus.
 typedef struct OrvexRemains OrvexRemains;

@@ -3,7 +3,7 @@
 #include "orvex-request.h"
 #include "orvex-seats.h"
 
-// What a client does with a request. Any thread; the request's lock guards which transfer is its
+// What a client does with a request, on any thread. The request's lock guards which transfer is its
 // last one.
 
 /// Begins a transfer of this request. The task is the client's, and gets data that keep the

@@ -5,7 +5,7 @@
 #include <glib.h>
 
 // The links of one client: its own one, and spare ones for transfers for which that has no room.
-// The worker; only the last reference may be dropped on any thread.
+// They belong to the worker; only the last reference may be dropped on any thread.
 
 /// An OrvexCounted, which a client and its transfers share.
 typedef struct OrvexSeats OrvexSeats;

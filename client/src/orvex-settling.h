@@ -2,7 +2,8 @@
 
 #include "orvex-dialogue.h"
 
-// Whether an answer that seems to be whole is so. The worker. It is a part of a transfer.
+// Whether an answer that seems to be whole is so. It is a part of a transfer and
+// belongs to the worker.
 //
 // A transfer that breaks off within the last part of an answer completes the part: the last chunk
 // comes as if the answer were whole, and right behind it the failure of the exchange. The daemon

@@ -2,7 +2,7 @@
 
 #include <glib.h>
 
-// How long nothing has gone on. The worker. It is a part of a transfer.
+// How long nothing has gone on. It is a part of a transfer and belongs to the worker.
 
 typedef struct OrvexSilence OrvexSilence;
 

@@ -9,8 +9,8 @@
 #include <gio/gio.h>
 
 // One request on its way, from "connect" to "disconnect": the steps with the daemon, and how they
-// end. The worker, but for what is marked; what other threads see is in the transfer's parts, which
-// have locks of their own.
+// end. It belongs to the worker, but for what is marked. What other threads see is in its parts,
+// which have locks of their own.
 //
 // Question and answer travel side by side: the daemon may answer while it still takes bytes, and it
 // tells of a lost network only to those who wait for a chunk. Each direction has one call under way

@@ -4,7 +4,8 @@
 #include "orvex-question.h"
 
 // The question's way to the daemon, once that wants it. One piece is under way at a time: the
-// daemon holds the reply back while the server is slower. The worker. It is a part of a transfer.
+// daemon holds the reply back while the server is slower. It is a part of a transfer and belongs to
+// the worker.
 
 typedef struct OrvexUpload OrvexUpload;
 
