@@ -7,7 +7,7 @@ G_DECLARE_FINAL_TYPE(OrvexAnswerStream, orvex_answer_stream, ORVEX, ANSWER_STREA
 
 struct _OrvexAnswerStream {
     GInputStream parent;
-    OrvexRequest* request;
+    GObject* request;
     OrvexTransfer* transfer;
     guint part;
 };
@@ -17,7 +17,8 @@ G_DEFINE_FINAL_TYPE(OrvexAnswerStream, orvex_answer_stream, G_TYPE_INPUT_STREAM)
 static gssize answer_stream_read(GInputStream* stream, void* buffer, gsize count,
                                  GCancellable* cancellable, GError** error) {
     OrvexAnswerStream* self = ORVEX_ANSWER_STREAM(stream);
-    return orvex_transfer_read(self->transfer, self->part, buffer, count, cancellable, error);
+    return orvex_answer_read(orvex_transfer_get_answer(self->transfer), self->part, buffer, count,
+                             cancellable, error);
 }
 
 static void answer_stream_read_async(GInputStream* stream, void* buffer, gsize count,
@@ -28,7 +29,8 @@ static void answer_stream_read_async(GInputStream* stream, void* buffer, gsize c
     g_task_set_source_tag(task, answer_stream_read_async);
     g_task_set_priority(task, io_priority);
     g_task_set_check_cancellable(task, FALSE); // bytes that were taken are not lost
-    orvex_transfer_read_async(self->transfer, self->part, buffer, count, task);
+    orvex_answer_read_async(orvex_transfer_get_answer(self->transfer), self->part, buffer, count,
+                            task);
 }
 
 static gssize answer_stream_read_finish(GInputStream* stream, GAsyncResult* result,
@@ -39,7 +41,7 @@ static gssize answer_stream_read_finish(GInputStream* stream, GAsyncResult* resu
 }
 
 static void give_up_rest(OrvexAnswerStream* self) {
-    if (!orvex_transfer_is_at_end(self->transfer, self->part)) {
+    if (!orvex_answer_is_at_end(orvex_transfer_get_answer(self->transfer), self->part)) {
         orvex_transfer_abandon(self->transfer);
     }
 }
@@ -75,7 +77,7 @@ static void answer_stream_dispose(GObject* object) {
 }
 
 static void answer_stream_finalize(GObject* object) {
-    orvex_transfer_unref(ORVEX_ANSWER_STREAM(object)->transfer);
+    orvex_counted_unref(ORVEX_ANSWER_STREAM(object)->transfer);
     G_OBJECT_CLASS(orvex_answer_stream_parent_class)->finalize(object);
 }
 
@@ -95,10 +97,10 @@ static void orvex_answer_stream_class_init(OrvexAnswerStreamClass* class) {
     G_OBJECT_CLASS(class)->finalize = answer_stream_finalize;
 }
 
-GInputStream* orvex_answer_stream_new(OrvexRequest* request, OrvexTransfer* transfer, guint part) {
+GInputStream* orvex_answer_stream_new(GObject* request, OrvexTransfer* transfer, guint part) {
     OrvexAnswerStream* self = g_object_new(ORVEX_TYPE_ANSWER_STREAM, NULL);
     self->request = g_object_ref(request);
-    self->transfer = orvex_transfer_ref(transfer);
+    self->transfer = orvex_counted_ref(transfer);
     self->part = part;
     return G_INPUT_STREAM(self);
 }

@@ -1,8 +1,12 @@
 #pragma once
 
-#include "orvex-request.h"
 #include "orvex-transfer.h"
 
-/// A part of an answer as a stream. It keeps its request alive; closing or dropping it before its
-/// end gives the request up.
-GInputStream* orvex_answer_stream_new(OrvexRequest* request, OrvexTransfer* transfer, guint part);
+#include <gio/gio.h>
+
+// A part of an answer as a stream. Any thread may read it, one at a time; what it reads has a lock
+// of its own.
+
+/// @param request what it keeps alive; closing or dropping the stream before its end gives the
+/// transfer up
+GInputStream* orvex_answer_stream_new(GObject* request, OrvexTransfer* transfer, guint part);

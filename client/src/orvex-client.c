@@ -2,6 +2,7 @@
 
 #include "orvex-link.h"
 #include "orvex-request-private.h"
+#include "orvex-seats.h"
 #include "orvex-sync.h"
 #include "orvex-worker.h"
 
@@ -44,6 +45,7 @@ struct _OrvexClient {
     GObject parent;
     GDBusConnection* given; ///< NULL: the system bus
     OrvexLink* link;
+    OrvexSeats* seats; ///< on that link, and on others for many requests at once
 };
 
 static GParamSpec* properties[PROPERTIES];
@@ -64,12 +66,14 @@ static void property_changed(gpointer client, const char* property) {
 static void orvex_client_init(OrvexClient* self) {
     g_autoptr(GMainContext) context = g_main_context_ref_thread_default();
     self->link = orvex_link_new(context, property_changed, self);
+    self->seats = orvex_seats_new(self->link);
 }
 
 static void client_finalize(GObject* object) {
     OrvexClient* self = ORVEX_CLIENT(object);
     g_clear_object(&self->given);
-    orvex_link_unref(self->link);
+    orvex_counted_unref(self->seats);
+    orvex_counted_unref(self->link);
     G_OBJECT_CLASS(orvex_client_parent_class)->finalize(object);
 }
 
@@ -432,7 +436,7 @@ gboolean orvex_client_wait_usable(OrvexClient* client, OrvexPolicy policy,
 static void send_request(OrvexClient* client, OrvexRequest* request, GInputStream* stream,
                          GBytes* bytes, int io_priority, gboolean blocking, GTask* task) {
     g_task_set_priority(task, io_priority);
-    orvex_request_send(request, client->link, bytes, stream, io_priority, blocking, task);
+    orvex_request_send(request, client->seats, bytes, stream, io_priority, blocking, task);
 }
 
 static void send_stream(OrvexClient* client, OrvexRequest* request, GInputStream* question,

@@ -4,7 +4,8 @@
 
 #include <gio/gio.h>
 
-// How failures of the daemon, of the bus and of this library become errors of the library.
+// How failures of the daemon, of the bus and of this library become errors of the library. Any
+// thread may ask; there is nothing to lock.
 
 /// The daemon's own codes that can reach a client.
 enum {
@@ -34,3 +35,6 @@ GError* orvex_failure_from_code(guint code, gboolean connected);
 /// A call that failed: an error reply of the daemon or of the bus, or a failure on this side.
 /// Takes the error.
 GError* orvex_failure_from_call(GError* error, gboolean connected);
+
+/// Whether a call that was begun with a daemon has found none at its end.
+gboolean orvex_failure_is_loss(const GError* error);

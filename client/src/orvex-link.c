@@ -1,16 +1,15 @@
 #include "orvex-link.h"
 
+#include "orvex-audience.h"
+#include "orvex-bus.h"
+#include "orvex-calls.h"
 #include "orvex-failure.h"
+#include "orvex-names.h"
 #include "orvex-sync.h"
-#include "orvex-transfer.h"
+#include "orvex-waiters.h"
 #include "orvex-worker.h"
 
-#include <stdatomic.h>
-#include <stdlib.h>
-#include <unistd.h>
-
-/// The daemon answers at once unless it hangs.
-enum { CALL_TIMEOUT_MS = 25 * 1000, FIRST_CALL_MS = 5000, LAST_CALL_MS = 1000 };
+enum { FIRST_CALL_MS = 5000 };
 
 /// The daemon never answers the held call of a request that failed or was given up. The bus keeps
 /// the place for the answer until the caller or the daemon leaves, and refuses calls when a
@@ -18,347 +17,28 @@ enum { CALL_TIMEOUT_MS = 25 * 1000, FIRST_CALL_MS = 5000, LAST_CALL_MS = 1000 };
 /// use. So each connection serves a few transfers, and is left when it has lost too many answers.
 enum { MOST_CALLS = 16, CALLS_OF_A_TRANSFER = 2 };
 
-enum { LOOK_FOR_BUS_MS = 500 };
-
-/// No user has this number.
-#define NOBODY G_MAXUINT32
-
-/// What the daemon would keep if the process ended now.
-typedef struct {
-    const OrvexTransfer* transfer; ///< whose it is: numbers begin again with the next daemon
-    guint connection;
-    guint request;
-    gboolean uploading;
-} Remains;
-
-typedef struct Audience Audience;
-typedef struct Watch Watch;
-
 struct OrvexLink {
-    atomic_int refs;
-    GDBusConnection* bus;
-    gboolean owns_bus;
-    char* address; ///< of a bus of its own
-    guint32 user;  ///< as the bus knows this process
-    guint signals;
-    guint cancels;
-    guint owners;
-    Watch* watch;
-    gulong closed;
-    GList* openers;        ///< of GTask, while it is opened
-    GHashTable* transfers; ///< by the number of their connection; not owned
-    GList* waiters;        ///< of Waiter
-    GSource* look;         ///< for the bus, while there are waiters
+    OrvexCounted counted;
+    OrvexBus* bus;
+    OrvexPassengers* passengers;
+    OrvexWaiters* waiters;
+    OrvexAudience* audience; ///< NULL for one of which no client hears
+    GList* openers;          ///< of GTask, while it is opened; they keep the link
 
-    guint seats;     ///< transfers that use it
-    guint lost;      ///< calls that were given up and are never answered
-    GList* boarding; ///< of OrvexTransfer: they wait until it is open
-    GList* spares;   ///< of OrvexLink, for transfers for which this one has no room
-
-    GArray* remains;  ///< guarded by registry_lock
-    guint connecting; ///< transfers that do not know their number yet; likewise
-
-    GMainContext* context;
-    Audience* audience; ///< NULL for a spare one
+    guint seats; ///< transfers that use it
+    guint lost;  ///< calls that were given up and are never answered
 
     pthread_mutex_t lock;
     gboolean is_open;   ///< written by the worker under the lock
-    char* owner;        ///< written by the worker under the lock
+    char* owner;        ///< likewise
     OrvexStatus status; ///< likewise
 };
-
-/// Somebody waits until the network fits a policy.
-typedef struct {
-    OrvexLink* link;
-    OrvexPolicy policy;
-    GTask* task;
-    GSource* cancelled;
-} Waiter;
-
-// -- what the end of the process leaves ----------------------------------------------------------
-
-static pthread_mutex_t registry_lock = PTHREAD_MUTEX_INITIALIZER;
-static GPtrArray* registry = NULL; ///< links with a connection to the bus; guarded by registry_lock
-static pid_t registry_process = 0;
-static pthread_cond_t registry_connected; ///< no transfer waits for its number any more
-static gboolean process_ends = FALSE;     ///< guarded by registry_lock
-
-static void registry_add(OrvexLink* link) {
-    pthread_mutex_lock(&registry_lock);
-    if (registry == NULL) {
-        pthread_condattr_t attributes;
-        pthread_condattr_init(&attributes);
-        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-        pthread_cond_init(&registry_connected, &attributes);
-        pthread_condattr_destroy(&attributes);
-        registry = g_ptr_array_new();
-        registry_process = getpid();
-    }
-    g_ptr_array_add(registry, link);
-    pthread_mutex_unlock(&registry_lock);
-}
-
-static void registry_remove(OrvexLink* link) {
-    pthread_mutex_lock(&registry_lock);
-    g_ptr_array_remove_fast(registry, link);
-    pthread_mutex_unlock(&registry_lock);
-}
-
-static guint find_remains(OrvexLink* link, const OrvexTransfer* transfer) {
-    guint index = 0;
-    while (index < link->remains->len &&
-           g_array_index(link->remains, Remains, index).transfer != transfer) {
-        ++index;
-    }
-    return index;
-}
-
-void orvex_link_note_open(OrvexLink* link, const OrvexTransfer* transfer, guint connection,
-                          guint request, gboolean uploading) {
-    const Remains remains = {transfer, connection, request, uploading};
-    pthread_mutex_lock(&registry_lock);
-    const guint index = find_remains(link, transfer);
-    if (index < link->remains->len) {
-        g_array_index(link->remains, Remains, index) = remains;
-    } else {
-        g_array_append_val(link->remains, remains);
-    }
-    pthread_mutex_unlock(&registry_lock);
-}
-
-void orvex_link_note_closed(OrvexLink* link, const OrvexTransfer* transfer) {
-    pthread_mutex_lock(&registry_lock);
-    const guint index = find_remains(link, transfer);
-    if (index < link->remains->len) {
-        g_array_remove_index_fast(link->remains, index);
-    }
-    pthread_mutex_unlock(&registry_lock);
-}
-
-gboolean orvex_link_begin_connect(OrvexLink* link) {
-    pthread_mutex_lock(&registry_lock);
-    const gboolean may = !process_ends;
-    link->connecting += may ? 1 : 0;
-    pthread_mutex_unlock(&registry_lock);
-    return may;
-}
-
-void orvex_link_end_connect(OrvexLink* link) {
-    pthread_mutex_lock(&registry_lock);
-    --link->connecting;
-    pthread_cond_broadcast(&registry_connected);
-    pthread_mutex_unlock(&registry_lock);
-}
-
-static void send_call(GDBusConnection* bus, const char* owner, const char* member,
-                      GVariant* arguments) {
-    g_autoptr(GDBusMessage) call =
-        g_dbus_message_new_method_call(owner, ORVEX_PATH, ORVEX_INTERFACE, member);
-    g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED |
-                                       G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
-    g_dbus_message_set_body(call, arguments);
-    // It fails on a closed connection only, behind which nothing is left.
-    (void)g_dbus_connection_send_message(bus, call, G_DBUS_SEND_MESSAGE_FLAGS_NONE, NULL, NULL);
-}
-
-void orvex_link_send(OrvexLink* link, const char* owner, const char* member, GVariant* arguments) {
-    send_call(link->bus, owner, member, arguments);
-}
-
-static gboolean somebody_connects(void) {
-    gboolean connects = FALSE;
-    for (guint index = 0; index < registry->len; ++index) {
-        const OrvexLink* link = g_ptr_array_index(registry, index);
-        connects = connects || link->connecting > 0;
-    }
-    return connects;
-}
-
-/// The numbers of connections that are being made have to be known before they can be closed. With
-/// the registry's lock, which the worker gets meanwhile.
-static void await_numbers(gint64 deadline) {
-    const struct timespec until = {(time_t)(deadline / G_USEC_PER_SEC),
-                                   (long)(deadline % G_USEC_PER_SEC * 1000)};
-    int waited = 0;
-    while (waited == 0 && somebody_connects()) {
-        waited = pthread_cond_timedwait(&registry_connected, &registry_lock, &until);
-    }
-}
-
-static void take_back(gpointer each_link, gpointer data) {
-    const OrvexLink* link = each_link;
-    (void)data;
-    for (guint index = 0; index < link->remains->len; ++index) {
-        const Remains* each = &g_array_index(link->remains, Remains, index);
-        if (each->uploading) { // else the daemon would wait for the rest, and others with it
-            GVariant* nothing = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, "", 0, 1);
-            send_call(link->bus, ORVEX_BUS_NAME, "sendData",
-                      g_variant_new("(@aybuu)", nothing, TRUE, each->connection, each->request));
-        }
-        send_call(link->bus, ORVEX_BUS_NAME, "disconnect", g_variant_new("(u)", each->connection));
-    }
-}
-
-/// The bus has passed everything on when it answers.
-static void await_bus(gpointer each_link, gpointer deadline) {
-    const OrvexLink* link = each_link;
-    if (link->remains->len == 0) {
-        return;
-    }
-    const gint64 left = (*(const gint64*)deadline - g_get_monotonic_time()) / 1000;
-    g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
-        link->bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer",
-        "Ping", NULL, NULL, G_DBUS_CALL_FLAGS_NONE, (int)MAX(left, 1), NULL, NULL);
-}
-
-/// The process ends by exit(), with requests under way.
-__attribute__((destructor)) static void take_back_all(void) {
-    if (registry_process != getpid()) { // a fork has no requests of its own
-        return;
-    }
-    gint64 deadline = g_get_monotonic_time() + LAST_CALL_MS * 1000;
-    pthread_mutex_lock(&registry_lock);
-    process_ends = TRUE;
-    await_numbers(deadline);
-    deadline = g_get_monotonic_time() + LAST_CALL_MS * 1000;
-    g_ptr_array_foreach(registry, take_back, NULL);
-    g_ptr_array_foreach(registry, await_bus, &deadline);
-    pthread_mutex_unlock(&registry_lock);
-}
-
-// -- life ----------------------------------------------------------------------------------------
-
-/// Who hears of changes. What is on its way to it holds no link: the context to which it goes may
-/// never run, and the link would keep its connection.
-struct Audience {
-    atomic_int refs;
-    GWeakRef client;
-    void (*changed)(gpointer client, const char* property);
-    atomic_bool status_posted;
-    atomic_bool running_posted;
-};
-
-static void audience_unref(Audience* audience) {
-    if (atomic_fetch_sub(&audience->refs, 1) == 1) {
-        g_weak_ref_clear(&audience->client);
-        g_free(audience);
-    }
-}
-
-static OrvexLink* link_new(GMainContext* context) {
-    OrvexLink* link = g_new0(OrvexLink, 1);
-    atomic_init(&link->refs, 1);
-    link->user = NOBODY;
-    link->transfers = g_hash_table_new(NULL, NULL);
-    link->remains = g_array_new(FALSE, FALSE, sizeof(Remains));
-    link->context = g_main_context_ref(context);
-    pthread_mutex_init(&link->lock, NULL);
-    return link;
-}
-
-OrvexLink* orvex_link_new(GMainContext* context, void (*changed)(gpointer, const char*),
-                          gpointer client) {
-    OrvexLink* link = link_new(context);
-    link->audience = g_new0(Audience, 1);
-    atomic_init(&link->audience->refs, 1);
-    g_weak_ref_init(&link->audience->client, client);
-    link->audience->changed = changed;
-    return link;
-}
-
-OrvexLink* orvex_link_ref(OrvexLink* link) {
-    atomic_fetch_add(&link->refs, 1);
-    return link;
-}
-
-/// For what the bus tells: the link may be on its way out.
-/// @return whether there is a reference now
-static gboolean link_ref_if_alive(OrvexLink* link) {
-    int refs = atomic_load(&link->refs);
-    while (refs > 0 && !atomic_compare_exchange_weak(&link->refs, &refs, refs + 1)) {
-    }
-    return refs > 0;
-}
-
-/// From where the connection's "closed" is told, which may be any thread, to the worker.
-struct Watch {
-    atomic_int refs;
-    pthread_mutex_t lock;
-    OrvexLink* link; ///< NULL once the link has left the bus; guarded by the lock
-};
-
-static Watch* watch_new(OrvexLink* link) {
-    Watch* watch = g_new0(Watch, 1);
-    atomic_init(&watch->refs, 2); // the link's, and the signal handler's
-    pthread_mutex_init(&watch->lock, NULL);
-    watch->link = link;
-    return watch;
-}
-
-static void watch_unref(gpointer data, GClosure* closure) {
-    Watch* watch = data;
-    (void)closure;
-    if (atomic_fetch_sub(&watch->refs, 1) == 1) {
-        pthread_mutex_destroy(&watch->lock);
-        g_free(watch);
-    }
-}
-
-static void watch_end(Watch* watch) {
-    pthread_mutex_lock(&watch->lock);
-    watch->link = NULL;
-    pthread_mutex_unlock(&watch->lock);
-    watch_unref(watch, NULL);
-}
-
-static void close_bus(GObject* bus, GAsyncResult* result, gpointer data) {
-    (void)data;
-    (void)g_dbus_connection_flush_finish(G_DBUS_CONNECTION(bus), result, NULL);
-    g_dbus_connection_close(G_DBUS_CONNECTION(bus), NULL, NULL, NULL);
-}
-
-static void leave_bus(OrvexLink* link) {
-    if (link->bus == NULL) {
-        return;
-    }
-    registry_remove(link);
-    g_dbus_connection_signal_unsubscribe(link->bus, link->signals);
-    g_dbus_connection_signal_unsubscribe(link->bus, link->cancels);
-    g_dbus_connection_signal_unsubscribe(link->bus, link->owners);
-    watch_end(g_steal_pointer(&link->watch));
-    g_signal_handler_disconnect(link->bus, link->closed);
-    if (link->owns_bus && !g_dbus_connection_is_closed(link->bus)) {
-        // Closing would overtake what is still to be written.
-        g_dbus_connection_flush(link->bus, NULL, close_bus, NULL);
-    }
-    g_clear_object(&link->bus);
-}
-
-static void link_free(gpointer data) {
-    OrvexLink* link = data;
-    leave_bus(link);
-    g_list_free_full(link->spares, (GDestroyNotify)orvex_link_unref);
-    g_hash_table_unref(link->transfers);
-    g_array_unref(link->remains);
-    g_main_context_unref(link->context);
-    g_clear_pointer(&link->audience, audience_unref);
-    g_free(link->address);
-    pthread_mutex_destroy(&link->lock);
-    g_free(link->owner);
-    g_free(link);
-}
-
-void orvex_link_unref(OrvexLink* link) {
-    if (atomic_fetch_sub(&link->refs, 1) == 1) {
-        orvex_worker_post(link_free, link, NULL);
-    }
-}
 
 // -- properties ----------------------------------------------------------------------------------
 
 GDBusConnection* orvex_link_get_bus(OrvexLink* link) {
     pthread_mutex_lock(&link->lock);
-    GDBusConnection* bus = link->is_open ? link->bus : NULL;
+    GDBusConnection* bus = link->is_open ? orvex_bus_get_connection(link->bus) : NULL;
     pthread_mutex_unlock(&link->lock);
     return bus;
 }
@@ -381,97 +61,85 @@ const char* orvex_link_get_owner(OrvexLink* link) {
     return link->owner;
 }
 
-static void tell_property(Audience* audience, atomic_bool* posted, const char* property) {
-    atomic_store(posted, FALSE);
-    g_autoptr(GObject) client = g_weak_ref_get(&audience->client);
-    if (client != NULL) {
-        audience->changed(client, property);
-    }
+gboolean orvex_link_is_own(OrvexLink* link) {
+    return orvex_bus_is_own(link->bus);
 }
 
-static void tell_status(gpointer audience) {
-    tell_property(audience, &((Audience*)audience)->status_posted, "status");
+gboolean orvex_link_is_open(OrvexLink* link) {
+    return link->is_open;
 }
 
-static void tell_running(gpointer audience) {
-    tell_property(audience, &((Audience*)audience)->running_posted, "running");
+gboolean orvex_link_is_connected(OrvexLink* link) {
+    return orvex_bus_is_connected(link->bus);
 }
 
-/// One notification of each property is on its way at the most: it does not carry the value.
-static void tell(OrvexLink* link, gboolean is_status) {
-    Audience* audience = link->audience;
-    if (!link->is_open || audience == NULL) {
-        return; // nobody has seen another value
-    }
-    if (!atomic_exchange(is_status ? &audience->status_posted : &audience->running_posted, TRUE)) {
-        atomic_fetch_add(&audience->refs, 1);
-        orvex_post(link->context, G_PRIORITY_DEFAULT, is_status ? tell_status : tell_running,
-                   audience, (GDestroyNotify)audience_unref);
-    }
+OrvexPassengers* orvex_link_get_passengers(OrvexLink* link) {
+    return link->passengers;
 }
 
-// -- waiting for the network ---------------------------------------------------------------------
-
-static gboolean is_usable(OrvexStatus status, OrvexPolicy policy) {
-    if ((status & ORVEX_STATUS_CONNECTED) == 0) {
-        return FALSE;
-    }
-    switch (policy) {
-    case ORVEX_POLICY_ANY:
-        return TRUE;
-    case ORVEX_POLICY_NOT_FLAGGED:
-        return (status & ORVEX_STATUS_KIND_ONE) != 0 || (status & ORVEX_STATUS_FLAGGED) == 0;
-    case ORVEX_POLICY_KIND_ONE:
-    default:
-        return (status & ORVEX_STATUS_KIND_ONE) != 0;
-    }
+OrvexRemains* orvex_link_get_remains(OrvexLink* link) {
+    return orvex_bus_get_remains(link->bus);
 }
 
-/// Takes the waiter from the list. The caller answers its task.
-static GTask* waiter_free(Waiter* waiter) {
-    GTask* task = waiter->task;
-    waiter->link->waiters = g_list_remove(waiter->link->waiters, waiter);
-    if (waiter->link->waiters == NULL) {
-        orvex_source_clear(&waiter->link->look);
-    }
-    orvex_source_clear(&waiter->cancelled);
-    g_free(waiter);
-    return task;
+/// Changes are told once it is open: before, nobody has seen another value.
+static gboolean is_heard(const OrvexLink* link) {
+    return link->is_open && link->audience != NULL;
 }
 
-static void serve_waiters(OrvexLink* link) {
-    for (GList* each = link->waiters; each != NULL;) {
-        Waiter* waiter = each->data;
-        each = each->next;
-        if (is_usable(link->status, waiter->policy)) {
-            orvex_task_return_boolean(waiter_free(waiter), TRUE);
-        }
+static void set_owner(OrvexLink* link, const char* owner) {
+    const gboolean was_running = link->owner != NULL;
+    pthread_mutex_lock(&link->lock);
+    g_free(link->owner);
+    link->owner = g_strdup(owner);
+    pthread_mutex_unlock(&link->lock);
+    if (was_running != (owner != NULL) && is_heard(link)) {
+        orvex_audience_tell_running(link->audience);
     }
 }
-
-static void fail_waiters(OrvexLink* link, const GError* error) {
-    while (link->waiters != NULL) {
-        orvex_task_return_error(waiter_free(link->waiters->data), g_error_copy(error));
-    }
-}
-
-// -- status --------------------------------------------------------------------------------------
 
 static void set_status(OrvexLink* link, guint status) {
     const gboolean changed = link->status != (OrvexStatus)status;
     pthread_mutex_lock(&link->lock);
     link->status = (OrvexStatus)status;
     pthread_mutex_unlock(&link->lock);
-    if (changed) {
-        tell(link, TRUE);
+    if (changed && is_heard(link)) {
+        orvex_audience_tell_status(link->audience);
     }
-    serve_waiters(link);
+    orvex_waiters_serve(link->waiters, link->status);
+}
+
+// -- places for transfers ------------------------------------------------------------------------
+
+void orvex_link_enter(OrvexLink* link) {
+    ++link->seats;
+}
+
+void orvex_link_leave(OrvexLink* link, guint lost) {
+    --link->seats;
+    link->lost += lost;
+}
+
+gboolean orvex_link_has_room(OrvexLink* link) {
+    return link->lost + CALLS_OF_A_TRANSFER * (link->seats + 1) <= MOST_CALLS;
+}
+
+gboolean orvex_link_is_idle(OrvexLink* link) {
+    return link->seats == 0;
+}
+
+// -- status --------------------------------------------------------------------------------------
+
+static void ask_for_status(OrvexLink* link, const char* name, int timeout,
+                           GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+    orvex_ask_for_status(orvex_bus_get_connection(link->bus), name, timeout, cancellable, callback,
+                         data);
 }
 
 /// The outcome of a question for the status, which becomes the property too.
 static gboolean read_status(OrvexLink* link, GAsyncResult* result, guint* status, GError** error) {
     GError* failure = NULL;
-    g_autoptr(GVariant) reply = g_dbus_connection_call_finish(link->bus, result, &failure);
+    g_autoptr(GVariant) reply =
+        g_dbus_connection_call_finish(orvex_bus_get_connection(link->bus), result, &failure);
     g_autoptr(GVariant) value = NULL;
     if (reply == NULL) {
         g_propagate_error(error, orvex_failure_from_call(failure, FALSE));
@@ -487,16 +155,6 @@ static gboolean read_status(OrvexLink* link, GAsyncResult* result, guint* status
     return TRUE;
 }
 
-static void ask_status(OrvexLink* link, const char* name, int timeout, GCancellable* cancellable,
-                       GAsyncReadyCallback callback, gpointer data) {
-    // By its name, the daemon is started if it is not there.
-    const GDBusCallFlags flags =
-        *name == ':' ? G_DBUS_CALL_FLAGS_NO_AUTO_START : G_DBUS_CALL_FLAGS_NONE;
-    g_dbus_connection_call(link->bus, name, ORVEX_PATH, "org.freedesktop.DBus.Properties", "Get",
-                           g_variant_new("(ss)", ORVEX_INTERFACE, "connectionStatus"),
-                           G_VARIANT_TYPE("(v)"), flags, timeout, cancellable, callback, data);
-}
-
 static void status_answered(GObject* bus, GAsyncResult* result, gpointer data) {
     GTask* task = data;
     GError* error = NULL;
@@ -509,29 +167,20 @@ static void status_answered(GObject* bus, GAsyncResult* result, gpointer data) {
     }
 }
 
-static gboolean has_bus(OrvexLink* link) {
-    return link->bus != NULL && !g_dbus_connection_is_closed(link->bus);
-}
-
 static void query_status(gpointer data) {
     GTask* task = data;
     OrvexLink* link = g_task_get_task_data(task);
-    if (!has_bus(link)) {
+    if (!orvex_link_is_connected(link)) {
         orvex_task_return_error(task, orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL));
         return;
     }
-    ask_status(link, ORVEX_BUS_NAME, CALL_TIMEOUT_MS, g_task_get_cancellable(task), status_answered,
-               task);
+    ask_for_status(link, ORVEX_BUS_NAME, ORVEX_ANSWERED_AT_ONCE_MS, g_task_get_cancellable(task),
+                   status_answered, task);
 }
 
 void orvex_link_query_status(OrvexLink* link, GTask* task) {
-    g_task_set_task_data(task, orvex_link_ref(link), (GDestroyNotify)orvex_link_unref);
+    g_task_set_task_data(task, orvex_counted_ref(link), orvex_counted_unref);
     orvex_worker_post(query_status, g_object_ref(task), NULL);
-}
-
-static void fail_waiters_without_bus(OrvexLink* link) {
-    g_autoptr(GError) no_bus = orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL);
-    fail_waiters(link, no_bus);
 }
 
 static void waiters_answered(GObject* bus, GAsyncResult* result, gpointer data) {
@@ -541,279 +190,32 @@ static void waiters_answered(GObject* bus, GAsyncResult* result, gpointer data) 
     (void)bus;
     // A daemon that went away meanwhile is asked again when its name changes hands.
     if (!read_status(link, result, &status, &error)) {
-        if (!has_bus(link)) {
-            fail_waiters_without_bus(link);
+        if (!orvex_link_is_connected(link)) {
+            orvex_waiters_fail_without_bus(link->waiters);
         } else if (!g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DAEMON_GONE)) {
-            fail_waiters(link, error);
+            orvex_waiters_fail(link->waiters, error);
         }
     }
-    orvex_link_unref(link);
+    orvex_counted_unref(link);
 }
 
-/// Asks a daemon that may have to be started, for those who wait.
-static void ask_for_waiters(OrvexLink* link) {
-    ask_status(link, ORVEX_BUS_NAME, CALL_TIMEOUT_MS, NULL, waiters_answered, orvex_link_ref(link));
+static void ask_for_waiters(gpointer link) {
+    ask_for_status(link, ORVEX_BUS_NAME, ORVEX_ANSWERED_AT_ONCE_MS, NULL, waiters_answered,
+                   orvex_counted_ref(link));
 }
 
-static gboolean waiter_cancelled(GCancellable* cancellable, gpointer data) {
-    GError* error = NULL;
-    g_cancellable_set_error_if_cancelled(cancellable, &error);
-    orvex_task_return_error(waiter_free(data), error);
-    return G_SOURCE_REMOVE;
+static gboolean is_connected_for_waiters(gpointer link) {
+    return orvex_link_is_connected(link);
 }
 
-/// A connection tells its end in the context in which it was made. That one may never run.
-static gboolean look_for_bus(gpointer data) {
-    OrvexLink* link = data;
-    if (has_bus(link)) {
-        return G_SOURCE_CONTINUE;
-    }
-    fail_waiters_without_bus(link);
-    return G_SOURCE_REMOVE;
-}
-
-static void wait_usable(gpointer data) {
-    Waiter* waiter = data;
-    OrvexLink* link = waiter->link;
-    if (!has_bus(link)) {
-        orvex_task_return_error(waiter_free(waiter),
-                                orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL));
-        return;
-    }
-    link->waiters = g_list_prepend(link->waiters, waiter);
-    if (link->look == NULL) {
-        link->look = orvex_worker_timer(LOOK_FOR_BUS_MS, look_for_bus, link);
-    }
-    GCancellable* cancellable = g_task_get_cancellable(waiter->task);
-    if (cancellable != NULL) {
-        waiter->cancelled = g_cancellable_source_new(cancellable);
-        g_source_set_callback(waiter->cancelled, G_SOURCE_FUNC(waiter_cancelled), waiter, NULL);
-        g_source_attach(waiter->cancelled, orvex_worker_context());
-    }
-    ask_for_waiters(link);
-}
+static const OrvexWaitersLink waiters_link = {
+    .ask = ask_for_waiters,
+    .is_connected = is_connected_for_waiters,
+};
 
 void orvex_link_wait_usable(OrvexLink* link, OrvexPolicy policy, GTask* task) {
-    Waiter* waiter = g_new0(Waiter, 1);
-    waiter->link = link;
-    waiter->policy = policy;
-    waiter->task = g_object_ref(task);
-    g_task_set_task_data(task, orvex_link_ref(link), (GDestroyNotify)orvex_link_unref);
-    orvex_worker_post(wait_usable, waiter, NULL);
-}
-
-// -- the daemon comes and goes -------------------------------------------------------------------
-
-static void new_status(GObject* bus, GAsyncResult* result, gpointer data) {
-    OrvexLink* link = data;
-    guint status = 0;
-    (void)bus;
-    // A daemon that does not tell is as one without a network.
-    (void)read_status(link, result, &status, NULL);
-    orvex_link_unref(link);
-}
-
-/// Transfers may end while they are told, and leave the table.
-static void for_each_transfer(OrvexLink* link, void (*action)(OrvexTransfer*)) {
-    g_autoptr(GList) all = g_hash_table_get_values(link->transfers);
-    g_list_foreach(all, (GFunc)(void (*)(void))orvex_transfer_ref, NULL);
-    for (GList* each = all; each != NULL; each = each->next) {
-        action(each->data);
-        orvex_transfer_unref(each->data);
-    }
-}
-
-static void set_owner(OrvexLink* link, const char* owner) {
-    const gboolean was_running = link->owner != NULL;
-    pthread_mutex_lock(&link->lock);
-    g_free(link->owner);
-    link->owner = g_strdup(owner);
-    pthread_mutex_unlock(&link->lock);
-    if (was_running != (owner != NULL)) {
-        tell(link, FALSE);
-    }
-}
-
-static void owner_changed(GDBusConnection* bus, const char* sender, const char* path,
-                          const char* interface, const char* name, GVariant* arguments,
-                          gpointer data) {
-    OrvexLink* link = data;
-    const char* before = NULL;
-    const char* after = NULL;
-    (void)bus, (void)sender, (void)path, (void)interface, (void)name;
-    if (!g_variant_is_of_type(arguments, G_VARIANT_TYPE("(sss)")) || !link_ref_if_alive(link)) {
-        return;
-    }
-    g_variant_get(arguments, "(&s&s&s)", NULL, &before, &after);
-    if (*before != '\0') {
-        link->lost = 0; // the bus has answered in its place
-        set_owner(link, NULL);
-        set_status(link, 0);
-        for_each_transfer(link, orvex_transfer_daemon_gone);
-    }
-    if (*after != '\0') {
-        set_owner(link, after);
-        ask_status(link, after, CALL_TIMEOUT_MS, NULL, new_status, orvex_link_ref(link));
-    } else if (link->waiters != NULL) {
-        ask_for_waiters(link);
-    }
-    orvex_link_unref(link);
-}
-
-static void bus_lost(gpointer data) {
-    OrvexLink* link = data;
-    set_owner(link, NULL);
-    set_status(link, 0);
-    for_each_transfer(link, orvex_transfer_daemon_gone);
-    fail_waiters_without_bus(link);
-}
-
-/// On the thread of the context in which the connection was made.
-static void bus_closed(GDBusConnection* bus, gboolean vanished, GError* error, gpointer data) {
-    Watch* watch = data;
-    (void)bus, (void)vanished, (void)error;
-    pthread_mutex_lock(&watch->lock);
-    OrvexLink* link = watch->link != NULL && link_ref_if_alive(watch->link) ? watch->link : NULL;
-    pthread_mutex_unlock(&watch->lock);
-    if (link != NULL) {
-        orvex_worker_post(bus_lost, link, (GDestroyNotify)orvex_link_unref);
-    }
-}
-
-// -- signals -------------------------------------------------------------------------------------
-
-void orvex_link_add(OrvexLink* link, guint connection, OrvexTransfer* transfer) {
-    g_hash_table_insert(link->transfers, GUINT_TO_POINTER(connection), transfer);
-}
-
-static OrvexTransfer* find_transfer(OrvexLink* link, guint connection) {
-    return g_hash_table_lookup(link->transfers, GUINT_TO_POINTER(connection));
-}
-
-void orvex_link_remove(OrvexLink* link, guint connection, OrvexTransfer* transfer) {
-    if (find_transfer(link, connection) == transfer) { // the next daemon gives numbers again
-        g_hash_table_remove(link->transfers, GUINT_TO_POINTER(connection));
-    }
-}
-
-/// Tells each request of the list "1:1 3:17", and those that it leaves out.
-static void tell_failed(OrvexLink* link, guint code, const char* message, const char* keys) {
-    g_autoptr(GHashTable) named = g_hash_table_new(NULL, NULL);
-    for (const char* at = keys; *at != '\0';) {
-        char* end = NULL;
-        const guint connection = (guint)strtoul(at, &end, 10);
-        const guint request = *end == ':' ? (guint)strtoul(end + 1, &end, 10) : 0;
-        OrvexTransfer* transfer = find_transfer(link, connection);
-        if (transfer != NULL && orvex_transfer_failed(transfer, request, code, message)) {
-            g_hash_table_add(named, GUINT_TO_POINTER(connection));
-        }
-        while (*end != '\0' && *end != ' ') {
-            ++end;
-        }
-        at = *end == ' ' ? end + 1 : end;
-    }
-    g_autoptr(GList) connections = g_hash_table_get_keys(link->transfers);
-    for (GList* each = connections; each != NULL; each = each->next) {
-        if (!g_hash_table_contains(named, each->data)) {
-            OrvexTransfer* transfer = g_hash_table_lookup(link->transfers, each->data);
-            orvex_transfer_exchange_failed(transfer, code, message);
-        }
-    }
-}
-
-static void tell_about_request(OrvexLink* link, GVariant* arguments,
-                               void (*action)(OrvexTransfer*, guint request)) {
-    guint connection = 0;
-    guint request = 0;
-    if (!g_variant_is_of_type(arguments, G_VARIANT_TYPE("(uu)"))) {
-        return;
-    }
-    g_variant_get(arguments, "(uu)", &connection, &request);
-    OrvexTransfer* transfer = find_transfer(link, connection);
-    if (transfer != NULL) {
-        action(transfer, request);
-    }
-}
-
-static void daemon_signal(GDBusConnection* bus, const char* sender, const char* path,
-                          const char* interface, const char* name, GVariant* arguments,
-                          gpointer data) {
-    OrvexLink* link = data;
-    (void)bus, (void)path, (void)interface;
-    // Others might like to be the daemon.
-    if (g_strcmp0(sender, link->owner) != 0 || !link_ref_if_alive(link)) {
-        return;
-    }
-    if (g_str_equal(name, "requestData")) {
-        tell_about_request(link, arguments, orvex_transfer_data_wanted);
-    } else if (g_str_equal(name, "errorSignal") &&
-               g_variant_is_of_type(arguments, G_VARIANT_TYPE("(uss)"))) {
-        guint code = 0;
-        const char* message = NULL;
-        const char* keys = NULL;
-        g_variant_get(arguments, "(u&s&s)", &code, &message, &keys);
-        tell_failed(link, code, message, keys);
-    } else if (g_str_equal(name, "connectionStatusChanged") &&
-               g_variant_is_of_type(arguments, G_VARIANT_TYPE("(u)"))) {
-        guint status = 0;
-        g_variant_get(arguments, "(u)", &status);
-        set_status(link, status);
-    }
-    orvex_link_unref(link);
-}
-
-typedef struct {
-    OrvexLink* link;
-    guint connection;
-    guint request;
-} Cancel;
-
-/// The daemon obeys the user whose request it is, and root; it obeys nobody who has left the bus
-/// before it could ask who that was.
-static void canceller_known(GObject* bus, GAsyncResult* result, gpointer data) {
-    g_autofree Cancel* cancel = data;
-    OrvexLink* link = cancel->link;
-    guint32 user = NOBODY;
-    g_autoptr(GVariant) reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(bus), result, NULL);
-    OrvexTransfer* transfer = find_transfer(link, cancel->connection);
-    if (reply != NULL) {
-        g_variant_get(reply, "(u)", &user);
-    }
-    if (transfer != NULL && user == NOBODY) {
-        orvex_transfer_may_be_cancelled(transfer, cancel->request); // the daemon may be quicker
-    } else if (transfer != NULL && (user == 0 || user == link->user)) {
-        orvex_transfer_cancelled(transfer, cancel->request);
-    }
-    orvex_link_unref(link);
-}
-
-static void ask_for_user(GDBusConnection* bus, const char* name, GCancellable* cancellable,
-                         GAsyncReadyCallback callback, gpointer data) {
-    g_dbus_connection_call(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                           "org.freedesktop.DBus", "GetConnectionUnixUser",
-                           g_variant_new("(s)", name), G_VARIANT_TYPE("(u)"),
-                           G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, cancellable, callback, data);
-}
-
-/// The daemon does not tell that somebody has cancelled a request: it just stays silent. Everybody
-/// can send this signal, on any path.
-static void cancel_signal(GDBusConnection* bus, const char* sender, const char* path,
-                          const char* interface, const char* name, GVariant* arguments,
-                          gpointer data) {
-    OrvexLink* link = data;
-    guint connection = 0;
-    guint request = 0;
-    (void)path, (void)interface, (void)name;
-    if (!g_variant_is_of_type(arguments, G_VARIANT_TYPE("(uu)")) || !link_ref_if_alive(link)) {
-        return;
-    }
-    g_variant_get(arguments, "(uu)", &connection, &request);
-    if (find_transfer(link, connection) != NULL && sender != NULL) {
-        Cancel* cancel = g_new(Cancel, 1);
-        *cancel = (Cancel){orvex_link_ref(link), connection, request};
-        ask_for_user(bus, sender, NULL, canceller_known, cancel);
-    }
-    orvex_link_unref(link);
+    g_task_set_task_data(task, orvex_counted_ref(link), orvex_counted_unref);
+    orvex_waiters_wait(link->waiters, policy, task);
 }
 
 // -- opening -------------------------------------------------------------------------------------
@@ -841,19 +243,9 @@ static void opened(OrvexLink* link) {
 
 /// It may be tried again. Takes the error.
 static void fail_to_open(OrvexLink* link, GError* error) {
-    leave_bus(link);
+    orvex_bus_leave(link->bus);
     set_owner(link, NULL);
     answer_openers(link, error);
-}
-
-/// Takes the error.
-static void fail_without_bus(OrvexLink* link, GError* error) {
-    if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
-        GError* cause = error;
-        error = orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, cause->message);
-        g_error_free(cause);
-    }
-    fail_to_open(link, error);
 }
 
 /// The first one who has asked decides for all.
@@ -887,7 +279,7 @@ static void owner_found(GObject* bus, GAsyncResult* result, gpointer data) {
         return;
     }
     g_clear_error(&error);
-    if (!has_bus(link)) {
+    if (!orvex_link_is_connected(link)) {
         fail_to_open(link, orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL));
         return;
     }
@@ -898,196 +290,148 @@ static void owner_found(GObject* bus, GAsyncResult* result, gpointer data) {
     const char* owner = NULL;
     g_variant_get(reply, "(&s)", &owner);
     set_owner(link, owner);
-    ask_status(link, owner, FIRST_CALL_MS, cancellable_of(link), first_status, link);
+    ask_for_status(link, owner, FIRST_CALL_MS, cancellable_of(link), first_status, link);
 }
 
-static void own_user_known(GObject* bus, GAsyncResult* result, gpointer data) {
+/// Takes the error.
+static void bus_reached(gpointer data, GError* error) {
     OrvexLink* link = data;
-    g_autoptr(GVariant) reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(bus), result, NULL);
-    if (reply != NULL) {
-        g_variant_get(reply, "(u)", &link->user);
-    }
-    orvex_link_unref(link);
-}
-
-static void subscribe(OrvexLink* link) {
-    // One rule for all signals of the daemon, in force before the first request.
-    link->signals = g_dbus_connection_signal_subscribe(
-        link->bus, ORVEX_BUS_NAME, ORVEX_INTERFACE, NULL, ORVEX_PATH, NULL,
-        G_DBUS_SIGNAL_FLAGS_NONE, daemon_signal, link, NULL);
-    // The daemon obeys it on every path.
-    link->cancels =
-        g_dbus_connection_signal_subscribe(link->bus, NULL, ORVEX_INTERFACE, "cancel", NULL, NULL,
-                                           G_DBUS_SIGNAL_FLAGS_NONE, cancel_signal, link, NULL);
-    link->owners = g_dbus_connection_signal_subscribe(
-        link->bus, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
-        "/org/freedesktop/DBus", ORVEX_BUS_NAME, G_DBUS_SIGNAL_FLAGS_NONE, owner_changed, link,
-        NULL);
-    link->watch = watch_new(link);
-    link->closed = g_signal_connect_data(link->bus, "closed", G_CALLBACK(bus_closed), link->watch,
-                                         watch_unref, 0);
-}
-
-static void use_bus(OrvexLink* link, GDBusConnection* bus, gboolean owns) {
-    link->bus = g_object_ref(bus);
-    link->owns_bus = owns;
-    registry_add(link);
-    subscribe(link);
-    const char* name = g_dbus_connection_get_unique_name(bus);
-    if (name != NULL) {
-        ask_for_user(bus, name, NULL, own_user_known, orvex_link_ref(link));
-    }
-    g_dbus_connection_call(
-        bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "GetNameOwner", g_variant_new("(s)", ORVEX_BUS_NAME), G_VARIANT_TYPE("(s)"),
-        G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, cancellable_of(link), owner_found, link);
-}
-
-static void bus_reached(GObject* source, GAsyncResult* result, gpointer data) {
-    OrvexLink* link = data;
-    GError* error = NULL;
-    g_autoptr(GDBusConnection) bus = g_dbus_connection_new_for_address_finish(result, &error);
-    (void)source;
-    if (bus == NULL) {
-        fail_without_bus(link, error);
+    if (error != NULL) {
+        fail_to_open(link, error);
         return;
     }
-    use_bus(link, bus, TRUE);
+    GDBusConnection* bus = orvex_bus_get_connection(link->bus);
+    orvex_passengers_ask_for_own_user(link->passengers, bus);
+    orvex_ask_for_daemon(bus, cancellable_of(link), owner_found, link);
 }
 
-/// A connection of the library's own, so that its end does not end the program, as that of the
-/// shared one would.
-static void open_system_bus(OrvexLink* link) {
-    GError* error = NULL;
-    if (link->address == NULL) {
-        link->address =
-            g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, cancellable_of(link), &error);
-    }
-    if (link->address == NULL) {
-        fail_without_bus(link, error);
-        return;
-    }
-    g_dbus_connection_new_for_address(link->address,
-                                      G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION,
-                                      NULL, cancellable_of(link), bus_reached, link);
-}
-
-/// The tasks of those who wait keep the link.
 static void open_link(gpointer data) {
     GTask* task = data;
     OrvexLink* link = g_task_get_task_data(task);
-    GDBusConnection* bus = g_object_get_data(G_OBJECT(task), "bus");
     if (link->is_open) { // once is enough
         orvex_task_return_boolean(task, TRUE);
         return;
     }
     link->openers = g_list_append(link->openers, task);
-    if (link->openers->next != NULL) {
-        return; // it is on its way
-    }
-    if (bus == NULL) {
-        open_system_bus(link);
-    } else if (g_dbus_connection_is_closed(bus)) {
-        fail_to_open(link, orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL));
-    } else {
-        use_bus(link, bus, FALSE);
+    if (link->openers->next == NULL) { // else it is on its way
+        orvex_bus_open(link->bus, g_object_get_data(G_OBJECT(task), "bus"), cancellable_of(link));
     }
 }
 
 void orvex_link_open(OrvexLink* link, GDBusConnection* bus, GTask* task) {
-    g_task_set_task_data(task, orvex_link_ref(link), (GDestroyNotify)orvex_link_unref);
+    g_task_set_task_data(task, orvex_counted_ref(link), orvex_counted_unref);
     if (bus != NULL) {
         g_object_set_data_full(G_OBJECT(task), "bus", g_object_ref(bus), g_object_unref);
     }
     orvex_worker_post(open_link, g_object_ref(task), NULL);
 }
 
-// -- places for transfers ------------------------------------------------------------------------
+// -- what the bus tells --------------------------------------------------------------------------
 
-static gboolean has_room(OrvexLink* link) {
-    return link->lost + CALLS_OF_A_TRANSFER * (link->seats + 1) <= MOST_CALLS;
+static void new_status(GObject* bus, GAsyncResult* result, gpointer data) {
+    OrvexLink* link = data;
+    guint status = 0;
+    (void)bus;
+    // A daemon that does not tell is as one without a network.
+    (void)read_status(link, result, &status, NULL);
+    orvex_counted_unref(link);
 }
 
-/// The link for the next transfer: this one, or a spare one with room, or NULL. A connection that
-/// was given cannot be made once more.
-static OrvexLink* find_room(OrvexLink* home) {
-    if (!home->owns_bus || has_room(home)) {
-        return home;
+static void daemon_lost(OrvexLink* link) {
+    set_owner(link, NULL);
+    set_status(link, 0);
+    orvex_passengers_daemon_gone(link->passengers);
+}
+
+static void owner_changed(gpointer data, const char* before, const char* after) {
+    OrvexLink* link = data;
+    if (*before != '\0') {
+        link->lost = 0; // the bus has answered in its place
+        daemon_lost(link);
     }
-    for (GList* each = home->spares; each != NULL; each = each->next) {
-        OrvexLink* spare = each->data;
-        if (has_room(spare) && (!spare->is_open || has_bus(spare))) {
-            return spare;
-        }
-    }
-    return NULL;
-}
-
-static void drop_spare(OrvexLink* home, OrvexLink* spare) {
-    home->spares = g_list_remove(home->spares, spare);
-    orvex_link_unref(spare);
-}
-
-/// A spare link that nobody uses stays only if the next transfer would take it.
-static void drop_idle_spares(OrvexLink* home) {
-    const OrvexLink* next = find_room(home);
-    for (GList* each = home->spares; each != NULL;) {
-        OrvexLink* spare = each->data;
-        each = each->next;
-        if (spare->seats == 0 && spare != next) {
-            drop_spare(home, spare);
-        }
+    if (*after != '\0') {
+        set_owner(link, after);
+        ask_for_status(link, after, ORVEX_ANSWERED_AT_ONCE_MS, NULL, new_status,
+                       orvex_counted_ref(link));
+    } else if (!orvex_waiters_is_empty(link->waiters)) {
+        ask_for_waiters(link);
     }
 }
 
-static void spare_opened(GObject* source, GAsyncResult* result, gpointer data) {
-    OrvexLink* home = data;
-    OrvexLink* spare = g_task_get_task_data(G_TASK(result));
-    (void)source;
-    const gboolean is_open = g_task_propagate_boolean(G_TASK(result), NULL);
-    g_autoptr(GList) boarding = g_steal_pointer(&spare->boarding);
-    for (GList* each = boarding; each != NULL; each = each->next) {
-        if (!is_open) { // the bus may allow no further connection; then this one has to do
-            orvex_transfer_sit(each->data, home);
-        }
-        orvex_transfer_board(each->data);
-        orvex_transfer_unref(each->data);
-    }
-    if (!is_open && g_list_find(home->spares, spare) != NULL) {
-        drop_spare(home, spare);
-    }
-    orvex_link_unref(home);
+static void bus_closed(gpointer data) {
+    OrvexLink* link = data;
+    daemon_lost(link);
+    orvex_waiters_fail_without_bus(link->waiters);
 }
 
-static OrvexLink* add_spare(OrvexLink* home) {
-    OrvexLink* spare = link_new(home->context);
-    spare->address = g_strdup(home->address);
-    home->spares = g_list_append(home->spares, spare);
-    g_autoptr(GTask) task = g_task_new(NULL, NULL, spare_opened, orvex_link_ref(home));
-    orvex_link_open(spare, NULL, task);
-    return spare;
-}
-
-void orvex_link_find_seat(OrvexLink* home, OrvexTransfer* transfer) {
-    OrvexLink* link = find_room(home);
-    if (link == NULL) {
-        link = add_spare(home);
+static void daemon_signal(gpointer data, const char* sender, const char* name,
+                          GVariant* arguments) {
+    OrvexLink* link = data;
+    if (g_strcmp0(sender, link->owner) != 0) { // others might like to be the daemon
+        return;
     }
-    orvex_transfer_sit(transfer, link);
-    if (link->is_open) {
-        orvex_transfer_board(transfer);
-    } else {
-        link->boarding = g_list_append(link->boarding, orvex_transfer_ref(transfer));
+    if (g_str_equal(name, "requestData")) {
+        orvex_passengers_data_wanted(link->passengers, arguments);
+    } else if (g_str_equal(name, "errorSignal")) {
+        orvex_passengers_failed(link->passengers, arguments);
+    } else if (g_str_equal(name, "connectionStatusChanged") &&
+               g_variant_is_of_type(arguments, G_VARIANT_TYPE("(u)"))) {
+        guint status = 0;
+        g_variant_get(arguments, "(u)", &status);
+        set_status(link, status);
     }
 }
 
-void orvex_link_enter(OrvexLink* link) {
-    ++link->seats;
+static void cancel_signal(gpointer data, const char* sender, GVariant* arguments) {
+    OrvexLink* link = data;
+    orvex_passengers_cancel(link->passengers, orvex_bus_get_connection(link->bus), sender,
+                            arguments);
 }
 
-void orvex_link_leave(OrvexLink* home, OrvexLink* link, guint lost) {
-    --link->seats;
-    link->lost += lost;
-    drop_idle_spares(home);
+static const OrvexBusFunctions bus_functions = {
+    .reached = bus_reached,
+    .daemon_signal = daemon_signal,
+    .cancel_signal = cancel_signal,
+    .owner_changed = owner_changed,
+    .closed = bus_closed,
+};
+
+// -- life ----------------------------------------------------------------------------------------
+
+static void link_free(gpointer data) {
+    OrvexLink* link = data;
+    orvex_bus_free(link->bus);
+    orvex_counted_unref(link->passengers);
+    orvex_waiters_free(link->waiters);
+    g_clear_pointer(&link->audience, orvex_audience_free);
+    pthread_mutex_destroy(&link->lock);
+    g_free(link->owner);
+    g_free(link);
+}
+
+static void link_unused(gpointer link) {
+    orvex_worker_post(link_free, link, NULL);
+}
+
+static OrvexLink* link_new(void) {
+    OrvexLink* link = g_new0(OrvexLink, 1);
+    orvex_counted_init(link, link_unused);
+    link->passengers = orvex_passengers_new();
+    link->waiters = orvex_waiters_new(&waiters_link, link);
+    pthread_mutex_init(&link->lock, NULL);
+    return link;
+}
+
+OrvexLink* orvex_link_new(GMainContext* context, void (*changed)(gpointer, const char*),
+                          gpointer client) {
+    OrvexLink* link = link_new();
+    link->bus = orvex_bus_new(&bus_functions, link);
+    link->audience = orvex_audience_new(context, changed, client);
+    return link;
+}
+
+OrvexLink* orvex_link_new_beside(OrvexLink* other) {
+    OrvexLink* link = link_new();
+    link->bus = orvex_bus_new_beside(other->bus, &bus_functions, link);
+    return link;
 }

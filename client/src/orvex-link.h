@@ -1,26 +1,24 @@
 #pragma once
 
 #include "orvex-enums.h"
+#include "orvex-passengers.h"
+#include "orvex-remains.h"
 
 #include <gio/gio.h>
 
-// One client's way to the daemon: the connection to the bus, who owns the daemon's name, the status
-// of the network, and which transfer a signal is meant for. What is not marked belongs to the
-// worker; see orvex-worker.h.
+// One connection's view of the daemon: whether it is there, the status of the network, and which
+// transfers use the connection. What is not marked belongs to the worker; see orvex-worker.h. Its
+// lock guards what getters on other threads see.
 
-#define ORVEX_BUS_NAME "com.kelvra.orvexd"
-#define ORVEX_INTERFACE "com.kelvra.orvexd"
-#define ORVEX_PATH "/com/kelvra/orvexd"
-
+/// An OrvexCounted. The last reference may be dropped on any thread.
 typedef struct OrvexLink OrvexLink;
-typedef struct OrvexTransfer OrvexTransfer;
 
 /// @param changed called in `context` with the name of a property that has changed, and `client`,
 /// of which the link holds a weak reference.
 OrvexLink* orvex_link_new(GMainContext* context,
                           void (*changed)(gpointer client, const char* property), gpointer client);
-OrvexLink* orvex_link_ref(OrvexLink* link); ///< any thread
-void orvex_link_unref(OrvexLink* link);     ///< any thread
+/// One more connection to the same bus, of which no client hears.
+OrvexLink* orvex_link_new_beside(OrvexLink* other);
 
 /// Any thread. Connects to `bus`, or to the system bus if it is NULL, and looks for the daemon. The
 /// task returns a boolean. Once it is open, this does nothing; who asks while it is being opened
@@ -41,26 +39,22 @@ gboolean orvex_link_is_running(OrvexLink* link);    ///< any thread
 /// The unique name of the daemon, NULL when there is none.
 const char* orvex_link_get_owner(OrvexLink* link);
 
-/// Signals about this connection of the daemon go to this transfer.
-void orvex_link_add(OrvexLink* link, guint connection, OrvexTransfer* transfer);
-void orvex_link_remove(OrvexLink* link, guint connection, OrvexTransfer* transfer);
+/// Whether its connection to the bus was made here, and not given: only such a one can be made
+/// again.
+gboolean orvex_link_is_own(OrvexLink* link);
+gboolean orvex_link_is_open(OrvexLink* link);
+/// Whether the connection to the bus is there and has not ended.
+gboolean orvex_link_is_connected(OrvexLink* link);
 
-/// Finds a link for a transfer of this one's client: it is told where to sit, and then to board,
-/// perhaps later. One connection to the bus bears only so many transfers at once, and so many calls
-/// without an answer.
-void orvex_link_find_seat(OrvexLink* home, OrvexTransfer* transfer);
+/// Who is told what the daemon's signals say.
+OrvexPassengers* orvex_link_get_passengers(OrvexLink* link);
+/// What is noted for the end of the process.
+OrvexRemains* orvex_link_get_remains(OrvexLink* link);
+
+/// Transfers are counted that use the link: one connection to the bus bears only so many calls
+/// without an answer. @param lost calls that will never be answered
 void orvex_link_enter(OrvexLink* link);
-/// @param lost calls that will never be answered
-void orvex_link_leave(OrvexLink* home, OrvexLink* link, guint lost);
-
-/// A call that nobody waits for. The bus has no limit for these.
-void orvex_link_send(OrvexLink* link, const char* owner, const char* member, GVariant* arguments);
-
-/// Around "connect": the end of the process waits for the number that it brings. @return FALSE when
-/// the process has begun to end
-gboolean orvex_link_begin_connect(OrvexLink* link);
-void orvex_link_end_connect(OrvexLink* link);
-/// Notes what the end of the process would leave at the daemon. `request` 0: none is known.
-void orvex_link_note_open(OrvexLink* link, const OrvexTransfer* transfer, guint connection,
-                          guint request, gboolean uploading);
-void orvex_link_note_closed(OrvexLink* link, const OrvexTransfer* transfer);
+void orvex_link_leave(OrvexLink* link, guint lost);
+gboolean orvex_link_has_room(OrvexLink* link);
+/// Whether no transfer uses it.
+gboolean orvex_link_is_idle(OrvexLink* link);

@@ -88,18 +88,18 @@ static OrvexTransfer* ref_transfer(OrvexRequest* self) {
     pthread_mutex_lock(&self->lock);
     OrvexTransfer* transfer = self->transfer;
     if (transfer != NULL) {
-        orvex_transfer_ref(transfer);
+        orvex_counted_ref(transfer);
     }
     pthread_mutex_unlock(&self->lock);
     return transfer;
 }
 
-static OrvexTransferFacts get_facts(OrvexRequest* self) {
-    OrvexTransferFacts facts = {.state = ORVEX_REQUEST_STATE_IDLE, .is_over = TRUE};
+static OrvexFacts get_facts(OrvexRequest* self) {
+    OrvexFacts facts = {.state = ORVEX_REQUEST_STATE_IDLE, .is_over = TRUE};
     OrvexTransfer* transfer = ref_transfer(self);
     if (transfer != NULL) {
-        orvex_transfer_get_facts(transfer, &facts);
-        orvex_transfer_unref(transfer);
+        orvex_progress_get_facts(orvex_transfer_get_progress(transfer), &facts);
+        orvex_counted_unref(transfer);
     }
     return facts;
 }
@@ -108,55 +108,68 @@ static OrvexTransferFacts get_facts(OrvexRequest* self) {
 static gboolean is_current(OrvexRequest* self, guint64 run) {
     pthread_mutex_lock(&self->lock);
     const gboolean current =
-        self->transfer != NULL && orvex_transfer_get_run(self->transfer) == run;
+        self->transfer != NULL &&
+        orvex_progress_get_run(orvex_transfer_get_progress(self->transfer)) == run;
     pthread_mutex_unlock(&self->lock);
     return current;
 }
 
-void orvex_request_tell_state(OrvexRequest* self, guint64 run, OrvexRequestState state) {
+static void tell_state(GObject* object, guint64 run, OrvexRequestState state) {
+    OrvexRequest* self = ORVEX_REQUEST(object);
     if (!is_current(self, run)) {
         return;
     }
-    g_object_notify_by_pspec(G_OBJECT(self), properties[PROP_STATE]);
+    g_object_notify_by_pspec(object, properties[PROP_STATE]);
     g_signal_emit(self, signals[SIGNAL_STATE_CHANGED], 0, state);
 }
 
-void orvex_request_tell_progress(OrvexRequest* self, guint64 run) {
+static void tell_progress(GObject* object, guint64 run) {
+    OrvexRequest* self = ORVEX_REQUEST(object);
     if (!is_current(self, run)) {
         return;
     }
     guint64 sent = 0;
     guint64 received = 0;
     OrvexTransfer* transfer = ref_transfer(self);
-    orvex_transfer_take_progress(transfer, &sent, &received);
-    orvex_transfer_unref(transfer);
+    orvex_progress_take_moves(orvex_transfer_get_progress(transfer), &sent, &received);
+    orvex_counted_unref(transfer);
     g_signal_emit(self, signals[SIGNAL_PROGRESS], 0, sent, received);
 }
 
-static OrvexPlan make_plan(OrvexRequest* self) {
-    return (OrvexPlan){
+static OrvexTerms make_terms(OrvexRequest* self) {
+    return (OrvexTerms){
         .element = g_strdup(self->element),
         .type = g_strdup(self->type),
         .version = g_strdup(self->version),
         .encoding = g_strdup(self->encoding),
         .content_type = g_strdup(self->content_type),
+        .chunk_size = self->chunk_size,
         .policy = self->policy,
         .open_duration = self->open_duration,
         .attach = self->attach,
-        .chunk_size = self->chunk_size,
-        .piece_size = self->piece_size,
+    };
+}
+
+/// What is to be done with the question. It takes the source, and the context of the progress.
+static OrvexPlan make_plan(OrvexRequest* self, const OrvexQuestionSource* question,
+                           GMainContext* context) {
+    return (OrvexPlan){
+        .terms = make_terms(self),
+        .question = *question,
+        .listener = {G_OBJECT(self), tell_state, tell_progress, context},
         .timeout = self->timeout,
         .answer_limit = self->answer_limit,
+        .collect = question->bytes != NULL,
     };
 }
 
 /// Makes this the last transfer, unless the one before is on its way. Takes the transfer.
 static gboolean put_transfer(OrvexRequest* self, OrvexTransfer* transfer) {
-    OrvexTransferFacts facts = {.is_over = TRUE};
+    OrvexFacts facts = {.is_over = TRUE};
     pthread_mutex_lock(&self->lock);
     OrvexTransfer* other = self->transfer;
     if (other != NULL) {
-        orvex_transfer_get_facts(other, &facts);
+        orvex_progress_get_facts(orvex_transfer_get_progress(other), &facts);
         g_free(facts.error_detail);
     }
     if (facts.is_over) {
@@ -165,7 +178,7 @@ static gboolean put_transfer(OrvexRequest* self, OrvexTransfer* transfer) {
         other = transfer;
     }
     pthread_mutex_unlock(&self->lock);
-    g_clear_pointer(&other, orvex_transfer_unref);
+    g_clear_pointer(&other, orvex_counted_unref);
     return facts.is_over;
 }
 
@@ -178,22 +191,24 @@ typedef struct {
 static void sent_free(gpointer data) {
     Sent* sent = data;
     g_object_unref(sent->request);
-    orvex_transfer_unref(sent->transfer);
+    orvex_counted_unref(sent->transfer);
     g_free(sent);
 }
 
-void orvex_request_send(OrvexRequest* self, OrvexLink* link, GBytes* bytes, GInputStream* stream,
+void orvex_request_send(OrvexRequest* self, OrvexSeats* seats, GBytes* bytes, GInputStream* stream,
                         int io_priority, gboolean blocking, GTask* task) {
-    OrvexPlan plan = make_plan(self);
-    plan.collect = bytes != NULL;
-    plan.bytes = bytes != NULL ? g_bytes_ref(bytes) : NULL;
-    plan.stream = stream != NULL ? g_object_ref(stream) : NULL;
-    plan.events = g_main_context_ref_thread_default();
-    plan.question_context = g_main_context_ref(blocking ? orvex_worker_context() : plan.events);
-    plan.io_priority = io_priority;
-    OrvexTransfer* transfer = orvex_transfer_new(link, &plan, self);
+    GMainContext* context = g_main_context_ref_thread_default();
+    const OrvexQuestionSource question = {
+        .bytes = bytes != NULL ? g_bytes_ref(bytes) : NULL,
+        .stream = stream != NULL ? g_object_ref(stream) : NULL,
+        .context = g_main_context_ref(blocking ? orvex_worker_context() : context),
+        .io_priority = io_priority,
+        .piece_size = self->piece_size,
+    };
+    const OrvexPlan plan = make_plan(self, &question, context);
+    OrvexTransfer* transfer = orvex_transfer_new(seats, &plan);
     Sent* sent = g_new(Sent, 1);
-    *sent = (Sent){g_object_ref(self), orvex_transfer_ref(transfer)};
+    *sent = (Sent){g_object_ref(self), orvex_counted_ref(transfer)};
     g_task_set_task_data(task, sent, sent_free);
     if (put_transfer(self, transfer)) {
         orvex_transfer_start(sent->transfer, task);
@@ -205,7 +220,7 @@ void orvex_request_send(OrvexRequest* self, OrvexLink* link, GBytes* bytes, GInp
 
 GInputStream* orvex_request_first_part(GTask* task) {
     const Sent* sent = g_task_get_task_data(task);
-    return orvex_answer_stream_new(sent->request, sent->transfer, 0);
+    return orvex_answer_stream_new(G_OBJECT(sent->request), sent->transfer, 0);
 }
 
 // -- parts ---------------------------------------------------------------------------------------
@@ -235,8 +250,8 @@ void orvex_request_next_part_async(OrvexRequest* request, GCancellable* cancella
                                 "The request was not sent");
         return;
     }
-    g_task_set_task_data(task, transfer, (GDestroyNotify)orvex_transfer_unref);
-    orvex_transfer_next_part(transfer, task);
+    g_task_set_task_data(task, transfer, orvex_counted_unref);
+    orvex_answer_next_part(orvex_transfer_get_answer(transfer), task);
 }
 
 /**
@@ -261,7 +276,7 @@ GInputStream* orvex_request_next_part_finish(OrvexRequest* request, GAsyncResult
         return NULL;
     }
     OrvexTransfer* transfer = g_task_get_task_data(G_TASK(result));
-    return part < 0 ? NULL : orvex_answer_stream_new(request, transfer, (guint)part);
+    return part < 0 ? NULL : orvex_answer_stream_new(G_OBJECT(request), transfer, (guint)part);
 }
 
 /**
@@ -540,7 +555,7 @@ ACCESSORS(answer_limit, ANSWER_LIMIT, guint64)
  */
 OrvexRequestState orvex_request_get_state(OrvexRequest* request) {
     g_return_val_if_fail(ORVEX_IS_REQUEST(request), ORVEX_REQUEST_STATE_IDLE);
-    OrvexTransferFacts facts = get_facts(request);
+    OrvexFacts facts = get_facts(request);
     g_free(facts.error_detail);
     return facts.state;
 }
@@ -555,7 +570,7 @@ OrvexRequestState orvex_request_get_state(OrvexRequest* request) {
  */
 guint64 orvex_request_get_bytes_sent(OrvexRequest* request) {
     g_return_val_if_fail(ORVEX_IS_REQUEST(request), 0);
-    OrvexTransferFacts facts = get_facts(request);
+    OrvexFacts facts = get_facts(request);
     g_free(facts.error_detail);
     return facts.sent;
 }
@@ -570,7 +585,7 @@ guint64 orvex_request_get_bytes_sent(OrvexRequest* request) {
  */
 guint64 orvex_request_get_bytes_received(OrvexRequest* request) {
     g_return_val_if_fail(ORVEX_IS_REQUEST(request), 0);
-    OrvexTransferFacts facts = get_facts(request);
+    OrvexFacts facts = get_facts(request);
     g_free(facts.error_detail);
     return facts.received;
 }
@@ -587,7 +602,7 @@ guint64 orvex_request_get_bytes_received(OrvexRequest* request) {
  */
 char* orvex_request_dup_key(OrvexRequest* request) {
     g_return_val_if_fail(ORVEX_IS_REQUEST(request), NULL);
-    OrvexTransferFacts facts = get_facts(request);
+    OrvexFacts facts = get_facts(request);
     g_free(facts.error_detail);
     return facts.request == 0 ? NULL : g_strdup_printf("%u:%u", facts.connection, facts.request);
 }
@@ -603,7 +618,7 @@ char* orvex_request_dup_key(OrvexRequest* request) {
  */
 guint orvex_request_get_error_code(OrvexRequest* request) {
     g_return_val_if_fail(ORVEX_IS_REQUEST(request), 0);
-    OrvexTransferFacts facts = get_facts(request);
+    OrvexFacts facts = get_facts(request);
     g_free(facts.error_detail);
     return facts.error_code;
 }
@@ -619,7 +634,7 @@ guint orvex_request_get_error_code(OrvexRequest* request) {
  */
 char* orvex_request_dup_error_detail(OrvexRequest* request) {
     g_return_val_if_fail(ORVEX_IS_REQUEST(request), NULL);
-    OrvexTransferFacts facts = get_facts(request);
+    OrvexFacts facts = get_facts(request);
     return facts.error_detail;
 }
 
@@ -751,7 +766,7 @@ static void request_finalize(GObject* object) {
     OrvexRequest* self = ORVEX_REQUEST(object);
     if (self->transfer != NULL) {
         orvex_transfer_abandon(self->transfer);
-        orvex_transfer_unref(self->transfer);
+        orvex_counted_unref(self->transfer);
     }
     pthread_mutex_destroy(&self->lock);
     g_free(self->element);

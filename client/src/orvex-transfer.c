@@ -1,59 +1,16 @@
 #include "orvex-transfer.h"
 
+#include "orvex-download.h"
 #include "orvex-failure.h"
-#include "orvex-request-private.h"
-#include "orvex-sync.h"
+#include "orvex-silence.h"
+#include "orvex-upload.h"
 #include "orvex-worker.h"
 
-#include <stdatomic.h>
-#include <stdint.h>
-#include <string.h>
-
 enum {
-    READ_AHEAD = 256 * 1024, ///< bytes of the question that are read before they are wanted
-    PIECES_AHEAD = 16,       ///< however small they are
-    CHUNKS_HELD = 2,         ///< of the answer, for a reader
-    PROGRESS_MS = 20,        ///< between two events: each wakes a thread
-    CALL_TIMEOUT_MS = 60 * 1000,
-    LAST_CALL_MS = 2000,      ///< the daemon answers at once unless it hangs
     REASON_MS = 2000,         ///< a failing exchange drops its requests before it says why
     DOUBT_MS = 1000,          ///< between two questions whether the daemon still knows a request
     TOO_SLOW_REASON_MS = 500, ///< a slow client's part is closed without another word
 };
-
-// A transfer that breaks off within the last part of an answer completes the part: the last chunk
-// comes as if the answer were whole, and right behind it the failure of the exchange. The daemon
-// tells it one turn of its main loop later, so that it comes before the answers to two calls. What
-// the daemon's worker needs in between is half a millisecond, or some time slices where others want
-// the processor: how long the two calls take tells how busy the machine is. An answer whose only
-// chunk is longer than a boundary cannot have broken off: its bytes would have come before.
-enum {
-    SETTLE_CALLS = 2,
-    SETTLE_LEAST_MS = 10,
-    SETTLE_TURNS = 8, ///< times as long as the calls took
-    SETTLE_MOST_MS = 30,
-    BOUNDARY_SIZE = 256, ///< more than a boundary with its line ends
-};
-
-enum { PART_CONTINUES = 2301, PART_COMPLETE = 2302, RESPONSE_COMPLETE = 2303 };
-
-typedef enum { UPLOAD_NOT_WANTED, UPLOAD_RUNNING, UPLOAD_COMPLETE } Upload;
-
-/// A piece of the answer. Empty ones are kept only if a part ends with them.
-typedef struct {
-    GBytes* bytes;
-    gsize taken;
-    gboolean ends_part;
-} Chunk;
-
-/// A task that waits for the reader's side, and where its bytes go.
-typedef struct {
-    GTask* task;
-    GSource* cancelled;
-    void* buffer;
-    gsize count;
-    guint part;
-} Parked;
 
 /// What was told of a request before the reply that names ours.
 typedef struct {
@@ -61,703 +18,87 @@ typedef struct {
     GError* error; ///< NULL: its data is wanted
 } Early;
 
-typedef struct Listener Listener;
-typedef struct Piece Piece;
-typedef struct Rooms Rooms;
-
 struct OrvexTransfer {
-    atomic_int refs;
-    OrvexLink* home; ///< the client's
-    OrvexLink* link; ///< that one, or a spare one of it; both NULL when everything is over
-    OrvexPlan plan;
-    Listener* listener;
-    guint64 run;
+    OrvexPassenger passenger;
+    OrvexTerms terms;
+    guint timeout; ///< seconds without progress; 0: no limit
+    OrvexDialogue* dialogue;
+    OrvexQuestion* question;
+    OrvexUpload* upload;
+    OrvexAnswer* answer;
+    OrvexDownload* download;
+    OrvexProgress* progress;
+    OrvexSilence* silence;
 
     // The worker's own.
-    char* owner; ///< the daemon, by its unique name: numbers mean nothing to another one
-    guint connection;
-    guint request;
-    GList* early;      ///< of Early
-    gboolean opening;  ///< a call that brings a number is under way
-    gboolean fetching; ///< getData is under way
-    gboolean sending;  ///< sendData is under way
-    gboolean seated;   ///< it counts for the link
-    guint calls;       ///< that are under way
-    Piece* reading;    ///< for which the question's stream is being read, or NULL
-    Rooms* rooms;      ///< for its pieces, as long as there are any
-    GQueue outgoing;   ///< of GBytes: what was read and is not sent
-    gsize outgoing_bytes;
-    gsize offset; ///< in plan.bytes, where the next piece begins
-    gboolean question_ended;
-    gboolean last_piece; ///< the piece under way is the last one
-    gsize piece_size;
-    Upload upload;
-    guint chunks;      ///< that have come
-    GByteArray* whole; ///< the answer, if it is collected
-    gboolean answered; ///< the last chunk has come
-    gboolean may_be_torn;
-    gint64 last_chunk; ///< when it came
-    guint turns;       ///< calls behind it that are not answered
-    gboolean settled;  ///< nothing holds the answer's end back any more
-    GError* refusal;   ///< an explanation of it is awaited
-    GError* failure;   ///< what is told when everything is closed
-    gboolean over;     ///< answered, failed or given up: only the clean-up is left
-    gboolean closed;   ///< the end may be told
+    GList* early;     ///< of Early
+    gboolean opening; ///< a call that brings a number is under way
+    GError* refusal;  ///< an explanation of it is awaited
+    GError* failure;  ///< what is told when everything is closed
+    gboolean over;    ///< answered, failed or given up: only the clean-up is left
+    gboolean closed;  ///< the end may be told
     gboolean told;
-    GCancellable* stop;        ///< ends the calls that may last
-    GCancellable* stop_source; ///< ends the reading of the question
     GSource* cancelled;
-    GSource* silence;
     GSource* explain;
     GSource* doubt; ///< somebody may have cancelled it
-    GSource* settling;
     GSource* last_call;
-    GSource* telling; ///< progress, when it fires
-    gboolean untold;  ///< bytes have moved since it was told
-    gint64 progress;  ///< when something went on
-
-    // Guarded by the lock. Another thread waits for a change of it.
-    pthread_mutex_t lock;
-    pthread_cond_t changed;
-    GQueue answer;     ///< of Chunk
-    guint part;        ///< number of the part that the first chunk belongs to
-    guint left;        ///< the reader wants no part before this one
-    gboolean complete; ///< behind the last chunk there is nothing more
-    GError* error;     ///< behind the last chunk there is this
-    gboolean paused;   ///< the reader has as much as it may have
-    GTask* opened;     ///< waits for the first chunk, or for the whole answer
-    Parked* reader;
-    Parked* next;
-    OrvexTransferFacts facts;
-    gboolean progress_posted;
 };
 
-// -- memory for the question ----------------------------------------------------------------------
-
-/// Memory for the pieces of a question: one is sent while the next one is read. From the heap, each
-/// piece would leave holes in which the next one does not fit.
-struct Rooms {
-    atomic_int refs; ///< the transfer's, and one for each room in use
-    atomic_uintptr_t spare[2];
-    gsize size; ///< of each
-};
-
-typedef struct {
-    Rooms* owner;
-    guint8 bytes[];
-} Room;
-
-static Rooms* rooms_new(gsize size) {
-    Rooms* rooms = g_new0(Rooms, 1);
-    atomic_init(&rooms->refs, 1);
-    rooms->size = size;
-    return rooms;
+OrvexAnswer* orvex_transfer_get_answer(OrvexTransfer* t) {
+    return t->answer;
 }
 
-static void rooms_unref(Rooms* rooms) {
-    if (atomic_fetch_sub(&rooms->refs, 1) != 1) {
-        return;
-    }
-    for (guint index = 0; index < G_N_ELEMENTS(rooms->spare); ++index) {
-        g_free((gpointer)atomic_load(&rooms->spare[index]));
-    }
-    g_free(rooms);
+OrvexProgress* orvex_transfer_get_progress(OrvexTransfer* t) {
+    return t->progress;
 }
 
-/// The worker.
-static Room* rooms_take(Rooms* rooms) {
-    uintptr_t room = 0;
-    for (guint index = 0; index < G_N_ELEMENTS(rooms->spare) && room == 0; ++index) {
-        room = atomic_exchange(&rooms->spare[index], 0);
-    }
-    Room* taken = room != 0 ? (Room*)room : g_malloc(sizeof(Room) + rooms->size);
-    taken->owner = rooms;
-    atomic_fetch_add(&rooms->refs, 1);
-    return taken;
+/// Whether the daemon has accepted the request.
+static gboolean has_number(const OrvexTransfer* t) {
+    return orvex_dialogue_get_request(t->dialogue) != 0;
 }
 
-/// Any thread.
-static void room_release(gpointer data) {
-    Room* room = data;
-    Rooms* rooms = room->owner;
-    for (guint index = 0; index < G_N_ELEMENTS(rooms->spare) && room != NULL; ++index) {
-        uintptr_t none = 0;
-        if (atomic_compare_exchange_strong(&rooms->spare[index], &none, (uintptr_t)room)) {
-            room = NULL;
-        }
-    }
-    g_free(room);
-    rooms_unref(rooms);
+/// Whether it is this request that the daemon calls so.
+static gboolean is_named(const OrvexTransfer* t, guint request) {
+    return has_number(t) && request == orvex_dialogue_get_request(t->dialogue);
 }
 
-/// Takes the room. A source that gives little at once does not hold much memory for it.
-static GBytes* room_to_bytes(Room* room, gsize size) {
-    if (size >= room->owner->size / 2) {
-        return g_bytes_new_with_free_func(room->bytes, size, room_release, room);
-    }
-    GBytes* bytes = g_bytes_new(room->bytes, size);
-    room_release(room);
-    return bytes;
-}
-
-// -- life ----------------------------------------------------------------------------------------
-
-static void chunk_free(gpointer data) {
-    Chunk* chunk = data;
-    g_bytes_unref(chunk->bytes);
-    g_free(chunk);
-}
-
-static void early_free(gpointer data) {
-    Early* early = data;
-    g_clear_error(&early->error);
-    g_free(early);
-}
-
-/// Where the request object is. The worker holds no reference to it, not for a moment: it would
-/// have to free it if its user dropped his meanwhile.
-struct Listener {
-    atomic_int refs;
-    GWeakRef request;
-};
-
-static Listener* listener_new(OrvexRequest* request) {
-    Listener* listener = g_new(Listener, 1);
-    atomic_init(&listener->refs, 1);
-    g_weak_ref_init(&listener->request, request);
-    return listener;
-}
-
-static Listener* listener_ref(Listener* listener) {
-    atomic_fetch_add(&listener->refs, 1);
-    return listener;
-}
-
-static void listener_unref(Listener* listener) {
-    if (atomic_fetch_sub(&listener->refs, 1) == 1) {
-        g_weak_ref_clear(&listener->request);
-        g_free(listener);
-    }
-}
-
-static void plan_clear(OrvexPlan* plan) {
-    g_free(plan->element);
-    g_free(plan->type);
-    g_free(plan->version);
-    g_free(plan->encoding);
-    g_free(plan->content_type);
-    g_clear_pointer(&plan->bytes, g_bytes_unref);
-    g_clear_object(&plan->stream);
-    g_clear_pointer(&plan->question_context, g_main_context_unref);
-    g_clear_pointer(&plan->events, g_main_context_unref);
-}
-
-OrvexTransfer* orvex_transfer_ref(OrvexTransfer* transfer) {
-    atomic_fetch_add(&transfer->refs, 1);
-    return transfer;
-}
-
-void orvex_transfer_unref(OrvexTransfer* t) {
-    if (atomic_fetch_sub(&t->refs, 1) != 1) {
-        return;
-    }
-    plan_clear(&t->plan);
-    listener_unref(t->listener);
-    g_free(t->owner);
-    g_list_free_full(t->early, early_free);
-    g_queue_clear_full(&t->outgoing, (GDestroyNotify)g_bytes_unref);
-    g_clear_pointer(&t->rooms, rooms_unref);
-    g_queue_clear_full(&t->answer, chunk_free);
-    g_clear_pointer(&t->whole, g_byte_array_unref);
-    g_clear_error(&t->refusal);
-    g_clear_error(&t->failure);
-    g_clear_error(&t->error);
-    g_object_unref(t->stop);
-    g_object_unref(t->stop_source);
-    g_free(t->facts.error_detail);
-    pthread_cond_destroy(&t->changed);
-    pthread_mutex_destroy(&t->lock);
-    g_clear_pointer(&t->link, orvex_link_unref);
-    g_clear_pointer(&t->home, orvex_link_unref);
-    g_free(t);
-}
-
-static void transfer_release(gpointer transfer) {
-    orvex_transfer_unref(transfer);
-}
-
-// -- what the request object hears ---------------------------------------------------------------
-
-/// On its way into the context of the request's user. It keeps neither request nor transfer alive:
-/// that context may never run again.
-typedef struct {
-    Listener* listener;
-    guint64 run; ///< which of the request's transfers it is about
-    OrvexRequestState state;
-    gboolean is_progress;
-} Event;
-
-static void event_tell(gpointer data) {
-    Event* event = data;
-    g_autoptr(OrvexRequest) request = g_weak_ref_get(&event->listener->request);
-    if (request == NULL) {
-        return;
-    }
-    if (event->is_progress) {
-        orvex_request_tell_progress(request, event->run);
-    } else {
-        orvex_request_tell_state(request, event->run, event->state);
-    }
-}
-
-static void event_free(gpointer data) {
-    Event* event = data;
-    listener_unref(event->listener);
-    g_free(event);
-}
-
-static void post_event(OrvexTransfer* t, gboolean is_progress, OrvexRequestState state) {
-    if (t->plan.events == NULL) { // the end was told
-        return;
-    }
-    Event* event = g_new0(Event, 1);
-    event->listener = listener_ref(t->listener);
-    event->run = t->run;
-    event->state = state;
-    event->is_progress = is_progress;
-    orvex_post(t->plan.events, G_PRIORITY_DEFAULT, event_tell, event, event_free);
-}
-
-static void tell_progress(OrvexTransfer* t) {
-    pthread_mutex_lock(&t->lock);
-    const gboolean post = !t->progress_posted;
-    t->progress_posted = TRUE;
-    pthread_mutex_unlock(&t->lock);
-    t->untold = FALSE;
-    if (post) { // else the one that is on its way brings the new numbers
-        post_event(t, TRUE, ORVEX_REQUEST_STATE_IDLE);
-    }
-}
-
-static void set_state(OrvexTransfer* t, OrvexRequestState state) {
-    if (t->untold) {
-        tell_progress(t);
-    }
-    pthread_mutex_lock(&t->lock);
-    const gboolean changed = t->facts.state != state;
-    t->facts.state = state;
-    pthread_mutex_unlock(&t->lock);
-    if (changed) {
-        post_event(t, FALSE, state);
-    }
-}
-
-static gboolean tell_progress_again(gpointer transfer) {
-    OrvexTransfer* t = transfer;
-    orvex_source_clear(&t->telling);
-    if (t->untold) {
-        tell_progress(t);
-        t->telling = orvex_worker_timer(PROGRESS_MS, tell_progress_again, t);
-    }
-    return G_SOURCE_REMOVE;
-}
-
-/// Bytes have moved.
-static void count(OrvexTransfer* t, gsize sent, gsize received) {
-    pthread_mutex_lock(&t->lock);
-    t->facts.sent += sent;
-    t->facts.received += received;
-    pthread_mutex_unlock(&t->lock);
-    t->untold = TRUE;
-    if (t->telling == NULL) {
-        tell_progress(t);
-    }
-    if (t->telling == NULL && !t->over) {
-        t->telling = orvex_worker_timer(PROGRESS_MS, tell_progress_again, t);
-    }
-}
-
-void orvex_transfer_get_facts(OrvexTransfer* t, OrvexTransferFacts* facts) {
-    pthread_mutex_lock(&t->lock);
-    *facts = t->facts;
-    facts->error_detail = g_strdup(t->facts.error_detail);
-    pthread_mutex_unlock(&t->lock);
-}
-
-void orvex_transfer_take_progress(OrvexTransfer* t, guint64* sent, guint64* received) {
-    pthread_mutex_lock(&t->lock);
-    t->progress_posted = FALSE;
-    *sent = t->facts.sent;
-    *received = t->facts.received;
-    pthread_mutex_unlock(&t->lock);
-}
-
-guint64 orvex_transfer_get_run(OrvexTransfer* t) {
-    return t->run;
-}
-
-// -- the reader's side ---------------------------------------------------------------------------
-
-static void fetch(gpointer transfer);
-
-/// Takes bytes of this part. With the lock.
-/// @return FALSE when the reader has to wait; else *taken is what a read returns, and -1 means
-/// t->error
-static gboolean take_bytes(OrvexTransfer* t, guint part, void* buffer, gsize size, gssize* taken) {
-    *taken = 0;
-    if (part != t->part) {
-        return TRUE; // the reader has left it
-    }
-    Chunk* chunk = g_queue_peek_head(&t->answer);
-    if (chunk == NULL) {
-        *taken = t->error != NULL ? -1 : 0;
-        return t->error != NULL;
-    }
-    gsize length = 0;
-    const guint8* bytes = g_bytes_get_data(chunk->bytes, &length);
-    const gsize amount = MIN(size, length - chunk->taken);
-    if (amount > 0) {
-        memcpy(buffer, bytes + chunk->taken, amount);
-    }
-    chunk->taken += amount;
-    *taken = (gssize)amount;
-    if (chunk->taken == length && !chunk->ends_part) {
-        chunk_free(g_queue_pop_head(&t->answer));
-    }
-    return TRUE;
-}
-
-/// Goes behind the end of this part. With the lock.
-/// @return FALSE when the reader has to wait; else *part is the number of the next one, or -1
-static gboolean take_part(OrvexTransfer* t, gssize* part) {
-    while (t->answer.length > 0) {
-        Chunk* chunk = g_queue_pop_head(&t->answer);
-        const gboolean ends = chunk->ends_part;
-        chunk_free(chunk);
-        if (ends) {
-            ++t->part;
-            *part = t->complete && t->answer.length == 0 ? -1 : (gssize)t->part;
-            return TRUE;
-        }
-    }
-    *part = -1;
-    return t->complete || t->error != NULL;
-}
-
-/// The worker may fetch again. With the lock. @return whether it has to be told
-static gboolean end_pause(OrvexTransfer* t) {
-    const gboolean resume = t->paused && t->answer.length < CHUNKS_HELD;
-    if (resume) {
-        t->paused = FALSE;
-    }
-    return resume;
-}
-
-static void resume(OrvexTransfer* t) {
-    orvex_worker_post(fetch, orvex_transfer_ref(t), transfer_release);
-}
-
-/// Takes the error.
-static void parked_return(Parked* parked, gssize value, GError* error) {
-    orvex_source_clear(&parked->cancelled);
-    if (error != NULL) {
-        orvex_task_return_error(parked->task, error);
-    } else {
-        orvex_task_return_int(parked->task, value);
-    }
-    g_free(parked);
-}
-
-/// The task of whoever waits for the first chunk, if it is to be answered now. With the lock.
-static GTask* take_opened(OrvexTransfer* t) {
-    const gboolean begun = !t->plan.collect && t->answer.length > 0;
-    return begun || t->complete || t->error != NULL ? g_steal_pointer(&t->opened) : NULL;
-}
-
-/// Takes task and error.
-static void opened_return(OrvexTransfer* t, GTask* task, GError* error) {
-    if (error != NULL) {
-        orvex_task_return_error(task, error);
-    } else if (t->plan.collect) {
-        orvex_task_return_bytes(task, g_byte_array_free_to_bytes(g_steal_pointer(&t->whole)));
-    } else {
-        orvex_task_return_boolean(task, TRUE);
-    }
-}
-
-/// Something has come for the reader: answers who waits for it. The worker.
-static void wake(OrvexTransfer* t) {
-    Parked* reader = NULL;
-    Parked* next = NULL;
-    gssize taken = 0;
-    gssize part = 0;
-    pthread_mutex_lock(&t->lock);
-    const gboolean at_end = t->answer.length == 0;
-    GTask* opened = t->opened != NULL ? take_opened(t) : NULL;
-    if (t->reader != NULL &&
-        take_bytes(t, t->reader->part, t->reader->buffer, t->reader->count, &taken)) {
-        reader = g_steal_pointer(&t->reader);
-    }
-    if (t->next != NULL && take_part(t, &part)) {
-        next = g_steal_pointer(&t->next);
-    }
-    g_autoptr(GError) error = t->error != NULL ? g_error_copy(t->error) : NULL;
-    const gboolean must_resume = end_pause(t);
-    pthread_cond_broadcast(&t->changed);
-    pthread_mutex_unlock(&t->lock);
-    if (must_resume) {
-        resume(t);
-    }
-    if (opened != NULL) {
-        opened_return(t, opened, at_end && error != NULL ? g_error_copy(error) : NULL);
-    }
-    if (reader != NULL) {
-        parked_return(reader, taken, taken < 0 ? g_error_copy(error) : NULL);
-    }
-    if (next != NULL) {
-        parked_return(next, part, part < 0 && error != NULL ? g_error_copy(error) : NULL);
-    }
-}
-
-static void wake_waiting(GCancellable* cancellable, gpointer transfer) {
-    OrvexTransfer* t = transfer;
-    (void)cancellable;
-    pthread_mutex_lock(&t->lock);
-    pthread_cond_broadcast(&t->changed);
-    pthread_mutex_unlock(&t->lock);
-}
-
-gssize orvex_transfer_read(OrvexTransfer* t, guint part, void* buffer, gsize size,
-                           GCancellable* cancellable, GError** error) {
-    gssize taken = 0;
-    gulong watch = 0;
-    if (cancellable != NULL) {
-        watch = g_cancellable_connect(cancellable, G_CALLBACK(wake_waiting), t, NULL);
-    }
-    pthread_mutex_lock(&t->lock);
-    gboolean done = take_bytes(t, part, buffer, size, &taken);
-    while (!done && !g_cancellable_is_cancelled(cancellable)) {
-        pthread_cond_wait(&t->changed, &t->lock);
-        done = take_bytes(t, part, buffer, size, &taken);
-    }
-    if (done && taken < 0) {
-        g_propagate_error(error, g_error_copy(t->error));
-    }
-    const gboolean must_resume = end_pause(t);
-    pthread_mutex_unlock(&t->lock);
-    g_cancellable_disconnect(cancellable, watch);
-    if (must_resume) {
-        resume(t);
-    }
-    return done || !g_cancellable_set_error_if_cancelled(cancellable, error) ? taken : -1;
-}
-
-typedef struct {
-    OrvexTransfer* transfer;
-    Parked* parked;
-} Park;
-
-/// The operation that waits was cancelled; the transfer goes on. The worker.
-static gboolean parked_cancelled(GCancellable* cancellable, gpointer data) {
-    const Park* park = data;
-    OrvexTransfer* t = park->transfer;
-    pthread_mutex_lock(&t->lock);
-    if (t->reader == park->parked) {
-        t->reader = NULL;
-    } else if (t->next == park->parked) {
-        t->next = NULL;
-        t->left = t->part;
-    }
-    pthread_mutex_unlock(&t->lock);
-    GError* error = NULL;
-    g_cancellable_set_error_if_cancelled(cancellable, &error);
-    parked_return(park->parked, -1, error); // the source frees the park behind this call
-    return G_SOURCE_REMOVE;
-}
-
-static void park_free(gpointer data) {
-    Park* park = data;
-    orvex_transfer_unref(park->transfer);
-    g_free(park);
-}
-
-static void park(gpointer data) {
-    Park* park = data;
-    OrvexTransfer* t = park->transfer;
-    GCancellable* cancellable = g_task_get_cancellable(park->parked->task);
-    if (cancellable != NULL) {
-        park->parked->cancelled = g_cancellable_source_new(cancellable);
-        Park* watch = g_new(Park, 1);
-        *watch = (Park){orvex_transfer_ref(t), park->parked};
-        g_source_set_callback(park->parked->cancelled, G_SOURCE_FUNC(parked_cancelled), watch,
-                              park_free);
-        g_source_attach(park->parked->cancelled, orvex_worker_context());
-    }
-    pthread_mutex_lock(&t->lock);
-    Parked** place = park->parked->buffer != NULL ? &t->reader : &t->next;
-    const gboolean is_free = *place == NULL;
-    if (is_free) {
-        *place = park->parked;
-    }
-    pthread_mutex_unlock(&t->lock);
-    if (!is_free) {
-        parked_return(
-            park->parked, -1,
-            g_error_new_literal(G_IO_ERROR, G_IO_ERROR_PENDING, "Another call waits for it"));
-        return;
-    }
-    wake(t);
-}
-
-/// Lets a task wait on the worker.
-static void park_later(OrvexTransfer* t, Parked* parked) {
-    Park* data = g_new(Park, 1);
-    *data = (Park){orvex_transfer_ref(t), parked};
-    orvex_worker_post(park, data, park_free);
-}
-
-void orvex_transfer_read_async(OrvexTransfer* t, guint part, void* buffer, gsize size,
-                               GTask* task) {
-    gssize taken = 0;
-    if (g_task_return_error_if_cancelled(task)) {
-        return;
-    }
-    pthread_mutex_lock(&t->lock);
-    const gboolean done = take_bytes(t, part, buffer, size, &taken);
-    g_autoptr(GError) error = done && taken < 0 ? g_error_copy(t->error) : NULL;
-    const gboolean must_resume = end_pause(t);
-    pthread_mutex_unlock(&t->lock);
-    if (must_resume) {
-        resume(t);
-    }
-    if (error != NULL) {
-        g_task_return_error(task, g_steal_pointer(&error));
-    } else if (done) {
-        g_task_return_int(task, taken);
-    } else {
-        Parked* parked = g_new(Parked, 1);
-        *parked = (Parked){g_object_ref(task), NULL, buffer, size, part};
-        park_later(t, parked);
-    }
-}
-
-void orvex_transfer_next_part(OrvexTransfer* t, GTask* task) {
-    Parked* parked = g_new0(Parked, 1);
-    parked->task = g_object_ref(task);
-    pthread_mutex_lock(&t->lock);
-    t->left = t->part + 1; // so the stream of this part may be dropped right away
-    pthread_mutex_unlock(&t->lock);
-    park_later(t, parked);
-}
-
-gboolean orvex_transfer_is_at_end(OrvexTransfer* t, guint part) {
-    pthread_mutex_lock(&t->lock);
-    const Chunk* chunk = g_queue_peek_head(&t->answer);
-    const gboolean end =
-        part != t->part || part < t->left || t->error != NULL || t->complete ||
-        (chunk != NULL && chunk->ends_part && chunk->taken == g_bytes_get_size(chunk->bytes));
-    pthread_mutex_unlock(&t->lock);
-    return end;
-}
-
-// -- calls ---------------------------------------------------------------------------------------
-
-typedef void (*Done)(OrvexTransfer* transfer, GVariant* reply, GError* error);
-
-typedef struct {
-    OrvexTransfer* transfer;
-    Done done;
-} Call;
-
-/// When everything is over, a request that its user keeps must not keep a connection to the bus.
-static void let_go(OrvexTransfer* t) {
-    if (t->told && t->calls == 0) {
-        g_clear_pointer(&t->link, orvex_link_unref);
-        g_clear_pointer(&t->home, orvex_link_unref);
-    }
-}
-
-static void call_answered(GObject* bus, GAsyncResult* result, gpointer data) {
-    Call* call = data;
-    GError* failure = NULL;
-    g_autoptr(GVariant) reply =
-        g_dbus_connection_call_finish(G_DBUS_CONNECTION(bus), result, &failure);
-    g_autoptr(GError) error = NULL;
-    if (reply == NULL) {
-        const OrvexStatus status = orvex_link_get_status(call->transfer->link);
-        error = orvex_failure_from_call(failure, (status & ORVEX_STATUS_CONNECTED) != 0);
-    }
-    --call->transfer->calls;
-    call->done(call->transfer, reply, error);
-    let_go(call->transfer);
-    orvex_transfer_unref(call->transfer);
-    g_free(call);
-}
-
-/// @param done gets the reply or an error of this library, neither of which it owns
-static void call(OrvexTransfer* t, const char* interface, const char* member, GVariant* arguments,
-                 const char* reply, int timeout, GCancellable* cancellable, Done done) {
-    Call* data = g_new(Call, 1);
-    *data = (Call){orvex_transfer_ref(t), done};
-    ++t->calls;
-    // Only the first call starts a daemon. From then on it is this one or none.
-    g_dbus_connection_call(
-        orvex_link_get_bus(t->link), t->owner != NULL ? t->owner : ORVEX_BUS_NAME, ORVEX_PATH,
-        interface, member, arguments, G_VARIANT_TYPE(reply),
-        t->owner != NULL ? G_DBUS_CALL_FLAGS_NO_AUTO_START : G_DBUS_CALL_FLAGS_NONE, timeout,
-        cancellable, call_answered, data);
+/// Whether the last chunk has come.
+static gboolean is_answered(const OrvexTransfer* t) {
+    return orvex_download_is_complete(t->download);
 }
 
 // -- the end -------------------------------------------------------------------------------------
-
-static void stop_reading(OrvexTransfer* t);
 
 static void tell_end(OrvexTransfer* t) {
     if (t->told) {
         return;
     }
     t->told = TRUE;
+    orvex_dialogue_finish(t->dialogue);
     orvex_source_clear(&t->last_call);
-    pthread_mutex_lock(&t->lock);
-    t->facts.is_over = TRUE;
-    if (t->failure != NULL) {
-        t->facts.error_code = orvex_error_get_code(t->failure);
-        t->facts.error_detail = g_strdup(orvex_error_get_detail(t->failure));
-        if (g_error_matches(t->failure, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
-            g_queue_clear_full(&t->answer, chunk_free); // nobody wants it
-        }
-        t->error = g_steal_pointer(&t->failure);
-    } else {
-        Chunk* last = g_queue_peek_tail(&t->answer);
-        if (last == NULL || last->ends_part) {
-            last = g_new0(Chunk, 1);
-            last->bytes = g_bytes_new_static(NULL, 0);
-            g_queue_push_tail(&t->answer, last);
-        }
-        last->ends_part = TRUE;
-        t->complete = TRUE;
-    }
-    pthread_mutex_unlock(&t->lock);
-    g_clear_pointer(&t->plan.events, g_main_context_unref); // it may keep what waits there
-    wake(t);
+    orvex_progress_end(t->progress, t->failure);
+    orvex_answer_end(t->answer, g_steal_pointer(&t->failure));
 }
 
 /// Tells the end, unless the question's stream is still in use: its owner may send it again.
 static void tell_end_when_read(OrvexTransfer* t) {
     t->closed = TRUE;
-    if (t->reading == NULL) {
+    if (!orvex_question_is_reading(t->question)) {
         tell_end(t);
     }
 }
 
-static void closed(OrvexTransfer* t, GVariant* reply, GError* error) {
-    (void)reply;
-    if (g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_LIMITS) && t->owner != NULL) {
-        orvex_link_send(t->link, t->owner, "disconnect", g_variant_new("(u)", t->connection));
+static void stream_is_free(gpointer transfer) {
+    OrvexTransfer* t = transfer;
+    if (t->closed) {
+        tell_end(t);
+        orvex_dialogue_let_go(t->dialogue);
     }
-    // Another daemon that cannot be told has forgotten it.
-    orvex_link_note_closed(t->link, t);
-    tell_end_when_read(t);
+}
+
+static void disconnected(gpointer transfer, GVariant* reply, GError* error) {
+    (void)reply, (void)error;
+    tell_end_when_read(transfer);
 }
 
 /// Takes what is left back, and tells the end then.
@@ -765,74 +106,44 @@ static void close_connection(OrvexTransfer* t) {
     if (t->opening) { // the reply brings what is to be closed
         return;
     }
-    if (t->owner == NULL) {
+    if (!orvex_dialogue_has_daemon(t->dialogue)) {
         tell_end_when_read(t);
         return;
     }
-    if (t->request != 0 && !t->answered) {
-        // Broadcast, as the daemon's own signals are: monitors see who cancelled what.
-        (void)g_dbus_connection_emit_signal(orvex_link_get_bus(t->link), NULL, ORVEX_PATH,
-                                            ORVEX_INTERFACE, "cancel",
-                                            g_variant_new("(uu)", t->connection, t->request), NULL);
+    if (has_number(t) && !is_answered(t)) {
+        orvex_dialogue_cancel(t->dialogue);
     }
-    if (t->upload == UPLOAD_RUNNING) {
-        // The daemon would wait for the rest, and everybody's requests with it.
-        GVariant* nothing = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, "", 0, 1);
-        orvex_link_send(t->link, t->owner, "sendData",
-                        g_variant_new("(@aybuu)", nothing, TRUE, t->connection, t->request));
+    if (orvex_upload_is_running(t->upload)) {
+        orvex_dialogue_end_question(t->dialogue);
     }
-    call(t, ORVEX_INTERFACE, "disconnect", g_variant_new("(u)", t->connection), "()", LAST_CALL_MS,
-         NULL, closed);
+    orvex_dialogue_disconnect(t->dialogue, disconnected, t);
 }
 
 static gboolean out_of_patience(gpointer transfer) {
-    OrvexTransfer* t = orvex_transfer_ref(transfer);
+    OrvexTransfer* t = orvex_counted_ref(transfer);
     tell_end(t);
-    let_go(t);
-    orvex_transfer_unref(t);
+    orvex_dialogue_let_go(t->dialogue);
+    orvex_counted_unref(t);
     return G_SOURCE_REMOVE;
 }
 
 /// The daemon forgets the held call of a request that ends, and does not answer it.
-static guint calls_to_be_lost(OrvexTransfer* t) {
-    const guint fetches = t->fetching ? 1 : 0;
-    return t->sending ? fetches + 1 : fetches;
-}
-
-static void nothing_to_do(gpointer data) {
-    (void)data;
-}
-
-/// The question's stream is freed in the context in which it is used, or with it.
-static void drop_stream(OrvexTransfer* t) {
-    if (t->plan.stream != NULL) {
-        orvex_post(t->plan.question_context, G_PRIORITY_DEFAULT, nothing_to_do,
-                   g_steal_pointer(&t->plan.stream), g_object_unref);
-    }
-    g_clear_pointer(&t->plan.question_context, g_main_context_unref);
-    g_clear_pointer(&t->rooms, rooms_unref);
+static guint calls_to_be_lost(const OrvexTransfer* t) {
+    const guint fetches = orvex_download_is_fetching(t->download) ? 1 : 0;
+    return orvex_upload_is_sending(t->upload) ? fetches + 1 : fetches;
 }
 
 static void end(OrvexTransfer* t) {
     t->over = TRUE;
     orvex_source_clear(&t->cancelled);
-    orvex_source_clear(&t->silence);
+    orvex_silence_stop(t->silence);
     orvex_source_clear(&t->explain);
-    orvex_source_clear(&t->settling);
-    orvex_source_clear(&t->telling);
+    orvex_progress_stop(t->progress);
     orvex_source_clear(&t->doubt);
-    if (t->connection != 0) {
-        orvex_link_remove(t->link, t->connection, t);
-    }
-    if (t->seated) {
-        t->seated = FALSE;
-        orvex_link_leave(t->home, t->link, t->owner != NULL ? calls_to_be_lost(t) : 0);
-    }
-    g_cancellable_cancel(t->stop);
-    stop_reading(t);
-    if (t->reading == NULL) {
-        drop_stream(t);
-    }
+    orvex_dialogue_leave_seat(t->dialogue, calls_to_be_lost(t));
+    orvex_download_stop(t->download);
+    orvex_upload_hold(t->upload);
+    orvex_question_stop(t->question);
 }
 
 /// Takes the error. The first end counts.
@@ -841,43 +152,46 @@ static void fail(OrvexTransfer* t, GError* error) {
         g_error_free(error);
         return;
     }
-    orvex_transfer_ref(t);
+    orvex_counted_ref(t);
     t->failure = error;
     end(t);
-    set_state(t, ORVEX_REQUEST_STATE_FAILED);
-    t->last_call = orvex_worker_timer(LAST_CALL_MS, out_of_patience, t);
+    orvex_progress_set_state(t->progress, ORVEX_REQUEST_STATE_FAILED);
+    t->last_call = orvex_worker_timer(ORVEX_LAST_CALL_MS, out_of_patience, t);
     close_connection(t);
-    let_go(t);
-    orvex_transfer_unref(t);
+    orvex_dialogue_let_go(t->dialogue);
+    orvex_counted_unref(t);
 }
 
 static void succeed(OrvexTransfer* t) {
-    orvex_transfer_ref(t);
+    orvex_counted_ref(t);
     end(t);
-    set_state(t, ORVEX_REQUEST_STATE_ANSWERED);
-    t->last_call = orvex_worker_timer(LAST_CALL_MS, out_of_patience, t);
+    orvex_progress_set_state(t->progress, ORVEX_REQUEST_STATE_ANSWERED);
+    t->last_call = orvex_worker_timer(ORVEX_LAST_CALL_MS, out_of_patience, t);
     tell_end_when_read(t); // nobody has to wait until the connection is closed
     close_connection(t);
-    let_go(t);
-    orvex_transfer_unref(t);
+    orvex_dialogue_let_go(t->dialogue);
+    orvex_counted_unref(t);
 }
 
 /// The answer is good once nothing speaks against it any more, and the daemon has the whole
 /// question: it closes the part of a slow client, and the server may answer such a torso.
-static void succeed_if_complete(OrvexTransfer* t) {
-    if (t->answered && t->settled && !t->over && t->refusal == NULL &&
-        t->upload != UPLOAD_RUNNING) {
+static void succeed_if_complete(gpointer transfer) {
+    OrvexTransfer* t = transfer;
+    if (is_answered(t) && orvex_download_is_settled(t->download) && !t->over &&
+        t->refusal == NULL && !orvex_upload_is_running(t->upload)) {
         succeed(t);
     }
 }
 
+// -- what ends it before -------------------------------------------------------------------------
+
 static void abandon(gpointer transfer) {
-    OrvexTransfer* t = transfer;
-    fail(t, g_error_new_literal(G_IO_ERROR, G_IO_ERROR_CANCELLED, "The request was given up"));
+    fail(transfer,
+         g_error_new_literal(G_IO_ERROR, G_IO_ERROR_CANCELLED, "The request was given up"));
 }
 
 void orvex_transfer_abandon(OrvexTransfer* t) {
-    orvex_worker_post(abandon, orvex_transfer_ref(t), transfer_release);
+    orvex_worker_post(abandon, orvex_counted_ref(t), orvex_counted_unref);
 }
 
 static gboolean on_cancelled(GCancellable* cancellable, gpointer transfer) {
@@ -887,473 +201,157 @@ static gboolean on_cancelled(GCancellable* cancellable, gpointer transfer) {
     return G_SOURCE_REMOVE;
 }
 
-static gboolean nothing_explained(gpointer transfer) {
-    OrvexTransfer* t = transfer;
-    fail(t, g_steal_pointer(&t->refusal));
-    return G_SOURCE_REMOVE;
+/// The question cannot be read, or the answer is none. Takes the error.
+static void unusable(gpointer transfer, GError* error) {
+    fail(transfer, error);
 }
 
-/// Whether a call that was begun with a daemon has found none at its end.
-static gboolean is_loss(const GError* error) {
-    return g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_NOT_INSTALLED) ||
-           g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DAEMON_GONE) ||
-           g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_NO_BUS);
+/// Whether it is the reader for whom everything waits.
+static gboolean waits_for_reader(gpointer transfer) {
+    const OrvexTransfer* t = transfer;
+    return orvex_answer_is_paused(t->answer) && !orvex_upload_is_running(t->upload);
 }
 
-/// A step has failed; decides whether to wait for a better explanation. Does not take the error.
-static void step_failed(OrvexTransfer* t, const GError* error) {
-    if (t->over || t->refusal != NULL) {
-        return;
-    }
-    const gboolean slow = g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_TOO_SLOW);
-    if (slow || g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DROPPED) ||
-        g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_CANCELLED)) {
-        if (t->answered) { // the part was closed, and the server has answered the torso
-            fail(t, orvex_failure_from_code(ORVEX_CODE_NOT_ACCEPTING, TRUE));
-            return;
-        }
-        if (t->request == 0) { // nothing can explain it
-            fail(t, g_error_copy(error));
-            return;
-        }
-        t->refusal = g_error_copy(error);
-        t->explain =
-            orvex_worker_timer(slow ? TOO_SLOW_REASON_MS : REASON_MS, nothing_explained, t);
-    } else if (t->owner != NULL && is_loss(error)) {
-        orvex_transfer_daemon_gone(t);
-    } else {
-        fail(t, g_error_copy(error));
-    }
+static void silent_for_too_long(gpointer transfer) {
+    fail(transfer, orvex_failure_new(ORVEX_ERROR_TIMED_OUT, 0, NULL));
 }
+
+static const OrvexSilenceFunctions silence_functions = {
+    .is_excused = waits_for_reader,
+    .is_too_long = silent_for_too_long,
+};
 
 static void daemon_gone(gpointer transfer) {
     OrvexTransfer* t = transfer;
     if (t->over) {
         return;
     }
-    g_clear_pointer(&t->owner, g_free); // nobody is left to be told anything
-    orvex_link_note_closed(t->link, t);
-    const gboolean is_whole = t->answered && (t->settled || !t->may_be_torn);
-    if (is_whole && t->refusal == NULL && t->upload != UPLOAD_RUNNING) {
+    orvex_dialogue_forget_daemon(t->dialogue);
+    const gboolean is_whole = is_answered(t) && orvex_download_is_certain(t->download);
+    if (is_whole && t->refusal == NULL && !orvex_upload_is_running(t->upload)) {
         succeed(t); // everything has arrived on both sides, and nothing can speak against it
     } else {
         fail(t, orvex_failure_new(ORVEX_ERROR_DAEMON_GONE, 0, NULL));
     }
 }
 
-void orvex_transfer_daemon_gone(OrvexTransfer* t) {
-    if (t->owner != NULL) { // behind the replies that came before
-        orvex_post(orvex_worker_context(), G_PRIORITY_LOW, daemon_gone, orvex_transfer_ref(t),
-                   transfer_release);
-    }
-}
-
-// -- silence -------------------------------------------------------------------------------------
-
-static void progressed(OrvexTransfer* t) {
-    t->progress = g_get_monotonic_time();
-}
-
-static void watch_for_silence(OrvexTransfer* t, gint64 microseconds);
-
-/// Whether it is the reader for whom everything waits.
-static gboolean waits_for_reader(OrvexTransfer* t) {
-    pthread_mutex_lock(&t->lock);
-    const gboolean paused = t->paused;
-    pthread_mutex_unlock(&t->lock);
-    return paused && t->upload != UPLOAD_RUNNING;
-}
-
-static gboolean on_silence(gpointer transfer) {
+static void lose_daemon(gpointer transfer) {
     OrvexTransfer* t = transfer;
-    if (waits_for_reader(t)) {
-        progressed(t);
+    if (orvex_dialogue_has_daemon(t->dialogue)) { // behind the replies that came before
+        orvex_post(orvex_worker_context(), G_PRIORITY_LOW, daemon_gone, orvex_counted_ref(t),
+                   orvex_counted_unref);
     }
-    const gint64 limit = (gint64)t->plan.timeout * G_USEC_PER_SEC;
-    const gint64 silent = g_get_monotonic_time() - t->progress;
-    if (silent < limit) {
-        watch_for_silence(t, limit - silent);
-    } else {
-        fail(t, orvex_failure_new(ORVEX_ERROR_TIMED_OUT, 0, NULL));
-    }
+}
+
+static gboolean nothing_explained(gpointer transfer) {
+    OrvexTransfer* t = transfer;
+    fail(t, g_steal_pointer(&t->refusal));
     return G_SOURCE_REMOVE;
 }
 
-static void watch_for_silence(OrvexTransfer* t, gint64 microseconds) {
-    const gint64 milliseconds = MIN(microseconds / 1000 + 1, (gint64)G_MAXUINT);
-    orvex_source_clear(&t->silence);
-    t->silence = orvex_worker_timer((guint)milliseconds, on_silence, t);
+/// A step has failed; decides whether to wait for a better explanation. Does not take the error.
+static void step_failed(gpointer transfer, const GError* error) {
+    OrvexTransfer* t = transfer;
+    if (t->over || t->refusal != NULL) {
+        return;
+    }
+    const gboolean slow = g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_TOO_SLOW);
+    if (slow || g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DROPPED) ||
+        g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_CANCELLED)) {
+        if (is_answered(t)) { // the part was closed, and the server has answered the torso
+            fail(t, orvex_failure_from_code(ORVEX_CODE_NOT_ACCEPTING, TRUE));
+            return;
+        }
+        if (!has_number(t)) { // nothing can explain it
+            fail(t, g_error_copy(error));
+            return;
+        }
+        t->refusal = g_error_copy(error);
+        orvex_upload_hold(t->upload);
+        orvex_download_hold(t->download);
+        t->explain =
+            orvex_worker_timer(slow ? TOO_SLOW_REASON_MS : REASON_MS, nothing_explained, t);
+    } else if (orvex_dialogue_has_daemon(t->dialogue) && orvex_failure_is_loss(error)) {
+        lose_daemon(t);
+    } else {
+        fail(t, g_error_copy(error));
+    }
 }
 
 // -- the question --------------------------------------------------------------------------------
 
-static void pump(OrvexTransfer* t);
-static void read_ahead(OrvexTransfer* t);
+static void question_has_piece(gpointer transfer) {
+    const OrvexTransfer* t = transfer;
+    orvex_upload_pump(t->upload);
+}
 
-struct Piece {
-    atomic_int refs;
-    atomic_bool claimed; ///< by the reading, or by the end that comes before
-    GSource* source;     ///< that begins to read
-    OrvexTransfer* transfer;
-    GInputStream* stream; ///< the transfer's
-    GCancellable* cancellable;
-    int io_priority;
-    Room* room;
-    gsize size; ///< of the room; then what was read
-    GError* error;
+static const OrvexQuestionFunctions question_functions = {
+    .has_piece = question_has_piece,
+    .failed = unusable,
+    .is_free = stream_is_free,
 };
 
-static Piece* piece_ref(Piece* piece) {
-    atomic_fetch_add(&piece->refs, 1);
-    return piece;
+static void begin_upload(OrvexTransfer* t) {
+    orvex_silence_break(t->silence);
+    orvex_upload_begin(t->upload);
+    orvex_progress_set_state(t->progress, ORVEX_REQUEST_STATE_SENDING);
 }
 
-static void piece_unref(gpointer data) {
-    Piece* piece = data;
-    if (atomic_fetch_sub(&piece->refs, 1) != 1) {
-        return;
-    }
-    g_clear_pointer(&piece->room, room_release);
-    g_clear_error(&piece->error);
-    g_clear_pointer(&piece->source, g_source_unref);
-    g_object_unref(piece->cancellable);
-    orvex_transfer_unref(piece->transfer);
-    g_free(piece);
-}
-
-/// The stream is free again.
-static void reading_ended(OrvexTransfer* t) {
-    g_clear_pointer(&t->reading, piece_unref);
-    if (t->over) {
-        drop_stream(t);
-    }
-    if (t->closed) {
-        tell_end(t);
-        let_go(t);
-    }
-}
-
-/// A reading that has not begun never will: its context may not run any more. One that has begun
-/// comes to its end.
-static void stop_reading(OrvexTransfer* t) {
-    g_cancellable_cancel(t->stop_source);
-    if (t->reading != NULL && !atomic_exchange(&t->reading->claimed, TRUE)) {
-        g_source_destroy(t->reading->source);
-        g_clear_pointer(&t->reading, piece_unref);
-    }
-}
-
-static void piece_read(gpointer data) {
-    Piece* piece = data;
-    OrvexTransfer* t = piece->transfer;
-    reading_ended(t);
-    if (t->over) {
-        return;
-    }
-    if (piece->error != NULL) {
-        fail(t, g_steal_pointer(&piece->error));
-        return;
-    }
-    if (piece->size == 0) {
-        t->question_ended = TRUE;
-        g_clear_pointer(&t->rooms, rooms_unref);
-    } else {
-        t->outgoing_bytes += piece->size;
-        g_queue_push_tail(&t->outgoing, room_to_bytes(g_steal_pointer(&piece->room), piece->size));
-        read_ahead(t);
-    }
-    pump(t);
-}
-
-/// In the context of the stream.
-static void stream_was_read(GObject* stream, GAsyncResult* result, gpointer data) {
-    Piece* piece = data;
-    const gssize size = g_input_stream_read_finish(G_INPUT_STREAM(stream), result, &piece->error);
-    piece->size = (gsize)MAX(size, 0);
-    orvex_worker_post(piece_read, piece, piece_unref);
-}
-
-/// In the context of the stream: only there it may be read.
-static void read_stream(gpointer data) {
-    Piece* piece = data;
-    if (atomic_exchange(&piece->claimed, TRUE)) {
-        return;
-    }
-    GMainContext* context = g_source_get_context(g_main_current_source());
-    g_main_context_push_thread_default(context);
-    g_input_stream_read_async(piece->stream, piece->room->bytes, piece->size, piece->io_priority,
-                              piece->cancellable, stream_was_read, piece_ref(piece));
-    g_main_context_pop_thread_default(context);
-}
-
-/// Reads on before anything is wanted, so that a source that needs its time does not keep the
-/// daemon waiting.
-static void read_ahead(OrvexTransfer* t) {
-    const gsize room = READ_AHEAD - MIN(READ_AHEAD, t->outgoing_bytes);
-    const gboolean full =
-        t->outgoing.length >= PIECES_AHEAD || (t->outgoing.length > 0 && room < t->plan.piece_size);
-    if (t->plan.stream == NULL || t->reading != NULL || t->question_ended || full) {
-        return;
-    }
-    Piece* piece = g_new0(Piece, 1);
-    atomic_init(&piece->refs, 2); // this side's, and that of the context's
-    piece->transfer = orvex_transfer_ref(t);
-    piece->stream = t->plan.stream;
-    piece->cancellable = g_object_ref(t->stop_source);
-    piece->io_priority = t->plan.io_priority;
-    piece->room = rooms_take(t->rooms);
-    piece->size = t->plan.piece_size;
-    t->reading = piece;
-    piece->source = orvex_prepare_post(t->plan.io_priority, read_stream, piece, piece_unref);
-    g_source_attach(piece->source, t->plan.question_context);
-}
-
-/// The next piece of a question that is there as a whole.
-static GBytes* cut_piece(OrvexTransfer* t) {
-    const gsize left = g_bytes_get_size(t->plan.bytes) - t->offset;
-    const gsize size = MIN(left, t->plan.piece_size);
-    GBytes* piece = g_bytes_new_from_bytes(t->plan.bytes, t->offset, size);
-    t->offset += size;
-    t->question_ended = t->offset == g_bytes_get_size(t->plan.bytes);
-    return piece;
-}
-
-/// @return NULL when nothing is there yet
-static GBytes* take_piece(OrvexTransfer* t) {
-    if (t->plan.bytes != NULL) {
-        return cut_piece(t);
-    }
-    GBytes* piece = g_queue_pop_head(&t->outgoing);
-    t->outgoing_bytes -= piece != NULL ? g_bytes_get_size(piece) : 0;
-    return piece == NULL && t->question_ended ? g_bytes_new_static(NULL, 0) : piece;
-}
-
-static void piece_sent(OrvexTransfer* t, GVariant* reply, GError* error) {
-    gint code = 0;
-    t->sending = FALSE;
-    if (error != NULL) {
-        step_failed(t, error);
-        return;
-    }
-    g_variant_get(reply, "(i)", &code);
-    if (code != 0) {
-        g_autoptr(GError) refused = orvex_failure_from_code((guint)code, TRUE);
-        step_failed(t, refused);
-        return;
-    }
-    count(t, t->piece_size, 0);
-    if (t->last_piece) {
-        t->upload = UPLOAD_COMPLETE;
-        orvex_link_note_open(t->link, t, t->connection, t->request, FALSE);
-    }
+static void piece_sent(gpointer transfer, gsize size) {
+    OrvexTransfer* t = transfer;
+    orvex_progress_count(t->progress, size, 0);
     if (t->over || t->refusal != NULL) {
         return;
     }
-    progressed(t);
-    if (t->last_piece && t->chunks == 0) {
-        set_state(t, ORVEX_REQUEST_STATE_SENT);
+    orvex_silence_break(t->silence);
+    if (orvex_upload_is_complete(t->upload) && !orvex_download_has_begun(t->download)) {
+        orvex_progress_set_state(t->progress, ORVEX_REQUEST_STATE_SENT);
     }
     succeed_if_complete(t);
-    pump(t);
 }
 
-/// Sends the next piece, if it is there and wanted. One is under way at a time: the daemon holds
-/// the reply back while the server is slower.
-static void pump(OrvexTransfer* t) {
-    if (t->over || t->refusal != NULL || t->sending || t->upload != UPLOAD_RUNNING) {
-        return;
-    }
-    g_autoptr(GBytes) piece = take_piece(t);
-    if (piece == NULL) {
-        return;
-    }
-    read_ahead(t);
-    t->sending = TRUE;
-    t->piece_size = g_bytes_get_size(piece);
-    t->last_piece = t->question_ended && t->outgoing.length == 0;
-    GVariant* bytes = g_variant_new_from_bytes(G_VARIANT_TYPE_BYTESTRING, piece, TRUE);
-    call(t, ORVEX_INTERFACE, "sendData",
-         g_variant_new("(@aybuu)", bytes, t->last_piece, t->connection, t->request), "(i)",
-         CALL_TIMEOUT_MS, NULL, piece_sent);
-}
-
-void orvex_transfer_data_wanted(OrvexTransfer* t, guint request) {
-    if (t->over) {
-        return;
-    }
-    if (t->request == 0) {
-        Early* early = g_new0(Early, 1);
-        early->request = request;
-        t->early = g_list_append(t->early, early);
-        return;
-    }
-    if (request != t->request || t->upload != UPLOAD_NOT_WANTED) {
-        return;
-    }
-    progressed(t);
-    t->upload = UPLOAD_RUNNING;
-    orvex_link_note_open(t->link, t, t->connection, t->request, TRUE);
-    pump(t);
-    set_state(t, ORVEX_REQUEST_STATE_SENDING);
-}
+static const OrvexUploadFunctions upload_functions = {.sent = piece_sent, .failed = step_failed};
 
 // -- the answer ----------------------------------------------------------------------------------
 
-static void settle(OrvexTransfer* t) {
-    t->settled = TRUE;
-    succeed_if_complete(t);
-}
-
-static gboolean settled(gpointer transfer) {
-    settle(transfer);
-    return G_SOURCE_REMOVE;
-}
-
-/// A call behind the last chunk is answered.
-static void turned(OrvexTransfer* t, GVariant* reply, GError* error) {
-    (void)reply;
-    if (g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DAEMON_GONE) ||
-        g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_NOT_INSTALLED)) {
-        orvex_transfer_daemon_gone(t); // it cannot speak against the answer any more
-        return;
-    }
-    if (error != NULL || --t->turns > 0 || t->over || t->settled) {
-        return;
-    }
-    const gint64 took = (g_get_monotonic_time() - t->last_chunk) / 1000;
-    const gint64 wanted = MAX(SETTLE_LEAST_MS, SETTLE_TURNS * took);
-    if (!t->may_be_torn || took >= SETTLE_MOST_MS) {
-        settle(t);
-    } else {
-        orvex_source_clear(&t->settling);
-        t->settling = orvex_worker_timer((guint)(MIN(wanted, SETTLE_MOST_MS) - took), settled, t);
-    }
-}
-
-/// The last chunk has come: waits for what may speak against it.
-static void begin_to_settle(OrvexTransfer* t, gsize last) {
-    t->answered = TRUE;
-    t->may_be_torn = t->chunks > 1 || last <= BOUNDARY_SIZE;
-    t->last_chunk = g_get_monotonic_time();
-    t->turns = SETTLE_CALLS;
-    t->settling = orvex_worker_timer(SETTLE_MOST_MS, settled, t);
-    for (int number = 0; number < SETTLE_CALLS; ++number) {
-        call(t, "org.freedesktop.DBus.Peer", "Ping", NULL, "()", LAST_CALL_MS, NULL, turned);
-    }
-}
-
-/// Keeps a chunk for the reader, or in the whole answer. Takes the bytes.
-static void keep(OrvexTransfer* t, GBytes* bytes, gboolean ends_part) {
-    const gsize size = g_bytes_get_size(bytes);
-    if (t->plan.collect) {
-        g_byte_array_append(t->whole, g_bytes_get_data(bytes, NULL), (guint)size);
-        g_bytes_unref(bytes);
-        return;
-    }
-    if (size == 0 && !ends_part) { // means nothing by itself
-        g_bytes_unref(bytes);
-        return;
-    }
-    Chunk* chunk = g_new0(Chunk, 1);
-    chunk->bytes = bytes;
-    chunk->ends_part = ends_part;
-    pthread_mutex_lock(&t->lock);
-    g_queue_push_tail(&t->answer, chunk);
-    pthread_mutex_unlock(&t->lock);
-}
-
-/// An array of bytes ends the program when it would become longer than this.
-static gboolean is_too_long(OrvexTransfer* t, gsize more) {
-    const guint64 limit = t->plan.answer_limit != 0 ? t->plan.answer_limit : G_MAXUINT;
-    return t->plan.collect && (guint64)t->whole->len + more > MIN(limit, G_MAXUINT);
-}
-
-static void chunk_came(OrvexTransfer* t, GVariant* reply, GError* error) {
-    t->fetching = FALSE;
-    if (error != NULL) {
-        step_failed(t, error);
-        return;
-    }
-    if (t->over) {
-        return;
-    }
-    g_autoptr(GVariant) array = NULL;
-    guint code = 0;
-    g_variant_get(reply, "(@ayu)", &array, &code);
-    g_autoptr(GBytes) bytes = g_variant_get_data_as_bytes(array);
-    const gsize size = g_bytes_get_size(bytes);
-    if (code < PART_CONTINUES || code > RESPONSE_COMPLETE) {
-        fail(t, orvex_failure_new(ORVEX_ERROR_PROTOCOL, code, NULL));
-        return;
-    }
-    if (is_too_long(t, size)) {
-        fail(t, orvex_failure_new(ORVEX_ERROR_TOO_LONG, 0, NULL));
-        return;
-    }
-    progressed(t);
-    t->chunks += size > 0 || t->chunks > 0 ? 1 : 0;
-    keep(t, g_steal_pointer(&bytes), code == PART_COMPLETE);
-    // The daemon's next step first: who is woken might want its processor.
-    if (code == RESPONSE_COMPLETE) {
-        begin_to_settle(t, size);
-    } else {
-        fetch(t);
-    }
-    if (t->upload != UPLOAD_RUNNING) {
-        set_state(t, ORVEX_REQUEST_STATE_RECEIVING);
-    }
-    count(t, 0, size);
-    if (!t->answered || t->upload != UPLOAD_COMPLETE) { // else the end wakes the reader in a moment
-        wake(t);
-    }
-}
-
-/// Asks for the next chunk, unless the reader has as much as it may have. The daemon holds the call
-/// until it has something: so without a time-out. A second one would replace it.
-static void fetch(gpointer transfer) {
+static void chunk_came(gpointer transfer, gsize size) {
     OrvexTransfer* t = transfer;
-    if (t->over || t->fetching || t->answered || t->refusal != NULL) {
-        return;
+    orvex_silence_break(t->silence);
+    if (!orvex_upload_is_running(t->upload)) {
+        orvex_progress_set_state(t->progress, ORVEX_REQUEST_STATE_RECEIVING);
     }
-    pthread_mutex_lock(&t->lock);
-    t->paused = t->answer.length >= CHUNKS_HELD;
-    const gboolean paused = t->paused;
-    pthread_mutex_unlock(&t->lock);
-    if (paused) {
-        return;
+    orvex_progress_count(t->progress, 0, size);
+    if (!is_answered(t) || !orvex_upload_is_complete(t->upload)) {
+        orvex_answer_wake(t->answer); // else the end wakes the reader in a moment
     }
-    t->fetching = TRUE;
-    call(t, ORVEX_INTERFACE, "getData", g_variant_new("(uu)", t->connection, t->request), "(ayu)",
-         G_MAXINT, t->stop, chunk_came);
 }
 
-// -- what the daemon tells -----------------------------------------------------------------------
+static const OrvexDownloadFunctions download_functions = {
+    .came = chunk_came,
+    .failed = step_failed,
+    .is_unusable = unusable,
+    .settling = {.settled = succeed_if_complete, .daemon_gone = lose_daemon},
+};
 
-gboolean orvex_transfer_failed(OrvexTransfer* t, guint request, guint code, const char* message) {
-    if (t->over) {
-        return TRUE;
-    }
-    if (t->request == 0) {
-        Early* early = g_new0(Early, 1);
-        early->request = request;
-        early->error = orvex_failure_from_signal(code, message);
-        t->early = g_list_append(t->early, early);
-        return TRUE;
-    }
-    if (request != t->request) {
-        return FALSE;
-    }
-    fail(t, orvex_failure_from_signal(code, message));
-    return TRUE;
+static void fetch(gpointer transfer) {
+    const OrvexTransfer* t = transfer;
+    orvex_download_fetch(t->download);
 }
+
+static void reader_has_room(gpointer transfer) {
+    orvex_worker_post(fetch, orvex_counted_ref(transfer), orvex_counted_unref);
+}
+
+// -- doubt ---------------------------------------------------------------------------------------
 
 /// Whether the daemon still knows the request, after a failure of which it may have been part.
-static void probed(OrvexTransfer* t, GVariant* reply, GError* error) {
+static void probed(gpointer transfer, GVariant* reply, GError* error) {
+    OrvexTransfer* t = transfer;
     gint code = 0;
     if (error == NULL) {
         g_variant_get(reply, "(i)", &code);
     }
-    if (code != ORVEX_CODE_UNKNOWN_REQUEST || t->answered) {
+    if (code != ORVEX_CODE_UNKNOWN_REQUEST || is_answered(t)) {
         return;
     }
     g_autoptr(GError) dropped = t->doubt != NULL ? orvex_failure_new(ORVEX_ERROR_CANCELLED, 0, NULL)
@@ -1361,27 +359,11 @@ static void probed(OrvexTransfer* t, GVariant* reply, GError* error) {
     step_failed(t, dropped);
 }
 
-/// Asks the daemon whether it still knows the request.
+/// Asks the daemon whether it still knows the request: the result of an empty piece tells.
 static void probe(OrvexTransfer* t) {
-    if (t->request == 0 || t->over || t->answered || t->sending || t->upload == UPLOAD_RUNNING) {
-        return;
-    }
-    // An empty piece changes nothing as long as it does not take the question's end back, but its
-    // result tells.
-    GVariant* nothing = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, "", 0, 1);
-    call(
-        t, ORVEX_INTERFACE, "sendData",
-        g_variant_new("(@aybuu)", nothing, t->upload == UPLOAD_COMPLETE, t->connection, t->request),
-        "(i)", CALL_TIMEOUT_MS, NULL, probed);
-}
-
-void orvex_transfer_exchange_failed(OrvexTransfer* t, guint code, const char* message) {
-    // The failure of an exchange names those that are not answered. This one seems to be: its end
-    // is still held back, and its part may be the one in which the transfer broke off.
-    if (!t->answered) { // or its last chunk and the failure have missed each other
-        probe(t);
-    } else if (!orvex_failure_is_before_exchange(code, message)) {
-        fail(t, orvex_failure_new(ORVEX_ERROR_TRUNCATED, code, message));
+    if (has_number(t) && !t->over && !is_answered(t) && !orvex_upload_is_sending(t->upload) &&
+        !orvex_upload_is_running(t->upload)) {
+        orvex_dialogue_probe(t->dialogue, orvex_upload_is_complete(t->upload), probed, t);
     }
 }
 
@@ -1393,46 +375,115 @@ static gboolean probe_again(gpointer transfer) {
     return G_SOURCE_REMOVE;
 }
 
-void orvex_transfer_may_be_cancelled(OrvexTransfer* t, guint request) {
+// -- what the daemon tells -----------------------------------------------------------------------
+
+static void early_free(gpointer data) {
+    Early* early = data;
+    g_clear_error(&early->error);
+    g_free(early);
+}
+
+/// Takes the error.
+static void keep_for_later(OrvexTransfer* t, guint request, GError* error) {
+    Early* early = g_new(Early, 1);
+    *early = (Early){request, error};
+    t->early = g_list_append(t->early, early);
+}
+
+static void told_data_wanted(OrvexPassenger* passenger, guint request) {
+    OrvexTransfer* t = (OrvexTransfer*)passenger;
+    if (t->over) {
+        return;
+    }
+    if (!has_number(t)) {
+        keep_for_later(t, request, NULL);
+    } else if (is_named(t, request) && !orvex_upload_has_begun(t->upload)) {
+        begin_upload(t);
+    }
+}
+
+static gboolean told_failed(OrvexPassenger* passenger, guint request, guint code,
+                            const char* message) {
+    OrvexTransfer* t = (OrvexTransfer*)passenger;
+    if (t->over) {
+        return TRUE;
+    }
+    if (!has_number(t)) {
+        keep_for_later(t, request, orvex_failure_from_signal(code, message));
+        return TRUE;
+    }
+    if (!is_named(t, request)) {
+        return FALSE;
+    }
+    fail(t, orvex_failure_from_signal(code, message));
+    return TRUE;
+}
+
+static void told_exchange_failed(OrvexPassenger* passenger, guint code, const char* message) {
+    OrvexTransfer* t = (OrvexTransfer*)passenger;
+    // The failure of an exchange names those that are not answered. This one seems to be: its end
+    // is still held back, and its part may be the one in which the transfer broke off.
+    if (!is_answered(t)) { // or its last chunk and the failure have missed each other
+        probe(t);
+    } else if (!orvex_failure_is_before_exchange(code, message)) {
+        fail(t, orvex_failure_new(ORVEX_ERROR_TRUNCATED, code, message));
+    }
+}
+
+static void told_may_be_cancelled(OrvexPassenger* passenger, guint request) {
+    OrvexTransfer* t = (OrvexTransfer*)passenger;
     // A cancelled request stays until its exchange ends, and nothing is told then.
-    if (t->request != 0 && request == t->request && !t->over) {
+    if (is_named(t, request) && !t->over) {
         probe_again(t);
     }
 }
 
-void orvex_transfer_cancelled(OrvexTransfer* t, guint request) {
-    if (t->request != 0 && request == t->request) {
+static void told_cancelled(OrvexPassenger* passenger, guint request) {
+    OrvexTransfer* t = (OrvexTransfer*)passenger;
+    if (is_named(t, request)) {
         fail(t, orvex_failure_new(ORVEX_ERROR_CANCELLED, 0, NULL));
     }
 }
+
+static void told_daemon_gone(OrvexPassenger* passenger) {
+    lose_daemon(passenger);
+}
+
+static const OrvexPassengerFunctions passenger_functions = {
+    .data_wanted = told_data_wanted,
+    .failed = told_failed,
+    .exchange_failed = told_exchange_failed,
+    .may_be_cancelled = told_may_be_cancelled,
+    .cancelled = told_cancelled,
+    .daemon_gone = told_daemon_gone,
+};
 
 // -- the beginning -------------------------------------------------------------------------------
 
 /// Applies what was told before the reply that names the request.
 static void catch_up(OrvexTransfer* t) {
+    const guint request = orvex_dialogue_get_request(t->dialogue);
     gboolean wanted = FALSE;
     for (GList* each = t->early; each != NULL; each = each->next) {
         Early* early = each->data;
-        if (early->request == t->request && early->error != NULL) {
+        if (early->request == request && early->error != NULL) {
             fail(t, g_steal_pointer(&early->error));
             return;
         }
-        wanted = wanted || early->request == t->request;
+        wanted = wanted || early->request == request;
     }
     if (wanted) {
-        orvex_transfer_data_wanted(t, t->request);
+        told_data_wanted(&t->passenger, request);
     }
 }
 
-static void created(OrvexTransfer* t, GVariant* reply, GError* error) {
+static void prepared(gpointer transfer, GVariant* reply, GError* error) {
+    OrvexTransfer* t = transfer;
+    (void)reply;
     t->opening = FALSE;
     if (error == NULL) {
-        g_variant_get(reply, "(u)", &t->request);
-        orvex_link_note_open(t->link, t, t->connection, t->request, FALSE);
-        pthread_mutex_lock(&t->lock);
-        t->facts.connection = t->connection;
-        t->facts.request = t->request;
-        pthread_mutex_unlock(&t->lock);
+        orvex_progress_set_key(t->progress, orvex_dialogue_get_connection(t->dialogue),
+                               orvex_dialogue_get_request(t->dialogue));
     }
     if (t->over) {
         close_connection(t);
@@ -1442,122 +493,105 @@ static void created(OrvexTransfer* t, GVariant* reply, GError* error) {
         step_failed(t, error);
         return;
     }
-    progressed(t);
+    orvex_silence_break(t->silence);
     fetch(t);
-    set_state(t, ORVEX_REQUEST_STATE_WAITING);
+    orvex_progress_set_state(t->progress, ORVEX_REQUEST_STATE_WAITING);
     catch_up(t);
 }
 
-static void connected(OrvexTransfer* t, GVariant* reply, GError* error) {
+static void connected(gpointer transfer, GVariant* reply, GError* error) {
+    OrvexTransfer* t = transfer;
+    (void)reply;
     t->opening = FALSE;
-    if (error == NULL) {
-        g_variant_get(reply, "(u)", &t->connection);
-        t->owner = g_strdup(orvex_link_get_owner(t->link));
-        orvex_link_note_open(t->link, t, t->connection, 0, FALSE);
-    }
-    orvex_link_end_connect(t->link);
     if (t->over) {
         close_connection(t);
-        return;
-    }
-    if (error != NULL && g_dbus_connection_is_closed(orvex_link_get_bus(t->link))) {
+    } else if (error != NULL && !orvex_dialogue_is_connected(t->dialogue)) {
         fail(t, orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL)); // nothing had begun
-        return;
-    }
-    if (error != NULL) {
+    } else if (error != NULL) {
         step_failed(t, error);
-        return;
-    }
-    if (t->owner == NULL) { // it has left since
+    } else if (!orvex_dialogue_has_daemon(t->dialogue)) { // it has left since
         fail(t, orvex_failure_new(ORVEX_ERROR_DAEMON_GONE, 0, NULL));
-        return;
+    } else {
+        orvex_silence_break(t->silence);
+        orvex_dialogue_listen(t->dialogue);
+        t->opening = TRUE;
+        orvex_dialogue_prepare(t->dialogue, &t->terms, prepared, t);
     }
-    progressed(t);
-    orvex_link_add(t->link, t->connection, t);
-    t->opening = TRUE;
-    call(t, ORVEX_INTERFACE, t->plan.attach ? "attach" : "prepare",
-         g_variant_new("(uuu)", t->connection, (guint)t->plan.policy, t->plan.open_duration), "(u)",
-         CALL_TIMEOUT_MS, NULL, created);
 }
 
-/// Exactly the bytes of a text, without a zero byte behind them.
-static GVariant* text_bytes(const char* text) {
-    return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text, strlen(text), 1);
+static void sit(gpointer transfer, OrvexLink* link) {
+    const OrvexTransfer* t = transfer;
+    if (!t->over) {
+        orvex_dialogue_sit(t->dialogue, link);
+    }
 }
+
+static void board(gpointer transfer) {
+    OrvexTransfer* t = transfer;
+    if (t->over) {
+        return;
+    }
+    t->opening = orvex_dialogue_connect(t->dialogue, &t->terms, connected, t);
+    if (!t->opening) {
+        abandon(t);
+    }
+}
+
+static const OrvexSeatsFunctions seats_functions = {.sit = sit, .board = board};
 
 static void start(gpointer transfer) {
     OrvexTransfer* t = transfer;
-    GCancellable* cancellable = g_task_get_cancellable(t->opened);
+    GCancellable* cancellable = orvex_answer_get_cancellable(t->answer);
     if (cancellable != NULL) {
         t->cancelled = g_cancellable_source_new(cancellable);
         g_source_set_callback(t->cancelled, G_SOURCE_FUNC(on_cancelled), t, NULL);
         g_source_attach(t->cancelled, orvex_worker_context());
     }
-    if (g_dbus_connection_is_closed(orvex_link_get_bus(t->link))) {
+    if (!orvex_dialogue_can_begin(t->dialogue)) {
         fail(t, orvex_failure_new(ORVEX_ERROR_NO_BUS, 0, NULL));
         return;
     }
-    progressed(t);
-    if (t->plan.timeout != 0) {
-        watch_for_silence(t, (gint64)t->plan.timeout * G_USEC_PER_SEC);
-    }
-    read_ahead(t);
-    orvex_link_find_seat(t->home, t);
-}
-
-void orvex_transfer_sit(OrvexTransfer* t, OrvexLink* link) {
-    if (t->over) {
-        return;
-    }
-    OrvexLink* before = t->link;
-    t->link = orvex_link_ref(link);
-    orvex_link_enter(link);
-    if (t->seated) {
-        orvex_link_leave(t->home, before, 0);
-    }
-    t->seated = TRUE;
-    orvex_link_unref(before);
-}
-
-void orvex_transfer_board(OrvexTransfer* t) {
-    if (t->over) {
-        return;
-    }
-    if (!orvex_link_begin_connect(t->link)) {
-        abandon(t);
-        return;
-    }
-    t->opening = TRUE;
-    call(t, ORVEX_INTERFACE, "connect",
-         g_variant_new("(@ay@ay@ay@ay@ayu)", text_bytes(t->plan.element), text_bytes(t->plan.type),
-                       text_bytes(t->plan.version), text_bytes(t->plan.encoding),
-                       text_bytes(t->plan.content_type), t->plan.chunk_size),
-         "(u)", CALL_TIMEOUT_MS, NULL, connected);
-}
-
-OrvexTransfer* orvex_transfer_new(OrvexLink* link, OrvexPlan* plan, OrvexRequest* request) {
-    static atomic_uint_fast64_t runs = 0;
-    OrvexTransfer* t = g_new0(OrvexTransfer, 1);
-    atomic_init(&t->refs, 1);
-    t->run = atomic_fetch_add(&runs, 1) + 1;
-    t->home = orvex_link_ref(link);
-    t->link = orvex_link_ref(link);
-    t->plan = *plan;
-    t->listener = listener_new(request);
-    g_queue_init(&t->outgoing);
-    g_queue_init(&t->answer);
-    t->stop = g_cancellable_new();
-    t->stop_source = g_cancellable_new();
-    t->rooms = plan->stream != NULL ? rooms_new(plan->piece_size) : NULL;
-    t->whole = plan->collect ? g_byte_array_new() : NULL;
-    pthread_mutex_init(&t->lock, NULL);
-    pthread_cond_init(&t->changed, NULL);
-    t->facts.state = ORVEX_REQUEST_STATE_CONNECTING;
-    return t;
+    orvex_silence_begin(t->silence, t->timeout);
+    orvex_question_read_ahead(t->question);
+    orvex_dialogue_find_seat(t->dialogue, &seats_functions);
 }
 
 void orvex_transfer_start(OrvexTransfer* t, GTask* task) {
-    t->opened = g_object_ref(task);
-    post_event(t, FALSE, ORVEX_REQUEST_STATE_CONNECTING);
-    orvex_worker_post(start, orvex_transfer_ref(t), transfer_release);
+    orvex_answer_begin(t->answer, task);
+    orvex_progress_begin(t->progress);
+    orvex_worker_post(start, orvex_counted_ref(t), orvex_counted_unref);
+}
+
+// -- life ----------------------------------------------------------------------------------------
+
+static void transfer_free(gpointer data) {
+    OrvexTransfer* t = data;
+    orvex_terms_clear(&t->terms);
+    g_list_free_full(t->early, early_free);
+    g_clear_error(&t->refusal);
+    g_clear_error(&t->failure);
+    orvex_silence_free(t->silence);
+    orvex_progress_free(t->progress);
+    orvex_download_free(t->download);
+    orvex_answer_free(t->answer);
+    orvex_upload_free(t->upload);
+    orvex_question_free(t->question);
+    orvex_dialogue_free(t->dialogue);
+    g_free(t);
+}
+
+OrvexTransfer* orvex_transfer_new(OrvexSeats* seats, const OrvexPlan* plan) {
+    OrvexTransfer* t = g_new0(OrvexTransfer, 1);
+    orvex_counted_init(t, transfer_free);
+    t->passenger.functions = &passenger_functions;
+    t->terms = plan->terms;
+    t->timeout = plan->timeout;
+    t->dialogue = orvex_dialogue_new(seats, &t->passenger);
+    t->question = orvex_question_new(&plan->question, &question_functions, t);
+    t->upload = orvex_upload_new(t->question, t->dialogue, &upload_functions, t);
+    t->answer = orvex_answer_new(t, reader_has_room, plan->collect, plan->answer_limit);
+    t->download = orvex_download_new(t->answer, t->dialogue, &download_functions, t);
+    t->progress = orvex_progress_new(&plan->listener);
+    t->silence = orvex_silence_new(&silence_functions, t);
+    return t;
 }

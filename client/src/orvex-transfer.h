@@ -1,11 +1,16 @@
 #pragma once
 
-#include "orvex-link.h"
-#include "orvex-request.h"
+#include "orvex-answer.h"
+#include "orvex-dialogue.h"
+#include "orvex-progress.h"
+#include "orvex-question.h"
+#include "orvex-seats.h"
 
 #include <gio/gio.h>
 
-// One request on its way, from "connect" to "disconnect".
+// One request on its way, from "connect" to "disconnect": the steps with the daemon, and how they
+// end. It belongs to the worker, but for what is marked. What other threads see is in its parts,
+// which have locks of their own.
 //
 // Question and answer travel side by side: the daemon may answer while it still takes bytes, and it
 // tells of a lost network only to those who wait for a chunk. Each direction has one call under way
@@ -14,86 +19,28 @@
 
 /// What is to be done. The transfer takes all of it.
 typedef struct {
-    char* element;
-    char* type;
-    char* version;
-    char* encoding;
-    char* content_type;
-    OrvexPolicy policy;
-    guint open_duration;
-    gboolean attach;
-    guint chunk_size;
-    gsize piece_size;     ///< of the question, largest
+    OrvexTerms terms;
+    OrvexQuestionSource question;
+    OrvexListener listener;
     guint timeout;        ///< seconds without progress; 0: no limit
     guint64 answer_limit; ///< bytes, of a collected answer; 0: no limit
-
-    gboolean collect;               ///< the task returns the whole answer
-    GBytes* bytes;                  ///< the question, or
-    GInputStream* stream;           ///< where it comes from
-    GMainContext* question_context; ///< in which the stream is read
-    int io_priority;
-    GMainContext* events; ///< in which the request hears of its progress
+    gboolean collect;     ///< the task returns the whole answer
 } OrvexPlan;
 
-/// Nothing happens before it is started.
-OrvexTransfer* orvex_transfer_new(OrvexLink* link, OrvexPlan* plan, OrvexRequest* request);
-/// The worker begins. The task returns a boolean when the first part of the answer has begun, or
-/// the answer's bytes if they are collected. Its cancellable ends the transfer at any time, also
-/// later.
+/// An OrvexCounted. The last reference may be dropped on any thread.
+typedef struct OrvexTransfer OrvexTransfer;
+
+/// Any thread. Nothing happens before it is started.
+OrvexTransfer* orvex_transfer_new(OrvexSeats* seats, const OrvexPlan* plan);
+/// Any thread. The worker begins. The task returns a boolean when the first part of the answer has
+/// begun, or the answer's bytes if they are collected. Its cancellable ends the transfer at any
+/// time, also later.
 void orvex_transfer_start(OrvexTransfer* transfer, GTask* task);
-OrvexTransfer* orvex_transfer_ref(OrvexTransfer* transfer);
-void orvex_transfer_unref(OrvexTransfer* transfer);
 
 /// Nobody wants the answer any more. Any thread, at any time.
 void orvex_transfer_abandon(OrvexTransfer* transfer);
 
-// -- for the reader of the answer: any thread, one at a time -------------------------------------
-
-/// The next bytes of this part of the answer, counted from 0. @return 0 at the part's end, -1 after
-/// an error
-gssize orvex_transfer_read(OrvexTransfer* transfer, guint part, void* buffer, gsize count,
-                           GCancellable* cancellable, GError** error);
-/// The same later; the task returns an int.
-void orvex_transfer_read_async(OrvexTransfer* transfer, guint part, void* buffer, gsize count,
-                               GTask* task);
-/// Whether there is nothing more to read in this part.
-gboolean orvex_transfer_is_at_end(OrvexTransfer* transfer, guint part);
-/// Leaves what is left of the part and goes to the next one. The task returns its number, or -1
-/// when there is none.
-void orvex_transfer_next_part(OrvexTransfer* transfer, GTask* task);
-
-// -- how far it is: any thread -------------------------------------------------------------------
-
-typedef struct {
-    OrvexRequestState state;
-    gboolean is_over;
-    guint64 sent;
-    guint64 received;
-    guint connection; ///< 0: not known yet
-    guint request;
-    guint error_code;
-    char* error_detail; ///< the caller's
-} OrvexTransferFacts;
-
-void orvex_transfer_get_facts(OrvexTransfer* transfer, OrvexTransferFacts* facts);
-/// Tells how much has moved; the next move posts an event again.
-void orvex_transfer_take_progress(OrvexTransfer* transfer, guint64* sent, guint64* received);
-/// A number that no other transfer of the process has.
-guint64 orvex_transfer_get_run(OrvexTransfer* transfer);
-
-// -- what the link tells: the worker -------------------------------------------------------------
-
-/// This is the link to use. It may not be open yet.
-void orvex_transfer_sit(OrvexTransfer* transfer, OrvexLink* link);
-/// Its link is open.
-void orvex_transfer_board(OrvexTransfer* transfer);
-void orvex_transfer_data_wanted(OrvexTransfer* transfer, guint request);
-/// @return whether it is this request that has failed, or may be
-gboolean orvex_transfer_failed(OrvexTransfer* transfer, guint request, guint code,
-                               const char* message);
-/// An exchange has failed, and its failure does not name this request.
-void orvex_transfer_exchange_failed(OrvexTransfer* transfer, guint code, const char* message);
-/// Somebody who has left the bus has cancelled it: the daemon has obeyed him, or it has not.
-void orvex_transfer_may_be_cancelled(OrvexTransfer* transfer, guint request);
-void orvex_transfer_cancelled(OrvexTransfer* transfer, guint request);
-void orvex_transfer_daemon_gone(OrvexTransfer* transfer);
+/// What the reader reads. It lives as long as the transfer; any thread.
+OrvexAnswer* orvex_transfer_get_answer(OrvexTransfer* transfer);
+/// How far it is; likewise.
+OrvexProgress* orvex_transfer_get_progress(OrvexTransfer* transfer);

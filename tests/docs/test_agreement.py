@@ -7,7 +7,7 @@ import pytest
 
 from documents import ARCHITECTURE, GUIDE, README, blocks, read, rows, section
 from harness.settings import BUS_NAME, ROOT
-from include_graph import FLOOR_OF_FOLDER
+from include_graph import FLOOR_OF_FOLDER, FLOOR_OF_MODULE, client_includes, module_of, read_includes
 
 INTERFACE = ElementTree.fromstring(read("data/com.kelvra.orvexd.xml")).find("interface")
 SOURCES = {
@@ -154,6 +154,27 @@ def test_the_house_is_drawn_and_told_as_the_include_check_has_it():
     told = {(row[0], row[1].strip("`")) for row in rows(text)}
     assert told == checked
     assert set(re.findall(r'"(\d) (src/\w+)"', picture(ARCHITECTURE, "Floors"))) == checked
+
+
+def test_the_client_library_is_told_as_the_include_check_has_it():
+    table = rows(section(ARCHITECTURE, "The client library"))
+    told = {name: int(row[0]) for row in table for name in re.findall(r"`([\w-]+)`", row[1])}
+    assert told | {"orvexclient": 6} == FLOOR_OF_MODULE  # the last one is a header of headers
+
+
+def test_the_picture_of_the_client_library_has_its_modules_and_true_arrows():
+    drawn = picture(ARCHITECTURE, "The client library")
+    modules = dict(re.findall(r'(\w+)\["\d ([\w-]+)"\]', drawn))
+    floors = {name: int(floor) for floor, name in re.findall(r'"(\d) ([\w-]+)"', drawn)}
+    above_ground = {name: floor for name, floor in FLOOR_OF_MODULE.items() if floor > 0 and name != "orvexclient"}
+    assert floors == above_ground
+    true = {(module_of(name), used) for name, _, used in client_includes(read_includes(ROOT / "client"))}
+    arrows = set()
+    for line in re.sub(r'\["[^"]+"\]', "", drawn).splitlines()[1:]:
+        ends = [[modules[name.strip()] for name in end.split("&")] for end in line.split("-->")]
+        arrows |= {(a, b) for above, below in zip(ends, ends[1:]) for a in above for b in below}
+    assert arrows <= true
+    assert {below for _, below in arrows} == set(floors) - {"orvex-client"}
 
 
 @pytest.mark.parametrize("row", rows(section(ARCHITECTURE, "Interfaces")), ids=lambda row: row[0])

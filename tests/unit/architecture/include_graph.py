@@ -2,13 +2,15 @@
 
 A file may use what stands on its own floor or below, never above; no two files need each other. A
 source and its header are one file here: whoever needs the one needs the other.
+
+The client library is a house of its own, in one folder: its floors are told by module.
 """
 
 import re
 from pathlib import Path, PurePosixPath
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
-SUFFIXES = {".h", ".cpp"}
+SUFFIXES = {".h", ".cpp", ".c"}
 
 FLOOR_OF_FOLDER = {
     "main": 7,
@@ -33,6 +35,39 @@ HOMES_OF_LIBRARY = {
     "libxml": {"slp", "config", "support/XmlHandles", "main/main"},
     "openssl": {"http"},
     "trilba": {"network", "http", "slp", "core", "dbus", "main"},
+}
+
+# The client library, by module: the headers of a module, public or private, and its source.
+FLOOR_OF_MODULE = {
+    "orvexclient": 6,
+    "orvex-client": 6,
+    "orvex-request": 6,
+    "orvex-answer-stream": 6,
+    "orvex-transfer": 5,
+    "orvex-upload": 4,
+    "orvex-download": 4,
+    "orvex-settling": 4,
+    "orvex-dialogue": 4,
+    "orvex-silence": 3,
+    "orvex-progress": 3,
+    "orvex-answer": 3,
+    "orvex-question": 3,
+    "orvex-rooms": 3,
+    "orvex-seats": 2,
+    "orvex-link": 2,
+    "orvex-bus": 1,
+    "orvex-waiters": 1,
+    "orvex-passengers": 1,
+    "orvex-audience": 1,
+    "orvex-remains": 1,
+    "orvex-worker": 0,
+    "orvex-failure": 0,
+    "orvex-calls": 0,
+    "orvex-counted": 0,
+    "orvex-enums": 0,
+    "orvex-error": 0,
+    "orvex-names": 0,
+    "orvex-sync": 0,
 }
 
 # Written when the tree is configured, from a template beside the sources.
@@ -122,10 +157,41 @@ def ballast(files):
                 yield f"{name}:{line}: {BARE_FOLDER} includes nothing, not even {target}"
 
 
+def module_of(path):
+    """Module of a file of the client library: "orvex-request" of "src/orvex-request-private.h"."""
+    return PurePosixPath(path).stem.removesuffix("-private")
+
+
+def client_includes(files):
+    """Every arrow between modules of the client library: (file, line, used module)."""
+    modules = {module_of(name) for name in files}
+    for name, includes in files.items():
+        for mark, target, line in includes:
+            used = module_of(target)
+            if mark == '"' and used in modules and used != module_of(name):
+                yield name, line, used
+
+
+def client_faults(files):
+    """All faults of the client library as texts; `files` as `read_includes` returns them."""
+    floors = FLOOR_OF_MODULE
+    found = [f"{name}: stands on no floor" for name in files if module_of(name) not in floors]
+    for name, line, used in client_includes(files):
+        floor = floors.get(module_of(name), max(floors.values()))
+        if floors.get(used, 0) > floor:
+            found.append(f"{name}:{line}: floor {floor} uses {used} of floor {floors[used]}")
+    arrows = ((module_of(name), used) for name, _, used in client_includes(files))
+    return [*found, *circles(arrows)]
+
+
 def cycles(files):
+    return circles((unit_of(name), unit_of(target)) for name, target, _ in own_includes(files))
+
+
+def circles(arrows):
+    """The first circle among arrows, as a text."""
     graph = {}
-    for name, target, _ in own_includes(files):
-        source, used = unit_of(name), unit_of(target)
+    for source, used in arrows:
         graph.setdefault(source, set())
         if source != used:
             graph[source].add(used)

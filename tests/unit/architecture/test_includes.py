@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""No include line of src/ runs up the floors, and no two files need each other.
+"""No include line of src/ or client/ runs up the floors, and no two files need each other.
 
-usage: test_includes.py SOURCE_DIRECTORY [unittest arguments]
+usage: test_includes.py SOURCE_DIRECTORY CLIENT_DIRECTORY [unittest arguments]
 """
 
 import sys
@@ -12,16 +12,23 @@ from pathlib import Path
 import include_graph
 
 SOURCES = Path()
+CLIENT = Path()
 
 
-def faults_of(tree):
+def read_client():
+    """The include lines of the library, without those of its tests."""
+    files = include_graph.read_includes(CLIENT)
+    return {name: lines for name, lines in files.items() if name.startswith(("src/", "include/"))}
+
+
+def faults_of(tree, judge=include_graph.faults):
     """Faults of a made-up tree: names and their lines."""
     with tempfile.TemporaryDirectory() as folder:
         for name, lines in tree.items():
             path = Path(folder, name)
             path.parent.mkdir(parents=True, exist_ok=True)
             path.write_text("\n".join(lines) + "\n", encoding="utf-8")
-        return include_graph.faults(include_graph.read_includes(folder))
+        return judge(include_graph.read_includes(folder))
 
 
 class TheTree(unittest.TestCase):
@@ -39,6 +46,59 @@ class TheTree(unittest.TestCase):
     def test_has_arrows_down_to_the_ground(self):
         arrows = list(include_graph.own_includes(include_graph.read_includes(SOURCES)))
         self.assertGreater(len(arrows), 100, "include lines are not found")
+
+
+class TheClientLibrary(unittest.TestCase):
+    def test_has_no_fault(self):
+        files = read_client()
+        self.assertEqual(include_graph.client_faults(files), [])
+
+    def test_has_every_module_of_the_map(self):
+        modules = set(map(include_graph.module_of, read_client()))
+        self.assertEqual(modules, set(include_graph.FLOOR_OF_MODULE))
+
+    def test_has_arrows_down_to_the_ground(self):
+        arrows = list(include_graph.client_includes(read_client()))
+        self.assertGreater(len(arrows), 50, "include lines are not found")
+
+
+class TheCheckOfTheClientLibrary(unittest.TestCase):
+    """Finds each kind of fault in a library that was made for it."""
+
+    def assert_only_fault(self, tree, text):
+        found = faults_of(tree, include_graph.client_faults)
+        self.assertEqual(len(found), 1, found)
+        self.assertIn(text, found[0])
+
+    def test_accepts_arrows_down_and_a_private_header(self):
+        tree = {
+            "include/orvex-request.h": ['#include "orvex-enums.h"'],
+            "include/orvex-enums.h": ["#include <glib-object.h>"],
+            "src/orvex-request-private.h": ['#include "orvex-request.h"'],
+            "src/orvex-request.c": ['#include "orvex-request-private.h"'],
+        }
+        self.assertEqual(faults_of(tree, include_graph.client_faults), [])
+
+    def test_finds_an_arrow_up(self):
+        self.assert_only_fault(
+            {"src/orvex-link.h": [], "src/orvex-bus.c": ['#include "orvex-link.h"']},
+            "src/orvex-bus.c:1: floor 1 uses orvex-link of floor 2",
+        )
+
+    def test_finds_a_circle_that_runs_through_sources_and_a_private_header(self):
+        self.assert_only_fault(
+            {
+                "include/orvex-request.h": [],
+                "src/orvex-request.c": ['#include "orvex-answer-stream.h"'],
+                "src/orvex-request-private.h": [],
+                "src/orvex-answer-stream.h": [],
+                "src/orvex-answer-stream.c": ['#include "orvex-request-private.h"'],
+            },
+            "orvex-answer-stream -> orvex-request -> orvex-answer-stream",
+        )
+
+    def test_finds_a_module_on_no_floor(self):
+        self.assert_only_fault({"src/orvex-attic.c": []}, "orvex-attic.c: stands on no floor")
 
 
 class TheCheck(unittest.TestCase):
@@ -135,7 +195,8 @@ class TheCheck(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) < 2 or not Path(sys.argv[1]).is_dir():
+    if len(sys.argv) < 3 or not all(Path(folder).is_dir() for folder in sys.argv[1:3]):
         sys.exit(__doc__)
     SOURCES = Path(sys.argv.pop(1))
+    CLIENT = Path(sys.argv.pop(1))
     unittest.main()

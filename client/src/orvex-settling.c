@@ -1,0 +1,93 @@
+#include "orvex-settling.h"
+
+#include "orvex-failure.h"
+#include "orvex-worker.h"
+
+enum {
+    SETTLE_CALLS = 2,
+    SETTLE_LEAST_MS = 10,
+    SETTLE_TURNS = 8, ///< times as long as the calls took
+    SETTLE_MOST_MS = 30,
+    BOUNDARY_SIZE = 256, ///< more than a boundary with its line ends
+};
+
+struct OrvexSettling {
+    OrvexDialogue* dialogue;
+    const OrvexSettlingFunctions* functions;
+    gpointer transfer;
+    gboolean may_be_torn;
+    gint64 last_chunk; ///< when it came
+    guint turns;       ///< calls behind it that are not answered
+    GSource* timer;
+    gboolean is_settled;
+    gboolean is_stopped;
+};
+
+OrvexSettling* orvex_settling_new(OrvexDialogue* dialogue, const OrvexSettlingFunctions* functions,
+                                  gpointer transfer) {
+    OrvexSettling* settling = g_new0(OrvexSettling, 1);
+    settling->dialogue = dialogue;
+    settling->functions = functions;
+    settling->transfer = transfer;
+    return settling;
+}
+
+void orvex_settling_free(OrvexSettling* settling) {
+    g_free(settling);
+}
+
+static void settle(OrvexSettling* settling) {
+    settling->is_settled = TRUE;
+    settling->functions->settled(settling->transfer);
+}
+
+static gboolean waited_long_enough(gpointer settling) {
+    settle(settling);
+    return G_SOURCE_REMOVE;
+}
+
+/// A call behind the last chunk is answered.
+static void turned(gpointer data, GVariant* reply, GError* error) {
+    OrvexSettling* settling = data;
+    (void)reply;
+    if (g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DAEMON_GONE) ||
+        g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_NOT_INSTALLED)) {
+        settling->functions->daemon_gone(settling->transfer);
+        return;
+    }
+    if (error != NULL || --settling->turns > 0 || settling->is_stopped || settling->is_settled) {
+        return;
+    }
+    const gint64 took = (g_get_monotonic_time() - settling->last_chunk) / 1000;
+    const gint64 wanted = MAX(SETTLE_LEAST_MS, SETTLE_TURNS * took);
+    if (!settling->may_be_torn || took >= SETTLE_MOST_MS) {
+        settle(settling);
+    } else {
+        orvex_source_clear(&settling->timer);
+        settling->timer = orvex_worker_timer((guint)(MIN(wanted, SETTLE_MOST_MS) - took),
+                                             waited_long_enough, settling);
+    }
+}
+
+void orvex_settling_begin(OrvexSettling* settling, guint chunks, gsize last) {
+    settling->may_be_torn = chunks > 1 || last <= BOUNDARY_SIZE;
+    settling->last_chunk = g_get_monotonic_time();
+    settling->turns = SETTLE_CALLS;
+    settling->timer = orvex_worker_timer(SETTLE_MOST_MS, waited_long_enough, settling);
+    for (int number = 0; number < SETTLE_CALLS; ++number) {
+        orvex_dialogue_ping(settling->dialogue, turned, settling);
+    }
+}
+
+void orvex_settling_stop(OrvexSettling* settling) {
+    settling->is_stopped = TRUE;
+    orvex_source_clear(&settling->timer);
+}
+
+gboolean orvex_settling_is_settled(const OrvexSettling* settling) {
+    return settling->is_settled;
+}
+
+gboolean orvex_settling_is_certain(const OrvexSettling* settling) {
+    return settling->is_settled || !settling->may_be_torn;
+}
