@@ -12,6 +12,7 @@ struct OrvexDownload {
     OrvexSettling* settling;
     guint chunks; ///< that have come
     gboolean is_fetching;
+    gboolean is_call_held; ///< by the daemon, which has nothing yet
     gboolean is_complete;
     gboolean is_held;
     gboolean is_stopped;
@@ -44,7 +45,7 @@ static void keep_chunk(OrvexDownload* download, GBytes* bytes, guint code) {
     // The daemon's next step first: who is woken might want its processor.
     if (code == RESPONSE_COMPLETE) {
         download->is_complete = TRUE;
-        orvex_settling_begin(download->settling, download->chunks, size);
+        orvex_settling_begin(download->settling, download->chunks, size, download->is_call_held);
     } else {
         orvex_download_fetch(download);
     }
@@ -83,7 +84,12 @@ void orvex_download_fetch(OrvexDownload* download) {
         return;
     }
     download->is_fetching = TRUE;
+    download->is_call_held = FALSE;
     orvex_dialogue_fetch(download->dialogue, download->stop, chunk_came, download);
+}
+
+void orvex_download_note_turn(OrvexDownload* download) {
+    download->is_call_held = download->is_fetching;
 }
 
 void orvex_download_hold(OrvexDownload* download) {

@@ -69,8 +69,12 @@ static void turned(gpointer data, GVariant* reply, GError* error) {
     }
 }
 
-void orvex_settling_begin(OrvexSettling* settling, guint chunks, gsize last) {
+void orvex_settling_begin(OrvexSettling* settling, guint chunks, gsize last, gboolean was_held) {
     settling->may_be_torn = chunks > 1 || last <= BOUNDARY_SIZE;
+    if (was_held && !settling->may_be_torn) {
+        settling->is_settled = TRUE;
+        return;
+    }
     settling->last_chunk = g_get_monotonic_time();
     settling->turns = SETTLE_CALLS;
     settling->timer = orvex_worker_timer(SETTLE_MOST_MS, waited_long_enough, settling);

@@ -10,7 +10,9 @@
 // tells it one turn of its main loop later, so that it comes before the answers to two calls. What
 // the daemon's worker needs in between is half a millisecond, or some time slices where others want
 // the processor: how long the two calls take tells how busy the machine is. An answer whose only
-// chunk is longer than a boundary cannot have broken off: its bytes would have come before.
+// chunk is longer than a boundary cannot have broken off if the daemon held the call for it before
+// any of it was there: the bytes of a part that goes on are a chunk of their own then. It did when
+// it took a piece of the question meanwhile, unless the server answers what it has not read.
 
 typedef struct OrvexSettling OrvexSettling;
 
@@ -25,8 +27,8 @@ OrvexSettling* orvex_settling_new(OrvexDialogue* dialogue, const OrvexSettlingFu
 void orvex_settling_free(OrvexSettling* settling);
 
 /// The last chunk has come: waits for what may speak against it. @param chunks that have come
-/// @param last bytes of the last one
-void orvex_settling_begin(OrvexSettling* settling, guint chunks, gsize last);
+/// @param last bytes of the last one @param was_held whether the daemon held the call for it
+void orvex_settling_begin(OrvexSettling* settling, guint chunks, gsize last, gboolean was_held);
 void orvex_settling_stop(OrvexSettling* settling);
 
 gboolean orvex_settling_is_settled(const OrvexSettling* settling);

@@ -299,6 +299,7 @@ static void begin_upload(OrvexTransfer* t) {
 
 static void piece_sent(gpointer transfer, gsize size) {
     OrvexTransfer* t = transfer;
+    orvex_download_note_turn(t->download);
     orvex_progress_count(t->progress, size, 0);
     if (t->over || t->refusal != NULL) {
         return;
@@ -324,6 +325,7 @@ static void chunk_came(gpointer transfer, gsize size) {
     if (!is_answered(t) || !orvex_upload_is_complete(t->upload)) {
         orvex_answer_wake(t->answer); // else the end wakes the reader in a moment
     }
+    succeed_if_complete(t);
 }
 
 static const OrvexDownloadFunctions download_functions = {
