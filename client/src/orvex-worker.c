@@ -6,6 +6,7 @@ typedef struct {
     void (*action)(gpointer);
     gpointer data;
     GDestroyNotify release;
+    GSource* source; ///< that it lets go of in the end, or NULL
 } Post;
 
 static gpointer worker_run(gpointer context) {
@@ -43,23 +44,38 @@ static void post_free(gpointer data) {
     if (post->release != NULL) {
         post->release(post->data);
     }
+    g_clear_pointer(&post->source, g_source_unref);
     g_free(post);
 }
 
-GSource* orvex_prepare_post(int priority, void (*action)(gpointer), gpointer data,
-                            GDestroyNotify release) {
-    Post* post = g_new(Post, 1);
-    *post = (Post){action, data, release};
-    ORVEX_RELEASE(post);
+static GSource* prepare(int priority, Post* post) {
     GSource* source = g_idle_source_new();
     g_source_set_priority(source, priority);
     g_source_set_callback(source, post_run, post, post_free);
     return source;
 }
 
+static Post* post_new(void (*action)(gpointer), gpointer data, GDestroyNotify release) {
+    Post* post = g_new(Post, 1);
+    *post = (Post){action, data, release, NULL};
+    return post;
+}
+
+GSource* orvex_prepare_post(int priority, void (*action)(gpointer), gpointer data,
+                            GDestroyNotify release) {
+    Post* post = post_new(action, data, release);
+    ORVEX_RELEASE(post);
+    return prepare(priority, post);
+}
+
 void orvex_post(GMainContext* context, int priority, void (*action)(gpointer), gpointer data,
                 GDestroyNotify release) {
-    g_autoptr(GSource) source = orvex_prepare_post(priority, action, data, release);
+    Post* post = post_new(action, data, release);
+    GSource* source = prepare(priority, post);
+    // Once it is attached it may run, and its context may end, before this thread goes on. Whoever
+    // drops a source locks its context: so the post does that, and this thread does not touch it.
+    post->source = source;
+    ORVEX_RELEASE(post);
     g_source_attach(source, context);
 }
 
