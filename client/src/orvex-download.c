@@ -12,6 +12,7 @@ struct OrvexDownload {
     OrvexSettling* settling;
     guint chunks; ///< that have come
     gboolean is_fetching;
+    guint calls;           ///< for chunks
     gboolean is_call_held; ///< by the daemon, which has nothing yet
     gboolean is_complete;
     gboolean is_held;
@@ -84,12 +85,14 @@ void orvex_download_fetch(OrvexDownload* download) {
         return;
     }
     download->is_fetching = TRUE;
+    ++download->calls;
     download->is_call_held = FALSE;
     orvex_dialogue_fetch(download->dialogue, download->stop, chunk_came, download);
 }
 
-void orvex_download_note_turn(OrvexDownload* download) {
-    download->is_call_held = download->is_fetching;
+void orvex_download_note_piece(OrvexDownload* download) {
+    // Only the first call is older than every piece: a later one may be younger than this one.
+    download->is_call_held = download->is_fetching && download->calls == 1;
 }
 
 void orvex_download_hold(OrvexDownload* download) {

@@ -26,8 +26,9 @@ void orvex_download_free(OrvexDownload* download);
 
 /// Asks for the next chunk, unless the reader has as much as it may have.
 void orvex_download_fetch(OrvexDownload* download);
-/// The daemon has answered a call that was made behind the one for a chunk: it holds that one.
-void orvex_download_note_turn(OrvexDownload* download);
+/// The daemon has taken a piece of the question: if the first call for a chunk, which is older, is
+/// not answered, it holds that.
+void orvex_download_note_piece(OrvexDownload* download);
 /// Asks for no further chunk.
 void orvex_download_hold(OrvexDownload* download);
 /// Nothing more is wanted, not even the chunk that was asked for.

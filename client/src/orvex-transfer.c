@@ -299,7 +299,7 @@ static void begin_upload(OrvexTransfer* t) {
 
 static void piece_sent(gpointer transfer, gsize size) {
     OrvexTransfer* t = transfer;
-    orvex_download_note_turn(t->download);
+    orvex_download_note_piece(t->download);
     orvex_progress_count(t->progress, size, 0);
     if (t->over || t->refusal != NULL) {
         return;

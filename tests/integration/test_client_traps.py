@@ -8,7 +8,7 @@ from gi.repository import Gio, GLib
 
 from harness import library
 from harness.library import Orvex, ask, matches, new_request, next_part, question_of, send
-from harness.script import COMPLETE, CONTINUES, PART_COMPLETE, Script
+from harness.script import ACCEPTED, COMPLETE, CONTINUES, PART_COMPLETE, Script
 from harness.stand_in import CONNECTION, REQUEST
 from harness.settings import patience
 from harness.waiting import dispatch_pending, wait_for
@@ -472,6 +472,38 @@ def test_failure_that_names_only_a_later_request_means_it_too(script):
     script.want_data()
     script.deliver(b"begin", CONTINUES)
     script.deliver(b"", COMPLETE)
+    script.fail(2204, "Transferred a partial file", "1:1")
+    assert matches(pending.failure(), Orvex.Error.TRUNCATED)
+
+
+LONG = b"x" * 1000  # longer than a boundary
+
+
+def test_failure_of_others_means_no_answer_that_came_whole(script):
+    pending = ask(script.client)
+    script.wait_for_call()
+    script.want_data()
+    wait_for(lambda: script.pieces, 10, "the question")
+    script.deliver(LONG, COMPLETE)
+    script.fail(2204, "Transferred a partial file", "1:1")
+    assert pending.wait() == LONG
+
+
+@pytest.mark.parametrize("begins_empty", [False, True], ids=["first call", "second call"])
+def test_answer_whose_call_may_have_found_it_stored_may_have_broken_off(begins_empty, script):
+    held = []
+    script.stand_in.answers["sendData"] = held.append
+    pending = ask(script.client)
+    script.wait_for_call()
+    script.want_data()
+    wait_for(lambda: held, 10, "the question")
+    if begins_empty:
+        script.deliver(b"", CONTINUES)
+        script.wait_for_call()
+        held[0].return_value(ACCEPTED)
+    script.deliver(LONG, COMPLETE)
+    if not begins_empty:
+        held[0].return_value(ACCEPTED)
     script.fail(2204, "Transferred a partial file", "1:1")
     assert matches(pending.failure(), Orvex.Error.TRUNCATED)
 
