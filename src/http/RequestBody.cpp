@@ -166,9 +166,7 @@ void RequestBody::announceOnce(const RequestData& part) {
 }
 
 void RequestBody::awaitData(DataSignal::Reader& reader, RequestData& part) {
-    std::chrono::microseconds& silence = silence_[part.parameters().user().get()];
-    const std::chrono::milliseconds wait =
-        std::min(waitTimeout(part.parameters().type, parameters_), patienceAfter(silence));
+    const std::chrono::milliseconds wait = waitTimeout(part.parameters().type, parameters_);
     const gint64 begin = g_get_monotonic_time();
     const gint64 end = deadlineAfter(begin, wait);
     const auto deadline = [&] {
@@ -179,20 +177,8 @@ void RequestBody::awaitData(DataSignal::Reader& reader, RequestData& part) {
     const bool arrived = reader.waitForData(deadline);
     probe::dataWaitEnd(part.connectionId(), part.requestId(), arrived);
     if (!arrived) {
-        silence += std::chrono::microseconds(deadline() - begin);
         part.appendRequestData({}, true); // the part ends with what it has
     }
-}
-
-/// The most that the next client of a user is waited for. A quarter of what is left, so that a
-/// prompt client behind silent ones still has its chance.
-std::chrono::milliseconds RequestBody::patienceAfter(std::chrono::microseconds silence) noexcept {
-    using std::chrono::milliseconds;
-    if (silence < kWholeWaits) {
-        return milliseconds::max();
-    }
-    const auto left = std::max<std::chrono::microseconds>(kMostSilence - silence, {});
-    return std::chrono::duration_cast<milliseconds>(left / 4);
 }
 
 std::chrono::milliseconds RequestBody::waitTimeout(const std::string& type,

@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <map>
 #include <memory>
 #include <span>
 #include <string>
@@ -16,7 +15,6 @@ namespace orvexd {
 
 class IExchangeOwner;
 class RequestData;
-struct User;
 
 /// The multipart body of one exchange, streamed while the clients still deliver: the SLP header
 /// part, each request's part in queue order, the closing delimiter. Nothing of the body is
@@ -32,19 +30,13 @@ public:
     /// request whose client has left.
     static constexpr std::chrono::milliseconds kDefaultWait{5000};
 
-    /// How long the body waits in vain for one user's clients before it waits less for them, and
-    /// how long at the most: the exchange's 60 s are everybody's.
-    static constexpr std::chrono::seconds kWholeWaits{30};
-    static constexpr std::chrono::seconds kMostSilence{40};
-
     /// `queue`, `signal`, `owner` and `parameters` must outlive the body.
     /// @param bodyPrefix the SLP header part, beginning with its delimiter line.
     RequestBody(const Queue& queue, std::string boundary, std::string bodyPrefix,
                 DataSignal& signal, IExchangeOwner& owner, const Parameters& parameters);
 
     /// Fills `buffer` with the next bytes of the body. Waits for client data if there are none, for
-    /// as long as `waitTimeout` says and its user has not been silent too long. A part whose client
-    /// is silent ends with what it has.
+    /// as long as `waitTimeout` says. A part whose client is silent ends with what it has.
     /// @return number of bytes, 0 at the end of the body, CURL_READFUNC_ABORT when cancelled.
     /// @throws std::bad_alloc; the body is not used again then.
     [[nodiscard]] std::size_t readBody(std::span<char> buffer);
@@ -75,8 +67,6 @@ private:
     void advanceToNextPart();
     void announceOnce(const RequestData& part);
     void awaitData(DataSignal::Reader& reader, RequestData& part);
-    [[nodiscard]] static std::chrono::milliseconds
-    patienceAfter(std::chrono::microseconds silence) noexcept;
     std::size_t takeCarry(std::span<char> buffer) noexcept;
 
     const Queue& queue_;
@@ -87,8 +77,6 @@ private:
     IExchangeOwner& owner_;
     const Parameters& parameters_;
 
-    /// How long was waited for each user's clients in vain.
-    std::map<const User*, std::chrono::microseconds> silence_;
     int currentPart_ = -1; ///< -1 while the prefix is being sent
     bool partsClosed_ = false;
     bool bodyComplete_ = false;

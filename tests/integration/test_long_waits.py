@@ -62,17 +62,3 @@ def test_daemon_serves_others_while_it_waits_for_a_fingerprint(client, make_clie
     assert client.sendData(connection, request, b"late") == 0
     _, code = client.fetch_part(connection, request)
     assert code == 2303
-
-
-def test_silent_requests_of_a_user_leave_time_for_those_behind_them(client, make_client):
-    asked(client, kind="position")  # all others wait for the next exchange
-    connection = client.connect(kind="position")
-    for _ in range(13):  # five seconds each would be more than an exchange has
-        client.prepare(connection)
-    other = make_client()
-    place = other.connect(kind="position")
-    request = other.prepare(place)
-    other.wait_for_request_data(place, request, seconds=60)
-    assert other.sendData(place, request, b"prompt") == 0
-    _, code = other.fetch_part(place, request)
-    assert code == 2303

@@ -18,7 +18,6 @@ struct PartKind {
     std::string type = "position";
     std::string transferEncoding = "binary";
     std::string contentType = "application/octet-stream";
-    std::shared_ptr<User> user = nullptr;
 };
 
 /// A request of connection 1, as the gateway core makes it.
@@ -31,10 +30,6 @@ inline RequestPointer makeRequest(std::uint32_t requestId, bool prepared = true,
     parameters->transferEncoding = kind.transferEncoding;
     parameters->contentType = kind.contentType;
     parameters->chunkSize = 1024;
-    if (kind.user) {
-        parameters->opener =
-            std::make_shared<const Opener>(Opener{kind.user, ":1.7", {kind.user, 0, 0}});
-    }
     return std::make_shared<RequestData>(1, requestId, prepared, std::move(parameters));
 }
 

@@ -10,7 +10,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
-#include <numeric>
 #include <optional>
 #include <random>
 #include <string>
@@ -21,13 +20,8 @@
 namespace orvexd::test {
 namespace {
 
-using testing::AllOf;
-using testing::Each;
 using testing::ElementsAre;
-using testing::Gt;
 using testing::IsEmpty;
-using testing::Le;
-using testing::SizeIs;
 
 constexpr std::size_t kUploadBuffer = 65524;
 
@@ -620,82 +614,6 @@ TEST_F(LeavingClient, DoesNotLengthenAShortWait) {
     request(1).setOpenerLeft(g_get_monotonic_time());
     const gint64 deadline = deadlineOfWait();
     EXPECT_LE(deadline, g_get_monotonic_time() + kSeconds);
-}
-
-// -- users whose clients are silent --------------------------------------------------------------
-
-/// Clients of which none sends anything. The time of a wait passes at once.
-class SilentClients : public RequestBodyTest {
-protected:
-    static constexpr gint64 kSeconds = 1'000'000;
-
-    SilentClients() {
-        fake_threads::replaceWaits([this](std::int64_t deadline) {
-            waits_.push_back(deadline - g_get_monotonic_time());
-            return onWait ? onWait() : false;
-        });
-    }
-    ~SilentClients() override { fake_threads::replaceWaits(nullptr); }
-    SilentClients(const SilentClients&) = delete;
-    SilentClients& operator=(const SilentClients&) = delete;
-
-    /// Adds requests of a type for which the daemon waits 5 s.
-    void addRequests(int count, const std::shared_ptr<User>& user) {
-        for (int i = 0; i < count; ++i) {
-            addSilentPart({.type = "other", .user = user});
-        }
-    }
-
-    /// The waits for them, in microseconds.
-    const std::vector<gint64>& waits() {
-        EXPECT_TRUE(readAll().ends_with(kClosing));
-        return waits_;
-    }
-
-    std::function<bool()> onWait;
-
-    const std::shared_ptr<User> user_ = std::make_shared<User>(User{1000});
-    const std::shared_ptr<User> other_ = std::make_shared<User>(User{1001});
-
-private:
-    std::vector<gint64> waits_;
-};
-
-TEST_F(SilentClients, AreWaitedForAsUsualUntilTheirUserHasBeenSilentForThirtySeconds) {
-    addRequests(6, user_);
-    EXPECT_THAT(waits(),
-                AllOf(SizeIs(6), Each(AllOf(Gt(5 * kSeconds - kSeconds / 10), Le(5 * kSeconds)))));
-}
-
-TEST_F(SilentClients, AreWaitedForAQuarterOfWhatIsLeftFromThenOn) {
-    addRequests(8, user_);
-    const std::vector<gint64> each = waits();
-    ASSERT_THAT(each, SizeIs(8));
-    EXPECT_THAT(each[6], AllOf(Gt(2.4 * kSeconds), Le(2.5 * kSeconds)));
-    EXPECT_THAT(each[7], AllOf(Gt(1.8 * kSeconds), Le(1.875 * kSeconds)));
-}
-
-TEST_F(SilentClients, OfOneUserAreWaitedForFortySecondsAtTheMost) {
-    addRequests(200, user_);
-    const std::vector<gint64>& each = waits();
-    EXPECT_LE(std::accumulate(each.begin(), each.end(), gint64{0}), 40 * kSeconds);
-}
-
-TEST_F(SilentClients, CostNoOtherUserAnything) {
-    addRequests(50, user_);
-    addRequests(1, other_);
-    EXPECT_GT(waits().back(), 5 * kSeconds - kSeconds / 10);
-}
-
-TEST_F(SilentClients, DoNotCountAsSilentWhenTheySendInTime) {
-    addRequests(50, user_);
-    std::uint32_t id = 0;
-    onWait = [&] {
-        request(++id).appendRequestData("in time", true);
-        signal_.notifyData();
-        return true;
-    };
-    EXPECT_GT(waits().back(), 5 * kSeconds - kSeconds / 10);
 }
 
 // -- cancellation -------------------------------------------------------------------------------
