@@ -211,7 +211,8 @@ def test_client_that_makes_others_wait_is_named(trace, daemon, make_client):
     assert f"@client[{request.connection}, {request.id}]: {slow.bus.get_unique_name()}\n" in text
     waited = dict(re.findall(r"@upload_waited\[(\d+, \d+)\]: (\d+)", text))
     assert int(waited[f"{request.connection}, {request.id}"]) >= 300
-    assert int(waited["1, 1"]) < int(waited[f"{request.connection}, {request.id}"])
+    # Whoever sends in time need not be waited for.
+    assert int(waited.get("1, 1", 0)) < int(waited[f"{request.connection}, {request.id}"])
 
 
 def test_process_that_is_not_there_is_told():
