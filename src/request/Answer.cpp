@@ -83,11 +83,14 @@ Answer::Answer(std::uint32_t connectionId, std::uint32_t requestId, std::uint32_
 
 void Answer::setExpectedPartIds(const std::vector<std::string>& ids) {
     outstandingById_.clear();
-    expectedParts_ = 0;
-    outstandingParts_ = 0;
+    auto next = outstandingById_.end(); // ids that count up stand behind each other in the map
     for (const std::string& id : ids) {
-        addExpectedPartId(id);
+        const auto entry = outstandingById_.try_emplace(next, id, 0);
+        ++entry->second;
+        next = std::next(entry);
     }
+    expectedParts_ = ids.size();
+    outstandingParts_ = ids.size();
 }
 
 void Answer::addExpectedPartId(const std::string& id) {

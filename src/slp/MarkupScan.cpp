@@ -253,8 +253,11 @@ private:
     std::string_view takeName() {
         const std::string_view name = cursor_.takeName();
         spend(std::any_of(name.begin(), name.end(), isBeyondAscii) ? 4 * kMessage : 0);
-        look(name.substr(0, name.find(':')));
-        look(localOf(name));
+        const std::string_view local = localOf(name);
+        look(local);
+        if (local.size() < name.size()) {
+            look(name.substr(0, name.find(':')));
+        }
         return name;
     }
 
@@ -267,7 +270,7 @@ private:
         require(value.find('<') == kNone);
         spend(count(value, '>') * kMessage);
         spend(stepsOf(value));
-        locals_.insert(localOf(name));
+        locals_.push_back(localOf(name));
         if (name == "xmlns" || name.starts_with("xmlns:")) {
             declare(name.substr(std::min<std::size_t>(name.size(), 6)), value);
         } else if (name.find(':') != kNone) {
@@ -298,7 +301,10 @@ private:
               attributes * attributes + namespaces * namespaces / 2 + defaultSteps_);
         hold(kNodeSize + attributes * kAttributeSize + defaults_ * declared_.size());
         // Equal names are a fault each, and so are those in the same namespace.
-        spend((written - locals_.size()) * (kMessage + 3 * longestUri_));
+        std::sort(locals_.begin(), locals_.end());
+        const auto others = std::unique(locals_.begin(), locals_.end());
+        const auto repeated = static_cast<Steps>(locals_.end() - others);
+        spend(repeated * (kMessage + 3 * longestUri_));
         for (const std::string_view name : searched_) {
             search(name);
         }
@@ -325,7 +331,7 @@ private:
     std::vector<Element> open_;
     std::vector<std::string_view> prefixes_; ///< of the namespaces in force
     std::vector<std::string_view> searched_; ///< names in the latest tag with a prefix
-    std::set<std::string_view> locals_;      ///< names of its attributes without their prefixes
+    std::vector<std::string_view> locals_;   ///< names of its attributes without their prefixes
     std::size_t longestUri_ = 0;
     Steps identifiers_ = 0;
     std::string_view declared_; ///< the document type declaration

@@ -89,6 +89,13 @@ SlpError formatError(const char* text) {
     return {failure::kFormat, text};
 }
 
+/// The text of a value without entities: the only one of its nodes; null for any other value.
+const xmlChar* plainText(const xmlAttr& attribute) {
+    const xmlNode* text = attribute.children;
+    const bool isPlain = text != nullptr && text->type == XML_TEXT_NODE && text->next == nullptr;
+    return isPlain ? text->content : nullptr;
+}
+
 /// The attribute's value with its entities put in, which `mayBeParsed` has limited; none when the
 /// element has no such attribute. `xmlGetProp` would copy what it has for each entity.
 std::optional<std::string> attributeOf(const xmlNode& element, const char* name) {
@@ -99,6 +106,9 @@ std::optional<std::string> attributeOf(const xmlNode& element, const char* name)
     if (attribute->type == XML_ATTRIBUTE_DECL) { // the element has it by its declaration
         const xmlChar* value = reinterpret_cast<const xmlAttribute*>(attribute)->defaultValue;
         return value == nullptr ? "" : reinterpret_cast<const char*>(value);
+    }
+    if (const xmlChar* text = plainText(*attribute)) {
+        return reinterpret_cast<const char*>(text);
     }
     const std::unique_ptr<xmlBuffer, FreeWith<xmlBufferFree>> value(xmlBufferCreate());
     xmlBufferSetAllocationScheme(value.get(), XML_BUFFER_ALLOC_DOUBLEIT);
@@ -244,8 +254,9 @@ void AnnouncedParts::announce() {
         const std::vector<std::string> none;
         const std::vector<std::string>& ids = result == results_.end() ? none : result->second;
         request.setExpectedPartIds(ids);
-        for (const std::string& id : ids) {
-            positions_.try_emplace(id, position); // the first request in transfer order gets a part
+        auto next = positions_.end(); // ids that count up stand behind each other in the map
+        for (const std::string& id : ids) { // the first request in transfer order gets a part
+            next = std::next(positions_.try_emplace(next, id, position));
         }
     }
 }
