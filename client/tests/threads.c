@@ -146,6 +146,29 @@ static void fail(OrvexClient* client) {
     check(orvex_error_get_code(copy) == 0 && orvex_error_get_detail(copy) == NULL, "copy", copy);
 }
 
+static void told(GObject* client, GAsyncResult* result, gpointer data) {
+    g_autoptr(GError) error = NULL;
+    check(orvex_client_wait_usable_finish(ORVEX_CLIENT(client), result, &error), "wait", error);
+    *(gboolean*)data = TRUE;
+}
+
+/// Contexts that end as soon as they have told a result. The library's thread, which has put it
+/// there, must not touch them any more. They are polled without a wait, so that the two threads
+/// meet.
+static void end_contexts(OrvexClient* client) {
+    for (int turn = 0; turn < 2000; ++turn) {
+        gboolean is_told = FALSE;
+        GMainContext* context = g_main_context_new();
+        g_main_context_push_thread_default(context);
+        orvex_client_wait_usable_async(client, ORVEX_POLICY_ANY, NULL, told, &is_told);
+        while (!is_told) {
+            g_main_context_iteration(context, FALSE);
+        }
+        g_main_context_pop_thread_default(context);
+        g_main_context_unref(context);
+    }
+}
+
 static int rounds = 1;
 
 static gpointer use(gpointer shared) {
@@ -158,6 +181,7 @@ static gpointer use(gpointer shared) {
         drop_stream(shared, number);
         ask_from_a_loop(shared, number);
         fail(own);
+        end_contexts(shared);
     }
     return NULL;
 }
