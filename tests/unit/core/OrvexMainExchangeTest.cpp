@@ -69,6 +69,20 @@ TEST_F(OrvexMainExchangeTest, RequestsWhoseElementsAreVeryLongTravelInSeveralMes
     EXPECT_THAT(service_.only("request data"), SizeIs(4));
 }
 
+TEST_F(OrvexMainExchangeTest, OldestRequestGoesFirstWhenAMessageHasNoRoomForAll) {
+    const std::string longType(std::size_t{9} * 1024 * 1024, 't');
+    const std::uint32_t connectionId = open(1024, longType);
+    attach(connectionId, kNotFlagged);
+    attach(connectionId, kAny);
+    answerExchange(1);
+    answerExchange(1);
+    gateway().startExchange();
+    finishExchange();
+    EXPECT_THAT(service_.only("request data"), ElementsAre("request data 2:1"));
+    finishExchange();
+    EXPECT_THAT(service_.only("request data"), ElementsAre("request data 2:1", "request data 2:2"));
+}
+
 TEST_F(OrvexMainExchangeTest, TellsWhenAnUploadIsCrowdedAndWhenItHasRoomAgain) {
     service_.onRequestData = [this](std::uint32_t connectionId, std::uint32_t requestId) {
         const std::string data(OutgoingPart::kPromptBytes + 1, 'x');

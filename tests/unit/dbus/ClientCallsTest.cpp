@@ -135,6 +135,14 @@ TEST_F(ClientCallsTest, IdsMeanNothingToAnotherUser) {
     EXPECT_THAT(answers(), ElementsAre("1", kUnknownConnection, "1"));
 }
 
+TEST_F(ClientCallsTest, IdsMeanNothingToAnotherUserWhoseFirstCallNamesThem) {
+    know(":1.1");
+    receive(from(":1.1", connectCall()));
+    receive(from(":1.3", numbers("attach", {1, 2, 10})));
+    bus_.answerQuestion();
+    EXPECT_THAT(answers(), ElementsAre("1", kUnknownConnection));
+}
+
 TEST_F(ClientCallsTest, CancelOfAClientThatHasLeftIsIgnored) {
     know(":1.1");
     receive(from(":1.1", connectCall()));

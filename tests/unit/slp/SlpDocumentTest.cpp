@@ -408,11 +408,17 @@ TEST(ReadSlpDocument, TakesTextOnlyInWellKnownEncodings) {
         return "<?xml version='1.0' encoding='" + name + "'?>" +
                document(kResult + std::string(40'000, ' '));
     };
-    for (const char* name : {"utf-8", "US-ASCII", "ISO-8859-15", "windows-1252"}) {
+    for (const char* name : {"utf-8", "UTF8", "US-ASCII", "ISO-8859-15", "windows-1252"}) {
         EXPECT_TRUE(readSlpDocument(inEncoding(name))) << name;
     }
     EXPECT_FALSE(readSlpDocument(inEncoding("UTF-7")));
     EXPECT_FALSE(readSlpDocument("<?xml version='1.0' encoding='UTF-7'?>" + document(kResult)));
+}
+
+TEST(MayBeParsed, RefusesMarkupThatDoesNotEnd) {
+    for (const char* text : {"<a><![CDATA[b</a>", "<a><!--b</a>", "<a><?b </a>", "<a b='</a>"}) {
+        EXPECT_FALSE(mayBeParsed(text)) << text;
+    }
 }
 
 /// Processor time that refusing the text takes.
