@@ -22,8 +22,9 @@ _CANARIES = ["unlocked", "one-lock-missing", "locks-in-both-orders"]
 _QUIET_CANARIES = ["locked", "condition", "posted", "locks-in-both-orders-by-a-suppressed-function"]
 _SANITIZER_STATUS = 66
 _MEMORY = 3 * 1024**3
-# Whole processes: what main() does, first and last.
-_PROCESS_TESTS = ["tests/integration/test_startup.py", "tests/integration/test_quit.py"]
+# Whole processes: what main() does, first and last, and what the command line asks for.
+_PROCESS_FILES = ("src/main/main.cpp", "src/main/CommandLine.h")
+_PROCESS_TESTS = [f"tests/integration/test_{name}.py" for name in ("startup", "quit", "call_order")]
 # Many tests wait for timers, so that a processor has time for some more of them.
 _SHARDS = 4
 
@@ -103,7 +104,7 @@ class Laboratory:
         if mutation.kind == "lock" or "tsan::" in mutation.what:
             return self._sanitized(mutation)
         text = self._mutated(mutation)
-        if mutation.file == "src/main/main.cpp":
+        if mutation.file in _PROCESS_FILES:
             self._expect_process_tests()
         with Changed(self.plain, mutation.file, text):
             if mutation.file == "src/main/main.cpp":
@@ -113,6 +114,8 @@ class Laboratory:
                 return by
             self.plain.make()
             by = self._steps(self.plain, mutation)
+            if not by and mutation.file in _PROCESS_FILES:
+                by = self._process_tests()
         if not by and mutation.file in _SANITIZED_FILES:
             by = self._sanitized(mutation)
         return by

@@ -387,6 +387,17 @@ TEST_F(Refused, CallWaitsUntilItIsKnownWhoHasLeft) {
     EXPECT_THAT(bus_.questions(), IsEmpty());
 }
 
+TEST_F(Refused, FirstCallOfANameWaitsForItsUserAndThenForWhoHasLeft) {
+    bus_.users[":1.4"] = 1000;
+    bus_.left = {":1.1"};
+    receive(from(":1.4", connectCall()));
+    bus_.answerQuestion();
+    EXPECT_THAT(answers(), IsEmpty());
+    EXPECT_THAT(bus_.questions(), ElementsAre("ListNames"));
+    bus_.answerQuestion();
+    EXPECT_THAT(answers(), ElementsAre("3"));
+}
+
 TEST_F(Refused, CallSucceedsWithWhatADepartedClientLeft) {
     bus_.left = {":1.1"};
     receive(from(":1.2", connectCall()));
