@@ -254,8 +254,10 @@ void AnnouncedParts::announce() {
         const std::vector<std::string> none;
         const std::vector<std::string>& ids = result == results_.end() ? none : result->second;
         request.setExpectedPartIds(ids);
-        auto next = positions_.end(); // ids that count up stand behind each other in the map
-        for (const std::string& id : ids) { // the first request in transfer order gets a part
+        // The first request in transfer order gets a part. Ids that count up stand behind each
+        // other in the map.
+        auto next = positions_.end();
+        for (const std::string& id : ids) {
             next = std::next(positions_.try_emplace(next, id, position));
         }
     }
