@@ -24,6 +24,7 @@ _SANITIZER_STATUS = 66
 _MEMORY = 3 * 1024**3
 # Whole processes: what main() does, first and last, and what the command line asks for.
 _PROCESS_FILES = ("src/main/main.cpp", "src/main/CommandLine.h")
+_PROCESS_TARGETS = ("orvexd", "LoggingPlatform")
 _PROCESS_TESTS = [f"tests/integration/test_{name}.py" for name in ("startup", "quit", "call_order")]
 # Many tests wait for timers, so that a processor has time for some more of them.
 _SHARDS = 4
@@ -62,7 +63,7 @@ class Laboratory:
     def prepare(self) -> None:
         """Builds everything as it is and sees that its tests pass."""
         self.plain.configure()
-        self.plain.make("orvexd_unit_tests", "orvexd")
+        self.plain.make("orvexd_unit_tests", *_PROCESS_TARGETS)
         tests = self.workspace.tree / "tests" / "unit"
         for path in sorted(tests.rglob("*Test.cpp")):
             name = str(path.relative_to(self.workspace.tree))
@@ -202,7 +203,7 @@ class Laboratory:
     def _process_tests(self) -> str:
         """main() is not part of the unit tests. A test of whole processes may fail because the
         machine is busy: it has to fail again."""
-        self.plain.make("orvexd")
+        self.plain.make(*_PROCESS_TARGETS)
         passed: list[str] = []
         while True:
             left_out = [word for test in passed for word in ("--deselect", test)]
