@@ -1,6 +1,7 @@
 #include "orvex-answer.h"
 
 #include "orvex-counted.h"
+#include "orvex-failure.h"
 #include "orvex-sync.h"
 #include "orvex-worker.h"
 
@@ -36,6 +37,7 @@ struct OrvexAnswer {
     GQueue chunks;
     guint part;        ///< number of the part that the first chunk belongs to
     guint left;        ///< the reader wants no part before this one
+    gboolean is_cut;   ///< bytes of this part were left out on the way to the next one
     gboolean complete; ///< behind the last chunk there is nothing more
     GError* error;     ///< behind the last chunk there is this
     gboolean paused;   ///< the reader has as much as it may have
@@ -93,12 +95,16 @@ GCancellable* orvex_answer_get_cancellable(OrvexAnswer* answer) {
 
 /// Takes bytes of this part.
 /// @return FALSE when the reader has to wait; else *taken is what a read returns, and -1 means
-/// answer->error
+/// read_error()
 static gboolean take_bytes(OrvexAnswer* answer, guint part, void* buffer, gsize size,
                            gssize* taken) {
     *taken = 0;
     if (part != answer->part) {
         return TRUE; // the reader has left it
+    }
+    if (answer->is_cut) {
+        *taken = -1;
+        return TRUE;
     }
     Chunk* chunk = g_queue_peek_head(&answer->chunks);
     if (chunk == NULL) {
@@ -119,6 +125,12 @@ static gboolean take_bytes(OrvexAnswer* answer, guint part, void* buffer, gsize 
     return TRUE;
 }
 
+static GError* read_error(const OrvexAnswer* answer) {
+    return answer->is_cut ? g_error_new_literal(G_IO_ERROR, G_IO_ERROR_CLOSED,
+                                                "The rest of this part was left out")
+                          : g_error_copy(answer->error);
+}
+
 /// Goes behind the end of this part.
 /// @return FALSE when the reader has to wait; else *part is the number of the next one, or -1
 static gboolean take_part(OrvexAnswer* answer, gssize* part) {
@@ -126,6 +138,7 @@ static gboolean take_part(OrvexAnswer* answer, gssize* part) {
         Chunk* chunk = g_queue_pop_head(&answer->chunks);
         const gboolean ends = chunk->ends_part;
         chunk_free(chunk);
+        answer->is_cut = !ends;
         if (ends) {
             ++answer->part;
             *part = answer->complete && answer->chunks.length == 0 ? -1 : (gssize)answer->part;
@@ -156,8 +169,9 @@ static GTask* take_opened(OrvexAnswer* answer) {
 
 /// An array of bytes ends the program when it would become longer than this.
 gboolean orvex_answer_is_too_long(const OrvexAnswer* answer, gsize more) {
-    const guint64 limit = answer->limit != 0 ? answer->limit : G_MAXUINT;
-    return answer->whole != NULL && (guint64)answer->whole->len + more > MIN(limit, G_MAXUINT);
+    const guint64 most = MIN(G_MAXSIZE / 2, G_MAXUINT);
+    const guint64 limit = answer->limit != 0 ? MIN(answer->limit, most) : most;
+    return answer->whole != NULL && (guint64)answer->whole->len + more > limit;
 }
 
 void orvex_answer_keep(OrvexAnswer* answer, GBytes* bytes, gboolean ends_part) {
@@ -189,6 +203,9 @@ static void complete(OrvexAnswer* answer) {
 }
 
 void orvex_answer_end(OrvexAnswer* answer, GError* error) {
+    if (error != NULL) {
+        g_clear_pointer(&answer->whole, g_byte_array_unref);
+    }
     pthread_mutex_lock(&answer->lock);
     if (error == NULL) {
         complete(answer);
@@ -253,6 +270,7 @@ void orvex_answer_wake(OrvexAnswer* answer) {
         next = g_steal_pointer(&answer->next);
     }
     g_autoptr(GError) error = answer->error != NULL ? g_error_copy(answer->error) : NULL;
+    GError* unread = reader != NULL && taken < 0 ? read_error(answer) : NULL;
     const gboolean has_room = end_pause(answer);
     pthread_cond_broadcast(&answer->changed);
     pthread_mutex_unlock(&answer->lock);
@@ -263,7 +281,7 @@ void orvex_answer_wake(OrvexAnswer* answer) {
         opened_return(answer, opened, at_end && error != NULL ? g_error_copy(error) : NULL);
     }
     if (reader != NULL) {
-        parked_return(reader, taken, taken < 0 ? g_error_copy(error) : NULL);
+        parked_return(reader, taken, unread);
     }
     if (next != NULL) {
         parked_return(next, part, part < 0 && error != NULL ? g_error_copy(error) : NULL);
@@ -303,9 +321,9 @@ static gboolean parked_cancelled(GCancellable* cancellable, gpointer data) {
         answer->left = answer->part;
     }
     pthread_mutex_unlock(&answer->lock);
-    GError* error = NULL;
-    g_cancellable_set_error_if_cancelled(cancellable, &error);
-    parked_return(park->parked, -1, error); // the source frees the park behind this call
+    (void)cancellable;
+    // The source frees the park behind this call.
+    parked_return(park->parked, -1, orvex_failure_cancelled());
     return G_SOURCE_REMOVE;
 }
 
@@ -358,6 +376,9 @@ gssize orvex_answer_read(OrvexAnswer* answer, guint part, void* buffer, gsize si
                          GCancellable* cancellable, GError** error) {
     gssize taken = 0;
     gulong watch = 0;
+    if (g_cancellable_set_error_if_cancelled(cancellable, error)) {
+        return -1;
+    }
     if (cancellable != NULL) {
         watch = g_cancellable_connect(cancellable, G_CALLBACK(wake_waiting), answer, NULL);
     }
@@ -368,7 +389,7 @@ gssize orvex_answer_read(OrvexAnswer* answer, guint part, void* buffer, gsize si
         done = take_bytes(answer, part, buffer, size, &taken);
     }
     if (done && taken < 0) {
-        g_propagate_error(error, g_error_copy(answer->error));
+        g_propagate_error(error, read_error(answer));
     }
     const gboolean has_room = end_pause(answer);
     pthread_mutex_unlock(&answer->lock);
@@ -376,7 +397,10 @@ gssize orvex_answer_read(OrvexAnswer* answer, guint part, void* buffer, gsize si
     if (has_room) {
         answer->has_room(answer->transfer);
     }
-    return done || !g_cancellable_set_error_if_cancelled(cancellable, error) ? taken : -1;
+    if (!done) {
+        g_propagate_error(error, orvex_failure_cancelled());
+    }
+    return done ? taken : -1;
 }
 
 void orvex_answer_read_async(OrvexAnswer* answer, guint part, void* buffer, gsize size,
@@ -387,7 +411,7 @@ void orvex_answer_read_async(OrvexAnswer* answer, guint part, void* buffer, gsiz
     }
     pthread_mutex_lock(&answer->lock);
     const gboolean done = take_bytes(answer, part, buffer, size, &taken);
-    g_autoptr(GError) error = done && taken < 0 ? g_error_copy(answer->error) : NULL;
+    g_autoptr(GError) error = done && taken < 0 ? read_error(answer) : NULL;
     const gboolean has_room = end_pause(answer);
     pthread_mutex_unlock(&answer->lock);
     if (has_room) {
@@ -405,6 +429,9 @@ void orvex_answer_read_async(OrvexAnswer* answer, guint part, void* buffer, gsiz
 }
 
 void orvex_answer_next_part(OrvexAnswer* answer, GTask* task) {
+    if (g_task_return_error_if_cancelled(task)) {
+        return;
+    }
     Parked* parked = g_new0(Parked, 1);
     parked->task = g_object_ref(task);
     pthread_mutex_lock(&answer->lock);

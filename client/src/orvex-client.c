@@ -200,6 +200,7 @@ OrvexClient* orvex_client_new(GCancellable* cancellable, GError** error) {
  */
 OrvexClient* orvex_client_new_for_connection(GDBusConnection* connection, GCancellable* cancellable,
                                              GError** error) {
+    g_return_val_if_fail(G_IS_DBUS_CONNECTION(connection), NULL);
     return g_initable_new(ORVEX_TYPE_CLIENT, cancellable, error, "connection", connection, NULL);
 }
 

@@ -118,10 +118,6 @@ gboolean orvex_download_is_settled(const OrvexDownload* download) {
     return orvex_settling_is_settled(download->settling);
 }
 
-gboolean orvex_download_is_certain(const OrvexDownload* download) {
-    return orvex_settling_is_certain(download->settling);
-}
-
 gboolean orvex_download_is_fetching(const OrvexDownload* download) {
     return download->is_fetching;
 }

@@ -40,7 +40,5 @@ gboolean orvex_download_has_begun(const OrvexDownload* download);
 gboolean orvex_download_is_complete(const OrvexDownload* download);
 /// Whether nothing has spoken against that for long enough.
 gboolean orvex_download_is_settled(const OrvexDownload* download);
-/// Whether nothing can speak against it if the daemon is gone.
-gboolean orvex_download_is_certain(const OrvexDownload* download);
 /// Whether a chunk was asked for.
 gboolean orvex_download_is_fetching(const OrvexDownload* download);

@@ -153,6 +153,10 @@ GError* orvex_failure_from_call(GError* error, gboolean connected) {
     return orvex_failure_new(value_of_call_error(taken, name), 0, taken->message);
 }
 
+GError* orvex_failure_cancelled(void) {
+    return g_error_new_literal(G_IO_ERROR, G_IO_ERROR_CANCELLED, "The operation was cancelled");
+}
+
 gboolean orvex_failure_is_loss(const GError* error) {
     return g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_NOT_INSTALLED) ||
            g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DAEMON_GONE) ||

@@ -36,5 +36,7 @@ GError* orvex_failure_from_code(guint code, gboolean connected);
 /// Takes the error.
 GError* orvex_failure_from_call(GError* error, gboolean connected);
 
+/// A cancelled call. Its cancellable may have been reset since, and would name no error then.
+GError* orvex_failure_cancelled(void);
 /// Whether a call that was begun with a daemon has found none at its end.
 gboolean orvex_failure_is_loss(const GError* error);

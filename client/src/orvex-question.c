@@ -79,6 +79,7 @@ static void drop_stream(OrvexQuestion* question) {
 
 void orvex_question_stop(OrvexQuestion* question) {
     question->is_stopped = TRUE;
+    g_clear_pointer(&question->source.bytes, g_bytes_unref);
     g_cancellable_cancel(question->stop);
     if (question->reading != NULL && !atomic_exchange(&question->reading->claimed, TRUE)) {
         g_source_destroy(question->reading->source);
@@ -122,6 +123,7 @@ static void piece_read(gpointer data) {
     OrvexQuestion* question = reading->question;
     const OrvexQuestionFunctions* functions = question->functions;
     g_clear_pointer(&question->reading, orvex_counted_unref);
+    g_clear_pointer(&reading->source, g_source_unref); // while its context is held
     if (question->is_stopped) {
         drop_stream(question);
         functions->is_free(question->transfer);

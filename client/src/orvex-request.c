@@ -232,8 +232,9 @@ GInputStream* orvex_request_first_part(GTask* task) {
  * @callback: (scope async): called when the next part has begun, or there is none
  * @user_data: for @callback
  *
- * Goes to the next part of the answer. What was not read of the part before is left out. Most
- * answers have one part.
+ * Goes to the next part of the answer. What was not read of the part before is left out, also when
+ * this call is cancelled: reading on from there may fail with %G_IO_ERROR_CLOSED then. Most answers
+ * have one part.
  *
  * Any thread that is the only one to use the request may call it; @callback is called in its
  * thread-default main context.

@@ -91,7 +91,3 @@ void orvex_settling_stop(OrvexSettling* settling) {
 gboolean orvex_settling_is_settled(const OrvexSettling* settling) {
     return settling->is_settled;
 }
-
-gboolean orvex_settling_is_certain(const OrvexSettling* settling) {
-    return settling->is_settled || !settling->may_be_torn;
-}

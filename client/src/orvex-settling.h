@@ -32,5 +32,3 @@ void orvex_settling_begin(OrvexSettling* settling, guint chunks, gsize last, gbo
 void orvex_settling_stop(OrvexSettling* settling);
 
 gboolean orvex_settling_is_settled(const OrvexSettling* settling);
-/// Whether nothing can speak against the answer if the daemon is gone.
-gboolean orvex_settling_is_certain(const OrvexSettling* settling);

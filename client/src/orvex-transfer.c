@@ -195,9 +195,8 @@ void orvex_transfer_abandon(OrvexTransfer* t) {
 }
 
 static gboolean on_cancelled(GCancellable* cancellable, gpointer transfer) {
-    GError* error = NULL;
-    g_cancellable_set_error_if_cancelled(cancellable, &error);
-    fail(transfer, error);
+    (void)cancellable;
+    fail(transfer, orvex_failure_cancelled());
     return G_SOURCE_REMOVE;
 }
 
@@ -206,10 +205,14 @@ static void unusable(gpointer transfer, GError* error) {
     fail(transfer, error);
 }
 
-/// Whether it is the reader for whom everything waits.
+/// Whether it is the reader for whom everything waits. When he has just read, the next call for a
+/// chunk is on its way to this thread.
 static gboolean waits_for_reader(gpointer transfer) {
     const OrvexTransfer* t = transfer;
-    return orvex_answer_is_paused(t->answer) && !orvex_upload_is_running(t->upload);
+    const gboolean is_next_call_due = orvex_download_has_begun(t->download) && !is_answered(t) &&
+                                      !orvex_download_is_fetching(t->download);
+    return (orvex_answer_is_paused(t->answer) || is_next_call_due) &&
+           !orvex_upload_is_running(t->upload);
 }
 
 static void silent_for_too_long(gpointer transfer) {
@@ -227,7 +230,7 @@ static void daemon_gone(gpointer transfer) {
         return;
     }
     orvex_dialogue_forget_daemon(t->dialogue);
-    const gboolean is_whole = is_answered(t) && orvex_download_is_certain(t->download);
+    const gboolean is_whole = is_answered(t) && orvex_download_is_settled(t->download);
     if (is_whole && t->refusal == NULL && !orvex_upload_is_running(t->upload)) {
         succeed(t); // everything has arrived on both sides, and nothing can speak against it
     } else {
@@ -259,7 +262,7 @@ static void step_failed(gpointer transfer, const GError* error) {
     if (slow || g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DROPPED) ||
         g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_CANCELLED)) {
         if (is_answered(t)) { // the part was closed, and the server has answered the torso
-            fail(t, orvex_failure_from_code(ORVEX_CODE_NOT_ACCEPTING, TRUE));
+            fail(t, orvex_failure_new(ORVEX_ERROR_TOO_SLOW, orvex_error_get_code(error), NULL));
             return;
         }
         if (!has_number(t)) { // nothing can explain it
@@ -337,6 +340,7 @@ static const OrvexDownloadFunctions download_functions = {
 
 static void fetch(gpointer transfer) {
     const OrvexTransfer* t = transfer;
+    orvex_silence_break(t->silence); // the time in which it waited for its reader does not count
     orvex_download_fetch(t->download);
 }
 

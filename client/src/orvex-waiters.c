@@ -84,9 +84,8 @@ void orvex_waiters_fail_without_bus(OrvexWaiters* waiters) {
 }
 
 static gboolean waiter_cancelled(GCancellable* cancellable, gpointer data) {
-    GError* error = NULL;
-    g_cancellable_set_error_if_cancelled(cancellable, &error);
-    orvex_task_return_error(waiter_free(data), error);
+    (void)cancellable;
+    orvex_task_return_error(waiter_free(data), orvex_failure_cancelled());
     return G_SOURCE_REMOVE;
 }
 

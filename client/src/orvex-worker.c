@@ -27,10 +27,6 @@ GMainContext* orvex_worker_context(void) {
     return context;
 }
 
-gboolean orvex_worker_is_current(void) {
-    return g_main_context_is_owner(orvex_worker_context());
-}
-
 static gboolean post_run(gpointer data) {
     ORVEX_ACQUIRE(data);
     const Post* post = data;

@@ -9,9 +9,6 @@
 /// Its main context. Calls that are started on the thread come back on it.
 GMainContext* orvex_worker_context(void);
 
-/// Whether this is that thread.
-gboolean orvex_worker_is_current(void);
-
 /// Runs `action` once in `context`, behind what was posted before; then `release`, if not NULL,
 /// with the same data. Also when the context ends first, `release` is called.
 void orvex_post(GMainContext* context, int priority, void (*action)(gpointer), gpointer data,

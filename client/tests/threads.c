@@ -5,6 +5,7 @@
 // provoked. tests/integration/test_client_threads.py runs it against the real daemon, whose test
 // server sends questions back.
 #include <orvexclient.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -47,6 +48,33 @@ static void ask_blocking(OrvexClient* client, int number) {
     check(answer != NULL && g_bytes_equal(answer, question), "ask", error);
     g_main_context_pop_thread_default(context);
     g_source_destroy(source);
+}
+
+static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+static pthread_cond_t freed = PTHREAD_COND_INITIALIZER;
+
+static void note_freed(gpointer is_freed) {
+    pthread_mutex_lock(&lock);
+    *(gboolean*)is_freed = TRUE;
+    pthread_cond_broadcast(&freed);
+    pthread_mutex_unlock(&lock);
+}
+
+/// A request that has ended keeps its question no longer, however long it lives itself.
+static void forget_question(OrvexClient* client) {
+    static const char text[] = "question";
+    gboolean is_freed = FALSE;
+    g_autoptr(GError) error = NULL;
+    g_autoptr(OrvexRequest) request = new_request();
+    GBytes* question = g_bytes_new_with_free_func(text, sizeof text, note_freed, &is_freed);
+    g_autoptr(GBytes) answer = orvex_client_ask(client, request, question, NULL, &error);
+    check(answer != NULL, "ask", error);
+    g_bytes_unref(question);
+    pthread_mutex_lock(&lock);
+    while (!is_freed) { // the bus may still hold a piece; without an end, the test has a time-out
+        pthread_cond_wait(&freed, &lock);
+    }
+    pthread_mutex_unlock(&lock);
 }
 
 /// The same as streams.
@@ -181,6 +209,7 @@ static gpointer use(gpointer shared) {
         drop_stream(shared, number);
         ask_from_a_loop(shared, number);
         fail(own);
+        forget_question(own);
         end_contexts(shared);
     }
     return NULL;

@@ -7,7 +7,7 @@ import pytest
 from gi.repository import Gio, GLib
 
 from harness import library
-from harness.library import Orvex, ask, matches, new_request, next_part, question_of, send
+from harness.library import Orvex, ask, is_cancelled, matches, new_request, next_part, question_of, send
 from harness.script import ACCEPTED, COMPLETE, CONTINUES, PART_COMPLETE, Script
 from harness.stand_in import CONNECTION, REQUEST
 from harness.settings import patience
@@ -153,10 +153,24 @@ def test_reader_that_stops_is_no_silence(script):
     script.deliver(b"one", CONTINUES)
     script.deliver(b"two", CONTINUES)
     stream = pending.wait()
-    GLib.timeout_add(1500, pending.take, lambda: stream)
-    pending.done = False
-    pending.wait()
+    script.pause(1.5)
     assert library.read(stream).wait() == b"one"
+
+
+def test_time_in_which_the_reader_pauses_does_not_count(script):
+    pending = send(script.client, request=new_request(timeout=2))
+    script.wait_for_call()
+    script.want_data()
+    script.deliver(b"one", CONTINUES)
+    script.wait_for_call()
+    script.deliver(b"two", CONTINUES)
+    stream = pending.wait()
+    script.pause(1.6)
+    assert library.read(stream).wait() == b"one"
+    script.wait_for_call()
+    script.pause(1.2)
+    script.deliver(b"three", COMPLETE)
+    assert [library.read(stream).wait() for _ in range(3)] == [b"two", b"three", b""]
 
 
 @pytest.mark.long
@@ -350,7 +364,8 @@ def test_refused_piece_ends_the_request(code, value, script):
 
 def test_answer_to_half_a_question_is_a_failure(script):
     reading, writing = os.pipe()
-    pending = send(script.client, Gio.UnixInputStream.new(reading, True))
+    request = new_request()
+    pending = send(script.client, Gio.UnixInputStream.new(reading, True), request=request)
     script.wait_for_call()
     script.want_data()
     os.write(writing, b"half")
@@ -361,6 +376,7 @@ def test_answer_to_half_a_question_is_a_failure(script):
     script.result = GLib.Variant("(i)", (41,))
     os.write(writing, b"more")
     assert matches(library.read(stream).failure(), Orvex.Error.TOO_SLOW)
+    assert request.get_error_code() == 41
     os.close(writing)
 
 
@@ -506,6 +522,82 @@ def test_answer_whose_call_may_have_found_it_stored_may_have_broken_off(begins_e
         held[0].return_value(ACCEPTED)
     script.fail(2204, "Transferred a partial file", "1:1")
     assert matches(pending.failure(), Orvex.Error.TRUNCATED)
+
+
+@pytest.mark.parametrize("turn", range(5))
+def test_cancelled_request_is_never_whole_though_its_cancellable_is_reset(turn, script):  # pylint: disable=unused-argument
+    stop = Gio.Cancellable()
+    pending = ask(script.client, cancellable=stop)
+    script.wait_for_call()
+    script.want_data()
+    script.deliver(b"half", CONTINUES)
+    script.wait_for_call()
+    stop.cancel()
+    stop.reset()
+    assert is_cancelled(pending.failure())
+
+
+@pytest.mark.parametrize("turn", range(5))
+def test_cancelled_read_is_no_end_though_its_cancellable_is_reset(turn, script):  # pylint: disable=unused-argument
+    stop = Gio.Cancellable()
+    pending = send(script.client)
+    script.wait_for_call()
+    script.want_data()
+    script.deliver(b"begin", CONTINUES)
+    stream = pending.wait()
+    assert library.read(stream).wait() == b"begin"
+    reading = library.read(stream, cancellable=stop)
+    script.settle()
+    stop.cancel()
+    stop.reset()
+    assert is_cancelled(reading.failure())
+
+
+def test_blocking_read_heeds_a_cancellable_that_is_cancelled_already(script):
+    stop = Gio.Cancellable()
+    stop.cancel()
+    pending = send(script.client)
+    script.wait_for_call()
+    script.want_data()
+    script.deliver(b"begin", CONTINUES)
+    stream = pending.wait()
+    with pytest.raises(GLib.Error) as raised:
+        stream.read_bytes(10, stop)
+    assert is_cancelled(raised.value)
+    assert stream.read_bytes(10, None).get_data() == b"begin"
+
+
+def test_step_to_the_next_part_that_is_cancelled_before_leaves_the_part_alone(script):
+    stop = Gio.Cancellable()
+    stop.cancel()
+    request = new_request()
+    pending = send(script.client, request=request)
+    script.wait_for_call()
+    script.want_data()
+    script.deliver(b"begin", PART_COMPLETE)
+    stream = pending.wait()
+    assert is_cancelled(next_part(request, stop).failure())
+    assert library.read(stream).wait() == b"begin"
+
+
+def test_part_whose_bytes_were_left_out_has_no_end(script):
+    stop = Gio.Cancellable()
+    request = new_request()
+    pending = send(script.client, request=request)
+    script.wait_for_call()
+    script.want_data()
+    script.deliver(b"begin", CONTINUES)
+    stream = pending.wait()
+    step = next_part(request, stop)
+    script.wait_for_call()
+    stop.cancel()
+    assert is_cancelled(step.failure())
+    script.deliver(b"end", PART_COMPLETE)
+    assert library.read(stream).failure().matches(Gio.io_error_quark(), Gio.IOErrorEnum.CLOSED)
+    script.wait_for_call()
+    script.deliver(b"second", COMPLETE)
+    second = next_part(request).wait()
+    assert library.read(second).wait() == b"second"
 
 
 @pytest.mark.parametrize("end", ["reset", "cut"])

@@ -102,11 +102,11 @@ def read(stream, size=1 << 20, cancellable=None):
     return pending
 
 
-def next_part(request):
+def next_part(request, cancellable=None):
     """Begins to go to the next part of the answer."""
     pending = Pending()
     request.next_part_async(
-        None, lambda source, result: pending.take(lambda: source.next_part_finish(result))
+        cancellable, lambda source, result: pending.take(lambda: source.next_part_finish(result))
     )
     return pending
 
@@ -117,6 +117,10 @@ def read_all(stream):
     while piece := stream.read_bytes(1 << 20, None).get_data():
         pieces.append(piece)
     return b"".join(pieces)
+
+
+def is_cancelled(error):
+    return error.matches(Gio.io_error_quark(), Gio.IOErrorEnum.CANCELLED)
 
 
 def matches(error, value):

@@ -54,6 +54,12 @@ class Script:
     def fail(self, code, message, keys):
         self.stand_in.emit("errorSignal", GLib.Variant("(uss)", (code, message, keys)))
 
+    def pause(self, seconds):
+        """Lets so much time go by, for a limit that counts it."""
+        over = library.Pending()
+        GLib.timeout_add(int(1000 * seconds), over.take, lambda: True)
+        over.wait()
+
     def settle(self):
         """Returns when everything that was sent so far has been dealt with on both sides."""
         answered = library.Pending()
