@@ -6,8 +6,8 @@
 enum {
     SETTLE_CALLS = 2,
     SETTLE_LEAST_MS = 10,
-    SETTLE_TURNS = 8, ///< times as long as the calls took
-    SETTLE_MOST_MS = 30,
+    SETTLE_TURNS = 8,    ///< times as long as the calls took
+    SETTLE_MOST_MS = 30, ///< when the daemon has answered
     BOUNDARY_SIZE = 256, ///< more than a boundary with its line ends
 };
 
@@ -46,7 +46,13 @@ static gboolean waited_long_enough(gpointer settling) {
     return G_SOURCE_REMOVE;
 }
 
-/// A call behind the last chunk is answered.
+static void settle_later(OrvexSettling* settling, gint64 milliseconds) {
+    orvex_source_clear(&settling->timer);
+    settling->timer = orvex_worker_timer((guint)milliseconds, waited_long_enough, settling);
+}
+
+/// A call behind the last chunk is answered. One that is not, as the daemon hangs, fails in the
+/// end.
 static void turned(gpointer data, GVariant* reply, GError* error) {
     OrvexSettling* settling = data;
     (void)reply;
@@ -55,7 +61,14 @@ static void turned(gpointer data, GVariant* reply, GError* error) {
         settling->functions->daemon_gone(settling->transfer);
         return;
     }
-    if (error != NULL || --settling->turns > 0 || settling->is_stopped || settling->is_settled) {
+    if (settling->is_stopped || settling->is_settled) {
+        return;
+    }
+    if (error != NULL) { // nothing more is to be learnt
+        settle_later(settling, SETTLE_MOST_MS);
+        return;
+    }
+    if (--settling->turns > 0) {
         return;
     }
     const gint64 took = (g_get_monotonic_time() - settling->last_chunk) / 1000;
@@ -63,9 +76,7 @@ static void turned(gpointer data, GVariant* reply, GError* error) {
     if (!settling->may_be_torn || took >= SETTLE_MOST_MS) {
         settle(settling);
     } else {
-        orvex_source_clear(&settling->timer);
-        settling->timer = orvex_worker_timer((guint)(MIN(wanted, SETTLE_MOST_MS) - took),
-                                             waited_long_enough, settling);
+        settle_later(settling, MIN(wanted, SETTLE_MOST_MS) - took);
     }
 }
 
@@ -77,7 +88,6 @@ void orvex_settling_begin(OrvexSettling* settling, guint chunks, gsize last, gbo
     }
     settling->last_chunk = g_get_monotonic_time();
     settling->turns = SETTLE_CALLS;
-    settling->timer = orvex_worker_timer(SETTLE_MOST_MS, waited_long_enough, settling);
     for (int number = 0; number < SETTLE_CALLS; ++number) {
         orvex_dialogue_ping(settling->dialogue, turned, settling);
     }

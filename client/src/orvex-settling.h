@@ -7,12 +7,13 @@
 //
 // A transfer that breaks off within the last part of an answer completes the part: the last chunk
 // comes as if the answer were whole, and right behind it the failure of the exchange. The daemon
-// tells it one turn of its main loop later, so that it comes before the answers to two calls. What
-// the daemon's worker needs in between is half a millisecond, or some time slices where others want
-// the processor: how long the two calls take tells how busy the machine is. An answer whose only
-// chunk is longer than a boundary cannot have broken off if the daemon held the call for it before
-// any of it was there: the bytes of a part that goes on are a chunk of their own then. It did when
-// it took a piece of the question meanwhile, unless the server answers what it has not read.
+// tells it one turn of its main loop later, so that it comes before the answers to two calls, for
+// which the answer's end waits. What the daemon's worker needs in between is half a millisecond, or
+// some time slices where others want the processor: how long the two calls take tells how busy the
+// machine is. An answer whose only chunk is longer than a boundary cannot have broken off if the
+// daemon held the call for it before any of it was there: the bytes of a part that goes on are a
+// chunk of their own then. It did when it took a piece of the question meanwhile, unless the server
+// answers what it has not read.
 
 typedef struct OrvexSettling OrvexSettling;
 

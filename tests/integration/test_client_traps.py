@@ -630,3 +630,37 @@ def test_end_of_a_whole_answer_is_held_back_for_a_moment_only(script):
     pending.wait()
     # 30 ms at the most, and what it takes here.
     assert time.monotonic() - begin < patience(0.5)
+
+
+@pytest.fixture
+def pings(script):
+    """The calls behind an answer of two chunks, which the daemon has not answered yet."""
+    held = script.hold_pings()
+    script.pending = ask(script.client)
+    script.wait_for_call()
+    script.want_data()
+    script.deliver(b"begin ", CONTINUES)
+    script.deliver(b"end", COMPLETE)
+    wait_for(lambda: len(held) == 2, 10, "two calls behind the answer")
+    return held
+
+
+def test_answer_is_not_whole_before_the_daemon_has_answered_behind_it(pings, script):
+    script.pause(0.1)  # its main loop is busy
+    script.fail(2204, "Transferred a partial file", "")
+    for ping in pings:
+        ping.return_value(None)
+    assert matches(script.pending.failure(), Orvex.Error.TRUNCATED)
+
+
+def test_answer_is_whole_as_soon_as_a_busy_daemon_has_answered_behind_it(pings, script):
+    script.pause(0.1)
+    assert not script.pending.done
+    for ping in pings:
+        ping.return_value(None)
+    assert script.pending.wait(1) == b"begin end"
+
+
+def test_answer_counts_when_the_daemon_hangs_behind_it(pings, script):
+    assert len(pings) == 2
+    assert script.pending.wait() == b"begin end"

@@ -1,9 +1,10 @@
 """The daemon's part in one request, played by hand."""
 
-from gi.repository import GLib
+from gi.repository import Gio, GLib
 
 from . import library
 from .library import Orvex
+from .settings import OBJECT_PATH
 from .stand_in import CONNECTION, REQUEST
 from .waiting import dispatch_pending, wait_for
 
@@ -53,6 +54,17 @@ class Script:
 
     def fail(self, code, message, keys):
         self.stand_in.emit("errorSignal", GLib.Variant("(uss)", (code, message, keys)))
+
+    def hold_pings(self):
+        """From now on, calls of Ping find no answer. Returns the list of those that wait for one."""
+        node = Gio.DBusNodeInfo.new_for_xml(
+            "<node><interface name='org.freedesktop.DBus.Peer'><method name='Ping'/></interface></node>"
+        )
+        held = []
+        self.stand_in.bus.register_object(
+            OBJECT_PATH, node.interfaces[0], lambda *call: held.append(call[-1]), None, None
+        )
+        return held
 
     def pause(self, seconds):
         """Lets so much time go by, for a limit that counts it."""
