@@ -262,7 +262,7 @@ static void step_failed(gpointer transfer, const GError* error) {
     if (slow || g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_DROPPED) ||
         g_error_matches(error, ORVEX_ERROR, ORVEX_ERROR_CANCELLED)) {
         if (is_answered(t)) { // the part was closed, and the server has answered the torso
-            fail(t, orvex_failure_new(ORVEX_ERROR_TOO_SLOW, orvex_error_get_code(error), NULL));
+            fail(t, orvex_failure_from_code(ORVEX_CODE_NOT_ACCEPTING, TRUE));
             return;
         }
         if (!has_number(t)) { // nothing can explain it

@@ -66,6 +66,13 @@ class Script:
         )
         return held
 
+    def fail_behind_the_answer(self, pings, code=2204, keys=""):
+        """The exchange has failed, as the daemon tells before it answers the calls behind an answer."""
+        wait_for(lambda: len(pings) == 2, 10, "two calls behind the answer")
+        self.fail(code, "Transferred a partial file", keys)
+        for ping in pings:
+            ping.return_value(None)
+
     def pause(self, seconds):
         """Lets so much time go by, for a limit that counts it."""
         over = library.Pending()
