@@ -62,9 +62,10 @@ TEST_F(OrvexMainExchangeTest, RequestsWhoseElementsAreVeryLongTravelInSeveralMes
     answerExchange(3);
     answerExchange(1);
     prepare(1);
-    finishExchange();
+    awaitOutcome(); // 50 ms before the next exchange begins
     EXPECT_THAT(service_.only("request data"),
                 ElementsAre("request data 1:4", "request data 2:1", "request data 2:2"));
+    finishExchange();
     finishExchange();
     EXPECT_THAT(service_.only("request data"), SizeIs(4));
 }
@@ -77,8 +78,9 @@ TEST_F(OrvexMainExchangeTest, OldestRequestGoesFirstWhenAMessageHasNoRoomForAll)
     answerExchange(1);
     answerExchange(1);
     gateway().startExchange();
-    finishExchange();
+    awaitOutcome();
     EXPECT_THAT(service_.only("request data"), ElementsAre("request data 2:1"));
+    finishExchange();
     finishExchange();
     EXPECT_THAT(service_.only("request data"), ElementsAre("request data 2:1", "request data 2:2"));
 }
