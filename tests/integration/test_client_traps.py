@@ -646,3 +646,18 @@ def test_answer_is_whole_as_soon_as_a_busy_daemon_has_answered_behind_it(pings, 
 def test_answer_counts_when_the_daemon_hangs_behind_it(pings, script):
     assert len(pings) == 2
     assert script.pending.wait() == b"begin end"
+
+
+def test_answer_is_not_whole_when_the_daemon_leaves_before_it_has_answered_behind_it(script):
+    pings = script.hold_pings()
+    held = []
+    script.stand_in.answers["sendData"] = held.append
+    pending = ask(script.client)
+    script.wait_for_call()
+    script.want_data()
+    wait_for(lambda: held, 10, "the question")
+    script.deliver(LONG, COMPLETE)  # perhaps what was there of it when the call came
+    held[0].return_value(ACCEPTED)
+    wait_for(lambda: len(pings) == 2, 10, "two calls behind the answer")
+    script.stand_in.close()
+    assert matches(pending.failure(), Orvex.Error.DAEMON_GONE)
